@@ -1,0 +1,49 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "simulator/Home.h"
+
+namespace guardian {
+
+// What the stand-in can be told to do wrong. A new one gets its word in Faults.cpp and its effect
+// where the command or the daemon asks for it.
+enum class TFault {
+  IgnoreStop,   // "ignore-stop": the stop command changes nothing.
+  IgnoreTerm,   // "ignore-term": SIGTERM, and so the stop command too, changes nothing.
+  HangStop,     // "hang-stop": the stop command hangs.
+  HangPaths,    // "hang-paths": the paths command hangs.
+  NoMutexPath,  // "no-mutex-path": the paths command leaves the MUTEX= line out.
+  PathsFlood,   // "paths-flood": the paths command prints 100 MB ahead of its lines.
+  StartFails,   // "start-fails": the start command fails.
+  Crash,        // "crash": the daemon crashes, once: it takes the word out of the file first.
+};
+
+// The faults that are ordered at one moment.
+struct TFaults {
+  std::vector<TFault> Ordered;            // In the order of the file.
+  std::vector<std::string> UnknownWords;  // What the file holds besides.
+
+  [[nodiscard]] bool Has(TFault fault) const noexcept;
+  [[nodiscard]] bool HasUnknown(std::string_view word) const noexcept;
+};
+
+// The word that orders the fault.
+[[nodiscard]] std::string_view FaultWord(TFault fault) noexcept;
+
+// The faults that the text orders: a word a line, blanks around it ignored, also empty lines and
+// those that begin with "#".
+[[nodiscard]] TFaults ParseFaults(std::string_view text);
+
+// The faults that the home's file orders now; none when it cannot be read. The first 64 KiB count.
+[[nodiscard]] TFaults ReadFaults(const THome& home);
+
+// Adds those of the words to the home's file that it does not hold yet. Throws ESystemError.
+void OrderFaults(const THome& home, const std::vector<std::string>& words);
+
+// Takes the fault's word out of the home's file. Throws ESystemError.
+void WithdrawFault(const THome& home, TFault fault);
+
+}  // namespace guardian

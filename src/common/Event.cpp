@@ -1,0 +1,34 @@
+#include "common/Event.h"
+
+#include <utility>
+
+namespace guardian {
+
+TKZEvent::TKZEvent(std::string name, TEventReset reset, TClock& clock)
+    : FName(std::move(name)), FReset(reset), FClock(clock) {}
+
+void TKZEvent::Signal() {
+  const TMutexLock lock(FLock);
+  FSignalled = true;
+  // Notified while the lock is held: the waiter may destroy the event as soon as it is released.
+  if (FReset == TEventReset::Auto) {
+    FChanged.NotifyOne();
+  } else {
+    FChanged.NotifyAll();
+  }
+}
+
+void TKZEvent::Reset() {
+  const TMutexLock lock(FLock);
+  FSignalled = false;
+}
+
+bool TKZEvent::WaitFor(std::chrono::milliseconds timeout) {
+  const TMutexLock lock(FLock);
+  const bool signalled = FClock.WaitUntil(FLock, FChanged, FClock.TickCount() + timeout.count(),
+                                          [this]() KZ_REQUIRES(FLock) { return FSignalled; });
+  if (signalled && FReset == TEventReset::Auto) FSignalled = false;
+  return signalled;
+}
+
+}  // namespace guardian

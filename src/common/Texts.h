@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace guardian {
+
+// The text with every occurrence of from replaced, left to right, the replacement not searched
+// again. An empty from changes nothing.
+[[nodiscard]] std::string ReplaceAll(std::string_view text, std::string_view from,
+                                     std::string_view to);
+
+// The pieces between separators; always at least one, possibly empty.
+[[nodiscard]] std::vector<std::string_view> Split(std::string_view text, char separator);
+
+// ASCII letters only, whatever the locale.
+[[nodiscard]] std::string ToUpper(std::string_view text);
+
+// "&", "<", ">" and the double quote as character entities; everything else as it stands.
+[[nodiscard]] std::string HtmlEscape(std::string_view text);
+
+// Decodes "&amp;", "&lt;", "&gt;", "&quot;", "&apos;" and numeric entities (to UTF-8, a number
+// above 10FFFF or of a surrogate stays as it stands), then nothing else.
+[[nodiscard]] std::string HtmlDecode(std::string_view text);
+
+// Percent-encodes every byte except ASCII letters, digits and "-._~", so that the result is one
+// path segment of a link.
+[[nodiscard]] std::string LinkEncode(std::string_view text);
+
+// Undoes percent-encoding; a "%" without two hexadecimal digits behind it stays as it stands.
+[[nodiscard]] std::string LinkDecode(std::string_view text);
+
+// One command-line argument for showing: in double quotes when it is empty or holds blanks, tabs
+// or quotes, with quotes and backslashes inside the quotes escaped by a backslash.
+[[nodiscard]] std::string QuoteArgument(std::string_view argument);
+
+// A file name made safe: "/", "\", ":", "*", "?", "<", ">", "|", the double quote and control
+// characters become "_".
+[[nodiscard]] std::string SafeFileName(std::string_view name);
+
+// "512 Bytes", "1.5 KB", "10.2 MB", "3.1 GB": 1024 a step, one decimal from KB on.
+[[nodiscard]] std::string FormatByteSize(std::uint64_t bytes);
+
+// The text, or of a longer one its two ends with a note between them of how much was left out,
+// about maxBytes in all.
+[[nodiscard]] std::string Clipped(std::string_view text, std::size_t maxBytes);
+
+// A number right-aligned in a field of the given width, with the given decimals.
+[[nodiscard]] std::string FormatFixed(double value, int width, int decimals);
+
+// The two joined by exactly one "/".
+[[nodiscard]] std::string JoinPath(std::string_view folder, std::string_view name);
+
+// What follows the last "/".
+[[nodiscard]] std::string_view FileNameOf(std::string_view path);
+
+}  // namespace guardian

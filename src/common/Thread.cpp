@@ -1,0 +1,135 @@
+#include "common/Thread.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <utility>
+
+#include "common/Exceptions.h"
+#include "common/MainThread.h"
+
+namespace guardian {
+namespace {
+
+void PrintEscapedException(const std::string& threadName, std::exception_ptr error) {
+  try {
+    std::rethrow_exception(std::move(error));
+  } catch (...) {
+    const std::string line =
+        "Exception in thread " + threadName + ": " + CurrentExceptionMessage() + "\n";
+    std::fputs(line.c_str(), stderr);
+  }
+}
+
+// Set before threads start, so read without a lock.
+TThread::TExceptionHandler& ExceptionHandler() {
+  static TThread::TExceptionHandler handler;
+  return handler;
+}
+
+// Blocks every signal for as long as it lives, so that a thread created meanwhile starts so.
+class TSignalBlock {
+ public:
+  TSignalBlock() noexcept {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &FPrevious);
+  }
+  ~TSignalBlock() { pthread_sigmask(SIG_SETMASK, &FPrevious, nullptr); }
+  TSignalBlock(const TSignalBlock&) = delete;
+  TSignalBlock& operator=(const TSignalBlock&) = delete;
+
+ private:
+  sigset_t FPrevious;
+};
+
+// Zero: not asked for yet.
+thread_local std::int32_t tThreadId = 0;
+
+std::int32_t AskThreadId() noexcept {
+  // The one thread of a forked child has another id than the thread that it is a copy of.
+  [[maybe_unused]] static const int registered =
+      ::pthread_atfork(nullptr, nullptr, [] { tThreadId = 0; });
+  tThreadId = ::gettid();
+  return tThreadId;
+}
+
+}  // namespace
+
+std::int32_t CurrentThreadId() noexcept { return tThreadId != 0 ? tThreadId : AskThreadId(); }
+
+TThread::TThread(std::string name, std::size_t stackBytes)
+    : FName(std::move(name)), FStackBytes(stackBytes) {}
+
+TThread::~TThread() { Join(); }
+
+void TThread::Start() {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  int error = pthread_attr_setstacksize(&attributes, FStackBytes);
+  if (error == 0) {
+    const TSignalBlock block;
+    error = pthread_create(&FHandle, &attributes, &TThread::Run, this);
+  }
+  pthread_attr_destroy(&attributes);
+  if (error != 0) throw ESystemError("pthread_create", FName, error);
+  FStarted = true;
+}
+
+void TThread::Terminate() {
+  FTerminated.store(true);
+  // NOLINTNEXTLINE(clang-analyzer-optin.cplusplus.VirtualCall): whoever overrides it joins first.
+  OnTerminate();
+}
+
+bool TThread::WaitFinished(std::chrono::milliseconds timeout) {
+  if (!IsMainThread()) return FFinishedEvent.WaitFor(timeout);
+  // Short rounds: the end of the thread does not wake the main thread's queue.
+  constexpr std::chrono::milliseconds kRound{10};
+  const std::int64_t deadline = SystemTickCount() + timeout.count();
+  while (!FFinishedEvent.WaitFor(std::chrono::milliseconds(0))) {
+    if (SystemTickCount() >= deadline) return false;
+    CheckSynchronize(kRound);
+  }
+  return true;
+}
+
+void TThread::Join() {
+  if (!FStarted) return;
+  Terminate();
+  while (!WaitFinished(std::chrono::hours(1))) continue;
+  pthread_join(FHandle, nullptr);
+  FStarted = false;
+}
+
+void TThread::SetExceptionHandler(TExceptionHandler handler) {
+  ExceptionHandler() = std::move(handler);
+}
+
+void* TThread::Run(void* self) {
+  static_cast<TThread*>(self)->RunWhole();
+  return nullptr;
+}
+
+void TThread::RunWhole() {
+  constexpr std::size_t kKernelNameLength = 15;
+  FThreadId.store(CurrentThreadId());
+  pthread_setname_np(pthread_self(), FName.substr(0, kKernelNameLength).c_str());
+  RunGuarded([this] { Execute(); });
+  RunGuarded([this] { OnFinished(); });
+  FFinished.store(true);
+  // The last touch of this object: whoever waits may destroy it after the join.
+  FFinishedEvent.Signal();
+}
+
+void TThread::RunGuarded(const std::function<void()>& work) {
+  try {
+    work();
+  } catch (...) {
+    const TExceptionHandler& handler = ExceptionHandler();
+    (handler ? handler : PrintEscapedException)(FName, std::current_exception());
+  }
+}
+
+}  // namespace guardian

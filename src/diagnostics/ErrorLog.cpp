@@ -1,0 +1,66 @@
+#include "diagnostics/ErrorLog.h"
+
+#include <utility>
+
+#include "common/Exceptions.h"
+#include "diagnostics/DebugOutput.h"
+#include "diagnostics/TextFile.h"
+
+namespace guardian {
+namespace {
+
+constinit std::atomic<std::int64_t> lastFlushTick = 0;  // Atomic: flushed by any thread.
+
+}  // namespace
+
+bool TErrorLog::Open(const std::string& fileName) {
+  const TKZLockGuard lock(FLock);
+  FFileName = fileName;
+  return OpenLocked(OpenTextFile(FFileName, TTextFileOpening::AppendOrCreate));
+}
+
+bool TErrorLog::OpenLocked(TFileDescriptor file) {
+  FFile = std::move(file);
+  const bool opened = static_cast<bool>(FFile);
+  FEnabled.store(opened);
+  return opened;
+}
+
+void TErrorLog::Close() {
+  const TKZLockGuard lock(FLock);
+  FEnabled.store(false);
+  FFile.Close();
+}
+
+bool TErrorLog::Reopen() {
+  const TKZLockGuard lock(FLock);
+  if (!FFile) return true;
+  FFile.Close();
+  return OpenLocked(OpenTextFile(FFileName, TTextFileOpening::Append));
+}
+
+void TErrorLog::WriteLine(std::string_view line) noexcept {
+  try {
+    const TKZLockGuard lock(FLock);
+    // A refused line is lost: this is where failures are reported to.
+    if (FFile) static_cast<void>(WriteTextLine(FFile, line));
+  } catch (...) {
+    DebugOutput(line);
+  }
+}
+
+TErrorLog& ErrorLog() {
+  static TErrorLog& log = *new TErrorLog;
+  return log;
+}
+
+void FlushLogFile(TClock& clock) {
+  KZAssert(ErrorLog().Reopen(), "FlushLogFile");
+  const std::int64_t tick = clock.TickCount();
+  if (tick < 0) throw KZException("Range check error");
+  lastFlushTick.store(tick);
+}
+
+std::int64_t LastFlushTick() noexcept { return lastFlushTick.load(); }
+
+}  // namespace guardian

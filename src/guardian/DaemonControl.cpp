@@ -1,0 +1,77 @@
+#include "guardian/DaemonControl.h"
+
+#include <utility>
+
+#include "common/Texts.h"
+
+namespace guardian {
+namespace {
+
+constexpr int kStartTimeoutSec = 30;
+constexpr int kEndTimeoutSec = 20;
+// One command that floods must not push everything else out of the log.
+constexpr std::size_t kLoggedOutputBytes = 16'384;
+
+}  // namespace
+
+std::string KillCommand(const std::string& pid, std::int32_t attempt) {
+  constexpr std::int32_t kFirstAlternating = 11;
+  const bool even = attempt % 2 == 0;
+  if (!pid.empty() && (attempt < kFirstAlternating || even)) return "kill -9 " + pid;
+  const std::uint32_t half = (static_cast<std::uint32_t>(attempt) + 1) >> 1U;
+  return half % 2 == 1 ? "killall -9 VellumarkCL" : "killall VellumarkCL";
+}
+
+TDaemonControl::TDaemonControl(TShell shell, std::function<std::string()> daemonPath,
+                               TDaemonProcess& process, TActivityLog& log)
+    : FShell(std::move(shell)), FDaemonPath(std::move(daemonPath)), FProcess(process), FLog(log) {}
+
+bool TDaemonControl::StartDaemon() {
+  const std::string shownPath = HtmlEscape(FDaemonPath());
+  FLog.AddDetailEntry("Attempting to start daemon in " + shownPath);
+  FLog.AddInfoEntry(1, 16, "Starting service/daemon in " + shownPath);
+  Execute(FDaemonPath() + " start", kStartTimeoutSec);
+  FProcess.ForgetCheck();
+  return true;
+}
+
+void TDaemonControl::StopDaemon() {
+  FLog.AddDetailEntry("Trying to stop the service.");
+  FLog.AddInfoEntry(1, 16, "Trying to stop the service normally.");
+  Execute(FDaemonPath() + " stop", kEndTimeoutSec);
+}
+
+void TDaemonControl::TerminateDaemon() {
+  Announce("Trying to terminate the service.");
+  const std::string pid = FProcess.Pid();
+  if (pid.empty()) {
+    FLog.AddDetailEntry("No PID known to terminate");
+    return;
+  }
+  Execute("kill " + pid, kEndTimeoutSec);
+}
+
+void TDaemonControl::KillDaemon(std::int32_t attempt) {
+  Announce("Trying to kill the service.");
+  while (true) {
+    const std::string pid = FProcess.Pid();
+    const std::string output = Execute(KillCommand(pid, attempt), kEndTimeoutSec);
+    const bool gone = ToUpper(output).find("NO SUCH") != std::string::npos;
+    if (pid.empty() || !gone) return;
+    FProcess.ForgetPid();
+  }
+}
+
+void TDaemonControl::Announce(const std::string& text) {
+  FLog.AddDetailEntry(text);
+  FLog.AddInfoEntry(1, 16, text);
+}
+
+std::string TDaemonControl::Execute(const std::string& commandLine, int timeoutSec) {
+  std::string output = FShell(commandLine, timeoutSec);
+  FLog.AddDetailEntry("Executed " + HtmlEscape(commandLine) +
+                      ", Result: " + HtmlEscape(Clipped(output, kLoggedOutputBytes)));
+  return output;
+}
+
+}  // namespace guardian

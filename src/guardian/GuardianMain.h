@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+namespace guardian {
+
+// The program: acts on the first word of the command line, then returns, which ends the process.
+// "start" makes the process a daemon unless a Guardian answers already; "stop" and "status" ask
+// the running one; anything else runs the Guardian in the foreground, until it is told to end.
+// Main thread, before any other thread exists.
+void GuardianMain();
+
+enum class TQueryOutput { AnswerOnly, AnswerOrFailure };
+
+// Asks the Guardian on port 8900 of this machine for a page, for at most 60 seconds, and prints
+// its answer; with AnswerOrFailure also a line when there is none. Returns whether the answer says
+// that the Guardian is running. Starts no thread. Never throws for a failed query.
+bool QueryGuardian(const std::string& page, TQueryOutput output);
+
+}  // namespace guardian

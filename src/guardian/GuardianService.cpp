@@ -1,0 +1,229 @@
+#include "guardian/GuardianService.h"
+
+#include <chrono>
+#include <exception>
+#include <utility>
+
+#include "common/Console.h"
+#include "common/Exceptions.h"
+#include "common/Settings.h"
+#include "common/Texts.h"
+
+namespace guardian {
+namespace {
+
+constexpr std::chrono::milliseconds kTickInterval{10'000};
+constexpr std::chrono::milliseconds kRequestInterval{1'000};
+
+}  // namespace
+
+TGuardianService::TGuardianService(TGuardianSurroundings surroundings)
+    : FSurroundings(std::move(surroundings)),
+      FActivityLog(FSurroundings.SystemLog, *FSurroundings.Clock),
+      FDaemonProcess([this](const std::string& commandLine,
+                            int timeoutSec) { return RunShell(commandLine, timeoutSec); },
+                     *FSurroundings.Clock),
+      FControl([this](const std::string& commandLine,
+                      int timeoutSec) { return RunShell(commandLine, timeoutSec); },
+               [this] { return GetDaemonPath(); }, FDaemonProcess, FActivityLog),
+      FScheduler(FSurroundings.MakeScheduler([this](std::string_view line) { AddToLog(line); })),
+      FTimer(
+          "GuardianTimer", kTickInterval, [this] { Tick(); },
+          [this](std::exception_ptr error) {
+            AddToLog("Exception in watchdog tick: " + HtmlEscape(MessageOf(std::move(error))));
+          },
+          *FSurroundings.Clock) {}
+
+TGuardianService::~TGuardianService() = default;
+
+void TGuardianService::Start() {
+  const auto logException = [this] {
+    AddToLog("Exception starting guardian: " + HtmlEscape(CurrentExceptionMessage()));
+  };
+  PrintLine("Vellumark Guardian (Silent Mode)");
+  // On its own: a daemon that cannot be asked is watched all the same.
+  try {
+    RequestDaemonPaths();
+  } catch (...) {
+    logException();
+  }
+  try {
+    FWatchdog.LastPulseAt = FSurroundings.Clock->SteadyNow();
+    FTimer.SetInterval(kTickInterval);
+    FTimer.SetEnabled(true);
+    AddToLog("Guardian started, v1.50");
+    FActivityLog.AddInfoEntry(1, 16, "Guardian Service Started");
+  } catch (...) {
+    logException();
+  }
+}
+
+void TGuardianService::Stop() {
+  FActivityLog.AddInfoEntry(1, 17, "Guardian Service Stopped");
+  try {
+    FTimer.Stop();
+  } catch (...) {
+    AddToLog("Exception stopping guardian: " + HtmlEscape(CurrentExceptionMessage()));
+  }
+  AddToLog("Guardian stopped, v1.50");
+}
+
+void TGuardianService::Pause() {
+  FTimer.SetEnabled(false);
+  AddToLog("Guardian Service PAUSED");
+  FActivityLog.AddInfoEntry(1, 17, "Guardian Service PAUSED");
+}
+
+bool TGuardianService::Continue() {
+  FTimer.SetEnabled(true);
+  AddToLog("Guardian Service CONTINUED");
+  FActivityLog.AddInfoEntry(1, 16, "Guardian Service CONTINUED");
+  return true;
+}
+
+void TGuardianService::Tick() {
+  FTimer.SetInterval(kTickInterval);
+  CarryOutRequests();
+  CheckStatus();
+}
+
+void TGuardianService::CarryOutRequests() {
+  if (FStartRequested.exchange(false)) FControl.StartDaemon();
+  if (FStopRequested.exchange(false)) FControl.StopDaemon();
+  if (FTerminateRequested.exchange(false)) FControl.TerminateDaemon();
+  if (FKillRequested.exchange(false)) FControl.KillDaemon(FWatchdog.RestartAttempts);
+}
+
+void TGuardianService::CheckStatus() {
+  const TObservation seen = Observe();
+  for (const TStep& step : DecideRound(seen, FWatchdog)) CarryOut(step);
+}
+
+TObservation TGuardianService::Observe() {
+  TObservation seen;
+  seen.MutexOK = FScheduler->IsSchedulerRunning();
+  const TPipeCheck pipe = FScheduler->CheckSchedulerPipe();
+  seen.PipeOK = pipe.Ok;
+  seen.PipeJustConnected = pipe.JustConnected;
+  const bool fresh = NeedsFreshProcessCheck(seen.MutexOK, seen.PipeOK, FLastServiceOK);
+  seen.ServiceOK = IsDaemonRunning(fresh ? TProcessCheck::Force : TProcessCheck::Cached);
+  FLastServiceOK = seen.ServiceOK;
+  seen.MutexPathKnown = FMutexPathReceived && !FMutexPathMissing;
+  seen.Pulse = FScheduler->Pulse();
+  seen.Pid = FDaemonProcess.Pid();
+  // The looks may have taken seconds: the judgement is of the moment in which it is made.
+  seen.Now = FSurroundings.Clock->SteadyNow();
+  seen.WallNow = FSurroundings.Clock->Now();
+  return seen;
+}
+
+void TGuardianService::CarryOut(const TStep& step) {
+  switch (step.Kind) {
+    case TStepKind::StatusLine:
+      FStatusLine.Set(step.Text);
+      AddToLog(step.Text);
+      break;
+    case TStepKind::Log:
+      AddToLog(step.Text);
+      break;
+    case TStepKind::WarningEntry:
+      FActivityLog.AddWarningEntry(step.Category, step.Event, step.Text, FLastSystemLogAt);
+      break;
+    case TStepKind::ErrorEntry:
+      FActivityLog.AddErrorEntry(step.Category, step.Event, step.Text, FLastSystemLogAt);
+      break;
+    case TStepKind::SendCommand:
+      SendPipeCommand(step.Command);
+      break;
+    case TStepKind::StartDaemon:
+      FControl.StartDaemon();
+      break;
+    case TStepKind::StopDaemon:
+      FControl.StopDaemon();
+      break;
+    case TStepKind::TerminateDaemon:
+      FControl.TerminateDaemon();
+      break;
+    case TStepKind::KillDaemon:
+      FControl.KillDaemon(FWatchdog.RestartAttempts);
+      break;
+  }
+}
+
+std::string TGuardianService::GetDaemonPath() {
+  std::string path = DaemonPathBeside(FSurroundings.OwnPath);
+  if (!FSurroundings.Files->FileExists(path)) {
+    ReadDaemonConf();
+    if (!FDaemonPathFromConf.empty()) path = FDaemonPathFromConf;
+  }
+  FDaemonPath.Set(path);
+  return path;
+}
+
+void TGuardianService::ReadDaemonConf() {
+  if (FConfRead) return;
+  const std::string file = GetDaemonConfDir() + "/VellumarkCL.conf";
+  if (FSurroundings.Files->FileExists(file)) {
+    PrintLine("Reading config file " + file);
+    for (std::string& path : DaemonPathsInConf(FSurroundings.Files->ReadText(file))) {
+      FDaemonPathFromConf = std::move(path);
+      PrintLine("Daemon path from conf: " + FDaemonPathFromConf);
+    }
+  }
+  FConfRead = true;
+}
+
+void TGuardianService::RequestDaemonPaths() {
+  constexpr int kHandshakeTimeoutSec = 600;
+  std::string output = RunShell(GetDaemonPath() + " /PATHS", kHandshakeTimeoutSec);
+  const TDaemonPaths paths = ParseDaemonPaths(output);
+  TSettings& settings = Settings();
+  if (paths.Temp) FTempPath.Set(*paths.Temp);
+  if (paths.Mutex) settings.MutexDirectory.Set(*paths.Mutex);
+  if (paths.Logs) settings.LogDirectory.Set(*paths.Logs);
+  const bool received = !settings.MutexDirectory.Get()->empty();
+  if (!received) {
+    output += "\nWARNING: Mutex Path Not Received from VellumarkCL\n";
+    settings.MutexDirectory.Set(FTempPath.Copy());
+  }
+  SetPipeDirectory(settings.MutexDirectory.Copy());
+  FMutexPathReceived = received;
+  FMutexPathMissing = !received;
+  PrintLine("Initial Output: " + output);
+  FHandshakeOutput.Set(Clipped(output, kShownOutputBytes));
+  PrintLine("");
+  PrintLine("TMP=" + FTempPath.Copy());
+  PrintLine("MUTEX=" + settings.MutexDirectory.Copy());
+  PrintLine("LOGS=" + settings.LogDirectory.Copy());
+}
+
+void TGuardianService::Request(std::atomic<bool>& flag) {
+  flag = true;
+  FTimer.SetInterval(kRequestInterval);
+}
+
+std::string TGuardianService::RunShell(const std::string& commandLine, int timeoutSec) {
+  TShellOutcome outcome = FSurroundings.Shell(commandLine, timeoutSec);
+  if (!outcome.Problem.empty()) AddToLog(HtmlEscape(outcome.Problem));
+  return std::move(outcome.Output);
+}
+
+TGuardianStatus TGuardianService::Status() const {
+  const TSettings& settings = Settings();
+  TGuardianStatus status;
+  status.StatusText = FStatusLine.Get();
+  status.DaemonPath = FDaemonPath.Copy();
+  status.DaemonPathExists = FSurroundings.Files->FileExists(status.DaemonPath);
+  status.MutexPath = settings.MutexDirectory.Copy() + "/" + kSchedulerMutexName;
+  status.DaemonTempPath = FTempPath.Copy();
+  status.GotPaths = FMutexPathReceived;
+  status.GetPathsError = FMutexPathMissing;
+  status.ProcessList = FDaemonProcess.LastListing();
+  status.ProcessListTime = FSurroundings.Clock->ToWallTime(FDaemonProcess.LastListingAt());
+  status.InitialOutput = FHandshakeOutput.Get();
+  status.ActivityLog = FActivityLog.ShortLog();
+  status.DetailedLog = FActivityLog.DetailedLog();
+  return status;
+}
+
+}  // namespace guardian

@@ -1,0 +1,127 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "common/Clock.h"
+#include "common/SharedText.h"
+#include "common/Timer.h"
+#include "guardian/DaemonControl.h"
+#include "guardian/DaemonLookups.h"
+#include "guardian/DaemonProcess.h"
+#include "guardian/WatchdogDecision.h"
+#include "ipc/scheduler_client.h"
+#include "webstatus/ActivityLog.h"
+#include "webstatus/GuardianControl.h"
+
+namespace guardian {
+
+// The end of a shell command: what it printed, and a line for the log when it could not be run or
+// had to be ended.
+struct TShellOutcome {
+  std::string Output;
+  std::string Problem;
+};
+
+// What the service sees of the machine. Everything outlives the service.
+struct TGuardianSurroundings {
+  std::function<TShellOutcome(const std::string& commandLine, int timeoutSec)> Shell;
+  // Makes the scheduler's client, which logs by the given function. Main thread.
+  std::function<std::unique_ptr<TScheduler>(TScheduler::TLog log)> MakeScheduler;
+  TActivityLog::TSystemLog SystemLog;
+  std::string OwnPath;  // The Guardian's executable, full path.
+  const TFileSystemView* Files = &RealFileSystem();
+  TClock* Clock = &SystemClock();
+};
+
+// The plain base of services.
+class TService {};
+
+// The watchdog: keeps the daemon alive on a timer of 10 seconds.
+//
+// Owner: the entry; one a process.
+// Threads: Start, Stop, Pause and Continue by the main thread; the tick and all shell commands
+// after Start run on the timer's thread, whose fields are marked so. Status and the requests are
+// for the HTTP threads, AddToLog for any; they take no lock that a tick holds while it works.
+// Lifetime: outlives the web status server that was given it. Stop waits for a tick that is under
+// way, so whoever runs the shell commands ends a running one first.
+class TGuardianService final : public TService, public TGuardianControl {
+ public:
+  explicit TGuardianService(TGuardianSurroundings surroundings);
+  ~TGuardianService() override;
+
+  // Asks the daemon for its directories, for up to 600 seconds, and starts the timer. A failure is
+  // a line in the log.
+  void Start();
+  void Stop();
+
+  void Pause();
+  // Returns true: the timer runs again.
+  bool Continue();
+
+  // One round of the watchdog; the timer's handler. Throws what a step throws.
+  void Tick();
+
+  // The last step of a round: looks at the daemon, judges and acts.
+  void CheckStatus();
+
+  // Appends an HTML line to the detailed log.
+  void AddToLog(std::string_view text) { FActivityLog.AddDetailEntry(text); }
+
+  // Whether the daemon's process runs, by the process list.
+  bool IsDaemonRunning(TProcessCheck mode) { return FDaemonProcess.Check(mode); }
+
+  // Sends the daemon one message over its scheduler pipe; returns whether it was sent.
+  bool SendPipeCommand(TSyncCommMessages command) { return FScheduler->SendCommand(command); }
+
+  // The daemon's executable, derived from the own path, or from the configuration when no file is
+  // there. Start and timer thread. Throws ESystemError when the configuration cannot be read.
+  std::string GetDaemonPath();
+
+  [[nodiscard]] TGuardianStatus Status() const override;
+  void RequestStart() override { Request(FStartRequested); }
+  void RequestStop() override { Request(FStopRequested); }
+  void RequestTerminate() override { Request(FTerminateRequested); }
+  void RequestKill() override { Request(FKillRequested); }
+
+ private:
+  void RequestDaemonPaths();
+  void ReadDaemonConf();
+  void CarryOutRequests();
+  TObservation Observe();
+  void CarryOut(const TStep& step);
+  void Request(std::atomic<bool>& flag);
+  std::string RunShell(const std::string& commandLine, int timeoutSec);
+
+  const TGuardianSurroundings FSurroundings;
+  TActivityLog FActivityLog;
+  TDaemonProcess FDaemonProcess;
+  TDaemonControl FControl;
+  const std::unique_ptr<TScheduler> FScheduler;
+
+  // Start and timer thread only; the timer's thread begins after Start has written them.
+  bool FConfRead = false;
+  std::string FDaemonPathFromConf;
+  bool FLastServiceOK = false;
+  TWatchdogState FWatchdog;
+  TDateTime FLastSystemLogAt = 0;
+
+  // Written by Start and by the timer thread, read by pages.
+  TSharedText FDaemonPath;
+  TSharedText FTempPath;
+  TSharedText FHandshakeOutput;
+  TSharedText FStatusLine;
+  std::atomic<bool> FMutexPathReceived = false;  // Atomics: independent flags that pages read,
+  std::atomic<bool> FMutexPathMissing = false;
+  std::atomic<bool> FStartRequested = false;  // or set.
+  std::atomic<bool> FStopRequested = false;
+  std::atomic<bool> FTerminateRequested = false;
+  std::atomic<bool> FKillRequested = false;
+
+  TKZTimer FTimer;  // Last: its thread uses all the others.
+};
+
+}  // namespace guardian

@@ -1,0 +1,167 @@
+#include "guardian/WatchdogDecision.h"
+
+#include <utility>
+
+namespace guardian {
+namespace {
+
+constexpr std::int32_t kFailuresBeforeRestart = 6;
+constexpr std::int32_t kLastTerminateAttempt = 4;
+
+const char* YesNo(bool value) { return value ? "Y" : "N"; }
+
+// One round in the making.
+class TRound {
+ public:
+  TRound(const TObservation& seen, TWatchdogState& state) : FSeen(seen), FState(state) {}
+
+  std::vector<TStep> Decide() {
+    ShowStatus();
+    LogStatus();
+    WatchPulse();
+    if (FSeen.ServiceOK) {
+      CountFailures();
+    } else {
+      StartDeadDaemon();
+    }
+    Escalate();
+    ResetCounters();
+    return std::move(FSteps);
+  }
+
+ private:
+  bool AllOK() const { return FSeen.MutexOK && FSeen.PipeOK && FSeen.ServiceOK; }
+
+  void Log(std::string text) { FSteps.push_back({TStepKind::Log, std::move(text)}); }
+  void Do(TStepKind kind) { FSteps.push_back({kind, {}}); }
+  void Entry(TStepKind kind, int category, int event, std::string text) {
+    FSteps.push_back({kind, std::move(text), category, event});
+  }
+  void Send(TSyncCommMessages command) {
+    FSteps.push_back({TStepKind::SendCommand, {}, 0, 0, command});
+  }
+
+  std::string Shown(TDateTime steady) const {
+    return DateTimeToStr(FSeen.WallNow - (FSeen.Now - steady));
+  }
+  bool PulseOlderThan(double minutes) const {
+    return FState.LastPulseAt < FSeen.Now - minutes * kMinute;
+  }
+
+  void ShowStatus() {
+    FSteps.push_back({TStepKind::StatusLine,
+                      "Status at " + Shown(FSeen.Now) + ": MutexOK=" + YesNo(FSeen.MutexOK) +
+                          ", PipeStatusOK=" + YesNo(FSeen.PipeOK) +
+                          ", ServiceOK=" + YesNo(FSeen.ServiceOK) + ", PID=" + FSeen.Pid});
+  }
+
+  void LogStatus() {
+    const bool lately = FState.LastStatusLogAt >= FSeen.Now - kMinute;
+    if (lately && AllOK()) return;
+    Log(std::string("Status: Mutex=") + YesNo(FSeen.MutexOK) +
+        " Service=" + YesNo(FSeen.ServiceOK) + " Pipe=" + YesNo(FSeen.PipeOK) +
+        " Pulse: " + std::to_string(FSeen.Pulse));
+    FState.LastStatusLogAt = FSeen.MutexOK && FSeen.ServiceOK ? FSeen.Now : 0;
+  }
+
+  void WatchPulse() {
+    if (!AllOK()) {
+      FState.LastPulseAt = FSeen.Now;  // None is expected.
+      return;
+    }
+    if (FSeen.Pulse != FState.LastSeenPulse) {
+      FState.LastSeenPulse = FSeen.Pulse;
+      FState.LastPulseAt = FSeen.Now;
+      Log("Pulse change detected, FLastPulseAt now:" + Shown(FState.LastPulseAt));
+      return;
+    }
+    JudgeStillPulse();
+  }
+
+  // The shortest time is tested first, so the two below it never act: a still pulse makes the
+  // Guardian ask, never restart. That is meant so and stays.
+  void JudgeStillPulse() {
+    if (PulseOlderThan(1.2)) {
+      Log("Pulse change over 1.2 minutes ago, last pulse was at:" + Shown(FState.LastPulseAt));
+      Send(TSyncCommMessages::msgEnquireStatus);
+    } else if (PulseOlderThan(1.5)) {
+      const std::string text =
+          "Pulse change over 1.5 minutes ago, last pulse was at:" + Shown(FState.LastPulseAt);
+      Log(text);
+      Log(text);
+      Entry(TStepKind::WarningEntry, 5, 2, text);
+      Send(TSyncCommMessages::msgEnquireStatus);
+    } else if (PulseOlderThan(2)) {
+      Log("Pulse stopped, need to restart service. Last Pulse was at " + Shown(FState.LastPulseAt));
+      if (FSeen.PipeJustConnected) {
+        Log("OK we delay it because the pipe was just connected");
+        return;
+      }
+      Entry(TStepKind::ErrorEntry, 3, 1, "Pulse stopped, need to restart service");
+      FRestartNeeded = true;
+    }
+  }
+
+  void StartDeadDaemon() {
+    Entry(TStepKind::ErrorEntry, 1, 16, "Service not running - need to start service.");
+    Do(TStepKind::StartDaemon);
+  }
+
+  void CountFailures() {
+    if (!FSeen.MutexPathKnown) return;
+    if (!FSeen.MutexOK) {
+      Send(TSyncCommMessages::msgStartTimer);
+      Entry(TStepKind::ErrorEntry, 1, 16, "Mutex not OK - start timer command sent to service.");
+      ++FState.MutexFailures;
+      Log("Mutex failure counter = " + std::to_string(FState.MutexFailures));
+      if (FState.MutexFailures >= kFailuresBeforeRestart) FRestartNeeded = true;
+    }
+    if (!FSeen.PipeOK) {
+      ++FState.PipeFailures;
+      Log("Pipe failure counter = " + std::to_string(FState.PipeFailures));
+      if (FState.PipeFailures >= kFailuresBeforeRestart) {
+        Entry(TStepKind::ErrorEntry, 1, 16, "Pipe not OK - need to restart service.");
+        FRestartNeeded = true;
+      }
+    }
+  }
+
+  void Escalate() {
+    if (!FRestartNeeded) {
+      FState.RestartAttempts = 0;
+      return;
+    }
+    ++FState.RestartAttempts;
+    Log("Need to restart service, attempt counter = " + std::to_string(FState.RestartAttempts));
+    if (FState.RestartAttempts == 1) {
+      Entry(TStepKind::ErrorEntry, 3, 1, "Need to restart Vellumark_Service");
+      Do(TStepKind::StopDaemon);
+    } else if (FState.RestartAttempts <= kLastTerminateAttempt) {
+      Do(TStepKind::TerminateDaemon);
+    } else {
+      Do(TStepKind::KillDaemon);
+    }
+  }
+
+  void ResetCounters() {
+    if (FSeen.PipeOK) FState.PipeFailures = 0;
+    if (FSeen.MutexOK) FState.MutexFailures = 0;
+  }
+
+  const TObservation& FSeen;
+  TWatchdogState& FState;
+  std::vector<TStep> FSteps;
+  bool FRestartNeeded = false;
+};
+
+}  // namespace
+
+bool NeedsFreshProcessCheck(bool mutexOK, bool pipeOK, bool lastServiceOK) {
+  return !(mutexOK && pipeOK && lastServiceOK);
+}
+
+std::vector<TStep> DecideRound(const TObservation& seen, TWatchdogState& state) {
+  return TRound(seen, state).Decide();
+}
+
+}  // namespace guardian

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "common/Clock.h"
+#include "ipc/SyncProtocolSharedTypes.h"
+
+namespace guardian {
+
+// What one round of the watchdog saw. Instants are of TClock::SteadyNow, but for WallNow.
+struct TObservation {
+  TDateTime Now = 0;
+  TDateTime WallNow = 0;  // The same moment by the local wall clock.
+  bool MutexOK = false;
+  bool PipeOK = false;
+  bool PipeJustConnected = false;
+  bool ServiceOK = false;
+  bool MutexPathKnown = false;  // The handshake named the mutex directory.
+  std::uint64_t Pulse = 0;
+  std::string Pid;
+};
+
+// What the watchdog keeps from round to round.
+struct TWatchdogState {
+  TDateTime LastStatusLogAt = 0;  // Zero: log the status at the next round.
+  TDateTime LastPulseAt = 0;
+  std::uint64_t LastSeenPulse = 0;
+  std::int32_t RestartAttempts = 0;  // Consecutive rounds in which a restart was needed.
+  std::int32_t MutexFailures = 0;    // Consecutive rounds with the check failed and the daemon
+  std::int32_t PipeFailures = 0;     // running.
+};
+
+enum class TStepKind {
+  StatusLine,  // Text becomes the status line, and is logged.
+  Log,
+  WarningEntry,
+  ErrorEntry,
+  SendCommand,
+  StartDaemon,
+  StopDaemon,
+  TerminateDaemon,
+  KillDaemon,
+};
+
+// One thing to do; Text, Category and Event belong to the entries, Command to SendCommand.
+struct TStep {
+  TStepKind Kind = TStepKind::Log;
+  std::string Text;
+  int Category = 0;
+  int Event = 0;
+  TSyncCommMessages Command = TSyncCommMessages::msgNone;
+};
+
+// Whether the process list must be read afresh: any doubt now or in the round before.
+[[nodiscard]] bool NeedsFreshProcessCheck(bool mutexOK, bool pipeOK, bool lastServiceOK);
+
+// The judgement of one round: updates the state and returns what is to be done, in order. Knows
+// neither clock nor shell nor socket.
+[[nodiscard]] std::vector<TStep> DecideRound(const TObservation& seen, TWatchdogState& state);
+
+}  // namespace guardian

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <string>
+
+namespace guardian {
+
+class TCancellation;
+
+// Detaches the process from its terminal by the classic double fork. Returns in the grandchild,
+// with file-creation mask 0, working directory "/", SIGHUP ignored and every descriptor from 0 up
+// to the open-files limit closed; 0, 1 and 2 are "/dev/null" then. The processes in between end
+// with exit status 0 and run nothing at exit.
+// With Settings().DebugHook not zero it prints its progress, keeps 0, 1 and 2, and at last sends
+// standard output to "/var/log/vellumarkdaemon.log".
+// Never throws: each failure is a printed line, and the process goes on in the state reached; after
+// a failed first fork as the process that was started, after a failed setsid or second fork as its
+// first child.
+// Threads: main thread, before any other thread exists, and before anything holds a descriptor that
+// it means to keep, BindMainThread included.
+void BecomeDaemon();
+
+// Runs the command line by "/bin/sh", in a process group of its own, and waits for the shell to
+// end, at most timeoutSec seconds (none when 0 or less); time in which this process itself stood
+// still, as on a sleeping machine, does not count. What the shell leaves running in the background
+// is not waited for and not touched.
+//
+// A command that outlives its time, or writes more than 128 MiB, is ended: its process group gets
+// SIGTERM, two seconds later SIGKILL. Cancellation does the same with half a second between, so
+// that the call returns within a second; a run that is cancelled before it starts does not start.
+// What left the group by setsid stays alive.
+//
+// output: everything that the command wrote to standard output and standard error, at most 16 MiB,
+// also of a command that was ended. What the last command wrote stands last; in front of it what
+// the other commands of the line wrote.
+// exitCode: the shell's own status; 128 + signal when a signal ended it; -1 when the command could
+// not be run or was ended here.
+// tempFileName: the file that catches the last command's output, emptied first and left in place;
+// empty for one in Settings().TempDirectory that is removed before the return. A temp directory
+// that would break out of double quotes gives way to "/tmp"; a given name that would is refused.
+//
+// A command that could not be run (no temporary file, no process, no shell) gives an empty output
+// and exit code -1; with raiseOnFailure it throws KZException "Error executing " + the command
+// line, the temporary file and the system's reason. A command that fails inside the shell is no
+// failure. With Settings().PlainSystemCall the shell is forked instead of spawned: it then keeps
+// this process's standard handles, so that only the last command's output is caught, and a missing
+// shell is exit code 127. Threads: any; blocks as said. The cancellation must outlive the call.
+void RunShellCmdWithOutput(std::string& output, const std::string& commandLine, int timeoutSec,
+                           bool raiseOnFailure, const std::string& tempFileName, int& exitCode,
+                           const TCancellation* cancellation = nullptr);
+
+}  // namespace guardian

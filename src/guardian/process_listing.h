@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <string_view>
+
+namespace guardian {
+
+// Runs one shell command line for at most the given seconds and returns all it printed.
+using TShell = std::function<std::string(const std::string& commandLine, int timeoutSec)>;
+
+// Of a command's output more than this is not kept for showing: a command that floods must not
+// flood the pages.
+inline constexpr std::size_t kShownOutputBytes = 65'536;
+
+// What the system's ps understands.
+enum class TPsOptions { Columns, Plain };
+
+struct TProcessListing {
+  std::string Text;
+  // Plain once ps has refused "--columns"; pass it to the next call.
+  TPsOptions Options = TPsOptions::Columns;
+};
+
+// The lines of the process list that name the daemon, and an option error of ps. Runs one or two
+// commands, each for at most the given seconds.
+[[nodiscard]] TProcessListing ListDaemonProcesses(const TShell& shell, int timeoutSec,
+                                                  TPsOptions options);
+
+// The process id in the first line of a listing that shows the daemon; empty when none does. It is
+// the first run of digits of that line, wherever it stands: a user name that ends in digits is
+// taken for the id.
+[[nodiscard]] std::string DaemonPidIn(std::string_view listing);
+
+}  // namespace guardian

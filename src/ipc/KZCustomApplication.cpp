@@ -1,0 +1,83 @@
+#include "ipc/KZCustomApplication.h"
+
+#include <atomic>
+#include <cassert>
+#include <cerrno>
+#include <chrono>
+#include <string>
+
+#include "common/Exceptions.h"
+#include "common/MainThread.h"
+
+namespace guardian {
+namespace {
+
+// Atomic: read by any thread and by the signal handlers.
+std::atomic<TKZCustomApplication*> gApplication = nullptr;
+// Atomic, and apart from the object, so that a thread may ask while the object goes away.
+std::atomic<TApplicationState> gState = TApplicationState::Absent;
+
+static_assert(std::atomic<TKZCustomApplication*>::is_always_lock_free &&
+              std::atomic<TApplicationState>::is_always_lock_free);
+
+void TerminateOnSignal(int /*signalNumber*/) {
+  if (TKZCustomApplication* application = gApplication.load()) application->Terminate();
+}
+
+}  // namespace
+
+TKZCustomApplication::TKZCustomApplication() {
+  assert(IsMainThread());
+  TKZCustomApplication* none = nullptr;
+  if (!gApplication.compare_exchange_strong(none, this)) {
+    throw KZException("There is an application object already.");
+  }
+  gState.store(TApplicationState::Running);
+}
+
+TKZCustomApplication::~TKZCustomApplication() {
+  FSignals.clear();
+  gState.store(TApplicationState::Absent);
+  gApplication.store(nullptr);
+}
+
+void TKZCustomApplication::Initialize() {
+  if (!FSignals.empty()) return;
+  FSignals.emplace_back(SIGINT, &TerminateOnSignal);
+  FSignals.emplace_back(SIGTERM, &TerminateOnSignal);
+  FSignals.emplace_back(SIGPIPE, SIG_IGN);
+}
+
+TKZCustomApplication::TSignalDisposition::TSignalDisposition(int signalNumber, void (*handler)(int))
+    : FSignalNumber(signalNumber) {
+  struct sigaction action {};
+  action.sa_handler = handler;
+  action.sa_flags = SA_RESTART;
+  sigfillset(&action.sa_mask);
+  if (::sigaction(signalNumber, &action, &FPrevious) != 0) {
+    throw ESystemError("sigaction", "signal " + std::to_string(signalNumber), errno);
+  }
+}
+
+TKZCustomApplication::TSignalDisposition::~TSignalDisposition() {
+  ::sigaction(FSignalNumber, &FPrevious, nullptr);
+}
+
+void TKZCustomApplication::Run() {
+  assert(IsMainThread());
+  // Terminate wakes the wait; the bound only keeps a lost wake-up from lasting.
+  constexpr std::chrono::seconds kRound{1};
+  while (!Terminated()) CheckSynchronize(kRound);
+}
+
+void TKZCustomApplication::Terminate() noexcept {
+  gState.store(TApplicationState::Terminating);
+  FStopping.Cancel();
+  WakeMainThread();
+}
+
+TKZCustomApplication* CurrentApplication() noexcept { return gApplication.load(); }
+
+TApplicationState ApplicationState() noexcept { return gState.load(); }
+
+}  // namespace guardian

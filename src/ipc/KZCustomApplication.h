@@ -1,0 +1,68 @@
+#pragma once
+
+#include <signal.h>
+
+#include <list>
+
+#include "common/Cancellation.h"
+
+namespace guardian {
+
+enum class TApplicationState { Absent, Running, Terminating };
+
+// The process's application object: the main thread's loop, and the one request to end it.
+// Owner: the entry, which creates it and frees it at its end; at most one exists at a time.
+// Threads: the main thread creates it, destroys it and calls Initialize and Run; any thread, and
+// signal handlers, may call the rest.
+// Lifetime: outlives every thread that calls CurrentApplication(); whoever may still run later asks
+// ApplicationState() instead.
+class TKZCustomApplication {
+ public:
+  // Throws KZException when there is an application already, ESystemError when the system has no
+  // descriptor left.
+  TKZCustomApplication();
+
+  // Gives the signals back what they did before Initialize.
+  ~TKZCustomApplication();
+  TKZCustomApplication(const TKZCustomApplication&) = delete;
+  TKZCustomApplication& operator=(const TKZCustomApplication&) = delete;
+
+  // Makes SIGINT and SIGTERM call Terminate and ignores SIGPIPE; other signals are left alone.
+  // Throws ESystemError.
+  void Initialize();
+
+  // Runs synchronise requests until Terminate is called; returns at once when it was.
+  void Run();
+
+  // Ends Run, for good: there is no way back. Async-signal-safe.
+  void Terminate() noexcept;
+  [[nodiscard]] bool Terminated() const noexcept { return FStopping.IsCancelled(); }
+
+  // Cancelled by Terminate; for waits that are to end with the application.
+  [[nodiscard]] const TCancellation& Stopping() const noexcept { return FStopping; }
+
+ private:
+  // A signal's disposition for as long as it lives; the previous one comes back afterwards.
+  class TSignalDisposition {
+   public:
+    TSignalDisposition(int signalNumber, void (*handler)(int));
+    ~TSignalDisposition();
+    TSignalDisposition(const TSignalDisposition&) = delete;
+    TSignalDisposition& operator=(const TSignalDisposition&) = delete;
+
+   private:
+    const int FSignalNumber;
+    struct sigaction FPrevious {};
+  };
+
+  TCancellation FStopping;
+  std::list<TSignalDisposition> FSignals;
+};
+
+// The application, or null before it is created and after it is freed.
+[[nodiscard]] TKZCustomApplication* CurrentApplication() noexcept;
+
+// Safe in any thread, also while the application is being freed.
+[[nodiscard]] TApplicationState ApplicationState() noexcept;
+
+}  // namespace guardian

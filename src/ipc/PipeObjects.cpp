@@ -1,0 +1,49 @@
+#include "ipc/PipeObjects.h"
+
+#include <utility>
+
+#include "common/Clock.h"
+#include "diagnostics/ErrorLog.h"
+#include "diagnostics/KZCheckpoints.h"
+
+namespace guardian {
+
+void TValidObjects::Register(const void* object, std::string name) {
+  const TKZLockGuard lock(FLock);
+  FObjects.insert_or_assign(object, std::move(name));
+}
+
+void TValidObjects::Unregister(const void* object) {
+  const TKZLockGuard lock(FLock);
+  FObjects.erase(object);
+}
+
+bool TValidObjects::IsValid(const void* object, std::string_view context) {
+  {
+    const TKZLockGuard lock(FLock);
+    if (FObjects.contains(object)) return true;
+  }
+  FMisses.fetch_add(1);
+  KZCP::Checkpoint(context);
+  return false;
+}
+
+std::string TValidObjects::Leftovers() {
+  const TKZLockGuard lock(FLock);
+  if (FObjects.empty()) return {};
+  std::string text =
+      "ValidObjects still contains " + std::to_string(FObjects.size()) + " pointers:";
+  for (const auto& [object, name] : FObjects) text += " " + name;
+  return text;
+}
+
+TValidObjects& ValidObjects() {
+  static auto* objects = new TValidObjects;
+  return *objects;
+}
+
+void WritePipeDiagnostic(std::string_view text) {
+  ErrorLog().WriteLine(DateTimeToStr(SystemClock().Now()).append(" KZUnixPipes: ").append(text));
+}
+
+}  // namespace guardian

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+
+#include "diagnostics/KZCriticalSection.h"
+
+namespace guardian {
+
+// The transport objects that are alive: clients, servers, threads, queues. Whoever may come after
+// an object's end asks here first.
+// Owner: process-wide, see ValidObjects(). Threads: any.
+class TValidObjects {
+ public:
+  void Register(const void* object, std::string name) KZ_EXCLUDES(FLock);
+  void Unregister(const void* object) KZ_EXCLUDES(FLock);
+
+  // Whether the object is registered; if not, one more miss is counted. The context is the name of
+  // the operation that asks; it becomes a checkpoint at a miss.
+  [[nodiscard]] bool IsValid(const void* object, std::string_view context) KZ_EXCLUDES(FLock);
+
+  // Misses since the start of the process.
+  [[nodiscard]] std::int64_t Misses() const noexcept { return FMisses.load(); }
+
+  // "ValidObjects still contains <count> pointers: <names>", or empty when there is none.
+  [[nodiscard]] std::string Leftovers() KZ_EXCLUDES(FLock);
+
+ private:
+  TKZCriticalSection FLock{"ValidObjects"};
+  std::map<const void*, std::string> FObjects KZ_GUARDED_BY(FLock);
+  std::atomic<std::int64_t> FMisses = 0;  // Atomic: read without the lock.
+};
+
+// The one object; never freed, since threads may ask until the very end.
+[[nodiscard]] TValidObjects& ValidObjects();
+
+// An object's entry in the registry, for as long as this lives.
+class TRegistration {
+ public:
+  TRegistration(const void* object, std::string name) : FObject(object) {
+    ValidObjects().Register(object, std::move(name));
+  }
+  ~TRegistration() { End(); }
+  TRegistration(const TRegistration&) = delete;
+  TRegistration& operator=(const TRegistration&) = delete;
+
+  // Takes the object out already now.
+  void End() { ValidObjects().Unregister(FObject); }
+
+ private:
+  const void* const FObject;
+};
+
+// Writes a line of the transport to the error log: the time, " KZUnixPipes: " and the text.
+void WritePipeDiagnostic(std::string_view text);
+
+}  // namespace guardian

@@ -1,0 +1,125 @@
+#include "ipc/scheduler_client.h"
+
+#include <utility>
+
+#include "common/NamedMutex.h"
+#include "common/Texts.h"
+#include "ipc/KZMessages.h"
+
+namespace guardian {
+namespace {
+
+constexpr int kBurst = 10;
+constexpr double kAskAfterMinutes = 1.1;
+constexpr double kSilentMinutes = 2;
+
+std::string Escaped(const TShortText& text) { return HtmlEscape(text.Text()); }
+
+}  // namespace
+
+std::string SchedulerMutexPath() { return PipeDirectory() + "/" + kSchedulerMutexName; }
+
+TSchedulerClient::TSchedulerClient(std::string pipeName, TLog log, const TCancellation& stopping,
+                                   TClock& clock)
+    : FPipeName(std::move(pipeName)), FLog(std::move(log)), FStopping(stopping), FClock(clock) {}
+
+TSchedulerClient::~TSchedulerClient() = default;
+
+bool TSchedulerClient::IsSchedulerRunning() const {
+  return TNamedMutex::Create(SchedulerMutexPath()).Error() == kErrorAlreadyExists;
+}
+
+TPipeCheck TSchedulerClient::CheckSchedulerPipe() {
+  const TDateTime now = FClock.SteadyNow();
+  const TAction action = DecideAction(now);
+  if (action == TAction::HeardLately) return {.Ok = true};
+  FMessagesReceived = 0;
+  switch (action) {
+    case TAction::CloseAfterBurst:
+      FLog("10 messages received, closing pipe.");
+      if (FClient) FClient->Disconnect(TPipeClient::TWait::No);
+      return {.Ok = true};
+    case TAction::AskAndJudge:
+      SendCommand(TSyncCommMessages::msgEnquireStatus);
+      [[fallthrough]];
+    case TAction::Judge:
+      return {.Ok = FLastMessageAt > now - kSilentMinutes * kMinute};
+    default:
+      FLog("Opening pipe connection to service");
+      const bool connected = EnsureClient() && FClient->Connect(1000);
+      return {.Ok = connected, .JustConnected = connected};
+  }
+}
+
+TSchedulerClient::TAction TSchedulerClient::DecideAction(TDateTime now) const {
+  if (HeardSince(now, 1)) {
+    return FMessagesReceived >= kBurst ? TAction::CloseAfterBurst : TAction::HeardLately;
+  }
+  if (!IsConnected()) return TAction::Connect;
+  return HeardSince(now, kAskAfterMinutes) ? TAction::Judge : TAction::AskAndJudge;
+}
+
+bool TSchedulerClient::HeardSince(TDateTime now, double minutes) const {
+  return FLastMessageAt >= now - minutes * kMinute;
+}
+
+// A pipe client lives in the main thread. False when the application ends meanwhile.
+bool TSchedulerClient::EnsureClient() {
+  if (FClient) return true;
+  CallInMainThread([this] {
+    constexpr std::uint32_t kMaxFrameBytes = 16'777'216;
+    auto client = std::make_unique<TPipeClient>(&FStopping);
+    client->SetPipeName(FPipeName);
+    client->SetMaxFrameSize(kMaxFrameBytes);
+    client->OnPipeDisconnect = [this](auto&, std::int64_t) { HandleDisconnect(); };
+    client->OnPipeMessage = [this](auto&, std::int64_t, std::string_view payload) {
+      HandleMessage(payload);
+    };
+    FClient = std::move(client);
+  });
+  return FClient != nullptr;
+}
+
+bool TSchedulerClient::SendCommand(TSyncCommMessages command) {
+  constexpr int kConnectMs = 5000;
+  const std::string name = NameOf(command);
+  FLog("Sending command " + name);
+  if (!IsConnected() && !(EnsureClient() && FClient->Connect(kConnectMs))) {
+    FLog("Error connecting pipe");
+  }
+  const bool sent = FClient && FClient->Write(CommandRecord(command));
+  if (!sent) FLog("Error sending command " + name);
+  return sent;
+}
+
+void TSchedulerClient::HandleDisconnect() {
+  FLog("Scheduler Pipe Disconnected");
+  FLastMessageAt = FClock.SteadyNow();
+}
+
+void TSchedulerClient::HandleMessage(std::string_view payload) {
+  FLastMessageAt = FClock.SteadyNow();
+  while (const auto record = TakeRecord(payload)) {
+    // Beyond the burst records are counted only: what they say is not looked at until the pipe is
+    // opened again.
+    if (++FMessagesReceived <= kBurst) LogRecord(*record);
+  }
+}
+
+void TSchedulerClient::LogRecord(const TSyncCommRecord& record) {
+  const auto action = static_cast<TSchedulerActions>(record.SchedulerAction);
+  std::string line = "Scheduler Msg: " + NameOf(action) + " ";
+  if (action == TSchedulerActions::tsaStatusUpdate) {
+    line += Escaped(record.StatusText) + " " + Escaped(record.SecondText);
+  } else {
+    line += Escaped(record.FirstText) + " " + Escaped(record.SecondText) + ": " +
+            Escaped(record.DetailText);
+  }
+  if (action == TSchedulerActions::tsaSchedulerRunning) {
+    line += " Pulse: " + std::to_string(record.Pulse);
+    FPulse = static_cast<std::uint64_t>(record.Pulse);
+  }
+  FLog(line);
+}
+
+}  // namespace guardian

@@ -1,0 +1,79 @@
+#include "webstatus/ActivityLog.h"
+
+#include <utility>
+
+namespace guardian {
+namespace {
+
+constexpr std::string_view kBreak = "<br>";
+constexpr TDateTime kSystemLogInterval = 10 * kMinute;
+
+std::string Appended(const TSharedText& log, std::string_view addition) {
+  const TSharedText::TText before = log.Get();
+  std::string text;
+  text.reserve(before->size() + addition.size());
+  text.append(*before).append(addition);
+  TrimActivityLog(text);
+  return text;
+}
+
+}  // namespace
+
+TActivityLog::TActivityLog(TSystemLog systemLog, TClock& clock)
+    : FSystemLog(std::move(systemLog)), FClock(clock) {}
+
+void TActivityLog::AddErrorEntry(int /*category*/, int /*event*/, std::string_view message,
+                                 TDateTime& lastSystemLogAt) {
+  ForwardThrottled(message, TSystemLogKind::Error, lastSystemLogAt);
+  AddEntry("  ERROR: ", message);
+}
+
+void TActivityLog::AddWarningEntry(int /*category*/, int /*event*/, std::string_view message,
+                                   TDateTime& lastSystemLogAt) {
+  ForwardThrottled(message, TSystemLogKind::Warning, lastSystemLogAt);
+  AddEntry("  WARNING: ", message);
+}
+
+void TActivityLog::AddInfoEntry(int /*category*/, int /*event*/, std::string_view message) {
+  FSystemLog(message, TSystemLogKind::Information);
+  AddEntry("  INFO: ", message);
+}
+
+void TActivityLog::AddDetailEntry(std::string_view message) {
+  const TMutexLock lock(FLock);
+  FDetailedLog.Set(Appended(FDetailedLog, std::string(kBreak).append(message)));
+}
+
+void TActivityLog::AddEntry(std::string_view kind, std::string_view message) {
+  const std::string time = DateTimeToStr(FClock.Now());
+  const std::string entry = std::string(kBreak).append(time).append(kind).append(message);
+  const TMutexLock lock(FLock);
+  FShortLog.Set(Appended(FShortLog, entry));
+  FDetailedLog.Set(Appended(FDetailedLog, entry));
+}
+
+void TActivityLog::ForwardThrottled(std::string_view message, TSystemLogKind kind,
+                                    TDateTime& lastSystemLogAt) const {
+  const TDateTime now = FClock.SteadyNow();
+  if (lastSystemLogAt >= now - kSystemLogInterval) return;
+  FSystemLog(message, kind);
+  lastSystemLogAt = now;
+}
+
+void TrimActivityLog(std::string& log) {
+  constexpr std::size_t kStep = 3;
+  if (log.size() <= kActivityLogLimit) return;
+  const std::size_t excess = log.size() - kActivityLogLimit;
+  std::size_t cut = 0;
+  while (cut < excess) {
+    const std::size_t entryEnd = log.find(kBreak, cut);
+    if (entryEnd == std::string::npos) {
+      cut += (excess - cut + kStep - 1) / kStep * kStep;
+    } else {
+      cut = entryEnd + kBreak.size();
+    }
+  }
+  log.erase(0, cut);
+}
+
+}  // namespace guardian

@@ -1,0 +1,102 @@
+#include "webstatus/LogFiles.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "common/Exceptions.h"
+#include "common/FileDescriptor.h"
+#include "common/Texts.h"
+
+namespace guardian {
+namespace {
+
+struct TLogFile {
+  std::int64_t ModifiedNs = 0;
+  std::string Name;
+
+  bool operator<(const TLogFile& other) const {
+    return std::tie(ModifiedNs, Name) < std::tie(other.ModifiedNs, other.Name);
+  }
+};
+
+struct TCloseDirectory {
+  void operator()(DIR* directory) const { ::closedir(directory); }
+};
+
+// Files that vanish meanwhile, broken links and what is no regular file are passed over.
+std::vector<TLogFile> FindLogFiles(const std::string& folder) {
+  const std::unique_ptr<DIR, TCloseDirectory> directory(::opendir(folder.c_str()));
+  if (!directory) throw ESystemError("open folder", folder, errno);
+  std::vector<TLogFile> files;
+  while (const dirent* entry = ::readdir(directory.get())) {
+    const std::string_view name = entry->d_name;
+    if (!name.ends_with(".log")) continue;
+    struct stat info {};
+    if (::fstatat(::dirfd(directory.get()), entry->d_name, &info, 0) != 0) continue;
+    if (!S_ISREG(info.st_mode)) continue;
+    files.push_back({std::int64_t{info.st_mtim.tv_sec} * 1'000'000'000 + info.st_mtim.tv_nsec,
+                     std::string(name)});
+  }
+  return files;
+}
+
+// The path that an open descriptor really leads to.
+std::string PathOf(const TFileDescriptor& file) {
+  return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file.Get())).string();
+}
+
+TFileDescriptor Open(const std::string& path, int flags, const std::string& shownPath) {
+  TFileDescriptor file(RetryOnEintr([&] { return ::open(path.c_str(), flags | O_CLOEXEC); }));
+  if (!file) throw ESystemError("open", shownPath, errno);
+  return file;
+}
+
+}  // namespace
+
+std::string LogFileLinks(const std::string& folder) {
+  if (folder.empty()) return {};
+  std::vector<TLogFile> files = FindLogFiles(folder);
+  std::sort(files.rbegin(), files.rend());
+  std::string links;
+  for (const TLogFile& file : files) {
+    // Entities first: the download decodes them after the percent signs.
+    links += "<a href=\"" + std::string(kLogLinkFolder) + "/" + LinkEncode(HtmlEscape(file.Name)) +
+             "\" target=\"_blank\">" + HtmlEscape(file.Name) + "</a><br>";
+  }
+  return links;
+}
+
+void OpenLogFile(std::string_view linkName, const std::string& folder, THttpResponse& response) {
+  const std::string path = folder + HtmlDecode(linkName);
+  if (folder.empty() || path.find('\0') != std::string::npos) {
+    throw KZException("No such log file: " + path);
+  }
+  // Looked at by descriptor, so that what is checked is what is read, and without opening it for
+  // reading, which a device or a named pipe could notice.
+  const TFileDescriptor folderHandle = Open(folder, O_PATH | O_DIRECTORY, folder);
+  const TFileDescriptor fileHandle = Open(path, O_PATH, path);
+  const bool inside =
+      PathOf(fileHandle).starts_with(JoinPath(PathOf(folderHandle), std::string_view()));
+  struct stat info {};
+  if (::fstat(fileHandle.Get(), &info) != 0) throw ESystemError("stat", path, errno);
+  if (!S_ISREG(info.st_mode) || !inside) {
+    throw KZException("Not a file of the log folder: " + path);
+  }
+  response.File = Open("/proc/self/fd/" + std::to_string(fileHandle.Get()), O_RDONLY, path);
+  response.FileSize = static_cast<std::uint64_t>(info.st_size);
+  response.ContentType = "text/plain";
+  response.Body.clear();
+}
+
+}  // namespace guardian

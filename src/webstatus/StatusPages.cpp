@@ -1,0 +1,194 @@
+#include "webstatus/StatusPages.h"
+
+#include <malloc.h>
+#include <unistd.h>
+
+#include <array>
+
+#include "common/Exceptions.h"
+#include "common/Settings.h"
+#include "common/Texts.h"
+#include "diagnostics/KZCheckpoints.h"
+#include "webstatus/LogFiles.h"
+
+namespace guardian {
+namespace {
+
+constexpr std::string_view kTitle = "Vellumark Guardian 1.50, Build 10";
+constexpr std::string_view kBreak = "<br>";
+
+const char* YesNo(bool value) { return value ? "Y" : "N"; }
+
+// Escaped, with a break at every line feed.
+std::string EscapedLines(std::string_view text) {
+  return ReplaceAll(HtmlEscape(text), "\n", kBreak);
+}
+
+std::string DaemonBlock(const TGuardianStatus& status) {
+  return "<b>" + *status.StatusText + "</b><br><br>" +
+         "Daemon Path: " + HtmlEscape(status.DaemonPath) +
+         ", Exists: " + YesNo(status.DaemonPathExists) + "<br>" +
+         "Mutex Path: " + HtmlEscape(status.MutexPath) + "<br>" +
+         "Running as user ID: " + std::to_string(::getuid()) + "<br><br>";
+}
+
+std::string CommandLineText() {
+  std::string text;
+  for (const std::string& argument : Settings().CommandLine) {
+    text += HtmlEscape(QuoteArgument(argument)) + " ";
+  }
+  return text;
+}
+
+std::string MemoryText() {
+  const struct mallinfo2 heap = ::mallinfo2();
+  return "Allocated Memory: " + FormatByteSize(heap.arena + heap.hblkhd) +
+         ", Used Memory: " + FormatByteSize(heap.uordblks + heap.hblkhd);
+}
+
+std::string DaemonPathsBlock(const TGuardianStatus& status) {
+  std::string text = "VellumarkCL Temp Path: " + HtmlEscape(status.DaemonTempPath) + "<br>";
+  if (!status.GotPaths || status.GetPathsError) {
+    text += std::string("Inactive: GotPaths=") + YesNo(status.GotPaths) +
+            ", GetPathsError=" + YesNo(status.GetPathsError) + "<br><br>";
+  }
+  return text;
+}
+
+std::string ProcessBlock(const TGuardianStatus& status) {
+  if (status.ProcessList->empty() && !(status.ProcessListTime > 0)) return {};
+  const std::string block = "Process List (ps) as of " + DateTimeToStr(status.ProcessListTime) +
+                            ":<br><br>" + EscapedLines(*status.ProcessList) + "<br><br><br>";
+  return ReplaceAll(block, "\r", kBreak);
+}
+
+std::string LogsBlock(const TGuardianStatus& status) {
+  return "<br><hr><br>Guardian Activity Log:<br><br>" + *status.ActivityLog +
+         "<br><br><hr><br>Initial output: " + EscapedLines(*status.InitialOutput) +
+         "<br><br><hr><br>Detailed Activity Log:<br><br>" + *status.DetailedLog + "<br><br><br>";
+}
+
+constexpr std::string_view kLinks =
+    "<a HREF=\"logfiles.php\">Click here to see the log files</a>.<br><br>"
+    "<a HREF=\"threadreport.php\">Click here to see the thread report</a>.<br><br>"
+    "<br>"
+    "<a HREF=\"startdaemon.php\">Click here to start the VellumarkCL daemon</a>.<br><br>"
+    "<a HREF=\"stopdaemon.php\">Click here to stop the VellumarkCL daemon gracefully</a>.<br><br>"
+    "<a HREF=\"terminatedaemon.php\">Click here to send a STOP signal to the VellumarkCL "
+    "daemon</a>.<br><br>"
+    "<a HREF=\"killdaemon.php\">Click here to kill the VellumarkCL daemon</a>.<br><br>"
+    "<a HREF=\"terminateguardian.php\">Click here to terminate the Guardian process</a>.<br><br>";
+
+void AppendMainPage(const TPageSources& sources, std::string& page) {
+  std::optional<TGuardianStatus> status;
+  if (sources.Guardian != nullptr) status = sources.Guardian->Status();
+  if (status) page += DaemonBlock(*status);
+  page +=
+      "<table style=\"width:1000px\"><tr><th style=\"width:1000px;text-align:left\">Additional "
+      "Information</th></tr></table><br>";
+  page += "Temp Path: " + HtmlEscape(*Settings().TempDirectory.Get()) + "<br>";
+  page += "Command Line: " + CommandLineText() + "<br><br>" + MemoryText() + "<br><br>";
+  if (status) page += DaemonPathsBlock(*status);
+  page += "Log Path: " + HtmlEscape(*Settings().LogDirectory.Get()) + "<br><br>";
+  if (status) page += ProcessBlock(*status);
+  page += kLinks;
+  if (status) page += LogsBlock(*status);
+}
+
+// A page that asks for something to be done.
+struct TControlPage {
+  std::string_view Name;
+  std::string_view Answer;
+  void (TGuardianControl::*Request)();  // None: ends the Guardian.
+};
+
+constexpr std::array<TControlPage, 5> kControlPages = {{
+    {"startdaemon.php", "VellumarkCL will be started", &TGuardianControl::RequestStart},
+    {"stopdaemon.php", "VellumarkCL will be asked to stop.", &TGuardianControl::RequestStop},
+    {"terminatedaemon.php", "STOP signal will be sent to VellumarkCL",
+     &TGuardianControl::RequestTerminate},
+    {"killdaemon.php", "KILL signal will be sent to VellumarkCL", &TGuardianControl::RequestKill},
+    {"terminateguardian.php", "Guardian stopped.", nullptr},
+}};
+
+const TControlPage* FindControlPage(std::string_view name) {
+  for (const TControlPage& page : kControlPages) {
+    if (page.Name == name) return &page;
+  }
+  return nullptr;
+}
+
+void BuildControlPage(const TControlPage& page, const THttpRequest& request,
+                      const TPageSources& sources, THttpResponse& response) {
+  if (request.SecFetchSite == "cross-site") {
+    response.Status = 403;
+    response.Body = "Refused: the request comes from another site.";
+    return;
+  }
+  if (page.Request != nullptr && sources.Guardian == nullptr) {
+    response.Body = "Guardian already freed";
+    return;
+  }
+  response.Body = page.Answer;
+  // HEAD asks what the answer would be like, not for the deed.
+  if (request.Method != "GET") return;
+  if (page.Request != nullptr) {
+    (sources.Guardian->*page.Request)();
+  } else {
+    sources.TerminateGuardian();
+  }
+}
+
+void BuildPageGuarded(std::string_view name, const THttpRequest& request,
+                      const TPageSources& sources, THttpResponse& response) {
+  std::string& page = response.Body;
+  if (name.empty()) {
+    AppendMainPage(sources, page);
+  } else if (name == "logfiles.php") {
+    page += "Log Files in Reverse Order<br><br>";
+    page += LogFileLinks(Settings().LogDirectory.Copy());
+  } else if (name.starts_with(kLogLinkFolder)) {
+    OpenLogFile(name.substr(kLogLinkFolder.size()), Settings().LogDirectory.Copy(), response);
+  } else if (name == "threadreport.php") {
+    page = EscapedLines(KZCP::ThreadReport(KZCP::TReportHeader::With));
+  } else if (const TControlPage* control = FindControlPage(name)) {
+    BuildControlPage(*control, request, sources, response);
+  } else if (name == "status.php") {
+    page = sources.Port
+               ? "Guardian running and accessible via port " + std::to_string(*sources.Port) + ". "
+               : "Guardian running. ";
+  }
+}
+
+// The document path without its first character; empty for "", "/" and "\".
+std::string_view PageNameOf(std::string_view path) { return path.empty() ? path : path.substr(1); }
+
+}  // namespace
+
+THttpResponse BuildPage(const THttpRequest& request, const TPageSources& sources) {
+  THttpResponse response;
+  response.Body = PageHeader(kTitle);
+  try {
+    BuildPageGuarded(PageNameOf(request.Path), request, sources, response);
+  } catch (...) {
+    // The misspelling is intended and stays.
+    response.Body += "EXCPTION: " + HtmlEscape(CurrentExceptionMessage());
+  }
+  return response;
+}
+
+std::string PageHeader(std::string_view title) {
+  std::string head = "<!DOCTYPE html><html><title>";
+  head.append(title);
+  head +=
+      "</title><head><meta http-equiv=\"Content-Type\" content=\"text/html; charset=UTF-8\">"
+      "<style>* { font-family: Arial, Helvetica, sans-serif; }table, th, td { border: 1px solid "
+      "lightgray; border-collapse: collapse; }th { background-color: #e0e9f5; color: black; "
+      "}tr:nth-child(even){background-color: #f2f2f2}</style></head><body><table "
+      "style=\"width:1000px\"><tr><th style=\"width:1000px;text-align:left\">";
+  head.append(title);
+  head += "</th></tr></table><br>";
+  return head;
+}
+
+}  // namespace guardian

@@ -1,0 +1,94 @@
+#include "webstatus/WebStatusServer.h"
+
+#include <chrono>
+#include <string>
+#include <utility>
+
+#include "common/Console.h"
+#include "common/Exceptions.h"
+
+namespace guardian {
+namespace {
+
+constexpr std::uint16_t kFirstPort = 8900;
+constexpr std::uint16_t kLastPort = 8000;
+constexpr std::chrono::milliseconds kToDoInterval{100};
+// Short, because the process is to end within a second, a shell command of its own included.
+constexpr std::chrono::milliseconds kStopGrace{300};
+
+THttpServerOptions ServerOptions() {
+  THttpServerOptions options;
+  options.StopGrace = kStopGrace;
+  return options;
+}
+
+std::unique_ptr<TWebStatusServer>& Instance() {
+  static std::unique_ptr<TWebStatusServer> instance;
+  return instance;
+}
+
+}  // namespace
+
+TWebStatusServer::TWebStatusServer(TWebStatusOptions options)
+    : FOptions(std::move(options)),
+      FHttpServer([this](const THttpRequest& request) { return HandleRequest(request); },
+                  ServerOptions()),
+      FToDoTimer(
+          "TWebStatusServer.FToDoTimer", kToDoInterval, [this] { ToDoTick(); },
+          [](std::exception_ptr error) {
+            PrintLine("Web Status Server Timer Exception: " + MessageOf(std::move(error)));
+          }) {}
+
+TWebStatusServer::~TWebStatusServer() { FToDoTimer.Stop(); }
+
+void TWebStatusServer::StartServer() {
+  for (std::uint16_t port = kFirstPort;; --port) {
+    try {
+      FHttpServer.Activate(port);
+      PrintLine("Web Status Server Active on Port " + std::to_string(port));
+      return;
+    } catch (const std::exception& error) {
+      const std::string message = error.what();
+      if (message.find("in use") != std::string::npos && port > kLastPort) continue;
+      PrintLine("Web Status Server Cannot Start: " + message);
+      return;
+    }
+  }
+}
+
+void TWebStatusServer::StopServer() {
+  try {
+    FHttpServer.Deactivate();
+  } catch (...) {
+    PrintLine("Web Status Server Stop Exception: " + CurrentExceptionMessage());
+  }
+}
+
+THttpResponse TWebStatusServer::HandleRequest(const THttpRequest& request) const {
+  return BuildPage(request, {FOptions.Guardian, FOptions.TerminateGuardian, FHttpServer.Port()});
+}
+
+void TWebStatusServer::ToDoTick() {
+  constexpr int kTimeoutSec = 10;
+  FToDoTimer.SetEnabled(false);
+  FProcessList.Set(ListDaemonProcesses(FOptions.Shell, kTimeoutSec, TPsOptions::Columns).Text);
+  FProcessListTime = SystemClock().Now();
+}
+
+void StartWebStatusServer(TWebStatusOptions options) {
+  if (Instance()) return;
+  Instance() = std::make_unique<TWebStatusServer>(std::move(options));
+  Instance()->StartServer();
+}
+
+void FreeWebStatusServer() {
+  if (!Instance()) return;
+  try {
+    Instance()->StopServer();
+    Instance().reset();
+  } catch (...) {
+    PrintLine("Web Status Server Freeing Exception: " + CurrentExceptionMessage());
+  }
+}
+
+}  // namespace guardian

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+#include "common/Clock.h"
+#include "common/SharedText.h"
+#include "common/Timer.h"
+#include "guardian/process_listing.h"
+#include "webstatus/StatusPages.h"
+#include "webstatus/http_server.h"
+
+namespace guardian {
+
+// What the server is started with. Everything outlives it.
+struct TWebStatusOptions {
+  TGuardianControl* Guardian = nullptr;
+  std::function<void()> TerminateGuardian;
+  TShell Shell;
+};
+
+// The status and control pages over HTTP.
+// Owner: StartWebStatusServer and FreeWebStatusServer, or a test.
+// Threads: StartServer, StopServer and the destructor by the main thread; requests run on the HTTP
+// server's threads.
+class TWebStatusServer {
+ public:
+  explicit TWebStatusServer(TWebStatusOptions options);
+  ~TWebStatusServer();
+  TWebStatusServer(const TWebStatusServer&) = delete;
+  TWebStatusServer& operator=(const TWebStatusServer&) = delete;
+
+  // Listens on the first free port from 8900 down to 8000. A failure is a printed line; the
+  // server then stays inactive.
+  void StartServer();
+
+  // Frees the port and lets answers under way end, for at most half a second.
+  void StopServer();
+
+  // The port it listens on; 0 while inactive. Any thread.
+  [[nodiscard]] std::uint16_t Port() const noexcept { return FHttpServer.Port(); }
+
+ private:
+  THttpResponse HandleRequest(const THttpRequest& request) const;
+  void ToDoTick();
+
+  const TWebStatusOptions FOptions;
+  THttpServer FHttpServer;
+  TSharedText FProcessList;
+  std::atomic<TDateTime> FProcessListTime = 0;  // Atomic: as the text, for any reader.
+  // Nothing enables it yet; it is kept ready for a caller that does.
+  TKZTimer FToDoTimer;
+};
+
+// Makes and starts the process's server, unless there is one. Main thread.
+void StartWebStatusServer(TWebStatusOptions options);
+
+// Stops and frees it; nothing when there is none. Main thread.
+void FreeWebStatusServer();
+
+}  // namespace guardian

@@ -1,0 +1,164 @@
+#pragma once
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <filesystem>
+#include <iterator>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "common/FileDescriptor.h"
+
+namespace guardian {
+
+inline constexpr int kHangLimitMs = 30'000;  // Bounds a failure only.
+
+inline sockaddr_in LoopbackAddress(std::uint16_t port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
+struct TRawReply {
+  std::string Head;
+  std::string Body;
+
+  [[nodiscard]] int Status() const { return Head.size() < 12 ? 0 : std::stoi(Head.substr(9, 3)); }
+  [[nodiscard]] bool Has(std::string_view headerLine) const {
+    return Head.find("\r\n" + std::string(headerLine) + "\r\n") != std::string::npos;
+  }
+};
+
+// A client that sends whatever it is told to, well-formed or not.
+class TRawClient {
+ public:
+  // Throws when the connect fails. The receive buffer's size is the system's when 0.
+  explicit TRawClient(std::uint16_t port, int receiveBufferBytes = 0)
+      : FSocket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    if (receiveBufferBytes > 0) {
+      ::setsockopt(FSocket.Get(), SOL_SOCKET, SO_RCVBUF, &receiveBufferBytes,
+                   sizeof(receiveBufferBytes));
+    }
+    const int on = 1;
+    ::setsockopt(FSocket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    const sockaddr_in address = LoopbackAddress(port);
+    if (::connect(FSocket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address))) {
+      throw std::runtime_error("connect: " + std::to_string(errno));
+    }
+  }
+
+  // A peer that has gone loses the bytes, and the next read tells.
+  void Send(std::string_view bytes) {
+    while (!bytes.empty()) {
+      const ssize_t sent = ::send(FSocket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+      if (sent < 0) return;
+      bytes.remove_prefix(static_cast<std::size_t>(sent));
+    }
+  }
+
+  // The head of the next answer; empty when the connection ended instead. Throws when something
+  // else stands in its place.
+  TRawReply ReadHead() {
+    constexpr std::string_view kEnd = "\r\n\r\n";
+    while (FInput.find(kEnd) == std::string::npos) {
+      if (!ReadSome()) return {};
+    }
+    if (!FInput.starts_with("HTTP/1.1 ")) throw std::runtime_error("no answer: " + FInput);
+    return {Take(FInput.find(kEnd) + kEnd.size()), ""};
+  }
+
+  // What there is of the body that the head announces.
+  void ReadBody(TRawReply& reply) {
+    const std::size_t at = reply.Head.find("Content-Length: ");
+    if (at == std::string::npos) return;
+    const std::size_t length = std::stoul(reply.Head.substr(at + 16));
+    while (FInput.size() < length && ReadSome()) continue;
+    reply.Body = Take(std::min(length, FInput.size()));
+  }
+
+  TRawReply ReadReply() {
+    TRawReply reply = ReadHead();
+    ReadBody(reply);
+    return reply;
+  }
+
+  TRawReply Get(const std::string& target) {
+    Send("GET " + target + " HTTP/1.1\r\n\r\n");
+    return ReadReply();
+  }
+
+  // Everything up to the end of the connection.
+  std::string ReadToEnd() {
+    while (ReadSome()) continue;
+    return Take(FInput.size());
+  }
+
+  // Whether the connection ended by a reset, by which an answer may get lost.
+  [[nodiscard]] bool WasReset() const { return FReset; }
+
+  // Waits for the reset or the end of the connection, without reading.
+  bool WaitGone(int timeoutMs) {
+    pollfd waited{FSocket.Get(), POLLRDHUP, 0};
+    return ::poll(&waited, 1, timeoutMs) == 1;
+  }
+
+  // Closes so that the peer is told of it by a reset.
+  void Reset() {
+    const linger atOnce{1, 0};
+    ::setsockopt(FSocket.Get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof(atOnce));
+    FSocket.Close();
+  }
+
+ private:
+  // False at the end of the connection. Throws when nothing comes within the hang limit.
+  bool ReadSome() {
+    pollfd waited{FSocket.Get(), POLLIN, 0};
+    if (::poll(&waited, 1, kHangLimitMs) != 1) throw std::runtime_error("no answer, no end");
+    char bytes[65'536];
+    const ssize_t got = ::recv(FSocket.Get(), bytes, sizeof(bytes), 0);
+    FReset = got < 0;
+    if (got <= 0) return false;
+    FInput.append(bytes, static_cast<std::size_t>(got));
+    return true;
+  }
+
+  std::string Take(std::size_t count) {
+    std::string taken = FInput.substr(0, count);
+    FInput.erase(0, count);
+    return taken;
+  }
+
+  TFileDescriptor FSocket;
+  std::string FInput;
+  bool FReset = false;
+};
+
+// The numbers of all open descriptors.
+inline std::set<int> OpenDescriptors() {
+  std::set<int> numbers;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    numbers.insert(std::stoi(entry.path().filename()));
+  }
+  // The listing's own descriptor has gone by now.
+  std::erase_if(numbers, [](int number) { return ::fcntl(number, F_GETFD) < 0; });
+  return numbers;
+}
+
+inline std::ptrdiff_t CountThreads() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+}
+
+}  // namespace guardian
