@@ -25,10 +25,19 @@ struct TFaultName {
 };
 
 constexpr std::array kFaultNames = {
-    TFaultName{"ignore-stop", TFault::IgnoreStop},    TFaultName{"ignore-term", TFault::IgnoreTerm},
-    TFaultName{"hang-stop", TFault::HangStop},        TFaultName{"hang-paths", TFault::HangPaths},
-    TFaultName{"no-mutex-path", TFault::NoMutexPath}, TFaultName{"paths-flood", TFault::PathsFlood},
-    TFaultName{"start-fails", TFault::StartFails},    TFaultName{"crash", TFault::Crash},
+    TFaultName{"ignore-stop", TFault::IgnoreStop},
+    TFaultName{"ignore-term", TFault::IgnoreTerm},
+    TFaultName{"hang-stop", TFault::HangStop},
+    TFaultName{"hang-paths", TFault::HangPaths},
+    TFaultName{"no-mutex-path", TFault::NoMutexPath},
+    TFaultName{"paths-flood", TFault::PathsFlood},
+    TFaultName{"start-fails", TFault::StartFails},
+    TFaultName{"freeze-pulse", TFault::FreezePulse},
+    TFaultName{"drop-mutex", TFault::DropMutex},
+    TFaultName{"close-pipe", TFault::ClosePipe},
+    TFaultName{"mute-pipe", TFault::MutePipe},
+    TFaultName{"garbage", TFault::Garbage},
+    TFaultName{"crash", TFault::Crash},
 };
 
 std::string_view Trim(std::string_view line) {

@@ -18,6 +18,11 @@ enum class TFault {
   NoMutexPath,  // "no-mutex-path": the paths command leaves the MUTEX= line out.
   PathsFlood,   // "paths-flood": the paths command prints 100 MB ahead of its lines.
   StartFails,   // "start-fails": the start command fails.
+  FreezePulse,  // "freeze-pulse": the pulse stays as it is.
+  DropMutex,    // "drop-mutex": the scheduler mutex is free.
+  ClosePipe,    // "close-pipe": the scheduler pipe is gone.
+  MutePipe,     // "mute-pipe": the pipe is there, but no status record comes.
+  Garbage,      // "garbage": what comes over the pipe are no records.
   Crash,        // "crash": the daemon crashes, once: it takes the word out of the file first.
 };
 

@@ -7,19 +7,24 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <string>
 #include <utility>
 
+#include "common/Clock.h"
 #include "common/Exceptions.h"
+#include "common/MainThread.h"
 #include "simulator/EventLog.h"
 
 namespace guardian {
 
 namespace {
 
-constexpr int kFaultsPeriodMsec = 500;
+constexpr std::chrono::milliseconds kRound{50};
+constexpr std::int64_t kFaultsPeriodMs = 500;
 
 TFileDescriptor OpenSignals() {
   sigset_t signals;
@@ -35,7 +40,10 @@ TFileDescriptor OpenSignals() {
 }  // namespace
 
 TStandInDaemon::TStandInDaemon(THome home, TPidFile pidFile)
-    : FHome(std::move(home)), FPidFile(std::move(pidFile)), FSignals(OpenSignals()) {
+    : FHome(std::move(home)),
+      FPidFile(std::move(pidFile)),
+      FSignals(OpenSignals()),
+      FScheduler(FHome) {
   FPidFile.Enter();
   LogEvent(FHome, "Started, PID " + std::to_string(::getpid()));
 }
@@ -46,15 +54,21 @@ TStandInDaemon::~TStandInDaemon() {
 }
 
 void TStandInDaemon::Run() {
+  std::int64_t nextLookTick = 0;
   while (FHome.Exists()) {
-    FollowFaults();
-    if (WaitForSignal() && EndsBySignal()) return;
+    if (SystemTickCount() >= nextLookTick) {
+      FollowFaults();
+      nextLookTick = SystemTickCount() + kFaultsPeriodMs;
+    }
+    FScheduler.Follow(FFaults);
+    CheckSynchronize(kRound);
+    if (SignalArrived() && EndsBySignal()) return;
   }
 }
 
-bool TStandInDaemon::WaitForSignal() const {
+bool TStandInDaemon::SignalArrived() const {
   pollfd arrived{FSignals.Get(), POLLIN, 0};
-  return ::poll(&arrived, 1, kFaultsPeriodMsec) > 0;
+  return ::poll(&arrived, 1, 0) > 0;
 }
 
 bool TStandInDaemon::EndsBySignal() {
@@ -83,7 +97,8 @@ void TStandInDaemon::FollowFaults() {
   }
 }
 
-// The faults of the commands have no effect here: each command reads the file itself.
+// Those of the commands have no effect here, since each command reads the file itself, and the
+// scheduler follows its own.
 void TStandInDaemon::ApplyFault(TFault fault, bool isOrdered) {
   LogEvent(FHome,
            std::string(isOrdered ? "Fault begins: " : "Fault ends: ").append(FaultWord(fault)));

@@ -4,14 +4,13 @@
 #include "simulator/Faults.h"
 #include "simulator/Home.h"
 #include "simulator/PidFile.h"
+#include "simulator/StandInScheduler.h"
 
 namespace guardian {
 
-// The daemon's life: it is there, obeys signals and takes orders for faults. What the daemon
-// serves besides starts in the constructor, changes with the faults in ApplyFault and ends with
-// the object.
+// The daemon's life: it is there, obeys signals, takes orders for faults and runs its scheduler.
 // Owner: the start command's last child, or the run command.
-// Threads: the process's only thread.
+// Threads: the process's main thread.
 class TStandInDaemon {
  public:
   // Blocks SIGTERM and SIGINT, which Run takes, and enters the process into the pid file. Throws
@@ -26,7 +25,7 @@ class TStandInDaemon {
   void Run();
 
  private:
-  [[nodiscard]] bool WaitForSignal() const;
+  [[nodiscard]] bool SignalArrived() const;
   [[nodiscard]] bool EndsBySignal();
   void FollowFaults();
   void ApplyFault(TFault fault, bool isOrdered);
@@ -36,6 +35,7 @@ class TStandInDaemon {
   const TPidFile FPidFile;
   TFileDescriptor FSignals;
   TFaults FFaults;
+  TStandInScheduler FScheduler;
 };
 
 }  // namespace guardian

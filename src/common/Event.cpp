@@ -8,9 +8,11 @@ TKZEvent::TKZEvent(std::string name, TEventReset reset, TClock& clock)
     : FName(std::move(name)), FReset(reset), FClock(clock) {}
 
 void TKZEvent::Signal() {
-  const TMutexLock lock(FLock);
-  FSignalled = true;
-  // Notified while the lock is held: the waiter may destroy the event as soon as it is released.
+  {
+    const TMutexLock lock(FLock);
+    FSignalled = true;
+  }
+  // Notified without the lock, which the woken thread takes at once.
   if (FReset == TEventReset::Auto) {
     FChanged.NotifyOne();
   } else {

@@ -57,24 +57,38 @@ class TMainThreadQueue {
       const TMutexLock lock(FLock);
       if (!FOpen) return false;
       FRequests.push_back(request);
-      Wake();
+    }
+    // Without the lock, which the woken thread takes at once.
+    Wake();
+    {
+      const TMutexLock lock(FLock);
       while (request->State == TRequestState::Waiting) FDone.Wait(FLock);
     }
-    if (request->Error) std::rethrow_exception(request->Error);
+    // Taken out, so that the exception is freed here and not in the main thread, which may still
+    // hold the request.
+    if (const std::exception_ptr error = std::exchange(request->Error, nullptr)) {
+      std::rethrow_exception(error);
+    }
     return request->State == TRequestState::Ran;
   }
 
   bool RunPending() KZ_EXCLUDES(FLock) {
-    bool any = false;
-    while (const auto request = Take()) {
-      any = true;
+    // Only those that wait now: whoever waits with a limit must come back although others ask on
+    // and on.
+    std::size_t left = Waiting();
+    const bool any = left > 0;
+    for (; left > 0; --left) {
+      const auto request = Take();
+      if (!request) break;
       try {
         (*request->Function)();
       } catch (...) {
         request->Error = std::current_exception();
       }
-      const TMutexLock lock(FLock);
-      request->State = TRequestState::Ran;
+      {
+        const TMutexLock lock(FLock);
+        request->State = TRequestState::Ran;
+      }
       FDone.NotifyAll();
     }
     return any;
@@ -97,6 +111,11 @@ class TMainThreadQueue {
   }
 
  private:
+  std::size_t Waiting() KZ_EXCLUDES(FLock) {
+    const TMutexLock lock(FLock);
+    return FRequests.size();
+  }
+
   std::shared_ptr<TRequest> Take() KZ_EXCLUDES(FLock) {
     const TMutexLock lock(FLock);
     if (FRequests.empty()) return nullptr;

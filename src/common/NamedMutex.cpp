@@ -2,16 +2,49 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 
 namespace guardian {
 
+namespace {
+
+TFileDescriptor OpenLockFile(const std::string& path, int flags) {
+  // Non-blocking: a named pipe at this path must hold nobody.
+  return TFileDescriptor(RetryOnEintr([&] {
+    return ::open(path.c_str(), flags | O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW,
+                  0666);
+  }));
+}
+
+// Opened before it is created: in a shared folder the system may refuse to open somebody else's
+// file with the wish to create it. Twice, since another process may create it in between.
+TFileDescriptor OpenOrCreateLockFile(const std::string& path) {
+  for (int tries = 0; tries < 2; ++tries) {
+    if (TFileDescriptor file = OpenLockFile(path, 0); file || errno != ENOENT) return file;
+    if (TFileDescriptor file = OpenLockFile(path, O_CREAT | O_EXCL); file || errno != EEXIST) {
+      return file;
+    }
+  }
+  return {};
+}
+
+bool IsRegularFile(const TFileDescriptor& file) {
+  struct stat info {};
+  return ::fstat(file.Get(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
+}  // namespace
+
 TNamedMutex TNamedMutex::Create(const std::string& name) {
-  const std::string lockFile = name + ".lock";
   TNamedMutex mutex;
-  mutex.FLockFile = TFileDescriptor(RetryOnEintr(
-      [&] { return ::open(lockFile.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOCTTY, 0666); }));
+  mutex.FLockFile = OpenOrCreateLockFile(name + ".lock");
   if (!mutex.FLockFile) {
     mutex.FError = errno;
+    return mutex;
+  }
+  if (!IsRegularFile(mutex.FLockFile)) {
+    mutex.FError = EINVAL;
+    mutex.FLockFile.Close();
     return mutex;
   }
   if (RetryOnEintr([&] { return ::flock(mutex.FLockFile.Get(), LOCK_EX | LOCK_NB); }) == 0) {

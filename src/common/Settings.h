@@ -21,6 +21,9 @@ struct TSettings {
   TSharedText LogDirectory;           // The daemon's logs; empty until the handshake.
   TSharedText TempDirectory{"/tmp"};  // TMPDIR, or "/tmp".
 
+  // The daemon's scheduler pipe; set before the Guardian runs.
+  std::string SchedulerPipeName = "vellumark$qrnd$schedulermutex";
+
   std::atomic<bool> DebugMode = false;        // Consistency checks, profiling, full reports.
   std::atomic<int> DebugHook = 0;             // Non-zero: BecomeDaemon keeps handles and traces.
   std::atomic<bool> ShellTrace = false;       // Records every full shell line.

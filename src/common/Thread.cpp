@@ -73,7 +73,12 @@ void TThread::Start() {
     error = pthread_create(&FHandle, &attributes, &TThread::Run, this);
   }
   pthread_attr_destroy(&attributes);
-  if (error != 0) throw ESystemError("pthread_create", FName, error);
+  if (error != 0) {
+    // Nobody is to wait for a thread that never was.
+    FFinished.store(true);
+    FFinishedEvent.Signal();
+    throw ESystemError("pthread_create", FName, error);
+  }
   FStarted = true;
 }
 
@@ -99,6 +104,8 @@ void TThread::Join() {
   if (!FStarted) return;
   Terminate();
   while (!WaitFinished(std::chrono::hours(1))) continue;
+  // A request that ran meanwhile may have joined it.
+  if (!FStarted) return;
   pthread_join(FHandle, nullptr);
   FStarted = false;
 }
@@ -119,8 +126,10 @@ void TThread::RunWhole() {
   RunGuarded([this] { Execute(); });
   RunGuarded([this] { OnFinished(); });
   FFinished.store(true);
-  // The last touch of this object: whoever waits may destroy it after the join.
+  // The last touch of this object, which the join still waits for.
   FFinishedEvent.Signal();
+  // Who joins in the main thread waits for the queue.
+  WakeMainThread();
 }
 
 void TThread::RunGuarded(const std::function<void()>& work) {

@@ -38,6 +38,8 @@ void TKZTimer::Stop() {
 
 void TKZTimer::SetInterval(std::chrono::milliseconds interval) {
   const TMutexLock lock(FLock);
+  // A period that is asked for again and again must still end.
+  if (interval == FInterval) return;
   FInterval = interval;
   FDueTick = FClock.TickCount() + interval.count();
   FChanged.NotifyAll();
@@ -53,8 +55,9 @@ void TKZTimer::SetEnabled(bool enabled) {
   FEnabled = enabled;
   FDueTick = FClock.TickCount() + FInterval.count();
   if (enabled && !FThread) {
-    FThread = std::make_unique<TTimerThread>(*this);
-    FThread->Start();
+    auto thread = std::make_unique<TTimerThread>(*this);
+    thread->Start();
+    FThread = std::move(thread);
   }
   FChanged.NotifyAll();
 }

@@ -15,14 +15,12 @@ namespace guardian {
 //
 // The period counts from the start of one call to the start of the next; a handler that takes
 // longer than the interval is called again at once, and missed calls are not made up for.
-// SetInterval and SetEnabled(true) start a full new period. What the handler throws goes to the
-// error handler, and the timer goes on.
-// Owner: the object whose handler it calls; the destructor stops it and joins the thread. It may
-// be destroyed in the main thread while the handler waits for the main thread.
-// Threads: any thread, also the handler, may call anything but Stop and the destructor, which
-// belong to the owner.
-// Lifetime: handlers and clock outlive the timer. Created disabled; the thread starts with the
-// first SetEnabled(true).
+// A changed interval and SetEnabled(true) start a full new period. What the handler throws goes to
+// the error handler, and the timer goes on. Owner: the object whose handler it calls; the
+// destructor stops it and joins the thread. It may be destroyed in the main thread while the
+// handler waits for the main thread. Threads: any thread, also the handler, may call anything but
+// Stop and the destructor, which belong to the owner. Lifetime: handlers and clock outlive the
+// timer. Created disabled; the thread starts with the first SetEnabled(true).
 class TKZTimer {
  public:
   using THandler = std::function<void()>;

@@ -85,7 +85,10 @@ bool IsSafeInDoubleQuotes(const std::string& name) {
 }
 
 std::string UsableTempFolder(const std::string& wanted) {
-  return IsSafeInDoubleQuotes(wanted) ? wanted : "/tmp";
+  // The file's name stands in the command line of the shell, and the daemon's name in it would make
+  // the shell look like the daemon in the process list.
+  const bool namesDaemon = wanted.find("VellumarkCL") != std::string::npos;
+  return IsSafeInDoubleQuotes(wanted) && !namesDaemon ? wanted : "/tmp";
 }
 
 }  // namespace guardian

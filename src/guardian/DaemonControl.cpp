@@ -27,9 +27,9 @@ TDaemonControl::TDaemonControl(TShell shell, std::function<std::string()> daemon
     : FShell(std::move(shell)), FDaemonPath(std::move(daemonPath)), FProcess(process), FLog(log) {}
 
 bool TDaemonControl::StartDaemon() {
-  const std::string shownPath = HtmlEscape(FDaemonPath());
-  FLog.AddDetailEntry("Attempting to start daemon in " + shownPath);
-  FLog.AddInfoEntry(1, 16, "Starting service/daemon in " + shownPath);
+  const std::string path = FDaemonPath();
+  FLog.AddDetailEntry("Attempting to start daemon in " + HtmlEscape(path));
+  FLog.AddInfoEntry(1, 16, "Starting service/daemon in " + path);
   Execute(FDaemonPath() + " start", kStartTimeoutSec);
   FProcess.ForgetCheck();
   return true;

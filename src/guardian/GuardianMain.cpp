@@ -87,11 +87,12 @@ void RunGuardian() {
           },
       .MakeScheduler =
           [&application](TScheduler::TLog log) {
-            return std::make_unique<TSchedulerClient>(kSchedulerMutexName, std::move(log),
+            return std::make_unique<TSchedulerClient>(Settings().SchedulerPipeName, std::move(log),
                                                       application.Stopping(), SystemClock());
           },
       .SystemLog = WriteSystemLog,
       .OwnPath = Settings().OwnExecutablePath,
+      .ConfDir = GetDaemonConfDir(),
   });
   service.Start();
   StartWebStatusServer({

@@ -152,6 +152,8 @@ void TGuardianService::CarryOut(const TStep& step) {
 
 std::string TGuardianService::GetDaemonPath() {
   std::string path = DaemonPathBeside(FSurroundings.OwnPath);
+  // Shown also when what follows fails.
+  FDaemonPath.Set(path);
   if (!FSurroundings.Files->FileExists(path)) {
     ReadDaemonConf();
     if (!FDaemonPathFromConf.empty()) path = FDaemonPathFromConf;
@@ -162,7 +164,8 @@ std::string TGuardianService::GetDaemonPath() {
 
 void TGuardianService::ReadDaemonConf() {
   if (FConfRead) return;
-  const std::string file = GetDaemonConfDir() + "/VellumarkCL.conf";
+  FConfRead = true;
+  const std::string file = FSurroundings.ConfDir + "/VellumarkCL.conf";
   if (FSurroundings.Files->FileExists(file)) {
     PrintLine("Reading config file " + file);
     for (std::string& path : DaemonPathsInConf(FSurroundings.Files->ReadText(file))) {
@@ -170,7 +173,6 @@ void TGuardianService::ReadDaemonConf() {
       PrintLine("Daemon path from conf: " + FDaemonPathFromConf);
     }
   }
-  FConfRead = true;
 }
 
 void TGuardianService::RequestDaemonPaths() {

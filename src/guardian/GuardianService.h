@@ -33,6 +33,7 @@ struct TGuardianSurroundings {
   std::function<std::unique_ptr<TScheduler>(TScheduler::TLog log)> MakeScheduler;
   TActivityLog::TSystemLog SystemLog;
   std::string OwnPath;  // The Guardian's executable, full path.
+  std::string ConfDir;  // Where the daemon's configuration lies.
   const TFileSystemView* Files = &RealFileSystem();
   TClock* Clock = &SystemClock();
 };

@@ -18,7 +18,7 @@ struct TObservation {
   bool PipeJustConnected = false;
   bool ServiceOK = false;
   bool MutexPathKnown = false;  // The handshake named the mutex directory.
-  std::uint64_t Pulse = 0;
+  std::int64_t Pulse = 0;
   std::string Pid;
 };
 
@@ -26,7 +26,7 @@ struct TObservation {
 struct TWatchdogState {
   TDateTime LastStatusLogAt = 0;  // Zero: log the status at the next round.
   TDateTime LastPulseAt = 0;
-  std::uint64_t LastSeenPulse = 0;
+  std::int64_t LastSeenPulse = 0;
   std::int32_t RestartAttempts = 0;  // Consecutive rounds in which a restart was needed.
   std::int32_t MutexFailures = 0;    // Consecutive rounds with the check failed and the daemon
   std::int32_t PipeFailures = 0;     // running.

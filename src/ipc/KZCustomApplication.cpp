@@ -46,6 +46,8 @@ void TKZCustomApplication::Initialize() {
   FSignals.emplace_back(SIGINT, &TerminateOnSignal);
   FSignals.emplace_back(SIGTERM, &TerminateOnSignal);
   FSignals.emplace_back(SIGPIPE, SIG_IGN);
+  // Inherited as ignored, it would take the exit codes of all children away.
+  FSignals.emplace_back(SIGCHLD, SIG_DFL);
 }
 
 TKZCustomApplication::TSignalDisposition::TSignalDisposition(int signalNumber, void (*handler)(int))

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "common/Thread.h"
+#include "ipc/PayloadPool.h"
 
 namespace guardian {
 
@@ -19,9 +20,6 @@ struct TKZMessage {
   std::int64_t LParam = 0;
   std::int64_t Result = 0;  // The third parameter.
 };
-
-// Bytes that travel with a message and are freed with it, delivered or not.
-using TMessagePayload = std::unique_ptr<std::string>;
 
 // The base of every object that receives posted messages.
 // Owner: anyone, but destroyed in the main thread, unless nothing was ever posted to it.

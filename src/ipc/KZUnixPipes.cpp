@@ -78,24 +78,28 @@ std::shared_ptr<TPipeWorkers> TakeBySerial(TWorkersList& list, std::int64_t seri
   return TakeFrom(list, [&](const TPipeConnection& each) { return each.Serial() == serial; });
 }
 
+void TerminateMarked(TKZThread& thread, std::string_view failed) {
+  try {
+    thread.Terminate();
+  } catch (...) {
+    KZCP::Checkpoint(failed);
+  }
+}
+
+// Waits for the whole time, running synchronise requests in the main thread.
+void SleepSynchronizing(milliseconds duration) {
+  const std::int64_t end = SystemTickCount() + duration.count();
+  for (std::int64_t now = SystemTickCount(); now < end; now = SystemTickCount()) {
+    CheckSynchronize(milliseconds(end - now));
+  }
+}
+
 std::shared_ptr<TPipeWorkers> FindByPipe(const TWorkersList& list, std::int64_t pipe) {
   for (const auto& workers : list) {
     if (workers->Connection().Pipe() == pipe) return workers;
   }
   return nullptr;
 }
-
-// Runs the action at the end of the scope, also when an exception passes.
-class TAtEnd {
- public:
-  explicit TAtEnd(std::function<void()> action) : FAction(std::move(action)) {}
-  ~TAtEnd() { FAction(); }
-  TAtEnd(const TAtEnd&) = delete;
-  TAtEnd& operator=(const TAtEnd&) = delete;
-
- private:
-  const std::function<void()> FAction;
-};
 
 }  // namespace
 
@@ -149,8 +153,8 @@ void TPipeEndpoint::RaiseEvent(const TKZMessage& message) {
       return RaiseError(message, TPipeContext::pcWorker);
     case kMsgPipeSent:
       // LParam, which is 0, and not the byte count: see TOnPipeSent.
-      if (OnPipeSent) {
-        OnPipeSent(*this, message.WParam, static_cast<std::uint32_t>(message.LParam));
+      if (const TOnPipeSent handler = OnPipeSent.Handler()) {
+        handler(*this, message.WParam, static_cast<std::uint32_t>(message.LParam));
       }
       return;
     case kMsgPipeMessage:
@@ -160,21 +164,22 @@ void TPipeEndpoint::RaiseEvent(const TKZMessage& message) {
   }
 }
 
+// Each calls a copy of the slot, since the handler may free the object and the slot with it.
+
 void TPipeEndpoint::RaiseError(const TKZMessage& message, TPipeContext context) {
-  if (OnPipeError) OnPipeError(*this, message.WParam, context, message.LParam);
+  if (const TOnPipeError handler = OnPipeError) {
+    handler(*this, message.WParam, context, message.LParam);
+  }
 }
 
 void TPipeEndpoint::RaiseDisconnect(std::int64_t pipe) {
-  if (OnPipeDisconnect) OnPipeDisconnect(*this, pipe);
+  if (const TOnPipeDisconnect handler = OnPipeDisconnect) handler(*this, pipe);
 }
 
 void TPipeEndpoint::RaiseMessage(const TKZMessage& message) {
   const std::string_view payload = MessagePayload(message);
-  const TWorkers workers = FindWorkers(message.WParam);
-  const TAtEnd delivered([&] {
-    if (workers) workers->Connection().RemoveUndelivered(payload.size());
-  });
-  if (!payload.empty() && OnPipeMessage) OnPipeMessage(*this, message.WParam, payload);
+  if (payload.empty()) return;
+  if (const TOnPipeMessage handler = OnPipeMessage) handler(*this, message.WParam, payload);
 }
 
 TPipeClient::TPipeClient(const TCancellation* stopping)
@@ -189,7 +194,9 @@ TPipeClient::~TPipeClient() {
     workers = std::move(FEnding);
     if (FCurrent) workers.push_back(std::move(FCurrent));
   }
-  for (const TWorkers& each : workers) each->Connection().End();
+  // Joined here and not by the last holder, which may be further down the stack: the threads must
+  // not post to an owner that is gone.
+  for (const TWorkers& each : workers) each->EndAndJoin();
 }
 
 void TPipeClient::Free(std::unique_ptr<TPipeClient>& client) {
@@ -212,7 +219,7 @@ std::string TPipeClient::PipeName() const {
 }
 
 bool TPipeClient::Connect(int waitMs) {
-  if (Connected()) return true;
+  if (const TWorkers current = Current(); current && !current->Connection().Ended()) return true;
   const std::string path = FullPipeNameOf(PipeName());
   if (::access(path.c_str(), F_OK) != 0) return false;
   TFileDescriptor socket = ConnectWithin(path, waitMs, FStopping);
@@ -224,6 +231,8 @@ bool TPipeClient::StartWorkers(TFileDescriptor socket, const std::string& path) 
       std::move(socket), TPipeSide::Client, PipeName(), path, FMaxFrameSize.load(), *this);
   {
     const TKZLockGuard lock(FLock);
+    // One that has ended, and is not reported yet.
+    if (FCurrent) FEnding.push_back(std::move(FCurrent));
     FCurrent = workers;
     FPipe.store(workers->Connection().Pipe());
     FConnected.store(true);
@@ -234,10 +243,8 @@ bool TPipeClient::StartWorkers(TFileDescriptor socket, const std::string& path) 
   } catch (const KZException& error) {
     WritePipeDiagnostic(error.Message());
   }
-  const TKZLockGuard lock(FLock);
-  FCurrent.reset();
-  FPipe.store(kNoPipe);
-  FConnected.store(false);
+  Forget(workers->Connection().Serial());
+  workers->EndAndJoin();
   return false;
 }
 
@@ -257,9 +264,9 @@ void TPipeClient::Disconnect(TWait wait) {
   KZCP::Checkpoint("PipCl.Disc2");
   workers->Connection().End();
   KZCP::Checkpoint("PipCl.Disc3");
-  workers->Reader().Terminate();
+  TerminateMarked(workers->Reader(), "PipCl.Disc4EX");
   KZCP::Checkpoint("PipCl.Disc4");
-  workers->Writer().Terminate();
+  TerminateMarked(workers->Writer(), "PipCl.Disc5EX");
   KZCP::Checkpoint("PipCl.Disc5");
   if (wait == TWait::Yes) {
     while (!workers->Reader().WaitFinished(kPoll)) KZCP::Checkpoint("PipCl.Disc6");
@@ -272,17 +279,18 @@ void TPipeClient::Disconnect(TWait wait) {
 
 bool TPipeClient::Write(std::string_view payload) {
   const TWorkers workers = Current();
-  if (!workers) return false;
-  workers->Connection().Queue().Append({BuildFrame(payload)});
+  if (!workers || workers->Connection().Ended()) return false;
+  workers->Connection().Queue().Append(payload);
   return true;
 }
 
 void TPipeClient::WaitUntilWriteQueueEmpty(int seconds) {
   constexpr milliseconds kPoll{100};
-  for (int i = 0; i < seconds * 10; ++i) {
+  for (std::int64_t i = 0; i < std::int64_t{seconds} * 10; ++i) {
+    if (!ValidObjects().IsValid(this, "TPipeClient.WaitUntilWriteQueueEmpty")) return;
     const TWorkers workers = Current();
     if (!workers || workers->Connection().Queue().Count() == 0) return;
-    CheckSynchronize(kPoll);
+    SleepSynchronizing(kPoll);
   }
 }
 
@@ -303,35 +311,41 @@ void TPipeClient::WndMethod(TKZMessage& message) {
 }
 
 // An end that Disconnect brought about is reported like any other, but it does not touch the
-// connection that may have been made since.
+// connection that may have been made since. The pipe is forgotten after the event, which still
+// sees it.
 void TPipeClient::RemoveWorkerThread(std::int64_t serial) {
   TWorkers ended;
   {
     const TKZLockGuard lock(FLock);
-    if (FCurrent && FCurrent->Connection().Serial() == serial) ended = std::move(FCurrent);
+    const bool isCurrent = FCurrent && FCurrent->Connection().Serial() == serial;
+    ended = isCurrent ? std::move(FCurrent) : TakeBySerial(FEnding, serial);
   }
-  if (ended) {
-    const TAtEnd forget([this] { ForgetPipe(); });
+  if (!ended) return;
+  ended->EndAndJoin();
+  try {
     RaiseDisconnect(ended->Connection().Pipe());
-    return;
+  } catch (...) {
+    if (ValidObjects().IsValid(this, "TPipeClient.RemoveWorkerThread")) ForgetPipe();
+    throw;
   }
-  {
-    const TKZLockGuard lock(FLock);
-    ended = TakeBySerial(FEnding, serial);
-  }
-  if (ended) RaiseDisconnect(ended->Connection().Pipe());
+  if (ValidObjects().IsValid(this, "TPipeClient.RemoveWorkerThread")) ForgetPipe();
 }
 
+// Unless there is a connection again.
 void TPipeClient::ForgetPipe() {
   const TKZLockGuard lock(FLock);
+  if (FCurrent) return;
   FPipe.store(kNoPipe);
   FConnected.store(false);
 }
 
-TPipeEndpoint::TWorkers TPipeClient::FindWorkers(std::int64_t pipe) {
-  const TKZLockGuard lock(FLock);
-  if (FCurrent && FCurrent->Connection().Pipe() == pipe) return FCurrent;
-  return FindByPipe(FEnding, pipe);
+void TPipeClient::Forget(std::int64_t serial) {
+  {
+    const TKZLockGuard lock(FLock);
+    if (FCurrent && FCurrent->Connection().Serial() == serial) FCurrent.reset();
+    TakeBySerial(FEnding, serial);
+  }
+  ForgetPipe();
 }
 
 TPipeEndpoint::TWorkers TPipeClient::Current() const {
@@ -370,9 +384,9 @@ void TPipeServer::SetActive(bool active) {
 }
 
 bool TPipeServer::Write(std::int64_t pipe, std::string_view payload) {
-  const TWorkers client = FindWorkers(pipe);
-  if (!client) return false;
-  client->Connection().Queue().Append({BuildFrame(payload)});
+  const TWorkers client = FindClient(pipe);
+  if (!client || client->Connection().Ended()) return false;
+  client->Connection().Queue().Append(payload);
   return true;
 }
 
@@ -399,12 +413,13 @@ void TPipeServer::LimitWriteQueues(std::size_t maxItems) {
 void TPipeServer::WndMethod(TKZMessage& message) {
   if (!ValidObjects().IsValid(this, "PSrvNVO")) return;
   if (message.Msg == kMsgPipeConnect) {
-    if (OnPipeConnect) OnPipeConnect(*this, message.WParam);
+    if (const TOnPipeConnect handler = OnPipeConnect) handler(*this, message.WParam);
   } else if (message.Msg == kMsgPipeDisconnect) {
-    const TAtEnd forget([&] { ForgetLeaving(message.WParam); });
+    // Kept until the event is over, so that the number is not given to another one before.
+    const TWorkers leaving = TakeLeaving(message.WParam);
     RaiseDisconnect(message.WParam);
   } else if (message.Msg == kMsgPipeWorkerEnded) {
-    RemoveWorkerThread(message.LParam);
+    if (const TWorkers client = TakeClient(message.LParam)) RemoveClient(client);
   } else {
     RaiseEvent(message);
   }
@@ -413,68 +428,65 @@ void TPipeServer::WndMethod(TKZMessage& message) {
 void TPipeServer::AddClient(TFileDescriptor socket) {
   const TWorkers client = std::make_shared<TPipeWorkers>(
       std::move(socket), TPipeSide::Server, FPipeName, std::string(), FMaxFrameSize.load(), *this);
-  client->Start();
+  try {
+    client->Start();
+  } catch (...) {
+    client->EndAndJoin();
+    throw;
+  }
   const TKZLockGuard lock(FLock);
   FClients.push_back(client);
 }
 
-void TPipeServer::RemoveWorkerThread(std::int64_t serial) {
-  TWorkers client;
-  {
-    const TKZLockGuard lock(FLock);
-    client = TakeBySerial(FClients, serial);
-  }
-  if (client) RemoveClient(std::move(client));
-}
-
-// The client stays in FLeaving until its disconnect is raised, so that its number is not given to
-// another one before.
-void TPipeServer::RemoveClient(TWorkers client) {
-  const std::int64_t pipe = client->Connection().Pipe();
+// Both threads are joined before the disconnect is posted, so that it comes behind all that they
+// have posted.
+void TPipeServer::RemoveClient(const TWorkers& client) {
   try {
-    client->Connection().End();
-    FLeaving.push_back(std::move(client));
+    client->EndAndJoin();
+    FLeaving.push_back(client);
   } catch (...) {
     WritePipeDiagnostic("Exception in TPipeServer.RemoveClient (1): " + CurrentExceptionMessage());
   }
   try {
-    PostMessage(*this, kMsgPipeDisconnect, pipe, 0, 0);
+    PostMessage(*this, kMsgPipeDisconnect, client->Connection().Pipe(), 0, 0);
   } catch (...) {
     WritePipeDiagnostic("Exception in TPipeServer.RemoveClient (2): " + CurrentExceptionMessage());
   }
 }
 
-void TPipeServer::ForgetLeaving(std::int64_t pipe) {
-  const TWorkers client =
-      TakeFrom(FLeaving, [&](const TPipeConnection& each) { return each.Pipe() == pipe; });
+TPipeEndpoint::TWorkers TPipeServer::TakeLeaving(std::int64_t pipe) {
+  return TakeFrom(FLeaving, [&](const TPipeConnection& each) { return each.Pipe() == pipe; });
+}
+
+TPipeEndpoint::TWorkers TPipeServer::TakeClient(std::int64_t serial) {
+  const TKZLockGuard lock(FLock);
+  return TakeBySerial(FClients, serial);
 }
 
 void TPipeServer::DoShutdown() {
+  if (FShuttingDown) return;
+  FShuttingDown = true;
   KZCP::Checkpoint("PipSrc.Shut1");
   if (FListener) FListener->Terminate();
   KZCP::Checkpoint("PipSrc.Shut2");
+  // The joins here and below run synchronise requests, and with them events.
   FListener.reset();
   KZCP::Checkpoint("PipSrc.Shut3");
   TWorkersList clients;
   {
     const TKZLockGuard lock(FLock);
-    clients = std::move(FClients);
-    FClients.clear();
+    clients.swap(FClients);
   }
   KZCP::Checkpoint("PipSrc.Shut4");
-  for (TWorkers& client : clients) RemoveClient(std::move(client));
+  for (const TWorkers& client : clients) client->Connection().End();
   KZCP::Checkpoint("PipSrc.Shut5");
-  // A copy: the joins run synchronise requests, which may forget a client meanwhile.
-  const TWorkersList leaving = FLeaving;
-  for (const TWorkers& client : leaving) {
-    client->Reader().Join();
-    client->Writer().Join();
-  }
+  for (const TWorkers& client : clients) RemoveClient(client);
   KZCP::Checkpoint("PipSrc.Shut6");
+  FShuttingDown = false;
   KZCP::Checkpoint("PipSrc.ShutX");
 }
 
-TPipeEndpoint::TWorkers TPipeServer::FindWorkers(std::int64_t pipe) {
+TPipeEndpoint::TWorkers TPipeServer::FindClient(std::int64_t pipe) const {
   const TKZLockGuard lock(FLock);
   return FindByPipe(FClients, pipe);
 }

@@ -44,6 +44,23 @@ using TOnPipeMessage = std::function<void(TKZMessageReceiverClass& sender, std::
 using TOnPipeSent =
     std::function<void(TKZMessageReceiverClass& sender, std::int64_t pipe, std::uint32_t size)>;
 
+// The slot of that event. Writers look whether it is set before they post a notice of each frame.
+// Threads: assigned and called in the main thread; IsSet by any.
+class TPipeSentSlot {
+ public:
+  TPipeSentSlot& operator=(TOnPipeSent handler) {
+    FHandler = std::move(handler);
+    FSet.store(static_cast<bool>(FHandler));
+    return *this;
+  }
+  [[nodiscard]] bool IsSet() const noexcept { return FSet.load(); }
+  [[nodiscard]] const TOnPipeSent& Handler() const noexcept { return FHandler; }
+
+ private:
+  TOnPipeSent FHandler;
+  std::atomic<bool> FSet = false;  // Atomic: see IsSet.
+};
+
 // What the transport's threads post to their owner.
 inline constexpr std::uint32_t kMsgPipeErrorListener = 1124;
 inline constexpr std::uint32_t kMsgPipeErrorWorker = 1125;
@@ -79,25 +96,24 @@ class TMadeInMainThread {
 };
 
 // What clients and servers have in common: the events and how the transport's messages raise them.
+// An event may free the object that raises it.
 // Owner: see TPipeClient and TPipeServer. Threads: main thread, the slots set before the first
-// connection.
+// connection, but for OnPipeSent, which may be set at any time.
 class TPipeEndpoint : private TMadeInMainThread, public TKZMessageReceiverClass {
  public:
   TOnPipeError OnPipeError;
   TOnPipeDisconnect OnPipeDisconnect;
   TOnPipeMessage OnPipeMessage;
-  TOnPipeSent OnPipeSent;
+  TPipeSentSlot OnPipeSent;
 
  protected:
   explicit TPipeEndpoint(const char* refusal) : TMadeInMainThread(refusal) {}
   using TWorkers = std::shared_ptr<TPipeWorkers>;
 
-  // Raises the event of one of the numbers 1124, 1125, 1128 and 1129; nothing for any other.
+  // Raises the event of one of the numbers 1124, 1125, 1128 and 1129; nothing for any other. The
+  // object may be gone afterwards.
   void RaiseEvent(const TKZMessage& message);
   void RaiseDisconnect(std::int64_t pipe);
-
-  // The live connection with this number; none when it has been given up.
-  virtual TWorkers FindWorkers(std::int64_t pipe) = 0;
 
  private:
   void RaiseError(const TKZMessage& message, TPipeContext context);
@@ -142,8 +158,8 @@ class TPipeClient final : public TPipeEndpoint {
   // about a second for the writer.
   void Disconnect(TWait wait) KZ_EXCLUDES(FLock);
 
-  // Queues one frame; false when not connected. Never blocks on the socket. What is queued when a
-  // connection ends is lost with it.
+  // Queues one frame; false when not connected or when the peer has gone. Never blocks on the
+  // socket. What is queued when a connection ends is lost with it.
   bool Write(std::string_view payload) KZ_EXCLUDES(FLock);
 
   // Waits in steps of 100 ms until all frames are taken by the writer, or the time is over.
@@ -161,7 +177,7 @@ class TPipeClient final : public TPipeEndpoint {
   bool StartWorkers(TFileDescriptor socket, const std::string& path) KZ_EXCLUDES(FLock);
   void RemoveWorkerThread(std::int64_t serial) KZ_EXCLUDES(FLock);
   void ForgetPipe() KZ_EXCLUDES(FLock);
-  TWorkers FindWorkers(std::int64_t pipe) override KZ_EXCLUDES(FLock);
+  void Forget(std::int64_t serial) KZ_EXCLUDES(FLock);
   TWorkers Current() const KZ_EXCLUDES(FLock);
 
   TRegistration FRegistration{this, "PipeClient"};
@@ -199,9 +215,10 @@ class TPipeServer final : public TPipeEndpoint {
   void SetMaxFrameSize(std::uint32_t bytes) noexcept { FMaxFrameSize.store(bytes); }
 
   // Starts listening, or ends it and every connection. A listener that cannot listen says so in
-  // the error log and ends. Throws KZException when the path is too long. Main thread.
+  // the error log and ends. While it is being switched off it counts as active, and what an event
+  // asks for meanwhile is left undone. Throws KZException when the path is too long. Main thread.
   void SetActive(bool active) KZ_EXCLUDES(FLock);
-  [[nodiscard]] bool Active() const noexcept { return FListener != nullptr; }
+  [[nodiscard]] bool Active() const noexcept { return FListener != nullptr || FShuttingDown; }
 
   // Queues one frame for a client; false when there is no such pipe.
   bool Write(std::int64_t pipe, std::string_view payload) KZ_EXCLUDES(FLock);
@@ -219,16 +236,17 @@ class TPipeServer final : public TPipeEndpoint {
 
  private:
   void AddClient(TFileDescriptor socket) KZ_EXCLUDES(FLock);
-  void RemoveWorkerThread(std::int64_t serial) KZ_EXCLUDES(FLock);
-  void RemoveClient(TWorkers client);
-  void ForgetLeaving(std::int64_t pipe);
+  void RemoveClient(const TWorkers& client);
+  TWorkers TakeLeaving(std::int64_t pipe);
   void DoShutdown() KZ_EXCLUDES(FLock);
-  TWorkers FindWorkers(std::int64_t pipe) override KZ_EXCLUDES(FLock);
+  TWorkers FindClient(std::int64_t pipe) const KZ_EXCLUDES(FLock);
+  TWorkers TakeClient(std::int64_t serial) KZ_EXCLUDES(FLock);
 
   TRegistration FRegistration{this, "PipeServer"};
   std::string FPipeName = "PipeServer";                      // Main thread only.
   std::atomic<std::uint32_t> FMaxFrameSize = kNoFrameLimit;  // Atomic: a setting of its own.
   std::unique_ptr<TKZThread> FListener;                      // Main thread only.
+  bool FShuttingDown = false;                                // Main thread only.
   std::vector<TWorkers> FLeaving;  // Main thread only: removed, disconnect not raised yet.
   mutable TKZCriticalSection FLock{"PipeServerClients"};
   std::vector<TWorkers> FClients KZ_GUARDED_BY(FLock);

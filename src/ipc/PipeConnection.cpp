@@ -1,7 +1,7 @@
 #include "ipc/PipeConnection.h"
 
-#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <array>
@@ -15,7 +15,8 @@ namespace {
 
 constexpr std::chrono::milliseconds kLongestWait{1000};
 constexpr std::size_t kReadBytes = 4096;
-constexpr std::size_t kMaxUndelivered = 16'777'216;
+constexpr std::size_t kMaxSpare = 16;
+constexpr std::size_t kMaxSpareBytes = 65'536;
 
 std::int64_t NextSerial() {
   static std::atomic<std::int64_t> serial = 0;
@@ -28,21 +29,49 @@ std::atomic<int>& OpenSockets(TPipeSide side) {
 
 }  // namespace
 
-void TWriteQueue::Append(TPipeWrite write) {
+void TWriteQueue::Append(std::string_view payload) {
+  TPipeWrite write{TakeSpare()};
+  AppendFrame(write.Buffer, payload);
+  bool wasEmpty = false;
+  {
+    const TKZLockGuard lock(FLock);
+    wasEmpty = FWrites.empty();
+    FWrites.push_back(std::move(write));
+  }
+  if (wasEmpty) FDataEvent.Signal();
+}
+
+std::string TWriteQueue::TakeSpare() {
   const TKZLockGuard lock(FLock);
-  FWrites.push_back(std::move(write));
-  if (FWrites.size() == 1) FDataEvent.Signal();
+  if (FSpare.empty()) return {};
+  std::string spare = std::move(FSpare.back());
+  FSpare.pop_back();
+  return spare;
 }
 
 std::optional<TPipeWrite> TWriteQueue::Dequeue() {
+  TPipeWrite write;
   const TKZLockGuard lock(FLock);
+  if (!TakeLocked(write)) return std::nullopt;
+  return write;
+}
+
+bool TWriteQueue::Exchange(TPipeWrite& write) {
+  const bool reusable = write.Buffer.capacity() <= kMaxSpareBytes;
+  write.Buffer.clear();
+  const TKZLockGuard lock(FLock);
+  if (reusable && FSpare.size() < kMaxSpare) FSpare.push_back(std::move(write.Buffer));
+  return TakeLocked(write);
+}
+
+bool TWriteQueue::TakeLocked(TPipeWrite& write) {
   if (FWrites.empty()) {
     FDataEvent.Reset();
-    return std::nullopt;
+    return false;
   }
-  TPipeWrite write = std::move(FWrites.front());
+  write = std::move(FWrites.front());
   FWrites.pop_front();
-  return write;
+  return true;
 }
 
 std::size_t TWriteQueue::Count() {
@@ -63,6 +92,10 @@ TPipeConnection::TPipeConnection(TFileDescriptor socket, TPipeSide side, std::st
       FMaxFrameSize(maxFrameSize),
       FSerial(NextSerial()) {
   ++OpenSockets(FSide);
+  // The longest wait of a read; End wakes it earlier. One call a read, where waiting by select and
+  // reading would be two.
+  const timeval longestWait{.tv_sec = kLongestWait.count() / 1000, .tv_usec = 0};
+  ::setsockopt(FSocket.Get(), SOL_SOCKET, SO_RCVTIMEO, &longestWait, sizeof(longestWait));
 }
 
 TPipeConnection::~TPipeConnection() { --OpenSockets(FSide); }
@@ -71,72 +104,63 @@ void TPipeConnection::End() noexcept {
   if (FEnded.exchange(true)) return;
   ::shutdown(FSocket.Get(), SHUT_RDWR);
   FQueue.Wake();
-  FDeliveredEvent.Signal();
+  FPayloads->Wake();
 }
 
 void TPipeConnection::ReadAll(const TFrameParser::TSink& onPayload) {
+  KZCP::Checkpoint("PipeRead:Sock#" + std::to_string(Pipe()));
   TFrameParser parser(FMaxFrameSize);
-  TReadResult result = TReadResult::Nothing;
-  while (!Ended() && result != TReadResult::PeerGone) {
-    if (WatchedPathIsGone()) break;
-    if (TooManyUndelivered()) {
-      FDeliveredEvent.WaitFor(kLongestWait);
-      continue;
+  while (!Ended() && !WatchedPathIsGone()) {
+    if (FPayloads->IsFull()) {
+      FPayloads->WaitForRoom(kLongestWait);
+    } else if (QueuedRead(parser, onPayload) == TReadResult::PeerGone) {
+      return;
     }
-    if (result == TReadResult::Nothing && !WaitReadable()) continue;
-    result = QueuedRead(parser, onPayload);
   }
-  End();
 }
 
 TPipeConnection::TReadResult TPipeConnection::QueuedRead(TFrameParser& parser,
                                                          const TFrameParser::TSink& onPayload) {
   std::array<char, kReadBytes> buffer;
-  const ssize_t got = RetryOnEintr(
-      [&] { return ::recv(FSocket.Get(), buffer.data(), buffer.size(), MSG_DONTWAIT); });
-  if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return TReadResult::Nothing;
+  const ssize_t got =
+      RetryOnEintr([&] { return ::recv(FSocket.Get(), buffer.data(), buffer.size(), 0); });
+  if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return TReadResult::TimedOut;
   if (got <= 0) return TReadResult::PeerGone;
   parser.Feed({buffer.data(), static_cast<std::size_t>(got)}, onPayload);
-  return TReadResult::Got;
-}
-
-bool TPipeConnection::WaitReadable() const {
-  pollfd readable{.fd = FSocket.Get(), .events = POLLIN, .revents = 0};
-  return ::poll(&readable, 1, static_cast<int>(kLongestWait.count())) > 0;
+  return TReadResult::Received;
 }
 
 // A peer that removes its socket file has gone, whatever its socket does. Looked at twice a second
 // at most, not with every read.
 bool TPipeConnection::WatchedPathIsGone() {
   constexpr std::int64_t kLookIntervalMs = 500;
+  if (FWatchedPath.empty()) return false;
   const std::int64_t now = SystemTickCount();
-  if (FWatchedPath.empty() || now - FPathLookedAtTick < kLookIntervalMs) return false;
+  if (now - FPathLookedAtTick < kLookIntervalMs) return false;
   FPathLookedAtTick = now;
   return ::access(FWatchedPath.c_str(), F_OK) != 0;
 }
 
-bool TPipeConnection::TooManyUndelivered() const noexcept {
-  return FUndelivered.load() > kMaxUndelivered;
-}
-
-void TPipeConnection::RemoveUndelivered(std::size_t bytes) {
-  if (FUndelivered.fetch_sub(bytes) > kMaxUndelivered) FDeliveredEvent.Signal();
-}
-
 void TPipeConnection::WriteAll(const std::function<void(std::size_t)>& onSent) {
+  const std::string waiting = "WaitforDataForSock#" + std::to_string(Pipe());
+  TPipeWrite write;
   while (!Ended()) {
-    if (FQueue.WaitForData(kLongestWait)) QueuedWrite(onSent);
+    if (FQueue.Exchange(write)) {
+      QueuedWrite(write, onSent);
+    } else {
+      KZCP::Checkpoint(waiting);
+      FQueue.WaitForData(kLongestWait);
+    }
   }
 }
 
-void TPipeConnection::QueuedWrite(const std::function<void(std::size_t)>& onSent) {
-  const std::optional<TPipeWrite> write = FQueue.Dequeue();
-  if (!write) return;
+void TPipeConnection::QueuedWrite(const TPipeWrite& write,
+                                  const std::function<void(std::size_t)>& onSent) {
   const ssize_t sent =
-      ::send(FSocket.Get(), write->Buffer.data(), write->Buffer.size(), MSG_NOSIGNAL);
+      ::send(FSocket.Get(), write.Buffer.data(), write.Buffer.size(), MSG_NOSIGNAL);
   // A short write is not retried: the call blocks until all is taken, so it is short only when the
   // connection breaks, and then the rest of the frame is of no use to anybody.
-  if (sent == static_cast<ssize_t>(write->Buffer.size())) onSent(write->Buffer.size());
+  if (sent == static_cast<ssize_t>(write.Buffer.size())) onSent(write.Buffer.size());
 }
 
 }  // namespace guardian

@@ -6,13 +6,16 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "common/Event.h"
 #include "common/FileDescriptor.h"
 #include "diagnostics/KZCriticalSection.h"
+#include "ipc/PayloadPool.h"
 #include "ipc/PipeFrame.h"
 #include "ipc/PipeObjects.h"
 
@@ -29,22 +32,32 @@ struct TPipeWrite {
 // Owner: the connection. Threads: any.
 class TWriteQueue {
  public:
-  void Append(TPipeWrite write) KZ_EXCLUDES(FLock);
+  // Frames the payload.
+  void Append(std::string_view payload) KZ_EXCLUDES(FLock);
   [[nodiscard]] std::optional<TPipeWrite> Dequeue() KZ_EXCLUDES(FLock);
+
+  // The same for the writer, which gives its last frame back: the memory of that serves frames to
+  // come. False when there is none.
+  [[nodiscard]] bool Exchange(TPipeWrite& write) KZ_EXCLUDES(FLock);
+
   [[nodiscard]] std::size_t Count() KZ_EXCLUDES(FLock);
 
   // Drops the oldest ones until at most this many are left.
   void Limit(std::size_t maxItems) KZ_EXCLUDES(FLock);
 
-  // Waits until there is a frame or Wake was called; returns whether one of both.
-  bool WaitForData(std::chrono::milliseconds timeout) { return FDataEvent.WaitFor(timeout); }
+  // Waits until there is a frame, Wake was called or the time is over.
+  void WaitForData(std::chrono::milliseconds timeout) { FDataEvent.WaitFor(timeout); }
 
-  // Ends this wait and all later ones at once.
+  // Ends a wait that is under way.
   void Wake() { FDataEvent.Signal(); }
 
  private:
+  std::string TakeSpare() KZ_EXCLUDES(FLock);
+  bool TakeLocked(TPipeWrite& write) KZ_REQUIRES(FLock);
+
   TKZCriticalSection FLock{"WriteQueue"};
   std::deque<TPipeWrite> FWrites KZ_GUARDED_BY(FLock);
+  std::vector<std::string> FSpare KZ_GUARDED_BY(FLock);
   TKZEvent FDataEvent{"WriteQueueDataEvent", TEventReset::Manual};
   const TRegistration FRegistration{this, "WriteQueue"};
 };
@@ -72,40 +85,36 @@ class TPipeConnection {
   [[nodiscard]] TPipeSide Side() const noexcept { return FSide; }
   [[nodiscard]] TWriteQueue& Queue() noexcept { return FQueue; }
 
+  // Where the payloads that this connection receives come from.
+  [[nodiscard]] const std::shared_ptr<TPayloadPool>& Payloads() const noexcept { return FPayloads; }
+
   // Ends both directions and wakes everybody. Never blocks.
   void End() noexcept;
   [[nodiscard]] bool Ended() const noexcept { return FEnded.load(); }
 
-  // The reader's loop: hands over each payload, until the connection or the peer has ended; then
-  // ends the connection. Reading stops while too many bytes are undelivered.
+  // The reader's loop: hands over each payload, until the connection or the peer has ended.
+  // Reading stops while too much is undelivered.
   void ReadAll(const TFrameParser::TSink& onPayload);
 
   // The writer's loop: writes what is queued, each frame with a single call, and tells the size of
   // each one that was written whole. Returns when the connection has ended.
   void WriteAll(const std::function<void(std::size_t)>& onSent);
 
-  // Bytes that were handed over and are not delivered yet. Any thread.
-  void AddUndelivered(std::size_t bytes) noexcept { FUndelivered.fetch_add(bytes); }
-  void RemoveUndelivered(std::size_t bytes);
-
  private:
-  enum class TReadResult { Got, Nothing, PeerGone };
+  enum class TReadResult { Received, TimedOut, PeerGone };
 
   TReadResult QueuedRead(TFrameParser& parser, const TFrameParser::TSink& onPayload);
-  void QueuedWrite(const std::function<void(std::size_t)>& onSent);
-  bool WaitReadable() const;
+  void QueuedWrite(const TPipeWrite& write, const std::function<void(std::size_t)>& onSent);
   bool WatchedPathIsGone();
-  bool TooManyUndelivered() const noexcept;
 
   const TFileDescriptor FSocket;
   const TPipeSide FSide;
   const std::string FWatchedPath;
   const std::uint32_t FMaxFrameSize;
   const std::int64_t FSerial;
+  const std::shared_ptr<TPayloadPool> FPayloads = std::make_shared<TPayloadPool>();
   TWriteQueue FQueue;
-  std::atomic<bool> FEnded = false;           // Atomic: a one-way flag that both loops look at.
-  std::atomic<std::size_t> FUndelivered = 0;  // Atomic: the reader adds, the main thread takes.
-  TKZEvent FDeliveredEvent{"PipeDelivered"};
+  std::atomic<bool> FEnded = false;    // Atomic: a one-way flag that both loops look at.
   std::int64_t FPathLookedAtTick = 0;  // Reader only.
 };
 

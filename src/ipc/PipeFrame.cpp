@@ -1,18 +1,24 @@
 #include "ipc/PipeFrame.h"
 
+#include <array>
 #include <cstring>
 
 namespace guardian {
 
 std::string BuildFrame(std::string_view payload) {
+  std::string frame;
+  AppendFrame(frame, payload);
+  return frame;
+}
+
+void AppendFrame(std::string& text, std::string_view payload) {
   THeaderRec header;
   std::memcpy(header.Tag, kFrameTag.data(), sizeof(header.Tag));
   header.Size = static_cast<std::uint32_t>(payload.size());
-  std::string frame;
-  frame.reserve(payload.size() + kFrameOverhead);
-  frame.resize(sizeof(header));
-  std::memcpy(frame.data(), &header, sizeof(header));
-  return frame.append(payload).append(kFrameTrailer);
+  std::array<char, sizeof(header)> bytes;
+  std::memcpy(bytes.data(), &header, sizeof(header));
+  text.reserve(text.size() + payload.size() + kFrameOverhead);
+  text.append(bytes.data(), bytes.size()).append(payload).append(kFrameTrailer);
 }
 
 void TFrameParser::Feed(std::string_view bytes, const TSink& sink) {

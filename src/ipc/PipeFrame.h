@@ -27,6 +27,9 @@ inline constexpr std::uint32_t kNoFrameLimit = std::numeric_limits<std::uint32_t
 // The frame of a payload of less than 4 GiB: header, payload, trailer.
 [[nodiscard]] std::string BuildFrame(std::string_view payload);
 
+// The same at the end of an existing text.
+void AppendFrame(std::string& text, std::string_view payload);
+
 // Puts the payloads together that a stream of bytes carries in frames, whatever pieces it comes
 // in. The cost is linear in the bytes; the bytes kept are at most one frame and what came with its
 // last piece.

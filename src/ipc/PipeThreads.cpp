@@ -17,7 +17,6 @@
 #include "common/NamedMutex.h"
 #include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/PipeCounters.h"
-#include "ipc/KZUnixPipes.h"
 
 namespace guardian {
 namespace {
@@ -67,7 +66,7 @@ TFileDescriptor MakeSocket(int flags) {
 }  // namespace
 
 TPipeThread::TPipeThread(std::string name, const char* registeredAs, TRole role,
-                         TPipeConnection& connection, TKZMessageReceiverClass& owner)
+                         TPipeConnection& connection, TPipeEndpoint& owner)
     : TKZThread(TThreadCreation::Suspended, std::move(name)),
       FRegistration(this, registeredAs),
       FRole(role),
@@ -76,6 +75,16 @@ TPipeThread::TPipeThread(std::string name, const char* registeredAs, TRole role,
 
 void TPipeThread::Execute() {
   const TThreadCount count(FConnection.Side());
+  try {
+    Work();
+  } catch (...) {
+    WritePipeDiagnostic(Name() + ": " + CurrentExceptionMessage());
+  }
+  FConnection.End();
+  if (FRole == TRole::Reader) ReportEnd();
+}
+
+void TPipeThread::Work() {
   if (FRole == TRole::Reader) {
     Read();
   } else {
@@ -88,32 +97,38 @@ void TPipeThread::Read() {
     PostMessage(FOwner, kMsgPipeConnect, FConnection.Pipe(), 0, 0);
   }
   FConnection.ReadAll([this](std::string_view payload) {
-    FConnection.AddUndelivered(payload.size());
     PostMessage(FOwner, kMsgPipeMessage, FConnection.Pipe(),
-                std::make_unique<std::string>(payload));
+                MakePayload(FConnection.Payloads(), payload));
   });
-  // Behind the last message, so that the owner hears of the end after all that came before it.
-  PostMessage(FOwner, kMsgPipeWorkerEnded, FConnection.Pipe(), FConnection.Serial(), 0);
 }
 
 void TPipeThread::Write() {
   FConnection.WriteAll([this](std::size_t bytes) {
+    if (!FOwner.OnPipeSent.IsSet()) return;
     PostMessage(FOwner, kMsgPipeSent, FConnection.Pipe(), 0, static_cast<std::int64_t>(bytes));
   });
 }
 
+// Behind the last message, so that the owner hears of the end after all that came before it. The
+// numbers 1124 and 1125 are never posted: a failure shows as an end and nothing else.
+void TPipeThread::ReportEnd() noexcept try {
+  PostMessage(FOwner, kMsgPipeWorkerEnded, FConnection.Pipe(), FConnection.Serial(), 0);
+} catch (...) {
+  WritePipeDiagnostic(Name() + " cannot report its end: " + CurrentExceptionMessage());
+}
+
 TPipeClientThread::TPipeClientThread(const std::string& pipeName, TRole role,
-                                     TPipeConnection& connection, TKZMessageReceiverClass& owner)
+                                     TPipeConnection& connection, TPipeEndpoint& owner)
     : TPipeThread(ClientThreadName(pipeName), "PipeClientThread", role, connection, owner) {}
 
 TPipeServerThread::TPipeServerThread(const std::string& pipeName, TRole role,
-                                     TPipeConnection& connection, TKZMessageReceiverClass& owner)
+                                     TPipeConnection& connection, TPipeEndpoint& owner)
     : TPipeThread("PipeServerThread for " + pipeName, "PipeServerThread", role, connection, owner) {
 }
 
 TPipeWorkers::TPipeWorkers(TFileDescriptor socket, TPipeSide side, const std::string& pipeName,
                            const std::string& watchedPath, std::uint32_t maxFrameSize,
-                           TKZMessageReceiverClass& owner)
+                           TPipeEndpoint& owner)
     : FConnection(
           std::make_shared<TPipeConnection>(std::move(socket), side, watchedPath, maxFrameSize)) {
   const auto makeThread = [&](TPipeThread::TRole role) -> std::unique_ptr<TPipeThread> {
@@ -130,13 +145,18 @@ TPipeWorkers::~TPipeWorkers() { FConnection->End(); }
 
 void TPipeWorkers::Start() {
   try {
-    // The writer first: once the reader runs, its end is reported.
-    FWriter->Start();
     FReader->Start();
+    FWriter->Start();
   } catch (...) {
     FConnection->End();
     throw;
   }
+}
+
+void TPipeWorkers::EndAndJoin() {
+  FConnection->End();
+  FReader->Join();
+  FWriter->Join();
 }
 
 TPipeListenThread::TPipeListenThread(std::string pipeName, std::string path, TOnAccepted onAccepted)
@@ -152,9 +172,11 @@ void TPipeListenThread::Execute() {
     WritePipeDiagnostic("create mutex " + FPath + ".mutex: " + SystemErrorText(mutex.Error()));
     return;
   }
-  const TFileDescriptor listener = Listen();
-  if (!listener) return;
-  AcceptAll(listener.Get());
+  {
+    const TFileDescriptor listener = Listen();
+    if (!listener) return;
+    AcceptAll(listener.Get());
+  }
   RemoveSocketFile();
 }
 
@@ -164,16 +186,20 @@ TFileDescriptor TPipeListenThread::Listen() const {
   TFileDescriptor listener = MakeSocket(SOCK_NONBLOCK);
   ::unlink(FPath.c_str());
   const sockaddr_un address = AddressOf(FPath);
+  const bool bound =
+      listener && ::bind(listener.Get(), Generic(address), AddressLengthOf(FPath)) == 0;
   const bool listens =
-      listener && ::bind(listener.Get(), Generic(address), AddressLengthOf(FPath)) == 0 &&
-      ::chmod(FPath.c_str(), kEveryUser) == 0 && ::listen(listener.Get(), kBacklog) == 0;
+      bound && ::chmod(FPath.c_str(), kEveryUser) == 0 && ::listen(listener.Get(), kBacklog) == 0;
   if (listens) return listener;
   WritePipeDiagnostic("listen on " + FPath + ": " + SystemErrorText(errno));
+  if (bound) ::unlink(FPath.c_str());
   return {};
 }
 
-void TPipeListenThread::AcceptAll(int listener) {
+void TPipeListenThread::AcceptAll(int listener) const {
+  const std::string waiting = "PipeListen:fpaccept[" + FPipeName + "]";
   while (!Terminated()) {
+    KZCP::Checkpoint(waiting);
     if (WaitForClient(listener)) AcceptOne(listener);
   }
 }
@@ -184,27 +210,32 @@ bool TPipeListenThread::WaitForClient(int listener) const {
   return ::poll(waits, 2, -1) > 0 && waits[1].revents == 0;
 }
 
-void TPipeListenThread::AcceptOne(int listener) {
-  const std::string checkpoint = "PipeListen:fpaccept[" + FPipeName + "]";
-  KZCP::Checkpoint(checkpoint);
+void TPipeListenThread::AcceptOne(int listener) const {
   TFileDescriptor client(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
   if (!client) {
     if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) return;
     // No descriptor or no memory left: the client stays in the queue until there is.
     WritePipeDiagnostic("accept on " + FPath + ": " + SystemErrorText(errno));
-    pollfd stop{.fd = FStopping.Descriptor(), .events = POLLIN, .revents = 0};
-    ::poll(&stop, 1, 1000);
-    return;
+    return PauseAfterFailure();
   }
-  KZCP::Checkpoint(checkpoint + "-got#" + std::to_string(client.Get()));
+  KZCP::Checkpoint("PipeListen:fpaccept[" + FPipeName + "]-got#" + std::to_string(client.Get()));
   try {
     Synchronize([&] { FOnAccepted(std::move(client)); });
   } catch (...) {
     WritePipeDiagnostic("serve a client of " + FPath + ": " + CurrentExceptionMessage());
+    PauseAfterFailure();
   }
 }
 
-void TPipeListenThread::RemoveSocketFile() {
+void TPipeListenThread::PauseAfterFailure() const {
+  constexpr int kPauseMs = 1000;
+  pollfd stop{.fd = FStopping.Descriptor(), .events = POLLIN, .revents = 0};
+  ::poll(&stop, 1, kPauseMs);
+}
+
+// A second server on the same name may have put its own socket there meanwhile; it is removed all
+// the same, and that server's clients take it for the end.
+void TPipeListenThread::RemoveSocketFile() const {
   constexpr int kTries = 100;
   constexpr std::chrono::milliseconds kPause{200};
   for (int i = 0; i < kTries && ::unlink(FPath.c_str()) != 0; ++i) {
@@ -217,6 +248,7 @@ TFileDescriptor TryConnect(const std::string& path) {
   // A server that does not accept and whose queue is full would block a plain connect for ever.
   TFileDescriptor socket = MakeSocket(SOCK_NONBLOCK);
   const sockaddr_un address = AddressOf(path);
+  // A socket that could not be made is not told apart here: the call below fails for it.
   if (::connect(socket.Get(), Generic(address), AddressLengthOf(path)) != 0) return {};
   // From here on the writer's calls shall block until all is taken.
   const int flags = ::fcntl(socket.Get(), F_GETFL);

@@ -6,6 +6,7 @@
 
 #include "common/Cancellation.h"
 #include "ipc/KZMessages.h"
+#include "ipc/KZUnixPipes.h"
 #include "ipc/PipeConnection.h"
 
 namespace guardian {
@@ -17,32 +18,34 @@ class TPipeThread : public TKZThread {
   enum class TRole { Reader, Writer };
 
   TPipeThread(std::string name, const char* registeredAs, TRole role, TPipeConnection& connection,
-              TKZMessageReceiverClass& owner);
+              TPipeEndpoint& owner);
   ~TPipeThread() override { Join(); }
 
  private:
   void Execute() override;
+  void Work();
   void Read();
   void Write();
+  void ReportEnd() noexcept;
   void OnTerminate() override { FConnection.End(); }
 
   const TRegistration FRegistration;
   const TRole FRole;
   TPipeConnection& FConnection;
-  TKZMessageReceiverClass& FOwner;
+  TPipeEndpoint& FOwner;
 };
 
 class TPipeClientThread final : public TPipeThread {
  public:
   TPipeClientThread(const std::string& pipeName, TRole role, TPipeConnection& connection,
-                    TKZMessageReceiverClass& owner);
+                    TPipeEndpoint& owner);
   ~TPipeClientThread() override { Join(); }
 };
 
 class TPipeServerThread final : public TPipeThread {
  public:
   TPipeServerThread(const std::string& pipeName, TRole role, TPipeConnection& connection,
-                    TKZMessageReceiverClass& owner);
+                    TPipeEndpoint& owner);
   ~TPipeServerThread() override { Join(); }
 };
 
@@ -52,17 +55,19 @@ class TPipeServerThread final : public TPipeThread {
 class TPipeWorkers {
  public:
   TPipeWorkers(TFileDescriptor socket, TPipeSide side, const std::string& pipeName,
-               const std::string& watchedPath, std::uint32_t maxFrameSize,
-               TKZMessageReceiverClass& owner);
+               const std::string& watchedPath, std::uint32_t maxFrameSize, TPipeEndpoint& owner);
   ~TPipeWorkers();
   TPipeWorkers(const TPipeWorkers&) = delete;
   TPipeWorkers& operator=(const TPipeWorkers&) = delete;
 
-  // Starts both threads. Throws ESystemError; the connection has then ended.
+  // Starts both threads. Throws ESystemError; the connection has then ended, and its end is not
+  // reported.
   void Start();
 
+  // Ends the connection and waits for both threads. Not in one of them.
+  void EndAndJoin();
+
   [[nodiscard]] TPipeConnection& Connection() const noexcept { return *FConnection; }
-  [[nodiscard]] std::shared_ptr<TPipeConnection> SharedConnection() const { return FConnection; }
   [[nodiscard]] TKZThread& Reader() const noexcept { return *FReader; }
   [[nodiscard]] TKZThread& Writer() const noexcept { return *FWriter; }
 
@@ -85,9 +90,10 @@ class TPipeListenThread final : public TKZThread {
   void Execute() override;
   void OnTerminate() override { FStopping.Cancel(); }
   [[nodiscard]] TFileDescriptor Listen() const;
-  void AcceptAll(int listener);
-  void AcceptOne(int listener);
-  void RemoveSocketFile();
+  void AcceptAll(int listener) const;
+  void AcceptOne(int listener) const;
+  void RemoveSocketFile() const;
+  void PauseAfterFailure() const;
   bool WaitForClient(int listener) const;
 
   const TRegistration FRegistration{this, "PipeListenThread"};

@@ -46,7 +46,7 @@ TPipeCheck TSchedulerClient::CheckSchedulerPipe() {
       return {.Ok = FLastMessageAt > now - kSilentMinutes * kMinute};
     default:
       FLog("Opening pipe connection to service");
-      const bool connected = EnsureClient() && FClient->Connect(1000);
+      const bool connected = Connect(1000);
       return {.Ok = connected, .JustConnected = connected};
   }
 }
@@ -80,11 +80,21 @@ bool TSchedulerClient::EnsureClient() {
   return FClient != nullptr;
 }
 
+// A path that is too long for a socket must not end the watchdog's round.
+bool TSchedulerClient::Connect(int waitMs) {
+  try {
+    return EnsureClient() && FClient->Connect(waitMs);
+  } catch (const KZException& error) {
+    FLog("Scheduler pipe cannot be opened: " + HtmlEscape(error.Message()));
+    return false;
+  }
+}
+
 bool TSchedulerClient::SendCommand(TSyncCommMessages command) {
   constexpr int kConnectMs = 5000;
   const std::string name = NameOf(command);
   FLog("Sending command " + name);
-  if (!IsConnected() && !(EnsureClient() && FClient->Connect(kConnectMs))) {
+  if (!IsConnected() && !Connect(kConnectMs)) {
     FLog("Error connecting pipe");
   }
   const bool sent = FClient && FClient->Write(CommandRecord(command));
@@ -117,7 +127,7 @@ void TSchedulerClient::LogRecord(const TSyncCommRecord& record) {
   }
   if (action == TSchedulerActions::tsaSchedulerRunning) {
     line += " Pulse: " + std::to_string(record.Pulse);
-    FPulse = static_cast<std::uint64_t>(record.Pulse);
+    FPulse = record.Pulse;
   }
   FLog(line);
 }

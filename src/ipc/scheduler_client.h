@@ -46,7 +46,7 @@ class TScheduler {
   virtual bool SendCommand(TSyncCommMessages command) = 0;
 
   // The last one that a running scheduler sent.
-  [[nodiscard]] virtual std::uint64_t Pulse() const noexcept = 0;
+  [[nodiscard]] virtual std::int64_t Pulse() const noexcept = 0;
 };
 
 // The Guardian's end of the daemon's scheduler pipe: hears the pulse, sends commands.
@@ -68,7 +68,7 @@ class TSchedulerClient final : public TScheduler {
   [[nodiscard]] bool IsSchedulerRunning() const override;
   [[nodiscard]] TPipeCheck CheckSchedulerPipe() override;
   bool SendCommand(TSyncCommMessages command) override;
-  [[nodiscard]] std::uint64_t Pulse() const noexcept override { return FPulse.load(); }
+  [[nodiscard]] std::int64_t Pulse() const noexcept override { return FPulse.load(); }
 
   // Takes the records of one message of the pipe. Main thread.
   void HandleMessage(std::string_view payload);
@@ -82,6 +82,7 @@ class TSchedulerClient final : public TScheduler {
   TAction DecideAction(TDateTime now) const;
   bool HeardSince(TDateTime now, double minutes) const;
   bool EnsureClient();
+  bool Connect(int waitMs);
   bool IsConnected() const { return FClient && FClient->Connected(); }
   void LogRecord(const TSyncCommRecord& record);
 
@@ -92,7 +93,7 @@ class TSchedulerClient final : public TScheduler {
   // Atomics: the main thread writes what it hears, the watchdog judges it.
   std::atomic<TDateTime> FLastMessageAt = 0;  // An instant of TClock::SteadyNow.
   std::atomic<int> FMessagesReceived = 0;     // Since the last reset.
-  std::atomic<std::uint64_t> FPulse = 0;
+  std::atomic<std::int64_t> FPulse = 0;
   // Set once by the watchdog's thread, in the main thread and while the former waits for it.
   std::unique_ptr<TPipeClient> FClient;
 };

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "common/Texts.h"
+
 namespace guardian {
 namespace {
 
@@ -46,7 +48,8 @@ void TActivityLog::AddDetailEntry(std::string_view message) {
 
 void TActivityLog::AddEntry(std::string_view kind, std::string_view message) {
   const std::string time = DateTimeToStr(FClock.Now());
-  const std::string entry = std::string(kBreak).append(time).append(kind).append(message);
+  const std::string entry =
+      std::string(kBreak).append(time).append(kind).append(HtmlEscape(message));
   const TMutexLock lock(FLock);
   FShortLog.Set(Appended(FShortLog, entry));
   FDetailedLog.Set(Appended(FDetailedLog, entry));

@@ -17,7 +17,8 @@ enum class TSystemLogKind { Error = 1, Warning = 2, Information = 4 };
 // the detailed one, with the entries and the lines between them. Both are held to
 // kActivityLogLimit characters; the oldest entries are dropped whole.
 //
-// Messages are HTML: what comes from outside is escaped by the caller.
+// The messages of entries are plain text, which goes to the system log as it is and is escaped
+// here; details are HTML, in which the caller has escaped what comes from outside.
 // Owner: the guardian service. Threads: any thread may call anything; readers take no lock.
 // Lifetime: clock and system log outlive it.
 class TActivityLog {

@@ -16,6 +16,11 @@ constexpr std::chrono::milliseconds kToDoInterval{100};
 // Short, because the process is to end within a second, a shell command of its own included.
 constexpr std::chrono::milliseconds kStopGrace{300};
 
+std::atomic<bool>& Wanted() {
+  static std::atomic<bool> wanted = false;
+  return wanted;
+}
+
 THttpServerOptions ServerOptions() {
   THttpServerOptions options;
   options.StopGrace = kStopGrace;
@@ -76,12 +81,16 @@ void TWebStatusServer::ToDoTick() {
 }
 
 void StartWebStatusServer(TWebStatusOptions options) {
+  Wanted() = true;
   if (Instance()) return;
   Instance() = std::make_unique<TWebStatusServer>(std::move(options));
   Instance()->StartServer();
 }
 
+bool WebStatusServerWanted() noexcept { return Wanted(); }
+
 void FreeWebStatusServer() {
+  Wanted() = false;
   if (!Instance()) return;
   try {
     Instance()->StopServer();

@@ -41,6 +41,14 @@ class TWebStatusServer {
   // The port it listens on; 0 while inactive. Any thread.
   [[nodiscard]] std::uint16_t Port() const noexcept { return FHttpServer.Port(); }
 
+  // Has the process list taken anew, a tenth of a second later and for at most twice 10 seconds, on
+  // a thread of its own. Any thread.
+  void RequestProcessList() { FToDoTimer.SetEnabled(true); }
+
+  // What was taken last, and when by local time; zero before the first. Any thread.
+  [[nodiscard]] TSharedText::TText ProcessList() const { return FProcessList.Get(); }
+  [[nodiscard]] TDateTime ProcessListTime() const noexcept { return FProcessListTime.load(); }
+
  private:
   THttpResponse HandleRequest(const THttpRequest& request) const;
   void ToDoTick();
@@ -49,7 +57,7 @@ class TWebStatusServer {
   THttpServer FHttpServer;
   TSharedText FProcessList;
   std::atomic<TDateTime> FProcessListTime = 0;  // Atomic: as the text, for any reader.
-  // Nothing enables it yet; it is kept ready for a caller that does.
+  // Disables itself; nothing asks for it yet but RequestProcessList.
   TKZTimer FToDoTimer;
 };
 
@@ -58,5 +66,8 @@ void StartWebStatusServer(TWebStatusOptions options);
 
 // Stops and frees it; nothing when there is none. Main thread.
 void FreeWebStatusServer();
+
+// Whether the server is meant to be there, be it up or not. Any thread.
+[[nodiscard]] bool WebStatusServerWanted() noexcept;
 
 }  // namespace guardian

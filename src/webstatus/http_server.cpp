@@ -597,17 +597,22 @@ void THttpServer::Activate(std::uint16_t port) {
   if (FRun) throw KZException("The HTTP server is active already");
   try {
     auto run = std::make_unique<TRun>(*this, port);
+    // Known before the first handler can ask for it.
+    FPort.store(run->Port());
     run->StartThreads();
     FRun = std::move(run);
   } catch (const boost::system::system_error& error) {
+    FPort.store(0);
     throw ESystemError("Listen on", "port " + std::to_string(port), error.code().value());
+  } catch (...) {
+    FPort.store(0);
+    throw;
   }
-  FPort.store(FRun->Port());
 }
 
 void THttpServer::Deactivate() {
-  FPort.store(0);
   FRun.reset();
+  FPort.store(0);
 }
 
 }  // namespace guardian

@@ -35,11 +35,11 @@ class TFakeScheduler final : public TScheduler {
     Sent.push_back(command);
     return true;
   }
-  std::uint64_t Pulse() const noexcept override { return Now; }
+  std::int64_t Pulse() const noexcept override { return Now; }
 
   bool MutexOK = true;
   bool PipeOK = true;
-  std::uint64_t Now = 0;
+  std::int64_t Now = 0;
   std::vector<TSyncCommMessages> Sent;
 
  private:
@@ -67,6 +67,7 @@ class GuardianServiceTest : public testing::Test {
             },
         .SystemLog = [](std::string_view, TSystemLogKind) {},
         .OwnPath = kOwnPath,
+        .ConfDir = "/etc",
         .Files = &FFiles,
         .Clock = &FClock,
     });

@@ -55,6 +55,14 @@ TEST(TKZCustomApplicationTest, RunsRequestsUntilTerminatedByAnyThread) {
   application.Run();  // Returns at once: there is no way back.
 }
 
+// Without the wake-up the wait would take an hour, and the test's time limit would end it.
+TEST(TKZCustomApplicationTest, WakesTheMainThreadWhenItTerminates) {
+  TKZCustomApplication application;
+  while (CheckSynchronize(std::chrono::milliseconds(0))) continue;
+  application.Terminate();
+  EXPECT_FALSE(CheckSynchronize(std::chrono::hours(1)));
+}
+
 TEST(TKZCustomApplicationTest, GivesTheSignalsBack) {
   const auto hangup = HandlerOf(SIGHUP);
   const auto interrupt = HandlerOf(SIGINT);

@@ -127,12 +127,13 @@ TEST_F(KZMessagesTest, ContinuesInANestedProcessMessagesWithoutLossOrReordering)
 
 TEST_F(KZMessagesTest, KeepsTheRestInOrderWhileDeliveryIsStopped) {
   TRecorder recorder;
-  recorder.OnMessage = [](const TKZMessage& message) {
-    if (message.WParam == 2) StopDelivery();
+  recorder.OnMessage = [&](const TKZMessage& message) {
+    if (message.WParam != 2) return;
+    recorder.Post(5);
+    StopDelivery();
   };
   for (int i = 1; i <= 4; ++i) recorder.Post(i);
   ProcessMessages();
-  recorder.Post(5);
   ProcessMessages();
   EXPECT_TRUE(DeliveryStopped());
   EXPECT_THAT(recorder.Received, ElementsAre(1, 2));
@@ -140,6 +141,17 @@ TEST_F(KZMessagesTest, KeepsTheRestInOrderWhileDeliveryIsStopped) {
   ResumeDelivery();
   ASSERT_TRUE(Receives(recorder, 5));
   EXPECT_THAT(recorder.Received, ElementsAre(1, 2, 3, 4, 5));
+
+  // With nothing posted behind the rest, which alone has to bring its delivery about.
+  recorder.OnMessage = [](const TKZMessage& message) {
+    if (message.WParam == 6) StopDelivery();
+  };
+  recorder.Post(6);
+  recorder.Post(7);
+  ProcessMessages();
+  EXPECT_EQ(recorder.Received.back(), 6);
+  ResumeDelivery();
+  ASSERT_TRUE(Receives(recorder, 7));
 }
 
 TEST_F(KZMessagesTest, DeliversNothingMoreOnceAHandlerTerminatesTheApplication) {
@@ -394,8 +406,14 @@ class TTestThread final : public TKZThread {
       : TKZThread(creation, "TestThread"), FWork(std::move(work)) {}
   ~TTestThread() override { Join(); }
 
+  std::function<void()> AfterItsEnd = [] {};
+
  private:
   void Execute() override { SetExitCode(FWork()); }
+  void OnFinished() override {
+    TKZThread::OnFinished();
+    AfterItsEnd();
+  }
 
   const std::function<int()> FWork;
 };
@@ -424,18 +442,25 @@ TEST(TKZThreadTest, RunsSynchroniseRequestsWhileTheMainThreadWaitsForIt) {
 TEST(TKZThreadTest, HasATenMebibyteStackAndReleasesItsCheckpointRecord) {
   KZCP::Init();
   std::size_t stackBytes = 0;
-  const auto thread = CreateThread<TTestThread>(TThreadCreation::Running, [&] {
+  const auto checkpointSeenFromOutside = [] {
+    const std::int32_t threadId = CurrentThreadId();
+    std::string checkpoint;
+    Synchronize([&] { checkpoint = KZCP::CurrentCP(threadId); });
+    return checkpoint;
+  };
+  const auto thread = CreateThread<TTestThread>(TThreadCreation::Suspended, [&] {
     KZCP::Checkpoint("TestThread.Execute");
-    EXPECT_EQ(KZCP::CurrentCP(CurrentThreadId()), "TestThread.Execute");
+    EXPECT_EQ(checkpointSeenFromOutside(), "TestThread.Execute");
     pthread_attr_t attributes;
     pthread_getattr_np(pthread_self(), &attributes);
     pthread_attr_getstacksize(&attributes, &stackBytes);
     pthread_attr_destroy(&attributes);
     return 0;
   });
+  thread->AfterItsEnd = [&] { EXPECT_EQ(checkpointSeenFromOutside(), "N/A"); };
+  thread->Start();
   ASSERT_EQ(thread->WaitFor(milliseconds(30'000)), 0);
   EXPECT_GE(stackBytes, 10'485'760U);
-  EXPECT_EQ(KZCP::CurrentCP(thread->ThreadId()), "N/A");
   KZCP::Fini();
 }
 

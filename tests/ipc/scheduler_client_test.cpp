@@ -114,10 +114,10 @@ TEST_F(SchedulerClientTest, LogsRecordsByTheirAction) {
       ElementsAre("Scheduler Msg: tsaSchedulerRunning &lt;First&gt; Second: Detail Pulse: 77",
                   "Scheduler Msg: tsaStatusUpdate State Second",
                   "Scheduler Msg: tsaProgress  Second: "));
-  EXPECT_EQ(FScheduler->Pulse(), 77U);
+  EXPECT_EQ(FScheduler->Pulse(), 77);
   FScheduler->HandleMessage(Running(1) + Running(2) + "x");
   EXPECT_THAT(TakeLog(), IsEmpty());
-  EXPECT_EQ(FScheduler->Pulse(), 77U);
+  EXPECT_EQ(FScheduler->Pulse(), 77);
 }
 
 TEST_F(SchedulerClientTest, ClosesThePipeAfterTenRecordsAndOpensItWhenTheyAreAMinuteOld) {

@@ -34,14 +34,14 @@ TEST_F(ActivityLogTest, WritesEachKindInItsForm) {
   FLog.AddErrorEntry(1, 16, "bad", lastSystemLogAt);
   lastSystemLogAt = 0;
   FLog.AddWarningEntry(5, 2, "odd", lastSystemLogAt);
-  FLog.AddInfoEntry(1, 16, "fine");
+  FLog.AddInfoEntry(1, 16, "fine <&>");
   FLog.AddDetailEntry("detail");
   const std::string time = "<br>" + DateTimeToStr(FClock.Now());
   const std::string entries =
-      time + "  ERROR: bad" + time + "  WARNING: odd" + time + "  INFO: fine";
+      time + "  ERROR: bad" + time + "  WARNING: odd" + time + "  INFO: fine &lt;&amp;&gt;";
   EXPECT_EQ(*FLog.ShortLog(), entries);
   EXPECT_EQ(*FLog.DetailedLog(), entries + "<br>detail");
-  EXPECT_THAT(TakeSystemLog(), ElementsAre("1 bad", "2 odd", "4 fine"));
+  EXPECT_THAT(TakeSystemLog(), ElementsAre("1 bad", "2 odd", "4 fine <&>"));
 }
 
 TEST_F(ActivityLogTest, TellsTheSystemLogOfErrorsOnceInTenMinutesAndOfInformationAlways) {

@@ -64,6 +64,7 @@ class TRawClient {
   void Send(std::string_view bytes) {
     while (!bytes.empty()) {
       const ssize_t sent = ::send(FSocket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+      FReset = FReset || sent < 0;
       if (sent < 0) return;
       bytes.remove_prefix(static_cast<std::size_t>(sent));
     }
@@ -107,7 +108,12 @@ class TRawClient {
   }
 
   // Whether the connection ended by a reset, by which an answer may get lost.
-  [[nodiscard]] bool WasReset() const { return FReset; }
+  [[nodiscard]] bool WasReset() const {
+    int error = 0;  // Behind an orderly end a reset shows here alone.
+    socklen_t length = sizeof(error);
+    ::getsockopt(FSocket.Get(), SOL_SOCKET, SO_ERROR, &error, &length);
+    return FReset || error != 0;
+  }
 
   // Waits for the reset or the end of the connection, without reading.
   bool WaitGone(int timeoutMs) {
@@ -129,7 +135,7 @@ class TRawClient {
     if (::poll(&waited, 1, kHangLimitMs) != 1) throw std::runtime_error("no answer, no end");
     char bytes[65'536];
     const ssize_t got = ::recv(FSocket.Get(), bytes, sizeof(bytes), 0);
-    FReset = got < 0;
+    FReset = FReset || got < 0;
     if (got <= 0) return false;
     FInput.append(bytes, static_cast<std::size_t>(got));
     return true;

@@ -3,11 +3,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "common/Event.h"
+#include "common/Exceptions.h"
+#include "common/FileDescriptor.h"
+#include "support/Eventually.h"
 #include "webstatus/http_client.h"
 
 namespace guardian {
@@ -24,17 +31,21 @@ class WebStatusServerTest : public testing::Test {
   // Holds the ports from 8900 down to the given one, those that are free.
   void Occupy(std::uint16_t last) {
     for (std::uint16_t port = 8900; port >= last; --port) {
-      FHolders.push_back(
-          std::make_unique<THttpServer>([](const THttpRequest&) { return THttpResponse(); }));
-      try {
-        FHolders.back()->Activate(port);
-      } catch (const std::exception& error) {
-        ASSERT_THAT(error.what(), HasSubstr("in use"));
-      }
+      FHolders.emplace_back(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+      const int holder = FHolders.back().Get();
+      // A connection that has just ended is no reason not to get the port.
+      const int yes = 1;
+      ASSERT_EQ(::setsockopt(holder, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes)), 0);
+      sockaddr_in address{};
+      address.sin_family = AF_INET;
+      address.sin_port = htons(port);
+      const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+      if (::bind(holder, generic, sizeof(address)) != 0) continue;
+      ASSERT_EQ(::listen(holder, 1), 0) << port;
     }
   }
 
-  std::vector<std::unique_ptr<THttpServer>> FHolders;
+  std::vector<TFileDescriptor> FHolders;
 };
 
 TEST_F(WebStatusServerTest, TakesTheNextLowerFreePort) {
@@ -60,6 +71,27 @@ TEST_F(WebStatusServerTest, GivesUpBelowPort8000) {
   EXPECT_EQ(server.Port(), 0);
 }
 
+TEST_F(WebStatusServerTest, TakesTheProcessListOnceForEachRequest) {
+  TKZEvent listed("listed");
+  int commands = 0;
+  TWebStatusServer server({.Guardian = nullptr,
+                           .TerminateGuardian = {},
+                           .Shell = [&](const std::string& line, int timeoutSec) -> std::string {
+                             ++commands;
+                             EXPECT_EQ(timeoutSec, 10);
+                             if (line.find("--columns") != std::string::npos) return "0";
+                             listed.Signal();
+                             return "7 VellumarkCL";
+                           }});
+  EXPECT_EQ(server.ProcessListTime(), 0);
+  server.RequestProcessList();
+  ASSERT_TRUE(listed.WaitFor(std::chrono::seconds(20)));
+  EXPECT_TRUE(Eventually([&] { return server.ProcessListTime() > 0; }));
+  EXPECT_EQ(*server.ProcessList(), "7 VellumarkCL");
+  EXPECT_FALSE(listed.WaitFor(std::chrono::milliseconds(500)));
+  EXPECT_EQ(commands, 2);
+}
+
 TEST_F(WebStatusServerTest, OneInstanceStartsAndIsFreedAgainAndAgain) {
   for (int round = 0; round < 3; ++round) {
     testing::internal::CaptureStdout();
@@ -69,7 +101,7 @@ TEST_F(WebStatusServerTest, OneInstanceStartsAndIsFreedAgainAndAgain) {
     EXPECT_THAT(Get(8900, ""), HasSubstr("Vellumark Guardian 1.50, Build 10"));
     FreeWebStatusServer();
     FreeWebStatusServer();
-    EXPECT_THROW(Get(8900, "status.php"), SoftException);
+    EXPECT_THROW((void)Get(8900, "status.php"), SoftException);
   }
 }
 

@@ -43,7 +43,7 @@ class TCannedServer {
   }
   ~TCannedServer() {
     ::shutdown(FListener.Get(), SHUT_RDWR);
-    FThread.join();
+    WaitUntilServed();
   }
   TCannedServer(const TCannedServer&) = delete;
   TCannedServer& operator=(const TCannedServer&) = delete;
@@ -53,12 +53,19 @@ class TCannedServer {
   }
   // After the exchange only.
   [[nodiscard]] const std::string& Request() {
-    FThread.join();
-    FThread = std::thread([] {});
+    WaitUntilServed();
     return FRequest;
+  }
+  [[nodiscard]] int Leaks() {
+    WaitUntilServed();
+    return FLeaks;
   }
 
  private:
+  void WaitUntilServed() {
+    if (FThread.joinable()) FThread.join();
+  }
+
   void Serve(std::string_view reply, TAfterReply after) {
     const TFileDescriptor peer(::accept4(FListener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!peer || after == TAfterReply::CloseAtOnce) return;
@@ -68,6 +75,7 @@ class TCannedServer {
       if (got <= 0) return;
       FRequest.append(bytes, static_cast<std::size_t>(got));
     }
+    NoteLeaks();
     while (!reply.empty()) {
       const ssize_t sent = ::send(peer.Get(), reply.data(), reply.size(), MSG_NOSIGNAL);
       if (sent < 0) return;
@@ -79,9 +87,19 @@ class TCannedServer {
     if (after == TAfterReply::Hold) ::recv(peer.Get(), bytes, sizeof(bytes), 0);
   }
 
+  // In the middle of the exchange: what a child that is started now would inherit.
+  void NoteLeaks() {
+    for (const int descriptor : OpenDescriptors()) {
+      const int flags = ::fcntl(descriptor, F_GETFD);
+      if (flags >= 0 && !(flags & FD_CLOEXEC) && !FBefore.contains(descriptor)) ++FLeaks;
+    }
+  }
+
+  const std::set<int> FBefore = OpenDescriptors();
   TFileDescriptor FListener;
   std::uint16_t FPort = 0;
   std::string FRequest;
+  int FLeaks = 0;
   std::thread FThread;
 };
 
@@ -115,6 +133,7 @@ TEST(HttpClientTest, ReadsAnswersOfEveryFraming) {
     EXPECT_EQ(answer.Status, 200);
     EXPECT_TRUE(answer.Body == item.Body) << answer.Body.size();
     EXPECT_TRUE(server.Request().starts_with("GET /status.php HTTP/1.1\r\nHost: 127.0.0.1:"));
+    EXPECT_EQ(server.Leaks(), 0);
   }
 }
 

@@ -1,0 +1,231 @@
+#include <benchmark/benchmark.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <cstdlib>
+#include <deque>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Measure.h"
+#include "common/MainThread.h"
+#include "diagnostics/KZCheckpoints.h"
+#include "ipc/KZCustomApplication.h"
+#include "ipc/KZMessages.h"
+#include "ipc/KZUnixPipes.h"
+#include "ipc/PipeFrame.h"
+#include "ipc/SyncCommTypes.h"
+
+namespace guardian {
+namespace {
+
+using std::chrono::milliseconds;
+using TInstant = std::chrono::steady_clock::time_point;
+
+void RunMainThreadUntil(const std::function<bool()>& happened) {
+  while (!happened()) CheckSynchronize(milliseconds(100));
+}
+
+class TCounter final : public TKZMessageReceiverClass {
+ public:
+  void WndMethod(TKZMessage& /*message*/) override {
+    ++Count;
+    DeliveredAt = std::chrono::steady_clock::now();
+  }
+
+  int Count = 0;
+  TInstant DeliveredAt;
+};
+
+class TBareQueue {
+ public:
+  void Put(int value) {
+    {
+      const std::lock_guard lock(FLock);
+      FValues.push_back(value);
+    }
+    FChanged.notify_one();
+  }
+  int Take() {
+    std::unique_lock lock(FLock);
+    FChanged.wait(lock, [this] { return !FValues.empty(); });
+    const int value = FValues.front();
+    FValues.pop_front();
+    return value;
+  }
+
+ private:
+  std::mutex FLock;
+  std::condition_variable FChanged;
+  std::deque<int> FValues;
+};
+
+void PostedMessages(benchmark::State& state) {
+  constexpr int kMessages = 300'000;
+  CompareRates(
+      state, kMessages,
+      [] {
+        TCounter counter;
+        std::thread poster([&] {
+          for (int i = 0; i < kMessages; ++i) PostMessage(counter, 1124, i, 0, 0);
+        });
+        RunMainThreadUntil([&] { return counter.Count == kMessages; });
+        poster.join();
+      },
+      [] {
+        TBareQueue queue;
+        std::thread poster([&] {
+          for (int i = 0; i < kMessages; ++i) queue.Put(i);
+        });
+        for (int i = 0; i < kMessages; ++i) benchmark::DoNotOptimize(queue.Take());
+        poster.join();
+      });
+}
+BENCHMARK(PostedMessages)->UseManualTime()->Iterations(7)->Unit(benchmark::kMillisecond);
+
+// From another thread's PostMessage to WndMethod, the queue being empty each time.
+void PostedMessageLatency(benchmark::State& state) {
+  TCounter counter;
+  std::vector<double> latencies;
+  for ([[maybe_unused]] auto _ : state) {
+    TInstant postedAt;
+    const int before = counter.Count;
+    std::thread poster([&] {
+      // The delivery thread and the main thread are asleep by then, as they are in the daemon.
+      std::this_thread::sleep_for(milliseconds(1));
+      postedAt = std::chrono::steady_clock::now();
+      PostMessage(counter, 1124, 0, 0, 0);
+    });
+    RunMainThreadUntil([&] { return counter.Count > before; });
+    poster.join();
+    latencies.push_back(Microseconds(postedAt, counter.DeliveredAt));
+    state.SetIterationTime(latencies.back() / 1e6);
+  }
+  state.counters["median_us"] = Median(latencies);
+}
+BENCHMARK(PostedMessageLatency)->UseManualTime()->Iterations(1000)->Unit(benchmark::kMicrosecond);
+
+// A server and a client of this process, connected.
+class TPipe {
+ public:
+  TPipe() {
+    std::string folder = (std::filesystem::temp_directory_path() / "kzb-XXXXXX").string();
+    if (::mkdtemp(folder.data()) == nullptr) std::abort();
+    FFolder = folder;
+    SetPipeDirectory(FFolder);
+    FServer.OnPipeConnect = [this](auto&, std::int64_t pipe) { FPipe = pipe; };
+    FServer.SetActive(true);
+    RunMainThreadUntil([&] { return FClient.Connect(0) && FPipe != 0; });
+    FClient.OnPipeMessage = [this](auto&, std::int64_t, std::string_view) {
+      ++Received;
+      ReceivedAt = std::chrono::steady_clock::now();
+    };
+  }
+  ~TPipe() {
+    FServer.SetActive(false);
+    std::error_code ignored;
+    std::filesystem::remove_all(FFolder, ignored);
+  }
+  TPipe(const TPipe&) = delete;
+  TPipe& operator=(const TPipe&) = delete;
+
+  void Send(std::string_view payload) { FServer.Write(FPipe, payload); }
+
+  int Received = 0;
+  TInstant ReceivedAt;
+
+ private:
+  std::string FFolder;
+  std::int64_t FPipe = 0;
+  TPipeServer FServer;
+  TPipeClient FClient;
+};
+
+void SendBare(int socket, const std::string& frame, int count) {
+  for (int i = 0; i < count; ++i) {
+    if (::send(socket, frame.data(), frame.size(), MSG_NOSIGNAL) < 0) std::abort();
+  }
+}
+
+void ReceiveBare(int socket, std::size_t bytes) {
+  std::array<char, 4096> buffer;
+  while (bytes > 0) {
+    const ssize_t got = ::read(socket, buffer.data(), buffer.size());
+    if (got <= 0) std::abort();
+    bytes -= static_cast<std::size_t>(got);
+  }
+}
+
+// Whole status records, from the server's Write to OnPipeMessage in the main thread, against a
+// loop that sends as many bytes over a socket pair and reads them into a buffer of the same size.
+void PipeRecords(benchmark::State& state) {
+  constexpr int kRecords = 20'000;
+  TPipe pipe;
+  const std::string record(kSyncCommRecordBytes, 'r');
+  const std::string frame = BuildFrame(record);
+  int sockets[2];
+  if (::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets) != 0) std::abort();
+  CompareRates(
+      state, kRecords,
+      [&] {
+        const int expected = pipe.Received + kRecords;
+        std::thread sender([&] {
+          for (int i = 0; i < kRecords; ++i) pipe.Send(record);
+        });
+        RunMainThreadUntil([&] { return pipe.Received == expected; });
+        sender.join();
+      },
+      [&] {
+        std::thread sender([&] { SendBare(sockets[0], frame, kRecords); });
+        ReceiveBare(sockets[1], frame.size() * kRecords);
+        sender.join();
+      });
+  ::close(sockets[0]);
+  ::close(sockets[1]);
+}
+BENCHMARK(PipeRecords)->UseManualTime()->Iterations(9)->Unit(benchmark::kMillisecond);
+
+// One record's way, from Write to OnPipeMessage, everybody being asleep.
+void PipeRecordLatency(benchmark::State& state) {
+  TPipe pipe;
+  const std::string record(kSyncCommRecordBytes, 'r');
+  std::vector<double> latencies;
+  for ([[maybe_unused]] auto _ : state) {
+    TInstant sentAt;
+    const int before = pipe.Received;
+    std::thread sender([&] {
+      std::this_thread::sleep_for(milliseconds(1));
+      sentAt = std::chrono::steady_clock::now();
+      pipe.Send(record);
+    });
+    RunMainThreadUntil([&] { return pipe.Received > before; });
+    sender.join();
+    latencies.push_back(Microseconds(sentAt, pipe.ReceivedAt));
+    state.SetIterationTime(latencies.back() / 1e6);
+  }
+  state.counters["median_us"] = Median(latencies);
+}
+BENCHMARK(PipeRecordLatency)->UseManualTime()->Iterations(1000)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+}  // namespace guardian
+
+int main(int argc, char** argv) {
+  guardian::BindMainThread();
+  guardian::TKZCustomApplication application;
+  guardian::KZCP::Init();
+  guardian::StartMessages();
+  guardian::StartPipes();
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  guardian::StopPipes();
+  guardian::StopMessages();
+  guardian::KZCP::Fini();
+}
