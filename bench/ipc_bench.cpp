@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <semaphore>
 #include <string>
 #include <thread>
 #include <vector>
@@ -125,6 +126,7 @@ class TPipe {
     RunMainThreadUntil([&] { return FClient.Connect(0) && FPipe != 0; });
     FClient.OnPipeMessage = [this](auto&, std::int64_t, std::string_view) {
       ++Received;
+      if (OnReceived) OnReceived();
       ReceivedAt = std::chrono::steady_clock::now();
     };
   }
@@ -140,6 +142,7 @@ class TPipe {
 
   int Received = 0;
   TInstant ReceivedAt;
+  std::function<void()> OnReceived;
 
  private:
   std::string FFolder;
@@ -167,6 +170,8 @@ void ReceiveBare(int socket, std::size_t bytes) {
 // loop that sends as many bytes over a socket pair and reads them into a buffer of the same size.
 void PipeRecords(benchmark::State& state) {
   constexpr int kRecords = 20'000;
+  constexpr int kBurst = 100;
+  constexpr int kBursts = 10;
   TPipe pipe;
   const std::string record(kSyncCommRecordBytes, 'r');
   const std::string frame = BuildFrame(record);
@@ -175,11 +180,19 @@ void PipeRecords(benchmark::State& state) {
   CompareRates(
       state, kRecords,
       [&] {
-        const int expected = pipe.Received + kRecords;
+        const int before = pipe.Received;
+        // As a sender does that minds its queue: no more than some bursts are on their way.
+        std::counting_semaphore<> bursts(kBursts);
+        pipe.OnReceived = [&] {
+          if (pipe.Received % kBurst == 0) bursts.release();
+        };
         std::thread sender([&] {
-          for (int i = 0; i < kRecords; ++i) pipe.Send(record);
+          for (int i = 0; i < kRecords; ++i) {
+            if (i % kBurst == 0) bursts.acquire();
+            pipe.Send(record);
+          }
         });
-        RunMainThreadUntil([&] { return pipe.Received == expected; });
+        RunMainThreadUntil([&] { return pipe.Received == before + kRecords; });
         sender.join();
       },
       [&] {

@@ -1,5 +1,7 @@
 #include "ipc/KZMessages.h"
 
+#include <sched.h>
+
 #include <cassert>
 #include <utility>
 #include <vector>
@@ -185,6 +187,12 @@ class TDeliveryTurn {
     constexpr std::int64_t kLongestTurnMs = 50;
     if (FRefilled && SystemTickCount() - FStartTick >= kLongestTurnMs) return;
     FUnit.Batch = FUnit.GMsgList.TakeAll(std::move(FUnit.Used));
+    if (FUnit.Batch.Empty() && FRefilled) {
+      // In a stream of messages the next ones are about to come: letting their poster run is
+      // cheaper than ending the turn and being woken for another.
+      ::sched_yield();
+      FUnit.Batch = FUnit.GMsgList.TakeAll({});
+    }
     FRefilled = true;
   }
 

@@ -300,7 +300,7 @@ std::optional<TPipeWrite> TPipeClient::Dequeue() {
 }
 
 void TPipeClient::WndMethod(TKZMessage& message) {
-  if (!ValidObjects().IsValid(this, "PCltNVO")) return;
+  if (!FRegistration.IsValid("PCltNVO")) return;
   if (message.Msg == kMsgPipeDisconnect) {
     RaiseDisconnect(message.WParam);
   } else if (message.Msg == kMsgPipeWorkerEnded) {
@@ -411,7 +411,7 @@ void TPipeServer::LimitWriteQueues(std::size_t maxItems) {
 }
 
 void TPipeServer::WndMethod(TKZMessage& message) {
-  if (!ValidObjects().IsValid(this, "PSrvNVO")) return;
+  if (!FRegistration.IsValid("PSrvNVO")) return;
   if (message.Msg == kMsgPipeConnect) {
     if (const TOnPipeConnect handler = OnPipeConnect) handler(*this, message.WParam);
   } else if (message.Msg == kMsgPipeDisconnect) {

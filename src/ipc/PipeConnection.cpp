@@ -4,7 +4,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <array>
+#include <span>
 #include <utility>
 
 #include "diagnostics/KZCheckpoints.h"
@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kLongestWait{1000};
 constexpr std::size_t kReadBytes = 4096;
-constexpr std::size_t kMaxSpare = 16;
+constexpr std::size_t kMaxSpare = 64;
 constexpr std::size_t kMaxSpareBytes = 65'536;
 
 std::int64_t NextSerial() {
@@ -42,7 +42,7 @@ void TWriteQueue::Append(std::string_view payload) {
 }
 
 std::string TWriteQueue::TakeSpare() {
-  const TKZLockGuard lock(FLock);
+  const TMutexLock lock(FSpareLock);
   if (FSpare.empty()) return {};
   std::string spare = std::move(FSpare.back());
   FSpare.pop_back();
@@ -57,11 +57,16 @@ std::optional<TPipeWrite> TWriteQueue::Dequeue() {
 }
 
 bool TWriteQueue::Exchange(TPipeWrite& write) {
-  const bool reusable = write.Buffer.capacity() <= kMaxSpareBytes;
-  write.Buffer.clear();
+  GiveSpare(write);
   const TKZLockGuard lock(FLock);
-  if (reusable && FSpare.size() < kMaxSpare) FSpare.push_back(std::move(write.Buffer));
   return TakeLocked(write);
+}
+
+void TWriteQueue::GiveSpare(TPipeWrite& write) {
+  if (write.Buffer.capacity() > kMaxSpareBytes) return;
+  write.Buffer.clear();
+  const TMutexLock lock(FSpareLock);
+  if (FSpare.size() < kMaxSpare) FSpare.push_back(std::move(write.Buffer));
 }
 
 bool TWriteQueue::TakeLocked(TPipeWrite& write) {
@@ -121,12 +126,12 @@ void TPipeConnection::ReadAll(const TFrameParser::TSink& onPayload) {
 
 TPipeConnection::TReadResult TPipeConnection::QueuedRead(TFrameParser& parser,
                                                          const TFrameParser::TSink& onPayload) {
-  std::array<char, kReadBytes> buffer;
+  const std::span<char> room = parser.Room(kReadBytes);
   const ssize_t got =
-      RetryOnEintr([&] { return ::recv(FSocket.Get(), buffer.data(), buffer.size(), 0); });
+      RetryOnEintr([&] { return ::recv(FSocket.Get(), room.data(), room.size(), 0); });
   if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return TReadResult::TimedOut;
   if (got <= 0) return TReadResult::PeerGone;
-  parser.Feed({buffer.data(), static_cast<std::size_t>(got)}, onPayload);
+  parser.Filled(static_cast<std::size_t>(got), onPayload);
   return TReadResult::Received;
 }
 

@@ -38,7 +38,7 @@ class TWriteQueue {
 
   // The same for the writer, which gives its last frame back: the memory of that serves frames to
   // come. False when there is none.
-  [[nodiscard]] bool Exchange(TPipeWrite& write) KZ_EXCLUDES(FLock);
+  [[nodiscard]] bool Exchange(TPipeWrite& write) KZ_EXCLUDES(FLock, FSpareLock);
 
   [[nodiscard]] std::size_t Count() KZ_EXCLUDES(FLock);
 
@@ -52,12 +52,14 @@ class TWriteQueue {
   void Wake() { FDataEvent.Signal(); }
 
  private:
-  std::string TakeSpare() KZ_EXCLUDES(FLock);
+  std::string TakeSpare() KZ_EXCLUDES(FSpareLock);
+  void GiveSpare(TPipeWrite& write) KZ_EXCLUDES(FSpareLock);
   bool TakeLocked(TPipeWrite& write) KZ_REQUIRES(FLock);
 
   TKZCriticalSection FLock{"WriteQueue"};
   std::deque<TPipeWrite> FWrites KZ_GUARDED_BY(FLock);
-  std::vector<std::string> FSpare KZ_GUARDED_BY(FLock);
+  TMutex FSpareLock;
+  std::vector<std::string> FSpare KZ_GUARDED_BY(FSpareLock);
   TKZEvent FDataEvent{"WriteQueueDataEvent", TEventReset::Manual};
   const TRegistration FRegistration{this, "WriteQueue"};
 };

@@ -1,5 +1,6 @@
 #include "ipc/PipeFrame.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -22,15 +23,26 @@ void AppendFrame(std::string& text, std::string_view payload) {
 }
 
 void TFrameParser::Feed(std::string_view bytes, const TSink& sink) {
-  FBytes.append(bytes);
+  std::copy(bytes.begin(), bytes.end(), Room(bytes.size()).begin());
+  Filled(bytes.size(), sink);
+}
+
+// The text only grows, so that room is made once and not with every read.
+std::span<char> TFrameParser::Room(std::size_t bytes) {
+  if (FBytes.size() < FEnd + bytes) FBytes.resize(std::max(FEnd + bytes, 2 * FBytes.size()));
+  return {FBytes.data() + FEnd, bytes};
+}
+
+void TFrameParser::Filled(std::size_t bytes, const TSink& sink) {
+  FEnd += bytes;
   TStep step = TStep::Took;
   while (step == TStep::Took) step = TakeFrame(sink);
-  if (step == TStep::Broken) FStart = FBytes.size();
+  if (step == TStep::Broken) FStart = FEnd;
   Compact();
 }
 
 TFrameParser::TStep TFrameParser::TakeFrame(const TSink& sink) {
-  const std::string_view rest = std::string_view(FBytes).substr(FStart);
+  const std::string_view rest = std::string_view(FBytes).substr(FStart, Buffered());
   // One byte more than the shortest frame, so that a frame without payload waits for what follows
   // it; the other end counts on neither more nor less.
   if (rest.size() <= kFrameOverhead) return TStep::NeedMore;
@@ -48,16 +60,16 @@ TFrameParser::TStep TFrameParser::TakeFrame(const TSink& sink) {
 // Moves the rest to the front only when at least as many bytes before it are done with, so that
 // each byte is moved a constant number of times at most.
 void TFrameParser::Compact() {
-  constexpr std::size_t kKeptCapacity = 65'536;
-  if (FStart == FBytes.size()) {
-    FBytes.clear();
-    // The memory of one huge frame is not kept for the rest of the connection.
-    if (FBytes.capacity() > kKeptCapacity) FBytes.shrink_to_fit();
-    FStart = 0;
-  } else if (FStart >= FBytes.size() - FStart) {
-    FBytes.erase(0, FStart);
-    FStart = 0;
-  }
+  constexpr std::size_t kKeptBytes = 65'536;
+  if (FStart < Buffered()) return;
+  std::copy(FBytes.begin() + static_cast<std::ptrdiff_t>(FStart),
+            FBytes.begin() + static_cast<std::ptrdiff_t>(FEnd), FBytes.begin());
+  FEnd -= FStart;
+  FStart = 0;
+  if (FEnd > 0 || FBytes.size() <= kKeptBytes) return;
+  // The memory of one huge frame is not kept for the rest of the connection.
+  FBytes.clear();
+  FBytes.shrink_to_fit();
 }
 
 }  // namespace guardian

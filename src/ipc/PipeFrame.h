@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -46,8 +47,13 @@ class TFrameParser {
   // good frames behind it, without a report.
   void Feed(std::string_view bytes, const TSink& sink);
 
+  // The same in two steps, for bytes that are read straight into the parser: room for so many, of
+  // which Filled then says how many came.
+  [[nodiscard]] std::span<char> Room(std::size_t bytes);
+  void Filled(std::size_t bytes, const TSink& sink);
+
   // Bytes that wait for more.
-  [[nodiscard]] std::size_t Buffered() const noexcept { return FBytes.size() - FStart; }
+  [[nodiscard]] std::size_t Buffered() const noexcept { return FEnd - FStart; }
 
  private:
   enum class TStep { Took, NeedMore, Broken };
@@ -58,6 +64,7 @@ class TFrameParser {
   const std::uint32_t FMaxFrameSize;
   std::string FBytes;
   std::size_t FStart = 0;  // Bytes before it are done with.
+  std::size_t FEnd = 0;    // Bytes from it on are room.
 };
 
 }  // namespace guardian

@@ -48,10 +48,20 @@ class TRegistration {
   TRegistration& operator=(const TRegistration&) = delete;
 
   // Takes the object out already now.
-  void End() { ValidObjects().Unregister(FObject); }
+  void End() {
+    FRegistered.store(false);
+    ValidObjects().Unregister(FObject);
+  }
+
+  // ValidObjects().IsValid for an object that is still there to be asked, without the registry's
+  // lock while it is registered.
+  [[nodiscard]] bool IsValid(std::string_view context) const {
+    return FRegistered.load() || ValidObjects().IsValid(FObject, context);
+  }
 
  private:
   const void* const FObject;
+  std::atomic<bool> FRegistered = true;  // Atomic: asked by any thread.
 };
 
 // Writes a line of the transport to the error log: the time, " KZUnixPipes: " and the text.

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -13,6 +14,7 @@
 #include <filesystem>
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -194,7 +196,6 @@ TEST_F(KZUnixPipesTest, FailsAtOnceWithoutASocketFileAndTriesAStaleOneAgain) {
 
 TEST_F(KZUnixPipesTest, DoesNotHangOnAServerThatDoesNotAccept) {
   const TFileDescriptor server = RawSocket(SocketPath(), true);
-  std::vector<TFileDescriptor> fill;
   int refused = 0;
   std::vector<std::unique_ptr<TPipeClient>> clients;
   for (int i = 0; i < 8; ++i) {
@@ -272,18 +273,95 @@ TEST_F(KZUnixPipesTest, LosesAFrameThatADyingPeerCutsOff) {
   EXPECT_THAT(FClientReceived, ElementsAre("whole"));
 }
 
-TEST_F(KZUnixPipesTest, AClientMayBeFreedInItsOwnEventsAfterTheEnd) {
-  ServeAndConnect();
-  FClient->OnPipeMessage = [&](auto&, std::int64_t, std::string_view) {
-    FClient->Disconnect(TPipeClient::TWait::Yes);
+TEST_F(KZUnixPipesTest, MayBeDisconnectedAndFreedInItsOwnEvents) {
+  Serve();
+  FServer->OnPipeConnect = [&](auto&, std::int64_t pipe) {
+    for (int i = 0; i < 5; ++i) FServer->Write(pipe, "go");
   };
-  FServer->Write(FServer->Clients(0), "go");
-  ASSERT_TRUE(RunMainThreadUntil([&] { return FClientDisconnects.size() == 1; }));
-  FServer->OnPipeDisconnect = [&](auto&, std::int64_t) { FServer->SetActive(false); };
+  for (int round = 0; round < 30; ++round) {
+    auto client = MakeClient();
+    ASSERT_TRUE(client->Connect(5000));
+    switch (round % 3) {
+      case 0:
+        client->OnPipeMessage = [&](auto&, std::int64_t, std::string_view) { client.reset(); };
+        break;
+      case 1:
+        client->OnPipeDisconnect = [&](auto&, std::int64_t) { client.reset(); };
+        client->OnPipeMessage = [&](auto&, std::int64_t, std::string_view) {
+          client->Disconnect(TPipeClient::TWait::Yes);
+        };
+        break;
+      default:
+        client->OnPipeMessage = [&](auto&, std::int64_t, std::string_view) {
+          client->Disconnect(TPipeClient::TWait::Yes);
+          client.reset();
+        };
+    }
+    ASSERT_TRUE(RunMainThreadUntil([&] { return client == nullptr; })) << round;
+  }
+  FServer->OnPipeConnect = [&](auto&, std::int64_t) { FServer.reset(); };
   ASSERT_TRUE(FClient->Connect(5000));
-  ASSERT_TRUE(RunMainThreadUntil([&] { return FConnects == 2; }));
-  FClient->Disconnect(TPipeClient::TWait::No);
-  EXPECT_TRUE(RunMainThreadUntil([&] { return !FServer->Active(); }));
+  EXPECT_TRUE(RunMainThreadUntil([&] { return FServer == nullptr; }));
+}
+
+// What each pipe went through, in the order of its events.
+TEST_F(KZUnixPipesTest, RaisesTheEventsOfEachPipeInOrderWhateverEndsIt) {
+  std::set<std::int64_t> connected;
+  int outOfOrder = 0;
+  FServer->OnPipeConnect = [&](auto&, std::int64_t pipe) {
+    if (!connected.insert(pipe).second) ++outOfOrder;
+  };
+  FServer->OnPipeMessage = [&](auto&, std::int64_t pipe, std::string_view) {
+    if (!connected.contains(pipe)) ++outOfOrder;
+    CheckSynchronize(milliseconds(0));
+  };
+  FServer->OnPipeDisconnect = [&](auto&, std::int64_t pipe) {
+    if (connected.erase(pipe) == 0) ++outOfOrder;
+  };
+  std::string flood;
+  for (int i = 0; i < 100; ++i) flood += BuildFrame("message");
+  for (int round = 0; round < 100; ++round) {
+    Serve();
+    const TFileDescriptor peer = RawSocket(SocketPath(), false);
+    ASSERT_TRUE(peer);
+    (void)::send(peer.Get(), flood.data(), flood.size(), MSG_NOSIGNAL);
+    for (int i = 0; i < round % 4; ++i) CheckSynchronize(milliseconds(1));
+    FServer->SetActive(false);
+  }
+  EXPECT_TRUE(RunMainThreadUntil([&] { return connected.empty(); }));
+  EXPECT_EQ(outOfOrder, 0);
+}
+
+TEST_F(KZUnixPipesTest, HoldsAFloodOfEmptyFramesBackWhileNobodyTakesThem) {
+  Serve();
+  const TFileDescriptor peer = RawSocket(SocketPath(), false);
+  ASSERT_TRUE(RunMainThreadUntil([&] { return FServer->ClientCount() == 1; }));
+  std::string frames;
+  for (int i = 0; i < 1000; ++i) frames += BuildFrame("");
+  // Until the socket takes no more for a while; the main thread does nothing meanwhile.
+  std::size_t sent = 0;
+  pollfd writable{.fd = peer.Get(), .events = POLLOUT, .revents = 0};
+  while (sent < 100'000'000 && ::poll(&writable, 1, 500) > 0) {
+    const ssize_t taken =
+        ::send(peer.Get(), frames.data(), frames.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (taken > 0) sent += static_cast<std::size_t>(taken);
+  }
+  EXPECT_LT(sent, 10'000'000U);
+}
+
+TEST_F(KZUnixPipesTest, StaysOffWhenAnEventAsksForMoreWhileItIsSwitchedOff) {
+  ServeAndConnect();
+  FServer->OnPipeMessage = [&](auto&, std::int64_t, std::string_view) {
+    FServer->SetActive(false);
+    FServer->SetActive(true);
+  };
+  for (int i = 0; i < 1000; ++i) FClient->Write("again");
+  FServer->SetActive(false);
+  ASSERT_TRUE(RunMainThreadUntil([&] { return FDisconnects == 1; }));
+  FServer->SetActive(false);
+  FServer->OnPipeMessage = nullptr;
+  Serve();
+  EXPECT_TRUE(RunMainThreadUntil([&] { return FClient->Connect(0); }));
 }
 
 TEST_F(KZUnixPipesTest, ASlowReaderLosesItsOldestFrames) {
