@@ -282,6 +282,10 @@ void LeaveDeliveryThread(TMessageUnit& unit) {
   unit.LeftThreads.push_back(std::move(unit.DeliveryThread));
 }
 
+void ForgetEndedThreads(TMessageUnit& unit) {
+  std::erase_if(unit.LeftThreads, [](const auto& thread) { return thread->Finished(); });
+}
+
 void CloseLists(TMessageUnit& unit) {
   const TMessageChain undelivered = unit.GMsgList.Close();
   const TMessageChain batch = std::move(unit.Batch);
@@ -305,7 +309,7 @@ void StartMessages() {
   assert(IsMainThread());
   TMessageUnit& unit = Unit();
   if (Started(unit)) return;
-  std::erase_if(unit.LeftThreads, [](const auto& thread) { return thread->Finished(); });
+  ForgetEndedThreads(unit);
   unit.Delivered.store(0);
   unit.LatencySumMs.store(0);
   unit.DeliveryThread = CreateThread<TMessageDeliveryThread>();
@@ -323,6 +327,7 @@ void StopMessages() {
   EndDeliveryThread(unit);
   CloseLists(unit);
   LeaveDeliveryThread(unit);
+  ForgetEndedThreads(unit);
 }
 
 void PostMessage(TKZMessageReceiverClass& receiver, std::uint32_t msg, std::int64_t wParam,

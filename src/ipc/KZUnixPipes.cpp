@@ -243,8 +243,8 @@ bool TPipeClient::StartWorkers(TFileDescriptor socket, const std::string& path) 
   } catch (const KZException& error) {
     WritePipeDiagnostic(error.Message());
   }
-  Forget(workers->Connection().Serial());
-  workers->EndAndJoin();
+  // Unless the reader could report its end, and the main thread has taken it.
+  if (Forget(workers->Connection().Serial())) workers->EndAndJoin();
   return false;
 }
 
@@ -314,12 +314,7 @@ void TPipeClient::WndMethod(TKZMessage& message) {
 // connection that may have been made since. The pipe is forgotten after the event, which still
 // sees it.
 void TPipeClient::RemoveWorkerThread(std::int64_t serial) {
-  TWorkers ended;
-  {
-    const TKZLockGuard lock(FLock);
-    const bool isCurrent = FCurrent && FCurrent->Connection().Serial() == serial;
-    ended = isCurrent ? std::move(FCurrent) : TakeBySerial(FEnding, serial);
-  }
+  const TWorkers ended = Take(serial);
   if (!ended) return;
   ended->EndAndJoin();
   try {
@@ -339,13 +334,17 @@ void TPipeClient::ForgetPipe() {
   FConnected.store(false);
 }
 
-void TPipeClient::Forget(std::int64_t serial) {
-  {
-    const TKZLockGuard lock(FLock);
-    if (FCurrent && FCurrent->Connection().Serial() == serial) FCurrent.reset();
-    TakeBySerial(FEnding, serial);
-  }
+bool TPipeClient::Forget(std::int64_t serial) {
+  const TWorkers taken = Take(serial);
   ForgetPipe();
+  return taken != nullptr;
+}
+
+// Out of the client, wherever it stands; null when it is gone already.
+TPipeEndpoint::TWorkers TPipeClient::Take(std::int64_t serial) {
+  const TKZLockGuard lock(FLock);
+  const bool isCurrent = FCurrent && FCurrent->Connection().Serial() == serial;
+  return isCurrent ? std::move(FCurrent) : TakeBySerial(FEnding, serial);
 }
 
 TPipeEndpoint::TWorkers TPipeClient::Current() const {

@@ -177,7 +177,8 @@ class TPipeClient final : public TPipeEndpoint {
   bool StartWorkers(TFileDescriptor socket, const std::string& path) KZ_EXCLUDES(FLock);
   void RemoveWorkerThread(std::int64_t serial) KZ_EXCLUDES(FLock);
   void ForgetPipe() KZ_EXCLUDES(FLock);
-  void Forget(std::int64_t serial) KZ_EXCLUDES(FLock);
+  bool Forget(std::int64_t serial) KZ_EXCLUDES(FLock);
+  TWorkers Take(std::int64_t serial) KZ_EXCLUDES(FLock);
   TWorkers Current() const KZ_EXCLUDES(FLock);
 
   TRegistration FRegistration{this, "PipeClient"};

@@ -144,6 +144,7 @@ TPipeWorkers::TPipeWorkers(TFileDescriptor socket, TPipeSide side, const std::st
 TPipeWorkers::~TPipeWorkers() { FConnection->End(); }
 
 void TPipeWorkers::Start() {
+  const TMutexLock lock(FStartLock);
   try {
     FReader->Start();
     FWriter->Start();
@@ -155,6 +156,10 @@ void TPipeWorkers::Start() {
 
 void TPipeWorkers::EndAndJoin() {
   FConnection->End();
+  {
+    // A connection may end while another thread is still starting its threads.
+    const TMutexLock lock(FStartLock);
+  }
   FReader->Join();
   FWriter->Join();
 }

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "common/Cancellation.h"
+#include "common/Mutex.h"
 #include "ipc/KZMessages.h"
 #include "ipc/KZUnixPipes.h"
 #include "ipc/PipeConnection.h"
@@ -62,10 +63,10 @@ class TPipeWorkers {
 
   // Starts both threads. Throws ESystemError; the connection has then ended, and its end is not
   // reported.
-  void Start();
+  void Start() KZ_EXCLUDES(FStartLock);
 
   // Ends the connection and waits for both threads. Not in one of them.
-  void EndAndJoin();
+  void EndAndJoin() KZ_EXCLUDES(FStartLock);
 
   [[nodiscard]] TPipeConnection& Connection() const noexcept { return *FConnection; }
   [[nodiscard]] TKZThread& Reader() const noexcept { return *FReader; }
@@ -73,6 +74,7 @@ class TPipeWorkers {
 
  private:
   const std::shared_ptr<TPipeConnection> FConnection;
+  TMutex FStartLock;  // Held while the threads are being started.
   std::unique_ptr<TPipeThread> FReader;
   std::unique_ptr<TPipeThread> FWriter;
 };

@@ -101,6 +101,16 @@ TEST_F(TKZTimerTest, BeginsANewPeriodWhenTheIntervalIsSet) {
   EXPECT_THAT(CallsOnceThereAre(2), ElementsAre(10'000, 15'000));
 }
 
+TEST_F(TKZTimerTest, IsNotPostponedByAnIntervalThatIsSetAgainAndAgain) {
+  MakeTimer(milliseconds(10'000));
+  FTimer->SetEnabled(true);
+  for (int request = 0; request < 5; ++request) {
+    FTimer->SetInterval(milliseconds(1'000));
+    AdvanceBy(milliseconds(200));
+  }
+  EXPECT_THAT(CallsOnceThereAre(1), ElementsAre(1'000));
+}
+
 TEST_F(TKZTimerTest, TakesANewIntervalFromItsHandler) {
   FOnCall = [this](std::size_t call) {
     if (call == 1) FTimer->SetInterval(milliseconds(1'000));

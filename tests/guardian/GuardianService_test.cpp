@@ -229,6 +229,8 @@ TEST_F(GuardianServiceTest, CarriesARequestOutAfterOneSecondAndOnce) {
   EXPECT_THAT(FShell.TakeCommands(),
               ElementsAre(std::string(kDaemon) + " start @30", std::string(kDaemon) + " stop @20",
                           "kill 5 @20", "kill -9 5 @20", std::string(kPsWithColumns) + " @5"));
+  FService->Tick();
+  EXPECT_THAT(FShell.TakeCommands(), testing::IsEmpty());
   Handshake("MUTEX=/m\n");
   FShell.TakeCommands();
   FCommandRun.Reset();

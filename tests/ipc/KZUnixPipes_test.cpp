@@ -322,8 +322,11 @@ TEST_F(KZUnixPipesTest, RaisesTheEventsOfEachPipeInOrderWhateverEndsIt) {
   for (int i = 0; i < 100; ++i) flood += BuildFrame("message");
   for (int round = 0; round < 100; ++round) {
     Serve();
-    const TFileDescriptor peer = RawSocket(SocketPath(), false);
-    ASSERT_TRUE(peer);
+    TFileDescriptor peer;
+    ASSERT_TRUE(RunMainThreadUntil([&] {
+      peer = RawSocket(SocketPath(), false);
+      return static_cast<bool>(peer);
+    }));
     (void)::send(peer.Get(), flood.data(), flood.size(), MSG_NOSIGNAL);
     for (int i = 0; i < round % 4; ++i) CheckSynchronize(milliseconds(1));
     FServer->SetActive(false);
@@ -334,8 +337,11 @@ TEST_F(KZUnixPipesTest, RaisesTheEventsOfEachPipeInOrderWhateverEndsIt) {
 
 TEST_F(KZUnixPipesTest, HoldsAFloodOfEmptyFramesBackWhileNobodyTakesThem) {
   Serve();
-  const TFileDescriptor peer = RawSocket(SocketPath(), false);
-  ASSERT_TRUE(RunMainThreadUntil([&] { return FServer->ClientCount() == 1; }));
+  TFileDescriptor peer;
+  ASSERT_TRUE(RunMainThreadUntil([&] {
+    if (!peer) peer = RawSocket(SocketPath(), false);
+    return FServer->ClientCount() == 1;
+  }));
   std::string frames;
   for (int i = 0; i < 1000; ++i) frames += BuildFrame("");
   // Until the socket takes no more for a while; the main thread does nothing meanwhile.
@@ -366,8 +372,11 @@ TEST_F(KZUnixPipesTest, StaysOffWhenAnEventAsksForMoreWhileItIsSwitchedOff) {
 
 TEST_F(KZUnixPipesTest, ASlowReaderLosesItsOldestFrames) {
   Serve();
-  const TFileDescriptor reader = RawSocket(SocketPath(), false);
-  ASSERT_TRUE(RunMainThreadUntil([&] { return FServer->ClientCount() == 1; }));
+  TFileDescriptor reader;
+  ASSERT_TRUE(RunMainThreadUntil([&] {
+    if (!reader) reader = RawSocket(SocketPath(), false);
+    return FServer->ClientCount() == 1;
+  }));
   const std::string payload(100'000, 'p');
   for (int i = 0; i < 1000; ++i) {
     FServer->Write(FServer->Clients(0), payload);

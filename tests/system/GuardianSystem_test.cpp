@@ -63,6 +63,11 @@ class GuardianSystemTest : public testing::Test {
 
   void StartGuardian() { FGuardian = Guardian({}); }
 
+  void StartDaemon() const {
+    TProgram start({FFolder.Path("VellumarkCL"), "start"}, {"VELLUMARKCL_HOME=" + Home()});
+    ASSERT_EQ(start.Wait(), 0) << start.Output();
+  }
+
   // The page's text; empty when nobody answers.
   static std::string Page(const std::string& name) {
     try {
@@ -71,6 +76,7 @@ class GuardianSystemTest : public testing::Test {
       return {};
     }
   }
+  static bool PageHas(const std::string& text) { return Page("").find(text) != std::string::npos; }
   static bool GuardianAnswers() {
     return Eventually([] { return !Page("status.php").empty(); });
   }
@@ -189,6 +195,38 @@ TEST_F(GuardianSystemTest, EndsWhileTheHandshakeHangs) {
                    std::to_string(SystemTickCount() - signalledAt));
     ExpectNothingLeft();
   }
+}
+
+TEST_F(GuardianSystemTest, EndsWhileACommandOfTheTickHangs) {
+  StartDaemon();
+  OrderFault("hang-stop");
+  StartGuardian();
+  ASSERT_TRUE(GuardianAnswers());
+  EXPECT_EQ(Page("stopdaemon.php"), "VellumarkCL will be asked to stop.");
+  ASSERT_TRUE(Eventually([&] { return !std::filesystem::is_empty(FFolder.Path("tmp")); }));
+  const std::int64_t signalledAt = SystemTickCount();
+  FGuardian->Signal(SIGTERM);
+  EXPECT_EQ(FGuardian->Wait(), 0);
+  RecordProperty("ended_after_ms", std::to_string(SystemTickCount() - signalledAt));
+  ExpectNothingLeft();
+  EXPECT_TRUE(DaemonRuns());
+}
+
+TEST_F(GuardianSystemTest, HearsThePulseAndTheDaemonItsCommands) {
+  StartDaemon();
+  StartGuardian();
+  ASSERT_TRUE(GuardianAnswers());
+  EXPECT_TRUE(Eventually([&] { return PageHas("Scheduler Msg: tsaSchedulerRunning "); }));
+  EXPECT_TRUE(Eventually([&] {
+    return PageHas(": MutexOK=Y, PipeStatusOK=Y, ServiceOK=Y, PID=" + std::to_string(DaemonPid()));
+  })) << Page("");
+  OrderFault("drop-mutex");
+  EXPECT_TRUE(Eventually([&] {
+    return FFolder.Read("home/logs/daemon.log").find("Command received: msgStartTimer") !=
+           std::string::npos;
+  })) << FFolder.Read("home/logs/daemon.log");
+  EXPECT_TRUE(Eventually(
+      [&] { return PageHas("ERROR: Mutex not OK - start timer command sent to service."); }));
 }
 
 TEST_F(GuardianSystemTest, RunsOnWithAHandshakeThatFailsOrFloods) {
