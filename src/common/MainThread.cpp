@@ -165,6 +165,13 @@ bool CheckSynchronize(std::chrono::milliseconds timeout) {
   return Queue().RunPending();
 }
 
+void SleepSynchronizing(std::chrono::milliseconds duration) {
+  const std::int64_t end = SystemTickCount() + duration.count();
+  for (std::int64_t now = SystemTickCount(); now < end; now = SystemTickCount()) {
+    CheckSynchronize(std::chrono::milliseconds(end - now));
+  }
+}
+
 void WakeMainThread() noexcept { Queue().Wake(); }
 
 }  // namespace guardian

@@ -27,6 +27,9 @@ bool Synchronize(const std::function<void()>& function);
 // thread it only waits.
 bool CheckSynchronize(std::chrono::milliseconds timeout);
 
+// Waits for the whole time; in the main thread it runs the requests that come meanwhile.
+void SleepSynchronizing(std::chrono::milliseconds duration);
+
 // Ends the wait of CheckSynchronize early. Async-signal-safe.
 void WakeMainThread() noexcept;
 

@@ -252,13 +252,6 @@ bool RunAtOnce(TMessageUnit& unit, const std::function<void()>& method) {
   return true;
 }
 
-void SleepSynchronizing(milliseconds duration) {
-  const std::int64_t end = SystemTickCount() + duration.count();
-  for (std::int64_t now = SystemTickCount(); now < end; now = SystemTickCount()) {
-    CheckSynchronize(milliseconds(end - now));
-  }
-}
-
 void ReleaseSynchronousCalls(TMessageUnit& unit) {
   constexpr int kRounds = 41;
   for (int round = 0; round < kRounds && unit.SynchronousCalls.load() > 0; ++round) {

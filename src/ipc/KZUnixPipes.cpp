@@ -86,14 +86,6 @@ void TerminateMarked(TKZThread& thread, std::string_view failed) {
   }
 }
 
-// Waits for the whole time, running synchronise requests in the main thread.
-void SleepSynchronizing(milliseconds duration) {
-  const std::int64_t end = SystemTickCount() + duration.count();
-  for (std::int64_t now = SystemTickCount(); now < end; now = SystemTickCount()) {
-    CheckSynchronize(milliseconds(end - now));
-  }
-}
-
 std::shared_ptr<TPipeWorkers> FindByPipe(const TWorkersList& list, std::int64_t pipe) {
   for (const auto& workers : list) {
     if (workers->Connection().Pipe() == pipe) return workers;
