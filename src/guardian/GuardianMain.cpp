@@ -1,7 +1,5 @@
 #include "guardian/GuardianMain.h"
 
-#include <syslog.h>
-
 #include <chrono>
 #include <memory>
 #include <string_view>
@@ -13,6 +11,7 @@
 #include "common/Settings.h"
 #include "diagnostics/KZCheckpoints.h"
 #include "guardian/GuardianService.h"
+#include "guardian/SystemLog.h"
 #include "guardian/process.h"
 #include "ipc/KZCustomApplication.h"
 #include "ipc/KZMessages.h"
@@ -22,15 +21,6 @@
 
 namespace guardian {
 namespace {
-
-void WriteSystemLog(std::string_view message, TSystemLogKind kind) {
-  const int priority = kind == TSystemLogKind::Error     ? LOG_ERR
-                       : kind == TSystemLogKind::Warning ? LOG_WARNING
-                                                         : LOG_INFO;
-  ::openlog("VellumarkGuardian", LOG_PID, LOG_DAEMON);
-  ::syslog(priority, "%.*s", static_cast<int>(message.size()), message.data());
-  ::closelog();
-}
 
 TShellOutcome RunCommand(const std::string& commandLine, int timeoutSec,
                          const TCancellation& stopping) {
@@ -75,7 +65,7 @@ class TMainThreadBinding {
   TMainThreadBinding& operator=(const TMainThreadBinding&) = delete;
 };
 
-void RunGuardian() {
+void RunGuardian(TClock& clock) {
   const TMainThreadBinding mainThread;
   TKZCustomApplication application;
   application.Initialize();
@@ -86,13 +76,17 @@ void RunGuardian() {
             return RunCommand(commandLine, timeoutSec, application.Stopping());
           },
       .MakeScheduler =
-          [&application](TScheduler::TLog log) {
+          [&application, &clock](TScheduler::TLog log) {
             return std::make_unique<TSchedulerClient>(Settings().SchedulerPipeName, std::move(log),
-                                                      application.Stopping(), SystemClock());
+                                                      application.Stopping(), clock);
           },
-      .SystemLog = WriteSystemLog,
+      .SystemLog =
+          [&application](std::string_view message, TSystemLogKind kind) {
+            WriteSystemLog(message, kind, application.Stopping());
+          },
       .OwnPath = Settings().OwnExecutablePath,
       .ConfDir = GetDaemonConfDir(),
+      .Clock = &clock,
   });
   service.Start();
   StartWebStatusServer({
@@ -112,7 +106,7 @@ void RunGuardian() {
 
 }  // namespace
 
-void GuardianMain() {
+void GuardianMain(TClock& clock) {
   const auto& commandLine = Settings().CommandLine;
   const std::string word = commandLine.size() > 1 ? commandLine[1] : std::string();
   if (word == "stop") {
@@ -133,7 +127,7 @@ void GuardianMain() {
     PrintLine("Launching Guardian Service as Daemon.");
     BecomeDaemon();
   }
-  RunGuardian();
+  RunGuardian(clock);
 }
 
 bool QueryGuardian(const std::string& page, TQueryOutput output) {

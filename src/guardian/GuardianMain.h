@@ -2,13 +2,16 @@
 
 #include <string>
 
+#include "common/Clock.h"
+
 namespace guardian {
 
 // The program: acts on the first word of the command line, then returns, which ends the process.
 // "start" makes the process a daemon unless a Guardian answers already; "stop" and "status" ask
 // the running one; anything else runs the Guardian in the foreground, until it is told to end.
+// The watchdog decides by the clock, which outlives the call.
 // Main thread, before any other thread exists.
-void GuardianMain();
+void GuardianMain(TClock& clock = SystemClock());
 
 enum class TQueryOutput { AnswerOnly, AnswerOrFailure };
 

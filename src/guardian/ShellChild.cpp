@@ -30,18 +30,16 @@ using std::chrono::milliseconds;
 constexpr milliseconds kRound(50);      // Between looks at the size of the output.
 constexpr milliseconds kPollRound(10);  // Where nothing tells of the child's end.
 
-// "<shellPath> -c <line>" for exec; lives as long as the two texts.
-class TShellArguments {
- public:
-  TShellArguments(const std::string& shellPath, const std::string& line)
-      : FTexts{const_cast<char*>(shellPath.c_str()), FOption, const_cast<char*>(line.c_str()),
-               nullptr} {}
-  [[nodiscard]] char* const* Get() const noexcept { return FTexts; }
-
- private:
-  char FOption[3] = "-c";
-  char* FTexts[4];
-};
+// The arguments as exec takes them; lives as long as the texts.
+std::vector<char*> Pointers(const std::vector<std::string>& arguments) {
+  std::vector<char*> pointers;
+  pointers.reserve(arguments.size() + 1);
+  for (const std::string& argument : arguments) {
+    pointers.push_back(const_cast<char*>(argument.c_str()));
+  }
+  pointers.push_back(nullptr);
+  return pointers;
+}
 
 // What posix_spawn is to do in the child.
 class TSpawnSetup {
@@ -103,7 +101,7 @@ class TSignalBlock {
 
 // The child of a fork: other threads may have held any lock, so only async-signal-safe calls are
 // made. Descriptors that are not close-on-exec are closed where the kernel has a call for it.
-[[noreturn]] void ReplaceWithShell(char* const* arguments) noexcept {
+[[noreturn]] void ReplaceWithProgram(char* const* arguments) noexcept {
   ::setpgid(0, 0);
   for (int number = 1; number < NSIG; ++number) ::signal(number, SIG_DFL);
   sigset_t none;
@@ -158,27 +156,26 @@ TShellChild::~TShellChild() {
   Reap();
 }
 
-int TShellChild::Spawn(const std::string& shellPath, const std::string& line, int output) {
+int TShellChild::Spawn(const std::vector<std::string>& arguments, int output) {
   TAbandonedChildren::Instance().ReapEnded();
   TSpawnSetup setup;
   if (const int error = setup.Prepare(output); error != 0) return error;
-  const TShellArguments arguments(shellPath, line);
   pid_t pid = 0;
-  const int error = ::posix_spawn(&pid, shellPath.c_str(), &setup.Actions, &setup.Attributes,
-                                  arguments.Get(), environ);
+  const int error = ::posix_spawn(&pid, arguments.front().c_str(), &setup.Actions,
+                                  &setup.Attributes, Pointers(arguments).data(), environ);
   if (error != 0) return error;
   FPid = pid;
   FPidHandle = TFileDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
   return 0;
 }
 
-int TShellChild::Fork(const std::string& shellPath, const std::string& line) {
+int TShellChild::Fork(const std::vector<std::string>& arguments) {
   TAbandonedChildren::Instance().ReapEnded();
-  const TShellArguments arguments(shellPath, line);
+  const std::vector<char*> pointers = Pointers(arguments);
   const TSignalBlock block;
   const pid_t pid = ::fork();
   if (pid == -1) return errno;
-  if (pid == 0) ReplaceWithShell(arguments.Get());
+  if (pid == 0) ReplaceWithProgram(pointers.data());
   // In both processes: whichever comes first, the group is there before anybody signals it.
   ::setpgid(pid, pid);
   FPid = pid;

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "common/Cancellation.h"
 #include "common/Clock.h"
@@ -50,8 +51,9 @@ int StartShell(const TShellCommand& command, const TShellFiles& files, TShellChi
   KZCP::Checkpoint("Exec: " + command.CommandLine + " >\"" + files.LastCommand.Name() + "\"");
   // The simple runner is the one that has no file for the shell itself; the switch may have
   // changed.
-  if (files.Shell.Descriptor() < 0) return child.Fork(command.ShellPath, line);
-  return child.Spawn(command.ShellPath, line, files.Shell.Descriptor());
+  const std::vector<std::string> arguments = {command.ShellPath, "-c", line};
+  if (files.Shell.Descriptor() < 0) return child.Fork(arguments);
+  return child.Spawn(arguments, files.Shell.Descriptor());
 }
 
 void RecordError(const std::string& text, int error) {

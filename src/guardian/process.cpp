@@ -1,10 +1,16 @@
 #include "guardian/process.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <chrono>
 #include <utility>
 
+#include "common/Cancellation.h"
+#include "common/Clock.h"
 #include "common/Exceptions.h"
+#include "common/FileDescriptor.h"
+#include "guardian/ShellChild.h"
 #include "guardian/ShellCommand.h"
 
 namespace guardian {
@@ -27,6 +33,19 @@ void RunShellCmdWithOutput(std::string& output, const std::string& commandLine, 
     throw KZException("Error executing " + commandLine + " >\"" + result.TempFileName +
                       "\": " + SystemErrorText(result.ErrorNumber));
   }
+}
+
+int RunProgram(const std::vector<std::string>& arguments, int timeoutSec,
+               const TCancellation* cancellation) {
+  constexpr int kNotEnded = -1;
+  if (cancellation != nullptr && cancellation->IsCancelled()) return kNotEnded;
+  const TFileDescriptor nowhere(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+  TShellChild child;
+  if (!nowhere || child.Spawn(arguments, nowhere.Get()) != 0) return kNotEnded;
+  TShellEnding ending(std::chrono::seconds(std::max(timeoutSec, 0)), SystemClock().TickCount());
+  child.Wait(
+      ending, [] { return std::uint64_t{0}; }, cancellation);
+  return ending.Reason() == TShellEnd::Exited ? child.ExitCode() : kNotEnded;
 }
 
 }  // namespace guardian

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace guardian {
 
@@ -47,5 +48,12 @@ void BecomeDaemon();
 void RunShellCmdWithOutput(std::string& output, const std::string& commandLine, int timeoutSec,
                            bool raiseOnFailure, const std::string& tempFileName, int& exitCode,
                            const TCancellation* cancellation = nullptr);
+
+// Runs a program, by its path in the first argument, without a shell; nothing in the arguments is
+// interpreted. Standard input and output are "/dev/null". It is waited for and ended as a shell
+// command is. Returns its exit code; 128 + signal when a signal ended it; -1 when it could not be
+// run or was ended here. Never throws for a failed run. Threads: any; blocks as said above.
+[[nodiscard]] int RunProgram(const std::vector<std::string>& arguments, int timeoutSec,
+                             const TCancellation* cancellation = nullptr);
 
 }  // namespace guardian

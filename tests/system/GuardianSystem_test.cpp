@@ -1,125 +1,16 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <signal.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <memory>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "common/Clock.h"
-#include "common/Exceptions.h"
-#include "support/Eventually.h"
-#include "support/Program.h"
-#include "support/TempFolder.h"
-#include "webstatus/http_client.h"
+#include "system/GuardianFixture.h"
 
 namespace guardian {
 namespace {
 
-using testing::AnyOf;
 using testing::HasSubstr;
 using testing::StartsWith;
-
-// Each test has both executables side by side in a folder of its own, as an installation has them.
-class GuardianSystemTest : public testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_EQ(Page("status.php"), "") << "port 8900 is in use";
-    std::filesystem::copy_file(GUARDIAN_EXECUTABLE, FFolder.Path("VellumarkGuardian"));
-    std::filesystem::copy_file(DAEMON_EXECUTABLE, FFolder.Path("VellumarkCL"));
-    std::filesystem::create_directories(Home());
-    std::filesystem::create_directories(FFolder.Path("tmp"));
-  }
-
-  void TearDown() override {
-    FGuardian.reset();
-    const pid_t detached = DetachedGuardian();
-    if (detached != 0) ::kill(detached, SIGKILL);
-    // A restart may be under way: whoever holds the daemon's place is ended, at most thrice.
-    for (int round = 0; round < 3 && DaemonRuns(); ++round) KillDaemon();
-    EXPECT_FALSE(DaemonRuns());
-  }
-
-  std::string Home() const { return FFolder.Path("home"); }
-  void OrderFault(const std::string& word) const { FFolder.Write("home/faults", word + "\n"); }
-
-  std::unique_ptr<TProgram> Guardian(std::vector<std::string> words) const {
-    words.insert(words.begin(), FFolder.Path("VellumarkGuardian"));
-    return std::make_unique<TProgram>(
-        std::move(words),
-        std::vector<std::string>{"VELLUMARKCL_HOME=" + Home(), "TMPDIR=" + FFolder.Path("tmp")});
-  }
-
-  // Runs the Guardian's command word to its end and returns what it printed.
-  std::string Command(const std::string& word) const {
-    const auto command = Guardian({word});
-    EXPECT_EQ(command->Wait(), 0) << word;
-    return command->Output();
-  }
-
-  void StartGuardian() { FGuardian = Guardian({}); }
-
-  void StartDaemon() const {
-    TProgram start({FFolder.Path("VellumarkCL"), "start"}, {"VELLUMARKCL_HOME=" + Home()});
-    ASSERT_EQ(start.Wait(), 0) << start.Output();
-  }
-
-  // The page's text; empty when nobody answers.
-  static std::string Page(const std::string& name) {
-    try {
-      return HttpGet("localhost:8900/" + name, std::chrono::seconds(60)).Body;
-    } catch (const SoftException&) {
-      return {};
-    }
-  }
-  static bool PageHas(const std::string& text) { return Page("").find(text) != std::string::npos; }
-  static bool GuardianAnswers() {
-    return Eventually([] { return !Page("status.php").empty(); });
-  }
-
-  // The pid that the daemon wrote; 0 for none.
-  pid_t DaemonPid() const {
-    std::ifstream file(Home() + "/daemon.pid");
-    pid_t pid = 0;
-    file >> pid;
-    return pid;
-  }
-  bool DaemonRuns() const { return DaemonPid() != 0 && ::kill(DaemonPid(), 0) == 0; }
-  void KillDaemon() const {
-    const pid_t pid = DaemonPid();
-    ASSERT_GT(pid, 1);
-    ::kill(pid, SIGKILL);
-    EXPECT_TRUE(Eventually([&] { return ::kill(pid, 0) != 0; }));
-  }
-  bool AnotherDaemonRuns(pid_t before) const {
-    return Eventually([&] { return DaemonRuns() && DaemonPid() != before; });
-  }
-
-  // The Guardian that made itself a daemon: the process that runs this folder's executable.
-  pid_t DetachedGuardian() const {
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-      std::error_code error;
-      const auto target = std::filesystem::read_symlink(entry.path() / "exe", error);
-      if (!error && target == FFolder.Path("VellumarkGuardian")) {
-        return std::atoi(entry.path().filename().c_str());
-      }
-    }
-    return 0;
-  }
-
-  void ExpectNothingLeft() const {
-    EXPECT_EQ(Page("status.php"), "");
-    EXPECT_EQ(DetachedGuardian(), 0);
-    EXPECT_TRUE(std::filesystem::is_empty(FFolder.Path("tmp")));
-  }
-
-  const TTempFolder FFolder;
-  std::unique_ptr<TProgram> FGuardian;
-};
 
 TEST_F(GuardianSystemTest, BringsAKilledDaemonBackAndAnswersItsCommandWords) {
   StartGuardian();
@@ -221,10 +112,7 @@ TEST_F(GuardianSystemTest, HearsThePulseAndTheDaemonItsCommands) {
     return PageHas(": MutexOK=Y, PipeStatusOK=Y, ServiceOK=Y, PID=" + std::to_string(DaemonPid()));
   })) << Page("");
   OrderFault("drop-mutex");
-  EXPECT_TRUE(Eventually([&] {
-    return FFolder.Read("home/logs/daemon.log").find("Command received: msgStartTimer") !=
-           std::string::npos;
-  })) << FFolder.Read("home/logs/daemon.log");
+  EXPECT_TRUE(Eventually([&] { return DaemonLogHas("Command received: msgStartTimer"); }));
   EXPECT_TRUE(Eventually(
       [&] { return PageHas("ERROR: Mutex not OK - start timer command sent to service."); }));
 }
