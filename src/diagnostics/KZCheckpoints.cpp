@@ -17,6 +17,7 @@
 #include "diagnostics/ThreadReport.h"
 #include "diagnostics/ThreadSlot.h"
 #include "diagnostics/WideText.h"
+#include "diagnostics/job_mutex.h"
 
 namespace guardian::KZCP {
 namespace {
@@ -215,6 +216,7 @@ void Init() {
 
 void Fini() {
   TraceToFile("KZCP.Fini");
+  CheckMutexesAtTermination();
   profilingReady = false;
   TProcessState& process = Process();
   process.Profile.Clear();

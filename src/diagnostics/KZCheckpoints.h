@@ -63,7 +63,8 @@ struct TCPTimes {
 // readies the profiling, which it switches off when debug mode is off.
 void Init();
 
-// Frees the list and the profiling table.
+// Ends the job mutex guardian, then frees the list and the profiling table. Throws KZException,
+// with neither freed, when CheckMutexesAtTermination does; it can then be called again.
 void Fini();
 
 // Passes a checkpoint. With all switches off it reads the tick counter and copies the text; it
