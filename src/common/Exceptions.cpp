@@ -2,6 +2,7 @@
 
 #include <cxxabi.h>
 
+#include <array>
 #include <boost/stacktrace/safe_dump_to.hpp>
 #include <cstdlib>
 #include <memory>
@@ -14,6 +15,90 @@ namespace {
 
 constexpr std::size_t kMaxFrames = 64;
 
+[[gnu::noinline]] TStackAddresses CapturedStack(std::size_t skip) {
+  std::array<const void*, kMaxFrames> frames;
+  const std::size_t count = CaptureStack(frames, skip + 1);
+  // Not in braces, which would take the two pointers for two addresses.
+  TStackAddresses stack(frames.data(), frames.data() + count);
+  return stack;
+}
+
+// One throw of the thread.
+struct TThrow {
+  const void* Object;
+  const std::type_info* Type;
+  std::size_t Count;
+  std::array<const void*, 48> Frames;
+};
+
+// The thread's last throws. More than one: what reports an exception may itself throw and catch.
+struct TLastThrows {
+  std::array<TThrow, 4> Throws;
+  std::size_t Next;
+};
+
+constinit thread_local TLastThrows tLastThrows{};
+
+[[gnu::noinline]] void NoteThrow(const void* object, const std::type_info* type) noexcept {
+  TThrow& noted = tLastThrows.Throws[tLastThrows.Next];
+  tLastThrows.Next = (tLastThrows.Next + 1) % tLastThrows.Throws.size();
+  noted.Object = object;
+  noted.Type = type;
+  // Besides this function, the one that stands in for the C++ library's.
+  noted.Count = CaptureStack(noted.Frames, 2);
+}
+
+// The object is null when its address cannot be told; the type then has to do. An empty stack when
+// the throw is not known.
+TStackAddresses StackOfThrow(const void* object, const std::type_info* type) {
+  const std::size_t size = tLastThrows.Throws.size();
+  for (std::size_t back = 1; back <= size; ++back) {
+    const TThrow& noted = tLastThrows.Throws[(tLastThrows.Next + size - back) % size];
+    const bool same = type != nullptr && noted.Type == type;
+    if (!same || (object != nullptr && noted.Object != object)) continue;
+    TStackAddresses stack(noted.Frames.data(), noted.Frames.data() + noted.Count);
+    return stack;
+  }
+  return {};
+}
+
+TExceptionDetails DetailsOf(const std::exception& error) {
+  TExceptionDetails details;
+  details.ClassName = ExceptionClassName(error);
+  details.Message = error.what();
+  if (const auto* own = dynamic_cast<const KZException*>(&error)) {
+    details.Soft = dynamic_cast<const SoftException*>(own) != nullptr;
+    details.Stack = own->Stack();
+  } else {
+    details.Stack = StackOfThrow(dynamic_cast<const void*>(&error), &typeid(error));
+  }
+  return details;
+}
+
+}  // namespace
+
+// The linker leads every throw here (--wrap), and the second name to the C++ library. So the stack
+// is known also of an exception that is not ours, which has lost it by the time it is caught.
+extern "C" {
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names.
+[[noreturn]] void __real___cxa_throw(void* object, std::type_info* type, void (*destroy)(void*));
+[[noreturn]] void __wrap___cxa_throw(void* object, std::type_info* type, void (*destroy)(void*));
+
+void __wrap___cxa_throw(void* object, std::type_info* type, void (*destroy)(void*)) {
+  NoteThrow(object, type);
+  __real___cxa_throw(object, type, destroy);
+}
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming): as above.
+}
+
+[[gnu::noinline]] std::size_t CaptureStack(std::span<const void*> frames,
+                                           std::size_t skip) noexcept {
+  std::size_t count = boost::stacktrace::safe_dump_to(skip + 1, frames.data(), frames.size_bytes());
+  // The dump ends with a null frame where it fits.
+  while (count > 0 && frames[count - 1] == nullptr) --count;
+  return count;
+}
+
 std::string Demangled(const char* name) {
   int status = 0;
   const std::unique_ptr<char, decltype(&std::free)> text(
@@ -21,20 +106,8 @@ std::string Demangled(const char* name) {
   return status == 0 ? text.get() : name;
 }
 
-// Skips the given number of frames besides its own.
-[[gnu::noinline]] TStackAddresses CaptureStack(std::size_t skip) {
-  const void* frames[kMaxFrames];
-  const std::size_t count = boost::stacktrace::safe_dump_to(skip + 1, frames, sizeof(frames));
-  // The dump ends with a null frame where it fits.
-  TStackAddresses stack(frames, frames + count);
-  while (!stack.empty() && stack.back() == nullptr) stack.pop_back();
-  return stack;
-}
-
-}  // namespace
-
 KZException::KZException(std::string message)
-    : FMessage(std::move(message)), FStack(CaptureStack(1)) {}
+    : FMessage(std::move(message)), FStack(CapturedStack(1)) {}
 
 std::string KZException::ClassName() const {
   const std::string name = Demangled(typeid(*this).name());
@@ -58,6 +131,24 @@ std::string SystemErrorText(int errorNumber) {
 std::string ExceptionClassName(const std::exception& error) {
   if (const auto* own = dynamic_cast<const KZException*>(&error)) return own->ClassName();
   return Demangled(typeid(error).name());
+}
+
+TExceptionDetails DescribeException(const std::exception_ptr& error) {
+  TExceptionDetails details;
+  try {
+    if (error) std::rethrow_exception(error);
+    details.Message = "no exception";
+  } catch (const std::exception& known) {
+    details = DetailsOf(known);
+  } catch (...) {
+    const std::type_info* type = abi::__cxa_current_exception_type();
+    details.ClassName = type != nullptr ? Demangled(type->name()) : "unknown";
+    details.Message = CurrentExceptionMessage();
+    details.Stack = StackOfThrow(nullptr, type);
+  }
+  details.StackOfCatcher = details.Stack.empty();
+  if (details.StackOfCatcher) details.Stack = CapturedStack(1);
+  return details;
 }
 
 std::string CurrentExceptionMessage() noexcept try { throw; } catch (const std::exception& error) {

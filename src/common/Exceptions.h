@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <exception>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -8,6 +10,14 @@ namespace guardian {
 
 // Return addresses, innermost first.
 using TStackAddresses = std::vector<const void*>;
+
+// Fills the array with the calling thread's return addresses, leaving out the given number of
+// callers besides itself, and returns how many there are. Async-signal-safe from its second call
+// on.
+[[nodiscard]] std::size_t CaptureStack(std::span<const void*> frames, std::size_t skip) noexcept;
+
+// The readable form of a name of the linker; a name that is none stays as it is.
+[[nodiscard]] std::string Demangled(const char* name);
 
 // The base of every exception raised here: its message, and where it was raised.
 // Threads: immutable after construction; std::exception_ptr may carry it across threads.
@@ -55,6 +65,21 @@ class ESystemError : public KZException {
 // The class name of any exception: KZException knows its own; of a foreign one the demangled type
 // name with its namespace.
 [[nodiscard]] std::string ExceptionClassName(const std::exception& error);
+
+// What a report says of an exception.
+struct TExceptionDetails {
+  std::string ClassName;
+  std::string Message;
+  bool Soft = false;            // A SoftException.
+  bool StackOfCatcher = false;  // The stack is that of the call: nobody knows where it was raised.
+  TStackAddresses Stack;
+};
+
+// The details of an exception of any kind. The stack is the one that a KZException brought along;
+// else that of the throw, when the calling thread threw it lately; else that of the calling thread
+// as it is now. With a C++ library that is linked dynamically, what the library itself throws is
+// never known from the throw.
+[[nodiscard]] TExceptionDetails DescribeException(const std::exception_ptr& error);
 
 // The message of the exception that is being handled, whatever its type. Call it in a catch block
 // only.

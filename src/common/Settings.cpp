@@ -11,6 +11,11 @@ TSettings& Settings() {
   return settings;
 }
 
+std::string LogFolder() {
+  std::string folder = Settings().LogDirectory.Copy();
+  return folder.empty() ? Settings().TempDirectory.Copy() : folder;
+}
+
 void InitSettings(int argc, const char* const* argv) {
   TSettings& settings = Settings();
   settings.CommandLine.assign(argv, argv + argc);

@@ -34,6 +34,10 @@ struct TSettings {
 // The one object; lives from its first use to the end of the process.
 [[nodiscard]] TSettings& Settings();
 
+// Where logs and reports of the Guardian itself go: LogDirectory, TempDirectory while that is
+// empty.
+[[nodiscard]] std::string LogFolder();
+
 // Fills CommandLine, OwnExecutablePath and TempDirectory. Main thread, first thing.
 void InitSettings(int argc, const char* const* argv);
 

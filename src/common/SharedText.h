@@ -8,38 +8,43 @@
 
 namespace guardian {
 
-// A text that one thread replaces whole while others read it: a reader sees the old or the new
+// A value that one thread replaces whole while others read it: a reader sees the old or the new
 // one, never a mixture. The lock is held for the copy of one pointer and nothing else; the
 // standard library's atomic shared pointer is no faster and, in this release, not free of races.
 // Threads: any.
-class TSharedText {
+template <typename TValue>
+class TShared {
  public:
-  using TText = std::shared_ptr<const std::string>;
+  using TPointer = std::shared_ptr<const TValue>;
 
-  TSharedText() : TSharedText(std::string()) {}
-  explicit TSharedText(std::string text)
-      : FText(std::make_shared<const std::string>(std::move(text))) {}
-  TSharedText(const TSharedText&) = delete;
-  TSharedText& operator=(const TSharedText&) = delete;
+  explicit TShared(TValue value = {}) : FValue(std::make_shared<const TValue>(std::move(value))) {}
+  TShared(const TShared&) = delete;
+  TShared& operator=(const TShared&) = delete;
 
-  // The current text; stays valid and unchanged for as long as the pointer is kept. Never null.
-  [[nodiscard]] TText Get() const KZ_EXCLUDES(FLock) {
+  // The current value; stays valid and unchanged for as long as the pointer is kept. Never null.
+  [[nodiscard]] TPointer Get() const KZ_EXCLUDES(FLock) {
     const TMutexLock lock(FLock);
-    return FText;
+    return FValue;
   }
 
-  // A copy of the current text.
-  [[nodiscard]] std::string Copy() const { return *Get(); }
+  // A copy of the current value.
+  [[nodiscard]] TValue Copy() const { return *Get(); }
 
-  void Set(std::string text) KZ_EXCLUDES(FLock) {
-    TText next = std::make_shared<const std::string>(std::move(text));
+  void Set(TValue value) KZ_EXCLUDES(FLock) {
+    TPointer next = std::make_shared<const TValue>(std::move(value));
     const TMutexLock lock(FLock);
-    FText.swap(next);
+    FValue.swap(next);
   }
 
  private:
   mutable TMutex FLock;
-  TText FText KZ_GUARDED_BY(FLock);
+  TPointer FValue KZ_GUARDED_BY(FLock);
+};
+
+class TSharedText : public TShared<std::string> {
+ public:
+  using TText = TPointer;
+  using TShared::TShared;
 };
 
 }  // namespace guardian

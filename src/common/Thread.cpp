@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "common/Exceptions.h"
+#include "common/FatalSignals.h"
 #include "common/MainThread.h"
 
 namespace guardian {
@@ -28,12 +29,14 @@ TThread::TExceptionHandler& ExceptionHandler() {
   return handler;
 }
 
-// Blocks every signal for as long as it lives, so that a thread created meanwhile starts so.
+// Blocks every signal but the fatal ones for as long as it lives, so that a thread created
+// meanwhile starts so.
 class TSignalBlock {
  public:
   TSignalBlock() noexcept {
     sigset_t all;
     sigfillset(&all);
+    for (const int fatal : kFatalSignals) sigdelset(&all, fatal);
     pthread_sigmask(SIG_SETMASK, &all, &FPrevious);
   }
   ~TSignalBlock() { pthread_sigmask(SIG_SETMASK, &FPrevious, nullptr); }
@@ -121,6 +124,7 @@ void* TThread::Run(void* self) {
 
 void TThread::RunWhole() {
   constexpr std::size_t kKernelNameLength = 15;
+  const TAlternateSignalStack signalStack;
   FThreadId.store(CurrentThreadId());
   pthread_setname_np(pthread_self(), FName.substr(0, kKernelNameLength).c_str());
   RunGuarded([this] { Execute(); });

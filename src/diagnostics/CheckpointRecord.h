@@ -108,6 +108,11 @@ class TCheckpointRecord {
 
   [[nodiscard]] std::string CurrentCP() const { return std::string(FCurrentCP.Load().View()); }
 
+  // The same for signal handlers.
+  [[nodiscard]] TAtomicShortText<256, 255>::TCopy LoadCurrentCP() const noexcept {
+    return FCurrentCP.Load();
+  }
+
   // Tick of the current checkpoint in milliseconds; 0 before the first.
   [[nodiscard]] std::int64_t CPTime() const noexcept {
     return FCPTime.load(std::memory_order_relaxed);

@@ -318,4 +318,9 @@ TCheckpointRecord* CurrentRecord() noexcept {
   return thread != nullptr ? thread->Record.get() : nullptr;
 }
 
+const TCheckpointRecord* PeekRecord() noexcept {
+  const TThreadState* const thread = TThisThread::Peek();
+  return thread != nullptr ? thread->Record.get() : nullptr;
+}
+
 }  // namespace guardian::KZCP

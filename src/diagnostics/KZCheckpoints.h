@@ -120,5 +120,8 @@ void SetMessageBoxFlag(bool set) noexcept;
 // For TKZCriticalSection: the calling thread's record; null at the thread's end.
 [[nodiscard]] TCheckpointRecord* CurrentRecord() noexcept;
 
+// For signal handlers: the calling thread's record, null when it has passed no checkpoint yet.
+[[nodiscard]] const TCheckpointRecord* PeekRecord() noexcept;
+
 }  // namespace KZCP
 }  // namespace guardian

@@ -18,6 +18,9 @@ class TThreadSlot {
     return object != nullptr ? object : Make();
   }
 
+  // The calling thread's object as far as it has one, else null. Async-signal-safe.
+  [[nodiscard]] static T* Peek() noexcept { return FObject; }
+
  private:
   struct THolder {
     THolder() { FObject = &Object; }

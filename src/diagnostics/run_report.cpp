@@ -26,11 +26,6 @@ std::int64_t Milliseconds(TDateTime days) {
   return std::llround(days * static_cast<double>(kMillisecondsPerDay));
 }
 
-std::string DefaultFolder() {
-  std::string folder = Settings().LogDirectory.Copy();
-  return folder.empty() ? Settings().TempDirectory.Copy() : folder;
-}
-
 // A new file in the place of an older one, also of a symbolic link: the folder may be everybody's.
 // Another process may make one of the same name in between.
 TFileDescriptor CreateReplacing(const std::string& path) {
@@ -125,7 +120,7 @@ void TryWriteRunReport(TMutexRegistry& registry, std::string_view reason) {
   const TMutexGuardianSettings& settings = registry.Settings;
   const std::string name = SafeFileName("Vellumark Run Report " + DateTimeToStr(now)) + ".txt";
   const std::string path =
-      JoinPath(settings.ReportFolder.empty() ? DefaultFolder() : settings.ReportFolder, name);
+      JoinPath(settings.ReportFolder.empty() ? LogFolder() : settings.ReportFolder, name);
   if (settings.ReportLog) {
     settings.ReportLog(std::string(reason).append("\n\nSee Report File: ").append(path));
   }
@@ -144,7 +139,7 @@ class TRememberedFolder {
       FFolder = given.substr(0, kMaxRemembered);
       return std::string(given);
     }
-    return FFolder.empty() ? DefaultFolder() : FFolder;
+    return FFolder.empty() ? LogFolder() : FFolder;
   }
 
  private:

@@ -6,8 +6,10 @@
 #include <chrono>
 #include <string>
 
+#include "common/Clock.h"
 #include "common/Exceptions.h"
 #include "common/MainThread.h"
+#include "diagnostics/exception_report.h"
 
 namespace guardian {
 namespace {
@@ -69,7 +71,15 @@ void TKZCustomApplication::Run() {
   assert(IsMainThread());
   // Terminate wakes the wait; the bound only keeps a lost wake-up from lasting.
   constexpr std::chrono::seconds kRound{1};
-  while (!Terminated()) CheckSynchronize(kRound);
+  while (!Terminated()) {
+    try {
+      CheckSynchronize(kRound);
+    } catch (...) {
+      HandleException(std::current_exception(), TLogToFiles::Yes, "Main loop");
+      // What fails at once, and again and again, must not fill the log.
+      SystemClock().Sleep(kRound);
+    }
+  }
 }
 
 void TKZCustomApplication::Terminate() noexcept {

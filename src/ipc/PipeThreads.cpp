@@ -17,6 +17,7 @@
 #include "common/NamedMutex.h"
 #include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/PipeCounters.h"
+#include "diagnostics/exception_report.h"
 
 namespace guardian {
 namespace {
@@ -63,6 +64,12 @@ TFileDescriptor MakeSocket(int flags) {
   return TFileDescriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0));
 }
 
+// In a catch block: the exception that has ended the work.
+void ReportPipeException(const std::string& where) {
+  WritePipeDiagnostic(where + ": " + CurrentExceptionMessage());
+  HandleException(std::current_exception(), TLogToFiles::Yes, where);
+}
+
 }  // namespace
 
 TPipeThread::TPipeThread(std::string name, const char* registeredAs, TRole role,
@@ -78,7 +85,7 @@ void TPipeThread::Execute() {
   try {
     Work();
   } catch (...) {
-    WritePipeDiagnostic(Name() + ": " + CurrentExceptionMessage());
+    ReportPipeException(Name());
   }
   FConnection.End();
   if (FRole == TRole::Reader) ReportEnd();
@@ -227,7 +234,7 @@ void TPipeListenThread::AcceptOne(int listener) const {
   try {
     Synchronize([&] { FOnAccepted(std::move(client)); });
   } catch (...) {
-    WritePipeDiagnostic("serve a client of " + FPath + ": " + CurrentExceptionMessage());
+    ReportPipeException("serve a client of " + FPath);
     PauseAfterFailure();
   }
 }
