@@ -1,0 +1,337 @@
+#include "config/SqlIniComponents.h"
+
+#include <SQLiteCpp/Backup.h>
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Exception.h>
+#include <SQLiteCpp/Statement.h>
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <string>
+#include <utility>
+
+#include "config/SqlIniConnection.h"
+
+namespace guardian {
+namespace {
+
+constexpr std::size_t kMaxTextBytes = 100;  // The width of the column VALUE.
+
+// The parameter stands bare: SQLite knows no quoted parameter names.
+constexpr const char* kInsertSection =
+    "insert into SECTIONS\n(\"SECTIONNAME\")\nvalues\n(:SECTIONNAME)";
+constexpr const char* kSectionByName = "SELECT ID FROM SECTIONS WHERE (SECTIONNAME=:SECTIONNAME);";
+constexpr const char* kSectionById = "SELECT SECTIONNAME FROM SECTIONS WHERE (ID=:SECTIONID);";
+constexpr const char* kSectionValues =
+    "SELECT * FROM DATA WHERE (SECTIONID=:SECTIONID) ORDER BY NAME;";
+constexpr const char* kSectionList = "SELECT DISTINCT SECTIONID FROM DATA ORDER BY SECTIONID;";
+constexpr const char* kValueRead =
+    "SELECT * FROM DATA WHERE (SECTIONID=:SECTIONID) AND (NAME=:NAME);";
+constexpr const char* kCheckIfTableDataExists = "SELECT * FROM DATA ORDER BY NAME LIMIT 1;";
+
+// What a result that can be edited posts.
+constexpr const char* kUpdateRow =
+    "UPDATE DATA SET VALUE=:VALUE, BINVALUE=:BINVALUE WHERE SECTIONID=:SECTIONID AND NAME=:NAME";
+constexpr const char* kInsertRow =
+    "INSERT INTO DATA (VALUE, BINVALUE, SECTIONID, NAME) "
+    "VALUES (:VALUE, :BINVALUE, :SECTIONID, :NAME)";
+
+constexpr const char* kFillFromOther = R"(
+INSERT OR IGNORE INTO SECTIONS (SECTIONNAME, ID)
+  SELECT SECTIONNAME, ID FROM other.SECTIONS
+  WHERE ID IN (SELECT SECTIONID FROM DATA) AND ID NOT IN (SELECT ID FROM SECTIONS);
+INSERT OR IGNORE INTO SECTIONS (SECTIONNAME) SELECT SECTIONNAME FROM other.SECTIONS;
+INSERT OR IGNORE INTO DATA (NAME, VALUE, BINVALUE, SECTIONID)
+  SELECT o.NAME, o.VALUE, o.BINVALUE, mine.ID FROM other.DATA o
+  JOIN other.SECTIONS s ON s.ID=o.SECTIONID JOIN SECTIONS mine ON mine.SECTIONNAME=s.SECTIONNAME;)";
+constexpr const char* kNameLostSections =
+    "INSERT OR IGNORE INTO SECTIONS (SECTIONNAME, ID) SELECT DISTINCT 'Recovered ' || SECTIONID, "
+    "SECTIONID FROM DATA WHERE SECTIONID NOT IN (SELECT ID FROM SECTIONS);";
+
+// Leaves the statement ready for its next use, also when an exception passes: an unfinished one
+// would hold the file's lock.
+class TUse {
+ public:
+  explicit TUse(SQLite::Statement& statement) : FStatement(statement) {}
+  ~TUse() { FStatement.tryReset(); }
+  TUse(const TUse&) = delete;
+  TUse& operator=(const TUse&) = delete;
+
+ private:
+  SQLite::Statement& FStatement;
+};
+
+void Run(SQLite::Statement& statement) {
+  const TUse use(statement);
+  statement.exec();
+}
+
+// The bindings of the two statements that post a row. The bytes live until the statement is reset.
+class TRowBinding {
+ public:
+  TRowBinding(SQLite::Statement& statement, std::int64_t sectionId, const std::string& key,
+              std::string_view value)
+      : FText(IsStoredAsText(value) ? value : "") {
+    if (IsStoredAsText(value)) {
+      statement.bindNoCopy(1, FText);
+      statement.bind(2);
+    } else {
+      statement.bind(1);
+      statement.bindNoCopy(2, value.data(), static_cast<int>(value.size()));
+    }
+    statement.bind(3, sectionId);
+    statement.bindNoCopy(4, key);
+  }
+
+ private:
+  const std::string FText;
+};
+
+// A damaged index swallows what is written without a word.
+[[noreturn]] void ThrowNotThere() {
+  throw SQLite::Exception("database disk image is malformed: what was written is not there",
+                          SQLITE_CORRUPT);
+}
+
+}  // namespace
+
+TSqlIniComponents::TSqlIniComponents(const std::string& fileName, TSqlIniAccess access)
+    : IB_Connection(std::make_unique<SQLite::Database>(OpenSqlIniConnection(fileName))) {
+  Configure(access);
+  Prepare();
+}
+
+TSqlIniComponents::~TSqlIniComponents() = default;
+
+void TSqlIniComponents::Configure(TSqlIniAccess access) {
+  // An empty file passes for a good database.
+  if (IB_Connection->execAndGet("SELECT COUNT(*) FROM sqlite_master").getInt() == 0) {
+    throw SQLite::Exception("The database has no tables.", SQLITE_EMPTY);
+  }
+  IB_Connection->exec("PRAGMA foreign_keys=0;");
+  if (access == TSqlIniAccess::ReadOnly) {
+    IB_Connection->exec("PRAGMA query_only=1;");
+    return;
+  }
+  // Truncated and synced, the journal ends a transaction for good, and no folder has to be synced
+  // for it. While others use the file in another mode, that mode stays; it is as safe.
+  IB_Connection->tryExec("PRAGMA journal_mode=TRUNCATE;");
+  IB_Connection->exec("PRAGMA synchronous=FULL;");
+}
+
+void TSqlIniComponents::Prepare() {
+  const auto prepare = [this](const char* text) {
+    return std::make_unique<SQLite::Statement>(*IB_Connection, text);
+  };
+  const auto columns = [](const SQLite::Statement& statement) {
+    return TColumns{statement.getColumnIndex("NAME"), statement.getColumnIndex("VALUE"),
+                    statement.getColumnIndex("BINVALUE")};
+  };
+  // NOLINTNEXTLINE(readability-identifier-naming): the name the check is known by.
+  SQLite::Statement qryCheckIfTableDataExists(*IB_Connection, kCheckIfTableDataExists);
+  qryCheckIfTableDataExists.executeStep();
+  IB_InsertSection = prepare(kInsertSection);
+  qrySectionByName = prepare(kSectionByName);
+  qrySectionByID = prepare(kSectionById);
+  qrySectionValues = prepare(kSectionValues);
+  qrySectionList = prepare(kSectionList);
+  qryValueRead = prepare(kValueRead);
+  qryValueWrite = prepare(kValueRead);
+  FUpdateRow = prepare(kUpdateRow);
+  FInsertRow = prepare(kInsertRow);
+  FBeginRead = prepare("BEGIN");
+  FBeginWrite = prepare("BEGIN IMMEDIATE");
+  FCommit = prepare("COMMIT");
+  FDataVersion = prepare("PRAGMA data_version");
+  FReadColumns = columns(*qryValueRead);
+  FListColumns = columns(*qrySectionValues);
+}
+
+void TSqlIniComponents::Begin(TSqlIniBegin kind) {
+  Run(kind == TSqlIniBegin::Write ? *FBeginWrite : *FBeginRead);
+}
+
+void TSqlIniComponents::Commit() { Run(*FCommit); }
+
+void TSqlIniComponents::Rollback() noexcept {
+  if (!AutoCommit()) IB_Connection->tryExec("ROLLBACK");
+}
+
+bool TSqlIniComponents::AutoCommit() const noexcept {
+  return ::sqlite3_get_autocommit(IB_Connection->getHandle()) != 0;
+}
+
+std::optional<std::int64_t> TSqlIniComponents::SectionId(const std::string& name) {
+  const TUse use(*qrySectionByName);
+  qrySectionByName->bindNoCopy(1, name);
+  if (!qrySectionByName->executeStep()) return std::nullopt;
+  return qrySectionByName->getColumn(0).getInt64();
+}
+
+std::int64_t TSqlIniComponents::InsertSection(const std::string& name) {
+  {
+    const TUse use(*IB_InsertSection);
+    IB_InsertSection->bindNoCopy(1, name);
+    IB_InsertSection->exec();
+  }
+  const auto id = SectionId(name);
+  if (!id) ThrowNotThere();
+  return *id;
+}
+
+std::optional<std::string> TSqlIniComponents::SectionName(std::int64_t id) {
+  const TUse use(*qrySectionByID);
+  qrySectionByID->bind(1, id);
+  if (!qrySectionByID->executeStep()) return std::nullopt;
+  return qrySectionByID->getColumn(0).getString();
+}
+
+std::vector<TSqlIniSection> TSqlIniComponents::Sections() {
+  std::vector<TSqlIniSection> sections;
+  const TUse use(*qrySectionList);
+  while (qrySectionList->executeStep()) {
+    const std::int64_t id = qrySectionList->getColumn(0).getInt64();
+    if (auto name = SectionName(id)) sections.push_back({id, std::move(*name)});
+  }
+  return sections;
+}
+
+std::string TSqlIniComponents::ValueOf(SQLite::Statement& row, const TColumns& columns) {
+  const bool isText = !row.isColumnNull(columns.Value);
+  return row.getColumn(isText ? columns.Value : columns.BinValue).getString();
+}
+
+std::optional<std::string> TSqlIniComponents::Value(std::int64_t sectionId,
+                                                    const std::string& key) {
+  const TUse use(*qryValueRead);
+  qryValueRead->bind(1, sectionId);
+  qryValueRead->bindNoCopy(2, key);
+  if (!qryValueRead->executeStep()) return std::nullopt;
+  return ValueOf(*qryValueRead, FReadColumns);
+}
+
+void TSqlIniComponents::PutValue(std::int64_t sectionId, const std::string& key,
+                                 std::string_view value, TSqlIniEdit edit) {
+  const auto rowExists = [&] {
+    const TUse use(*qryValueWrite);
+    qryValueWrite->bind(1, sectionId);
+    qryValueWrite->bindNoCopy(2, key);
+    return qryValueWrite->executeStep();
+  };
+  const bool editing = edit == TSqlIniEdit::Forced || rowExists();
+  if (!editing || !UpdateRow(sectionId, key, value)) InsertRow(sectionId, key, value);
+  if (Value(sectionId, key) != value) ThrowNotThere();
+}
+
+bool TSqlIniComponents::UpdateRow(std::int64_t sectionId, const std::string& key,
+                                  std::string_view value) {
+  const TUse use(*FUpdateRow);
+  const TRowBinding binding(*FUpdateRow, sectionId, key, value);
+  return FUpdateRow->exec() > 0;
+}
+
+void TSqlIniComponents::InsertRow(std::int64_t sectionId, const std::string& key,
+                                  std::string_view value) {
+  const TUse use(*FInsertRow);
+  const TRowBinding binding(*FInsertRow, sectionId, key, value);
+  FInsertRow->exec();
+}
+
+void TSqlIniComponents::DeleteKey(std::int64_t sectionId, const std::string& key) {
+  SQLite::Statement statement(*IB_Connection, "DELETE FROM DATA WHERE SECTIONID=" +
+                                                  std::to_string(sectionId) + " AND NAME=:THENAME");
+  statement.bindNoCopy(1, key);
+  statement.exec();
+}
+
+void TSqlIniComponents::EraseSection(std::int64_t sectionId) {
+  IB_Connection->exec("DELETE FROM DATA WHERE SECTIONID=" + std::to_string(sectionId));
+}
+
+std::vector<std::string> TSqlIniComponents::Keys(std::int64_t sectionId) {
+  std::vector<std::string> keys;
+  const TUse use(*qrySectionValues);
+  qrySectionValues->bind(1, sectionId);
+  while (qrySectionValues->executeStep()) {
+    keys.push_back(qrySectionValues->getColumn(FListColumns.Name).getString());
+  }
+  return keys;
+}
+
+std::vector<std::string> TSqlIniComponents::KeysAndValues(std::int64_t sectionId) {
+  std::vector<std::string> lines;
+  const TUse use(*qrySectionValues);
+  qrySectionValues->bind(1, sectionId);
+  while (qrySectionValues->executeStep()) {
+    lines.push_back(qrySectionValues->getColumn(FListColumns.Name).getString() + "=" +
+                    ValueOf(*qrySectionValues, FListColumns));
+  }
+  return lines;
+}
+
+std::int64_t TSqlIniComponents::CountKeys(std::optional<std::int64_t> sectionId) {
+  const std::string text =
+      sectionId ? "SELECT COUNT(NAME) FROM DATA WHERE SECTIONID=" + std::to_string(*sectionId)
+                : "SELECT COUNT(NAME) FROM DATA;";
+  return IB_Connection->execAndGet(text).getInt64();
+}
+
+std::int64_t TSqlIniComponents::DataVersion() {
+  const TUse use(*FDataVersion);
+  FDataVersion->executeStep();
+  return FDataVersion->getColumn(0).getInt64();
+}
+
+bool TSqlIniComponents::HasMoved() const noexcept {
+  int moved = 0;
+  ::sqlite3_file_control(IB_Connection->getHandle(), "main", SQLITE_FCNTL_HAS_MOVED, &moved);
+  return moved != 0;
+}
+
+void TSqlIniComponents::CheckIntegrity() {
+  const std::string finding = IB_Connection->execAndGet("PRAGMA integrity_check(1)").getString();
+  if (finding == "ok") return;
+  throw SQLite::Exception("database disk image is malformed: " + finding, SQLITE_CORRUPT);
+}
+
+void TSqlIniComponents::CopyTo(const std::string& target) {
+  SQLite::Database connection = OpenSqlIniConnection(target);
+  SQLite::Backup backup(connection, *IB_Connection);
+  const int result = backup.executeStep(-1);
+  if (result != SQLITE_DONE) throw SQLite::Exception(::sqlite3_errstr(result), result);
+}
+
+void TSqlIniComponents::Attach(const std::string& otherStore) {
+  SQLite::Statement attach(*IB_Connection, "ATTACH DATABASE ? AS other");
+  attach.bindNoCopy(1, otherStore);
+  attach.exec();
+}
+
+void TSqlIniComponents::FillFromAttached() { IB_Connection->exec(kFillFromOther); }
+
+void TSqlIniComponents::NameLostSections() { IB_Connection->exec(kNameLostSections); }
+
+bool TSqlIniComponents::TryInsertRow(const std::string& line) noexcept {
+  ::sqlite3* const connection = IB_Connection->getHandle();
+  ::sqlite3_set_authorizer(connection, &AllowRowsAlone, nullptr);
+  const bool inserted = IB_Connection->tryExec(line) == SQLITE_OK;
+  ::sqlite3_set_authorizer(connection, nullptr, nullptr);
+  return inserted;
+}
+
+bool IsGoodStore(const std::string& fileName) {
+  try {
+    TSqlIniComponents(fileName, TSqlIniAccess::ReadOnly).CheckIntegrity();
+    return true;
+  } catch (const SQLite::Exception&) {
+    return false;
+  }
+}
+
+bool IsStoredAsText(std::string_view value) noexcept {
+  return value.size() <= kMaxTextBytes && std::all_of(value.begin(), value.end(), [](char byte) {
+           return byte >= ' ' && static_cast<unsigned char>(byte) <= 127;
+         });
+}
+
+}  // namespace guardian

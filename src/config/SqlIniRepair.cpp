@@ -1,0 +1,199 @@
+#include "config/SqlIniRepair.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <fstream>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "common/Exceptions.h"
+#include "common/Texts.h"
+#include "config/SqlIniComponents.h"
+#include "guardian/process.h"
+
+namespace guardian {
+namespace {
+
+constexpr int kDumpTimeoutSec = 300;
+// Longer than a repair of somebody else takes.
+constexpr std::chrono::seconds kRepairWait{kDumpTimeoutSec + 10};
+// The shell's exit codes for a tool that is not there, and that may not be run.
+constexpr int kToolNotRunnable = 126;
+constexpr int kToolNotFound = 127;
+
+// One word for the shell, whatever is in it.
+std::string ShellWord(const std::string& text) {
+  return "'" + ReplaceAll(text, "'", "'\\''") + "'";
+}
+
+bool IsStoreRow(std::string_view line) {
+  for (const std::string_view table : {"DATA", "SECTIONS", "\"DATA\"", "\"SECTIONS\""}) {
+    const std::string start = "INSERT INTO " + std::string(table) + " VALUES(";
+    if (line.substr(0, start.size()) == start) return true;
+  }
+  return false;
+}
+
+// The tool goes on after any error. Only damage is a reason to take what it could read: what cannot
+// be read for a moment would be lost.
+void RequireDamage(std::string_view line) {
+  constexpr std::string_view kError = "/**** ERROR: (";
+  if (line.substr(0, kError.size()) != kError) return;
+  const std::string_view code = line.substr(kError.size(), 3);
+  if (code == "11)" || code == "26)") return;  // SQLITE_CORRUPT and SQLITE_NOTADB.
+  throw KZException("The dump failed: " + std::string(line));
+}
+
+// A file that is removed when the scope ends, however it ends.
+class TRemoveAtEnd {
+ public:
+  explicit TRemoveAtEnd(std::string name) : FName(std::move(name)) {}
+  ~TRemoveAtEnd() {
+    if (!FName.empty()) TSqlIniFiles::Remove(FName);
+  }
+  TRemoveAtEnd(const TRemoveAtEnd&) = delete;
+  TRemoveAtEnd& operator=(const TRemoveAtEnd&) = delete;
+
+  void Keep() { FName.clear(); }
+
+ private:
+  std::string FName;
+};
+
+bool HoldsKeys(const std::string& copy) {
+  return IsGoodStore(copy) &&
+         TSqlIniComponents(copy, TSqlIniAccess::ReadOnly).CountKeys(std::nullopt) > 0;
+}
+
+}  // namespace
+
+TSqlIniRepair::TSqlIniRepair(const TSqlIniFiles& files, TClock& clock, TSqlIniLog log)
+    : FFiles(files), FClock(clock), FLog(std::move(log)) {}
+
+void TSqlIniRepair::Run() {
+  FFiles.MakeBackupFolder();
+  const auto replacing = TSqlIniReplacing::Begin(FFiles, FClock, kRepairWait);
+  if (!replacing) throw KZException("Another process has been replacing the file for too long.");
+  const TState state = Examine();
+  if (state == TState::Good) return;
+  std::optional<TSqlIniWriteBarrier> barrier;
+  if (state != TState::Missing) {
+    if (!FFiles.StoreIsWritable()) {
+      throw KZException(FFiles.Store() + ": A file that may not be written is not repaired.");
+    }
+    barrier.emplace(FFiles.Store());
+    // Somebody may have filled or mended it before the barrier stood.
+    if (IsGoodStore(FFiles.Store())) return;
+  }
+  // Of a damaged store it is older than what the dump will give.
+  if (state != TState::Missing) TSqlIniFiles::Remove(FFiles.Replacement());
+  const std::string copy = FindGoodCopy();
+  // It is the copy when somebody's repair was cut off between two renames.
+  if (copy != FFiles.Replacement()) BuildReplacement(state, copy);
+  if (state == TState::Empty) {
+    FFiles.ReplaceEmpty();
+  } else {
+    FFiles.ReplaceDamaged();
+  }
+  if (state == TState::Damaged) FLog("The damaged file is kept as " + FFiles.Previous());
+  if (!copy.empty()) FLog("Opening good DB that we found: " + FFiles.Store());
+}
+
+TSqlIniRepair::TState TSqlIniRepair::Examine() const {
+  if (FFiles.StoreKind() == TSqlIniFileKind::Missing) return TState::Missing;
+  try {
+    TSqlIniComponents(FFiles.Store(), TSqlIniAccess::ReadWrite).CheckIntegrity();
+    return TState::Good;
+  } catch (...) {
+    const TSqlIniFault fault = CurrentSqlIniFault();
+    if (fault == TSqlIniFault::Empty) return TState::Empty;
+    if (fault == TSqlIniFault::Damaged) return TState::Damaged;
+    throw;
+  }
+}
+
+std::string TSqlIniRepair::FindGoodCopy() {
+  for (const std::string& copy : FFiles.Copies()) {
+    if (!HoldsKeys(copy)) continue;
+    FLog("Found good backup file: " + copy);
+    return copy;
+  }
+  FLog("No Backup DB Found");
+  return {};
+}
+
+void TSqlIniRepair::BuildReplacement(TState state, const std::string& copy) {
+  if (state == TState::Damaged) {
+    WriteDump();
+  } else if (copy.empty()) {
+    FLog(FFiles.Store() + ": creating new SQL file");
+  }
+  const TRemoveAtEnd dump(FFiles.Dump());
+  TRemoveAtEnd replacement(FFiles.Replacement());
+  FFiles.MakeEmptyFile(FFiles.Replacement());
+  CreateSqlIniTables(FFiles.Replacement());
+  TSqlIniComponents target(FFiles.Replacement(), TSqlIniAccess::ReadWrite);
+  if (!copy.empty()) target.Attach(copy);
+  // One transaction: a replacement that holds anything holds everything.
+  target.Begin(TSqlIniBegin::Read);
+  if (state == TState::Damaged) ImportDump(target);
+  if (!copy.empty()) target.FillFromAttached();
+  target.NameLostSections();
+  target.Commit();
+  target.CheckIntegrity();
+  replacement.Keep();
+}
+
+// The database is named by a path that begins with "/", which the tool takes for no option.
+void TSqlIniRepair::WriteDump() const {
+  FFiles.MakeEmptyFile(FFiles.Dump());
+  // In brackets: the runner redirects the end of the line to a file that may not grow without end.
+  const std::string command = "(echo .dump | sqlite3 -batch -init /dev/null " +
+                              ShellWord(FFiles.Store()) + " >" + ShellWord(FFiles.Dump()) + ")";
+  std::string output;
+  int exitCode = -1;
+  RunShellCmdWithOutput(output, command, kDumpTimeoutSec, true, "", exitCode);
+  // Any other code tells of the damage.
+  if (exitCode == -1 || exitCode == kToolNotRunnable || exitCode == kToolNotFound) {
+    throw KZException("The dump was not made, exit code " + std::to_string(exitCode) + ": " +
+                      output);
+  }
+}
+
+// Every row of the tool's is one line. Rows that the tables refuse, since they are damaged or come
+// twice, are left out; so is all that would make tables, whose constraints may have been others
+// ("CONSTRAINT VALUNIQUE_NAMESECID") and stood in the way of the rows.
+void TSqlIniRepair::ImportDump(TSqlIniComponents& target) {
+  std::ifstream dump(FFiles.Dump(), std::ios::binary);
+  std::int64_t taken = 0;
+  std::int64_t refused = 0;
+  std::string line;
+  std::string last;
+  while (std::getline(dump, line)) {
+    if (!line.empty()) last = line;
+    RequireDamage(line);
+    if (!IsStoreRow(line)) continue;
+    ++(target.TryInsertRow(line) ? taken : refused);
+  }
+  // The tool says so when it stops for the damage; without a word, it was the disk that was full.
+  if (last != "COMMIT;" && last.rfind("ROLLBACK;", 0) != 0) {
+    throw KZException("The dump " + FFiles.Dump() + " is not complete.");
+  }
+  FLog(FFiles.Store() + ": " + std::to_string(taken) + " rows could be read, " +
+       std::to_string(refused) + " were unusable");
+}
+
+bool TakeSqlIniBackup(TSqlIniComponents& store, const TSqlIniFiles& files, TClock& clock) {
+  files.MakeBackupFolder();
+  const auto replacing = TSqlIniReplacing::Begin(files, clock, std::chrono::milliseconds(0));
+  if (!replacing) return false;
+  const TRemoveAtEnd copy(files.NewBackup());
+  files.MakeEmptyFile(files.NewBackup());
+  store.CopyTo(files.NewBackup());
+  TSqlIniComponents(files.NewBackup(), TSqlIniAccess::ReadOnly).CheckIntegrity();
+  files.RotateBackups();
+  return true;
+}
+
+}  // namespace guardian
