@@ -23,14 +23,18 @@ std::string KillCommand(const std::string& pid, std::int32_t attempt) {
 }
 
 TDaemonControl::TDaemonControl(TShell shell, std::function<std::string()> daemonPath,
-                               TDaemonProcess& process, TActivityLog& log)
-    : FShell(std::move(shell)), FDaemonPath(std::move(daemonPath)), FProcess(process), FLog(log) {}
+                               TDaemonProcess& process, TActivityLog& log, TClock& clock)
+    : FShell(std::move(shell)),
+      FDaemonPath(std::move(daemonPath)),
+      FProcess(process),
+      FLog(log),
+      FClock(clock) {}
 
 bool TDaemonControl::StartDaemon() {
   const std::string path = FDaemonPath();
   FLog.AddDetailEntry("Attempting to start daemon in " + HtmlEscape(path));
   FLog.AddInfoEntry(1, 16, "Starting service/daemon in " + path);
-  Execute(FDaemonPath() + " start", kStartTimeoutSec);
+  Execute(TDaemonAction::Start, FDaemonPath() + " start", kStartTimeoutSec);
   FProcess.ForgetCheck();
   return true;
 }
@@ -38,7 +42,7 @@ bool TDaemonControl::StartDaemon() {
 void TDaemonControl::StopDaemon() {
   FLog.AddDetailEntry("Trying to stop the service.");
   FLog.AddInfoEntry(1, 16, "Trying to stop the service normally.");
-  Execute(FDaemonPath() + " stop", kEndTimeoutSec);
+  Execute(TDaemonAction::Stop, FDaemonPath() + " stop", kEndTimeoutSec);
 }
 
 void TDaemonControl::TerminateDaemon() {
@@ -48,14 +52,15 @@ void TDaemonControl::TerminateDaemon() {
     FLog.AddDetailEntry("No PID known to terminate");
     return;
   }
-  Execute("kill " + pid, kEndTimeoutSec);
+  Execute(TDaemonAction::Terminate, "kill " + pid, kEndTimeoutSec);
 }
 
 void TDaemonControl::KillDaemon(std::int32_t attempt) {
   Announce("Trying to kill the service.");
   while (true) {
     const std::string pid = FProcess.Pid();
-    const std::string output = Execute(KillCommand(pid, attempt), kEndTimeoutSec);
+    const std::string output =
+        Execute(TDaemonAction::Kill, KillCommand(pid, attempt), kEndTimeoutSec);
     const bool gone = ToUpper(output).find("NO SUCH") != std::string::npos;
     if (pid.empty() || !gone) return;
     FProcess.ForgetPid();
@@ -67,7 +72,11 @@ void TDaemonControl::Announce(const std::string& text) {
   FLog.AddInfoEntry(1, 16, text);
 }
 
-std::string TDaemonControl::Execute(const std::string& commandLine, int timeoutSec) {
+std::string TDaemonControl::Execute(TDaemonAction action, const std::string& commandLine,
+                                    int timeoutSec) {
+  TCommandTally& tally = FTallies.at(static_cast<std::size_t>(action));
+  ++tally.Total;
+  tally.LastAt = FClock.SteadyNow();
   std::string output = FShell(commandLine, timeoutSec);
   FLog.AddDetailEntry("Executed " + HtmlEscape(commandLine) +
                       ", Result: " + HtmlEscape(Clipped(output, kLoggedOutputBytes)));

@@ -9,7 +9,10 @@
 #include "common/Exceptions.h"
 #include "common/MainThread.h"
 #include "common/Settings.h"
+#include "common/Texts.h"
+#include "config/KZSqlIniFiles.h"
 #include "diagnostics/KZCheckpoints.h"
+#include "diagnostics/exception_report.h"
 #include "guardian/GuardianService.h"
 #include "guardian/SystemLog.h"
 #include "guardian/process.h"
@@ -21,6 +24,8 @@
 
 namespace guardian {
 namespace {
+
+constexpr const char* kGuardianAddress = "localhost:8900/";
 
 TShellOutcome RunCommand(const std::string& commandLine, int timeoutSec,
                          const TCancellation& stopping) {
@@ -39,17 +44,30 @@ TShellOutcome RunCommand(const std::string& commandLine, int timeoutSec,
   return outcome;
 }
 
+// Null before the log folder is known.
+std::unique_ptr<TKZCustomINIFile> OpenReportStore() {
+  const std::string folder = Settings().LogDirectory.Copy();
+  if (folder.empty()) return nullptr;
+  return std::make_unique<TKZSQLIniFile>(JoinPath(folder, "VellumarkGuardian.cfg"));
+}
+
 // Starts what lies below the service and stops it in the opposite order, on every path.
 class TUnits {
  public:
   TUnits() {
     KZCP::Init();
+    StartExceptionReports({.Heading = "Vellumark Guardian 1.50", .OpenStore = &OpenReportStore});
     StartMessages();
+    SetMessageExceptionReporter([](const std::exception_ptr& error, const std::string& title) {
+      HandleException(error, TLogToFiles::Yes, title);
+    });
     StartPipes();
   }
   ~TUnits() {
     StopPipes();
     StopMessages();
+    SetMessageExceptionReporter({});
+    StopExceptionReports();
     KZCP::Fini();
   }
   TUnits(const TUnits&) = delete;
@@ -89,6 +107,7 @@ void RunGuardian(TClock& clock) {
       .Clock = &clock,
   });
   service.Start();
+  ExceptionsLogFolderChanged();
   StartWebStatusServer({
       .Guardian = &service,
       .TerminateGuardian = [&application] { application.Terminate(); },
@@ -104,37 +123,62 @@ void RunGuardian(TClock& clock) {
   KZCP::Checkpoint("WebStatSrv.finidone");
 }
 
+// Whether something listens where the Guardian does; a Guardian that hangs does.
+bool PortIsTaken() {
+  try {
+    (void)HttpGet(std::string(kGuardianAddress) + "status.php", std::chrono::seconds(1));
+    return true;
+  } catch (const EHttpUnreachable&) {
+    return false;
+  } catch (const KZException&) {
+    return true;
+  }
+}
+
+// The Guardian answers the page that ends it before it ends.
+bool GuardianEnds() {
+  constexpr std::chrono::milliseconds kRound{50};
+  constexpr std::int64_t kLimitMs = 30'000;
+  const std::int64_t deadline = SystemTickCount() + kLimitMs;
+  while (PortIsTaken()) {
+    if (SystemTickCount() >= deadline) return false;
+    SystemClock().Sleep(kRound);
+  }
+  return true;
+}
+
 }  // namespace
 
-void GuardianMain(TClock& clock) {
+int GuardianMain(TClock& clock) {
   const auto& commandLine = Settings().CommandLine;
   const std::string word = commandLine.size() > 1 ? commandLine[1] : std::string();
   if (word == "stop") {
     PrintLine("Stopping Guardian Service.");
     QueryGuardian("terminateguardian.php", TQueryOutput::AnswerOrFailure);
-    return;
+    return GuardianEnds() ? kExitOk : kExitFailed;
   }
   if (word == "status") {
     PrintLine("Querying Guardian Service.");
-    QueryGuardian("status.php", TQueryOutput::AnswerOrFailure);
-    return;
+    const bool running = QueryGuardian("status.php", TQueryOutput::AnswerOrFailure);
+    return running ? kExitOk : kExitNotRunning;
   }
   if (word == "start") {
     if (QueryGuardian("status.php", TQueryOutput::AnswerOnly)) {
       PrintLine("Guardian Service already running.");
-      return;
+      return kExitOk;
     }
     PrintLine("Launching Guardian Service as Daemon.");
     BecomeDaemon();
   }
   RunGuardian(clock);
+  return kExitOk;
 }
 
 bool QueryGuardian(const std::string& page, TQueryOutput output) {
   constexpr std::chrono::milliseconds kTimeout{60'000};
   Settings().AskingGuardian = true;
   try {
-    const std::string answer = HttpGet("localhost:8900/" + page, kTimeout).Body;
+    const std::string answer = HttpGet(kGuardianAddress + page, kTimeout).Body;
     PrintLine(answer);
     return answer.find("running") != std::string::npos;
   } catch (const KZException&) {

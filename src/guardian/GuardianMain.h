@@ -6,12 +6,21 @@
 
 namespace guardian {
 
-// The program: acts on the first word of the command line, then returns, which ends the process.
+// The exit statuses of the process, by the convention of service scripts.
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitFailed = 1;
+inline constexpr int kExitNotRunning = 3;
+
+// The program: acts on the first word of the command line, then returns the exit status.
 // "start" makes the process a daemon unless a Guardian answers already; "stop" and "status" ask
 // the running one; anything else runs the Guardian in the foreground, until it is told to end.
 // The watchdog decides by the clock, which outlives the call.
 // Main thread, before any other thread exists.
-void GuardianMain(TClock& clock = SystemClock());
+//
+// "status" is kExitNotRunning when no Guardian answers. "stop" is kExitOk when none runs or the
+// running one has ended, for which it waits up to 30 seconds, otherwise kExitFailed. All else is
+// kExitOk.
+[[nodiscard]] int GuardianMain(TClock& clock = SystemClock());
 
 enum class TQueryOutput { AnswerOnly, AnswerOrFailure };
 

@@ -8,6 +8,7 @@
 #include "common/Exceptions.h"
 #include "common/Settings.h"
 #include "common/Texts.h"
+#include "diagnostics/exception_report.h"
 
 namespace guardian {
 namespace {
@@ -25,12 +26,14 @@ TGuardianService::TGuardianService(TGuardianSurroundings surroundings)
                      *FSurroundings.Clock),
       FControl([this](const std::string& commandLine,
                       int timeoutSec) { return RunShell(commandLine, timeoutSec); },
-               [this] { return GetDaemonPath(); }, FDaemonProcess, FActivityLog),
+               [this] { return GetDaemonPath(); }, FDaemonProcess, FActivityLog,
+               *FSurroundings.Clock),
       FScheduler(FSurroundings.MakeScheduler([this](std::string_view line) { AddToLog(line); })),
       FTimer(
           "GuardianTimer", kTickInterval, [this] { Tick(); },
-          [this](std::exception_ptr error) {
-            AddToLog("Exception in watchdog tick: " + HtmlEscape(MessageOf(std::move(error))));
+          [this](const std::exception_ptr& error) {
+            AddToLog("Exception in watchdog tick: " + HtmlEscape(MessageOf(error)));
+            HandleException(error, TLogToFiles::Yes, "Watchdog tick");
           },
           *FSurroundings.Clock) {}
 
@@ -49,6 +52,7 @@ void TGuardianService::Start() {
   }
   try {
     FWatchdog.LastPulseAt = FSurroundings.Clock->SteadyNow();
+    FStartedAt = FWatchdog.LastPulseAt;
     FTimer.SetInterval(kTickInterval);
     FTimer.SetEnabled(true);
     AddToLog("Guardian started, v1.50");
@@ -96,7 +100,15 @@ void TGuardianService::CarryOutRequests() {
 
 void TGuardianService::CheckStatus() {
   const TObservation seen = Observe();
-  for (const TStep& step : DecideRound(seen, FWatchdog)) CarryOut(step);
+  const std::vector<TStep> steps = DecideRound(seen, FWatchdog);
+  ++FRounds;
+  RecordRound(seen);
+  for (const TStep& step : steps) CarryOut(step);
+  RecordRound(seen);
+}
+
+void TGuardianService::RecordRound(const TObservation& seen) {
+  FLastRound.Set({seen, FWatchdog, FControl.Tallies(), FRounds, FRestarts});
 }
 
 TObservation TGuardianService::Observe() {
@@ -139,6 +151,7 @@ void TGuardianService::CarryOut(const TStep& step) {
       FControl.StartDaemon();
       break;
     case TStepKind::StopDaemon:
+      ++FRestarts;
       FControl.StopDaemon();
       break;
     case TStepKind::TerminateDaemon:
@@ -159,6 +172,10 @@ std::string TGuardianService::GetDaemonPath() {
     if (!FDaemonPathFromConf.empty()) path = FDaemonPathFromConf;
   }
   FDaemonPath.Set(path);
+  // As with a Guardian's file that was given another name: each would start the next one.
+  if (path == FSurroundings.OwnPath) {
+    throw KZException("The daemon's path is the Guardian's own: " + path);
+  }
   return path;
 }
 
@@ -225,7 +242,35 @@ TGuardianStatus TGuardianService::Status() const {
   status.InitialOutput = FHandshakeOutput.Get();
   status.ActivityLog = FActivityLog.ShortLog();
   status.DetailedLog = FActivityLog.DetailedLog();
+  status.Watchdog = Reading();
   return status;
+}
+
+TWatchdogReading TGuardianService::Reading() const {
+  const auto round = FLastRound.Get();
+  const TDateTime now = FSurroundings.Clock->SteadyNow();
+  const auto ageSec = [now](TDateTime instant) { return (now - instant) / kSecond; };
+  TWatchdogReading reading;
+  reading.MutexOK = round->Seen.MutexOK;
+  reading.PipeOK = round->Seen.PipeOK;
+  reading.ServiceOK = round->Seen.ServiceOK;
+  if (round->Rounds > 0) reading.CheckAgeSec = ageSec(round->Seen.Now);
+  reading.Pid = round->Seen.Pid;
+  reading.Pulse = round->Seen.Pulse;
+  const TDateTime startedAt = FStartedAt;
+  reading.PulseAgeSec = ageSec(round->Rounds > 0 ? round->State.LastPulseAt : startedAt);
+  reading.Rounds = round->Rounds;
+  reading.Restarts = round->Restarts;
+  reading.RestartAttempts = round->State.RestartAttempts;
+  reading.MutexFailures = round->State.MutexFailures;
+  reading.PipeFailures = round->State.PipeFailures;
+  for (std::size_t i = 0; i < kDaemonActions; ++i) {
+    const TCommandTally& tally = round->Tallies.at(i);
+    reading.Actions.at(i).Total = tally.Total;
+    if (tally.Total > 0) reading.Actions.at(i).LastAgeSec = ageSec(tally.LastAt);
+  }
+  reading.UptimeSec = ageSec(startedAt);
+  return reading;
 }
 
 }  // namespace guardian

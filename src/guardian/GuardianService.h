@@ -38,6 +38,15 @@ struct TGuardianSurroundings {
   TClock* Clock = &SystemClock();
 };
 
+// What the last round of the watchdog left behind, for the pages.
+struct TRoundRecord {
+  TObservation Seen;
+  TWatchdogState State;
+  TCommandTallies Tallies;
+  std::int64_t Rounds = 0;
+  std::int64_t Restarts = 0;
+};
+
 // The plain base of services.
 class TService {};
 
@@ -79,7 +88,8 @@ class TGuardianService final : public TService, public TGuardianControl {
   bool SendPipeCommand(TSyncCommMessages command) { return FScheduler->SendCommand(command); }
 
   // The daemon's executable, derived from the own path, or from the configuration when no file is
-  // there. Start and timer thread. Throws ESystemError when the configuration cannot be read.
+  // there. Start and timer thread. Throws ESystemError when the configuration cannot be read,
+  // KZException when the path is the Guardian's own.
   std::string GetDaemonPath();
 
   [[nodiscard]] TGuardianStatus Status() const override;
@@ -94,6 +104,8 @@ class TGuardianService final : public TService, public TGuardianControl {
   void CarryOutRequests();
   TObservation Observe();
   void CarryOut(const TStep& step);
+  void RecordRound(const TObservation& seen);
+  TWatchdogReading Reading() const;
   void Request(std::atomic<bool>& flag);
   std::string RunShell(const std::string& commandLine, int timeoutSec);
 
@@ -108,6 +120,8 @@ class TGuardianService final : public TService, public TGuardianControl {
   std::string FDaemonPathFromConf;
   bool FLastServiceOK = false;
   TWatchdogState FWatchdog;
+  std::int64_t FRounds = 0;
+  std::int64_t FRestarts = 0;
   TDateTime FLastSystemLogAt = 0;
 
   // Written by Start and by the timer thread, read by pages.
@@ -115,6 +129,8 @@ class TGuardianService final : public TService, public TGuardianControl {
   TSharedText FTempPath;
   TSharedText FHandshakeOutput;
   TSharedText FStatusLine;
+  TShared<TRoundRecord> FLastRound;
+  std::atomic<TDateTime> FStartedAt = 0;         // Of TClock::SteadyNow.
   std::atomic<bool> FMutexPathReceived = false;  // Atomics: independent flags that pages read,
   std::atomic<bool> FMutexPathMissing = false;
   std::atomic<bool> FStartRequested = false;  // or set.

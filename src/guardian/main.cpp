@@ -9,6 +9,5 @@ int main(int argc, char** argv) {
   std::setlocale(LC_CTYPE, "");
   std::setlocale(LC_TIME, "");
   guardian::InitSettings(argc, argv);
-  guardian::GuardianMain();
-  return 0;
+  return guardian::GuardianMain();
 }

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "common/Exceptions.h"
 #include "common/NamedMutex.h"
 #include "common/Texts.h"
 #include "ipc/KZMessages.h"
@@ -25,8 +26,16 @@ TSchedulerClient::TSchedulerClient(std::string pipeName, TLog log, const TCancel
 
 TSchedulerClient::~TSchedulerClient() = default;
 
-bool TSchedulerClient::IsSchedulerRunning() const {
-  return TNamedMutex::Create(SchedulerMutexPath()).Error() == kErrorAlreadyExists;
+bool TSchedulerClient::IsSchedulerRunning() {
+  const std::string path = SchedulerMutexPath();
+  const int error = TNamedMutex::Create(path).Error();
+  const bool failed = error != 0 && error != kErrorAlreadyExists;
+  if (failed && error != FMutexError) {
+    FLog("Scheduler mutex cannot be looked at: " + HtmlEscape(path) +
+         ".lock: " + SystemErrorText(error));
+  }
+  FMutexError = error;
+  return error == kErrorAlreadyExists;
 }
 
 TPipeCheck TSchedulerClient::CheckSchedulerPipe() {

@@ -34,8 +34,9 @@ class TScheduler {
 
   virtual ~TScheduler() = default;
 
-  // Whether somebody holds the scheduler mutex. Any other failure to take it counts as no.
-  [[nodiscard]] virtual bool IsSchedulerRunning() const = 0;
+  // Whether somebody holds the scheduler mutex. Any other failure to take it counts as no, and is
+  // logged when it is another one than the time before.
+  [[nodiscard]] virtual bool IsSchedulerRunning() = 0;
 
   // Whether the scheduler was heard of lately. Connects when it was not, for at most 1.5 seconds,
   // and asks a connected daemon that is silent for its status.
@@ -65,7 +66,7 @@ class TSchedulerClient final : public TScheduler {
   TSchedulerClient(const TSchedulerClient&) = delete;
   TSchedulerClient& operator=(const TSchedulerClient&) = delete;
 
-  [[nodiscard]] bool IsSchedulerRunning() const override;
+  [[nodiscard]] bool IsSchedulerRunning() override;
   [[nodiscard]] TPipeCheck CheckSchedulerPipe() override;
   bool SendCommand(TSyncCommMessages command) override;
   [[nodiscard]] std::int64_t Pulse() const noexcept override { return FPulse.load(); }
@@ -90,6 +91,7 @@ class TSchedulerClient final : public TScheduler {
   const TLog FLog;
   const TCancellation& FStopping;
   TClock& FClock;
+  int FMutexError = 0;  // The watchdog's thread only.
   // Atomics: the main thread writes what it hears, the watchdog judges it.
   std::atomic<TDateTime> FLastMessageAt = 0;  // An instant of TClock::SteadyNow.
   std::atomic<int> FMessagesReceived = 0;     // Since the last reset.

@@ -1,11 +1,44 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <string>
 
 #include "common/Clock.h"
 #include "common/SharedText.h"
 
 namespace guardian {
+
+// What the watchdog does to the daemon.
+enum class TDaemonAction { Start, Stop, Terminate, Kill };
+inline constexpr std::size_t kDaemonActions = 4;
+
+// How often one kind of command was run, on request or by the watchdog's own decision.
+struct TActionTally {
+  std::int64_t Total = 0;
+  std::optional<double> LastAgeSec;
+};
+
+// What the watchdog saw and counted up to its last round. Ages are in seconds, measured on steady
+// time.
+struct TWatchdogReading {
+  bool MutexOK = false;
+  bool PipeOK = false;
+  bool ServiceOK = false;
+  std::optional<double> CheckAgeSec;  // Of the last round; none before the first.
+  std::string Pid;                    // Of the daemon; empty for none.
+  std::int64_t Pulse = 0;
+  double PulseAgeSec = 0;  // Since it changed last, or since none is expected.
+  std::int64_t Rounds = 0;
+  std::int64_t Restarts = 0;  // Times that a restart was begun with the stop command.
+  std::int32_t RestartAttempts = 0;
+  std::int32_t MutexFailures = 0;
+  std::int32_t PipeFailures = 0;
+  std::array<TActionTally, kDaemonActions> Actions;  // By TDaemonAction.
+  double UptimeSec = 0;
+};
 
 // What the pages show of the guardian service, taken at one moment.
 // Texts from outside are raw here; the pages escape them. The logs and the status text are HTML.
@@ -22,6 +55,7 @@ struct TGuardianStatus {
   TSharedText::TText InitialOutput;
   TSharedText::TText ActivityLog;
   TSharedText::TText DetailedLog;
+  TWatchdogReading Watchdog{};
 };
 
 // The guardian service as the pages see it.

@@ -4,12 +4,15 @@
 #include <unistd.h>
 
 #include <array>
+#include <memory>
+#include <utility>
 
 #include "common/Exceptions.h"
 #include "common/Settings.h"
 #include "common/Texts.h"
 #include "diagnostics/KZCheckpoints.h"
 #include "webstatus/LogFiles.h"
+#include "webstatus/MachinePages.h"
 
 namespace guardian {
 namespace {
@@ -62,10 +65,18 @@ std::string ProcessBlock(const TGuardianStatus& status) {
   return ReplaceAll(block, "\r", kBreak);
 }
 
-std::string LogsBlock(const TGuardianStatus& status) {
-  return "<br><hr><br>Guardian Activity Log:<br><br>" + *status.ActivityLog +
-         "<br><br><hr><br>Initial output: " + EscapedLines(*status.InitialOutput) +
-         "<br><br><hr><br>Detailed Activity Log:<br><br>" + *status.DetailedLog + "<br><br><br>";
+TSharedText::TText MakeText(std::string text) {
+  return std::make_shared<const std::string>(std::move(text));
+}
+
+// The logs are as long as all else is short: they are sent as they stand, without a copy.
+void AppendLogs(const TGuardianStatus& status, THttpResponse& response) {
+  response.Body += "<br><hr><br>Guardian Activity Log:<br><br>";
+  response.Tail = {
+      status.ActivityLog,
+      MakeText("<br><br><hr><br>Initial output: " + EscapedLines(*status.InitialOutput) +
+               "<br><br><hr><br>Detailed Activity Log:<br><br>"),
+      status.DetailedLog, MakeText("<br><br><br>")};
 }
 
 constexpr std::string_view kLinks =
@@ -79,9 +90,14 @@ constexpr std::string_view kLinks =
     "<a HREF=\"killdaemon.php\">Click here to kill the VellumarkCL daemon</a>.<br><br>"
     "<a HREF=\"terminateguardian.php\">Click here to terminate the Guardian process</a>.<br><br>";
 
-void AppendMainPage(const TPageSources& sources, std::string& page) {
-  std::optional<TGuardianStatus> status;
-  if (sources.Guardian != nullptr) status = sources.Guardian->Status();
+std::optional<TGuardianStatus> StatusOf(const TPageSources& sources) {
+  if (sources.Guardian == nullptr) return std::nullopt;
+  return sources.Guardian->Status();
+}
+
+void BuildMainPage(const TPageSources& sources, THttpResponse& response) {
+  std::string& page = response.Body;
+  const std::optional<TGuardianStatus> status = StatusOf(sources);
   if (status) page += DaemonBlock(*status);
   page +=
       "<table style=\"width:1000px\"><tr><th style=\"width:1000px;text-align:left\">Additional "
@@ -92,7 +108,7 @@ void AppendMainPage(const TPageSources& sources, std::string& page) {
   page += "Log Path: " + HtmlEscape(*Settings().LogDirectory.Get()) + "<br><br>";
   if (status) page += ProcessBlock(*status);
   page += kLinks;
-  if (status) page += LogsBlock(*status);
+  if (status) AppendLogs(*status, response);
 }
 
 // A page that asks for something to be done.
@@ -143,7 +159,7 @@ void BuildPageGuarded(std::string_view name, const THttpRequest& request,
                       const TPageSources& sources, THttpResponse& response) {
   std::string& page = response.Body;
   if (name.empty()) {
-    AppendMainPage(sources, page);
+    BuildMainPage(sources, response);
   } else if (name == "logfiles.php") {
     page += "Log Files in Reverse Order<br><br>";
     page += LogFileLinks(Settings().LogDirectory.Copy());
@@ -157,6 +173,12 @@ void BuildPageGuarded(std::string_view name, const THttpRequest& request,
     page = sources.Port
                ? "Guardian running and accessible via port " + std::to_string(*sources.Port) + ". "
                : "Guardian running. ";
+  } else if (name == "status.json") {
+    page = StatusJson(StatusOf(sources), sources.Port);
+    response.ContentType = kJsonType;
+  } else if (name == "metrics") {
+    page = OpenMetrics(StatusOf(sources));
+    response.ContentType = kOpenMetricsType;
   }
 }
 

@@ -6,6 +6,7 @@
 
 #include "common/Console.h"
 #include "common/Exceptions.h"
+#include "diagnostics/exception_report.h"
 
 namespace guardian {
 namespace {
@@ -24,6 +25,9 @@ std::atomic<bool>& Wanted() {
 THttpServerOptions ServerOptions() {
   THttpServerOptions options;
   options.StopGrace = kStopGrace;
+  options.OnError = [](const std::exception_ptr& error) {
+    HandleException(error, TLogToFiles::Yes, "HTTP server");
+  };
   return options;
 }
 
@@ -40,8 +44,9 @@ TWebStatusServer::TWebStatusServer(TWebStatusOptions options)
                   ServerOptions()),
       FToDoTimer(
           "TWebStatusServer.FToDoTimer", kToDoInterval, [this] { ToDoTick(); },
-          [](std::exception_ptr error) {
-            PrintLine("Web Status Server Timer Exception: " + MessageOf(std::move(error)));
+          [](const std::exception_ptr& error) {
+            PrintLine("Web Status Server Timer Exception: " + MessageOf(error));
+            HandleException(error, TLogToFiles::Yes, "Web status server timer");
           }) {}
 
 TWebStatusServer::~TWebStatusServer() { FToDoTimer.Stop(); }

@@ -101,6 +101,7 @@ class TExchange {
     FIo.run_for(timeout);
     if (!FOutcome)
       throw SoftException("timed out after " + std::to_string(timeout.count()) + " ms");
+    if (!FConnected) throw EHttpUnreachable(ErrorText(*FOutcome));
     if (*FOutcome) throw SoftException(ErrorText(*FOutcome));
     const auto status = static_cast<int>(FParser.get().result_int());
     if (status >= 400) throw SoftException("answered " + std::to_string(status));
@@ -128,7 +129,8 @@ class TExchange {
 
   // Of several failures the first is told: the second may only mean that there is no IPv6.
   void OnConnect(const TErrorCode& error) {
-    if (!error) return Send();
+    FConnected = !error;
+    if (FConnected) return Send();
     if (!FConnectError) FConnectError = error;
     if (FNextEndpoint < FAddress.Endpoints.size()) return ConnectNext();
     FOutcome = FConnectError;
@@ -162,6 +164,7 @@ class TExchange {
   http::response_parser<http::string_body> FParser;
   boost::beast::flat_buffer FBuffer;
   std::size_t FNextEndpoint = 0;
+  bool FConnected = false;
   TErrorCode FConnectError;
   std::optional<TErrorCode> FOutcome;
   // Last, so that what is still pending dies before what it refers to.
@@ -175,6 +178,8 @@ THttpAnswer HttpGet(const std::string& address, std::chrono::milliseconds timeou
   const TAddress parsed = ParseAddress(address);
   try {
     return TExchange(parsed).Run(timeout);
+  } catch (const EHttpUnreachable& error) {
+    throw EHttpUnreachable("HTTP GET " + address + ": " + error.Message());
   } catch (const SoftException& error) {
     throw SoftException("HTTP GET " + address + ": " + error.Message());
   } catch (const std::exception& error) {

@@ -3,7 +3,15 @@
 #include <chrono>
 #include <string>
 
+#include "common/Exceptions.h"
+
 namespace guardian {
+
+// Nobody accepts connections at the address.
+class EHttpUnreachable : public SoftException {
+ public:
+  using SoftException::SoftException;
+};
 
 struct THttpAnswer {
   int Status = 0;
@@ -14,9 +22,9 @@ struct THttpAnswer {
 // "localhost" (127.0.0.1, then ::1), an IPv4 address or an IPv6 address in brackets; names are not
 // looked up. The path is sent as it stands.
 // Blocks for at most the timeout, which covers the whole exchange; starts no thread and leaves no
-// descriptor open. Throws SoftException for a malformed address, a refused or broken connection, a
-// time-out, an answer that is not HTTP, a status of 400 and above and a body above 16 MiB.
-// Threads: any.
+// descriptor open. Throws EHttpUnreachable when no connection is accepted, SoftException for a
+// malformed address, a broken connection, a time-out, an answer that is not HTTP, a status of 400
+// and above and a body above 16 MiB. Threads: any.
 [[nodiscard]] THttpAnswer HttpGet(const std::string& address, std::chrono::milliseconds timeout);
 
 }  // namespace guardian

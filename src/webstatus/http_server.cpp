@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -109,6 +108,13 @@ THttpResponse PlainResponse(int status) {
   const auto reason = http::obsolete_reason(static_cast<http::status>(status));
   response.Body.assign(reason.data(), reason.size()).append("\n");
   return response;
+}
+
+std::uint64_t LengthOf(const THttpResponse& response) {
+  if (response.File) return response.FileSize;
+  std::uint64_t length = response.Body.size();
+  for (const auto& text : response.Tail) length += text->size();
+  return length;
 }
 
 bool HasBody(int status) { return status != 204 && status != 304; }
@@ -251,18 +257,23 @@ class TConnection final : public THttpConnection, public std::enable_shared_from
 
   void Send(THttpResponse response, TBody body) {
     FResponse = std::move(response);
-    const std::uint64_t length = FResponse.File ? FResponse.FileSize : FResponse.Body.size();
-    FormatHead(FHead, FResponse, length, FKeepAlive);
+    FormatHead(FHead, FResponse, LengthOf(FResponse), FKeepAlive);
     if (body == TBody::LeftOut || !HasBody(FResponse.Status)) {
       FResponse.Body.clear();
+      FResponse.Tail.clear();
       FResponse.File.Close();
     }
     FFileLeft = FResponse.File ? FResponse.FileSize : 0;
     FFileOffset = 0;
-    FOutput = {asio::buffer(FHead), asio::const_buffer()};
-    if (!FResponse.File) FOutput[1] = asio::buffer(FResponse.Body);
+    FOutput.assign({asio::buffer(FHead), asio::const_buffer()});
+    if (!FResponse.File) AddTextsToOutput();
     FProgressed = true;
     Write();
+  }
+
+  void AddTextsToOutput() {
+    FOutput[1] = asio::buffer(FResponse.Body);
+    for (const auto& text : FResponse.Tail) FOutput.push_back(asio::buffer(*text));
   }
 
   // One turn of the pool for each piece, so that a long answer does not keep others waiting.
@@ -274,7 +285,7 @@ class TConnection final : public THttpConnection, public std::enable_shared_from
     if (error) return;
     FProgressed = true;
     ConsumeOutput(written);
-    if (FOutput[0].size() + FOutput[1].size() + FFileLeft == 0) return FinishAnswer();
+    if (asio::buffer_size(FOutput) + FFileLeft == 0) return FinishAnswer();
     asio::post(FSocket.get_executor(), [self = shared_from_this()] { self->Write(); });
   }
 
@@ -328,6 +339,7 @@ class TConnection final : public THttpConnection, public std::enable_shared_from
 
   // An idle connection keeps little memory and no file.
   void ReleaseAnswer() {
+    FOutput.clear();
     FResponse = THttpResponse();
     std::vector<char>().swap(FChunk);
     if (FInput.capacity() > kKeptBufferBytes && FInput.size() < kReadBytes) FInput.shrink_to_fit();
@@ -363,7 +375,8 @@ class TConnection final : public THttpConnection, public std::enable_shared_from
   bool FKeepAlive = false;
   THttpResponse FResponse;
   std::string FHead;
-  std::array<asio::const_buffer, 2> FOutput;  // What is left of the head and of the body or chunk.
+  // What is left of the head, of the body or a file's chunk, and of the tail.
+  std::vector<asio::const_buffer> FOutput;
   std::vector<char> FChunk;
   std::uint64_t FFileOffset = 0;
   std::uint64_t FFileLeft = 0;

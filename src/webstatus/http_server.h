@@ -8,9 +8,11 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "common/Clock.h"
 #include "common/FileDescriptor.h"
+#include "common/SharedText.h"
 
 namespace guardian {
 
@@ -27,7 +29,9 @@ struct THttpResponse {
   std::string ContentType = "text/html";
   std::string ContentDisposition = "inline";
   std::string Body;
-  // When set it is sent instead of Body: exactly FileSize bytes from its start, chunk by chunk. A
+  // What follows Body: long texts that others share, sent without being copied. None of them null.
+  std::vector<TSharedText::TText> Tail;
+  // When set it is sent instead of both: exactly FileSize bytes from its start, chunk by chunk. A
   // file that turns out to be shorter ends the connection in the middle of the answer.
   TFileDescriptor File;
   std::uint64_t FileSize = 0;

@@ -54,7 +54,8 @@ class DaemonControlTest : public testing::Test {
   TFakeShell FShell;
   TActivityLog FLog{[](std::string_view, TSystemLogKind) {}, FClock};
   TDaemonProcess FProcess{Shell(), FClock};
-  TDaemonControl FControl{Shell(), [] { return std::string("/a b/VellumarkCL"); }, FProcess, FLog};
+  TDaemonControl FControl{Shell(), [] { return std::string("/a b/VellumarkCL"); }, FProcess, FLog,
+                          FClock};
   const std::string FInfo = "<br>" + DateTimeToStr(FClock.Now()) + "  INFO: ";
 };
 
@@ -102,7 +103,7 @@ TEST_F(DaemonControlTest, KillsByNameAtOnceWhenThePidIsGone) {
 
 TEST_F(DaemonControlTest, PassesOnThatThePathCannotBeFound) {
   TDaemonControl control(
-      Shell(), []() -> std::string { throw KZException("no path"); }, FProcess, FLog);
+      Shell(), []() -> std::string { throw KZException("no path"); }, FProcess, FLog, FClock);
   EXPECT_THROW(control.StartDaemon(), KZException);
   EXPECT_THROW(control.StopDaemon(), KZException);
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "common/Event.h"
+#include "common/Exceptions.h"
 #include "common/Settings.h"
 #include "guardian/FakeFileSystem.h"
 #include "guardian/FakeShell.h"
@@ -28,7 +29,7 @@ constexpr const char* kDaemon = "/opt/guard/VellumarkCL";
 class TFakeScheduler final : public TScheduler {
  public:
   explicit TFakeScheduler(TLog log) : FLog(std::move(log)) {}
-  bool IsSchedulerRunning() const override { return MutexOK; }
+  bool IsSchedulerRunning() override { return MutexOK; }
   TPipeCheck CheckSchedulerPipe() override { return {.Ok = PipeOK}; }
   bool SendCommand(TSyncCommMessages command) override {
     FLog("Sending command " + NameOf(command));
@@ -140,6 +141,16 @@ TEST_F(GuardianServiceTest, TakesTheDaemonPathFromTheConfigurationOnlyWhenNoneIs
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "Reading config file /etc/VellumarkCL.conf\n"
             "Daemon path from conf: /one\nDaemon path from conf: /two words\n");
+}
+
+TEST_F(GuardianServiceTest, NeverRunsItselfAsTheDaemon) {
+  FFiles.Files.clear();
+  FFiles.Files["/etc/VellumarkCL.conf"] = std::string("daemon=") + kOwnPath + "\n";
+  FService->Start();
+  EXPECT_THROW(FService->Tick(), KZException);
+  EXPECT_THAT(FShell.TakeCommands(), ElementsAre(std::string(kPsWithColumns) + " @5"));
+  EXPECT_THAT(DetailedLog(), HasSubstr("<br>Exception starting guardian: The daemon's path is the "
+                                       "Guardian's own: /opt/guard/VellumarkGuardian<br>"));
 }
 
 TEST_F(GuardianServiceTest, StartsADeadDaemonAndLooksAgainAtOnce) {

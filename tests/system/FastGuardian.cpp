@@ -10,6 +10,5 @@ int main(int argc, char** argv) {
   const char* factor = std::getenv("FAST_GUARDIAN_FACTOR");
   guardian::TFastClock clock(factor == nullptr ? 10 : std::atoi(factor));
   guardian::InitSettings(argc, argv);
-  guardian::GuardianMain(clock);
-  return 0;
+  return guardian::GuardianMain(clock);
 }

@@ -59,9 +59,9 @@ class GuardianSystemTest : public testing::Test {
   }
 
   // Runs the Guardian's command word to its end and returns what it printed.
-  std::string Command(const std::string& word) const {
+  std::string Command(const std::string& word, int exitStatus = 0) const {
     const auto command = Guardian({word});
-    EXPECT_EQ(command->Wait(), 0) << word;
+    EXPECT_EQ(command->Wait(std::chrono::seconds(60)), exitStatus) << word;
     return command->Output();
   }
 

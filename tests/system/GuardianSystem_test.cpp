@@ -28,6 +28,7 @@ TEST_F(GuardianSystemTest, BringsAKilledDaemonBackAndAnswersItsCommandWords) {
             "Guardian running and accessible via port 8900. \nGuardian Service already running.\n");
   EXPECT_THAT(Page(""), HasSubstr("Attempting to start daemon in " + FFolder.Path("VellumarkCL")));
   EXPECT_EQ(Command("stop"), "Stopping Guardian Service.\nGuardian stopped.\n");
+  EXPECT_EQ(Page("status.php"), "") << "it has ended when the command has";
   EXPECT_EQ(FGuardian->Wait(), 0);
   ExpectNothingLeft();
   EXPECT_TRUE(DaemonRuns()) << "the daemon outlives the Guardian";
@@ -37,7 +38,7 @@ TEST_F(GuardianSystemTest, BringsAKilledDaemonBackAndAnswersItsCommandWords) {
 }
 
 TEST_F(GuardianSystemTest, SaysThatNobodyRuns) {
-  EXPECT_EQ(Command("status"),
+  EXPECT_EQ(Command("status", 3),
             "Querying Guardian Service.\n"
             "The Guardian is not running or unreachable via localhost:8900.\n");
   EXPECT_EQ(Command("stop"),

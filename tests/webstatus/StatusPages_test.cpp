@@ -69,7 +69,12 @@ class StatusPagesTest : public testing::Test {
     request.SecFetchSite = site;
     return BuildPage(request, {FGuardian.get(), [this] { ++FTerminations; }, std::uint16_t{8900}});
   }
-  std::string Get(const std::string& path) { return Answer(path).Body; }
+  std::string Get(const std::string& path) {
+    const THttpResponse response = Answer(path);
+    std::string text = response.Body;
+    for (const auto& piece : response.Tail) text += *piece;
+    return text;
+  }
 
   std::unique_ptr<TFakeGuardian> FGuardian = std::make_unique<TFakeGuardian>();
   int FTerminations = 0;

@@ -74,6 +74,10 @@ class HttpServerTest : public testing::Test {
       FReleased.WaitFor(milliseconds(kHangLimitMs));
     }
     if (request.Path == "/big") response.Body = Pattern(kBigBytes);
+    if (request.Path == "/tail") {
+      response.Body = "begin|";
+      response.Tail = {FTail, std::make_shared<const std::string>("|end")};
+    }
     if (request.Path == "/echo") {
       response.Body = request.Method + "|" + request.Query + "|" + request.SecFetchSite;
     }
@@ -99,6 +103,7 @@ class HttpServerTest : public testing::Test {
   TTempFolder FFolder;
   std::string FFile;
   std::uint64_t FFileSize = 0;
+  const TSharedText::TText FTail = std::make_shared<const std::string>(Pattern(kBigBytes));
   TFakeClock FClock;
   TKZEvent FEntered{"Entered"};
   TKZEvent FReleased{"Released"};
@@ -253,6 +258,20 @@ TEST_F(HttpServerTest, AnswersAFailedHandlerAndGoesOn) {
   }
   EXPECT_EQ(FLastError.Copy(), "no page today");
   EXPECT_EQ(client.Get("/").Body, "hello");
+}
+
+TEST_F(HttpServerTest, SendsTheTailBehindTheBodyAndLetsItGo) {
+  Start();
+  TRawClient client(FServer->Port());
+  for (int i = 0; i < 2; ++i) {
+    const TRawReply reply = client.Get("/tail");
+    EXPECT_TRUE(reply.Has("Content-Length: " + std::to_string(kBigBytes + 10)));
+    EXPECT_EQ(reply.Body, "begin|" + *FTail + "|end");
+  }
+  client.Send("HEAD /tail HTTP/1.1\r\n\r\nGET / HTTP/1.1\r\n\r\n");
+  EXPECT_TRUE(client.ReadHead().Has("Content-Length: " + std::to_string(kBigBytes + 10)));
+  EXPECT_EQ(client.ReadReply().Body, "hello");
+  EXPECT_TRUE(Eventually([&] { return FTail.use_count() == 1; }));
 }
 
 TEST_F(HttpServerTest, StreamsExactlyThePromisedBytesOfAFile) {

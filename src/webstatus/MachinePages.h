@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "webstatus/GuardianControl.h"
+
+namespace guardian {
+
+inline constexpr const char* kJsonType = "application/json";
+inline constexpr const char* kOpenMetricsType =
+    "application/openmetrics-text; version=1.0.0; charset=utf-8";
+
+// The state as programs read it. Without a status, which is a service that does not exist, only
+// what the process knows of itself. Pure; threads: any.
+
+// One JSON object. Text that is not UTF-8 is made so: each offending byte becomes U+FFFD.
+[[nodiscard]] std::string StatusJson(const std::optional<TGuardianStatus>& status,
+                                     std::optional<std::uint16_t> port);
+
+// The OpenMetrics text format.
+[[nodiscard]] std::string OpenMetrics(const std::optional<TGuardianStatus>& status);
+
+}  // namespace guardian
