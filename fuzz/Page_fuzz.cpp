@@ -1,0 +1,269 @@
+// Input: a byte of switches, a line with the page as a browser asks for it, and the text that
+// everything from outside consists of: paths, process list, process id, numbers.
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <array>
+#include <boost/json.hpp>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "Fuzz.h"
+#include "common/FileDescriptor.h"
+#include "common/Settings.h"
+#include "common/Texts.h"
+#include "support/TempFolder.h"
+#include "webstatus/StatusPages.h"
+
+namespace guardian {
+namespace {
+
+constexpr const char* kSecret = "a secret beside the log folder";
+
+// A log folder with files to be had, and everything that could lead out of it.
+class TLogFolder {
+ public:
+  TLogFolder() {
+    for (const char* folder : {"logs", "logs/inner", "logs2"}) {
+      std::filesystem::create_directory(FFolder.Path(folder));
+    }
+    for (const char* name : {"good.log", "a b&amp;%41.log", "inner/deep.log", "no.txt"}) {
+      AddFile(name);
+    }
+    for (const char* name : {"secret.log", "logs2/other.log"}) FFolder.Write(name, kSecret);
+    AddLinks();
+    AddOthers();
+  }
+
+  // A way to name the folder.
+  [[nodiscard]] std::string Name(unsigned way) const {
+    constexpr std::array<const char*, 3> kNames = {"logs", "logs/", "linked"};
+    return way < kNames.size() ? FFolder.Path(kNames.at(way)) : std::string();
+  }
+
+  // What an open file of the folder holds; null for one that is not in it.
+  [[nodiscard]] const std::string* ContentOf(int descriptor) const {
+    struct stat info {};
+    Require(::fstat(descriptor, &info) == 0, "the answer's file is not open");
+    const auto found = FContents.find({info.st_dev, info.st_ino});
+    return found == FContents.end() ? nullptr : &found->second;
+  }
+
+ private:
+  using TFileId = std::pair<dev_t, ino_t>;
+
+  void AddFile(const std::string& name) {
+    const std::string path = "logs/" + name;
+    FFolder.Write(path, "content of " + name);
+    struct stat info {};
+    Require(::stat(FFolder.Path(path).c_str(), &info) == 0, "the log folder cannot be built");
+    FContents[{info.st_dev, info.st_ino}] = "content of " + name;
+  }
+
+  void AddLinks() {
+    const std::vector<std::pair<const char*, const char*>> links = {
+        {"logs/inside.log", "good.log"},
+        {"logs/link.log", "../secret.log"},
+        {"logs/inner/deeper.log", "../link.log"},
+        {"logs/up", ".."},
+        {"logs/root", "/"},
+        {"logs/broken.log", "nowhere"},
+        {"logs/loop.log", "loop.log"},
+        {"logs/null.log", "/dev/null"},
+        {"logs/self", "/proc/self"},
+        {"linked", "logs"}};
+    for (const auto& [name, target] : links) {
+      std::filesystem::create_symlink(target, FFolder.Path(name));
+    }
+  }
+
+  void AddOthers() {
+    Require(::mkfifo(FFolder.Path("logs/pipe.log").c_str(), 0600) == 0, "no named pipe");
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = FFolder.Path("logs/socket.log");
+    Require(path.size() < sizeof(address.sun_path), "the temp folder's path is too long");
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+    FSocket = TFileDescriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    Require(::bind(FSocket.Get(), generic, sizeof(address)) == 0, "no socket");
+  }
+
+  const TTempFolder FFolder;
+  std::map<TFileId, std::string> FContents;
+  TFileDescriptor FSocket;
+};
+
+TSharedText::TText Text(std::string_view text) { return std::make_shared<const std::string>(text); }
+
+// The switches of an input.
+struct TCase {
+  explicit TCase(std::uint8_t bits)
+      : IsHead((bits & 1U) != 0),
+        IsCrossSite((bits & 2U) != 0),
+        HasGuardian((bits & 4U) == 0),
+        AsksForLog((bits & 8U) != 0),
+        FolderName((bits >> 4U) & 3U),
+        HasPort((bits & 64U) == 0) {}
+
+  bool IsHead;
+  bool IsCrossSite;
+  bool HasGuardian;
+  bool AsksForLog;
+  unsigned FolderName;
+  bool HasPort;
+};
+
+TWatchdogReading ReadingFrom(std::string_view outside) {
+  std::array<std::int32_t, 4> numbers{};
+  std::memcpy(numbers.data(), outside.data(), std::min(outside.size(), sizeof(numbers)));
+  TWatchdogReading reading;
+  if (numbers[0] > 0) reading.CheckAgeSec = numbers[0] / 7.0;
+  reading.Pid = outside;
+  reading.Pulse = std::int64_t{numbers[1]} * numbers[2];
+  reading.PulseAgeSec = numbers[1] * 1e20;
+  reading.Restarts = numbers[2];
+  reading.MutexFailures = numbers[3];
+  reading.Actions[1] = {numbers[3], numbers[2] / 3.0};
+  return reading;
+}
+
+class TFakeGuardian final : public TGuardianControl {
+ public:
+  explicit TFakeGuardian(std::string_view outside) {
+    FStatus.StatusText = Text("running");
+    FStatus.DaemonPath = FStatus.MutexPath = FStatus.DaemonTempPath = outside;
+    FStatus.GotPaths = outside.size() % 2 == 0;
+    FStatus.ProcessList = FStatus.InitialOutput = Text(outside);
+    FStatus.ProcessListTime = 46347.25;
+    FStatus.ActivityLog = FStatus.DetailedLog = Text("<br>entry");
+    FStatus.Watchdog = ReadingFrom(outside);
+  }
+
+  TGuardianStatus Status() const override { return FStatus; }
+  void RequestStart() override { ++Deeds; }
+  void RequestStop() override { ++Deeds; }
+  void RequestTerminate() override { ++Deeds; }
+  void RequestKill() override { ++Deeds; }
+
+  int Deeds = 0;
+
+ private:
+  TGuardianStatus FStatus;
+};
+
+// Asks for pages in the surroundings of one input.
+class TPages {
+ public:
+  TPages(const TCase& how, std::string_view outside) : FCase(how), FGuardian(outside) {}
+
+  THttpResponse Get(const std::string& path) {
+    THttpRequest request;
+    request.Method = FCase.IsHead ? "HEAD" : "GET";
+    request.Path = path;
+    request.SecFetchSite = FCase.IsCrossSite ? "cross-site" : "";
+    TPageSources sources;
+    if (FCase.HasGuardian) sources.Guardian = &FGuardian;
+    sources.TerminateGuardian = [this] { ++FGuardian.Deeds; };
+    if (FCase.HasPort) sources.Port = 8900;
+    return BuildPage(request, sources);
+  }
+
+  [[nodiscard]] int Deeds() const { return FGuardian.Deeds; }
+
+ private:
+  const TCase FCase;
+  TFakeGuardian FGuardian;
+};
+
+// All tags of a page in their order, without line breaks, of which a text may bring its own.
+std::string TagsOf(std::string_view page) {
+  std::string tags;
+  for (std::size_t at = page.find('<'); at != std::string_view::npos; at = page.find('<', at)) {
+    const std::string_view tag = page.substr(at, page.find('>', at) - at + 1);
+    if (tag != "<br>") tags += tag;
+    at += tag.size();
+  }
+  return tags;
+}
+
+void CheckFile(const THttpResponse& response, const TLogFolder& folder) {
+  const std::string* content = folder.ContentOf(response.File.Get());
+  Require(content != nullptr, "a file that is not of the log folder");
+  std::string text;
+  Require(ReadToEnd(response.File.Get(), 1 << 20, text) == 0, "the file cannot be read");
+  Require(text == *content && response.FileSize == text.size(), "a log file is not as it is");
+  Require(response.Body.empty(), "a file and a page in one answer");
+}
+
+// What somebody asks for must not become markup of the answer, nor must what comes from outside.
+void CheckMarkup(const THttpResponse& response, const std::string& path, const TCase& how) {
+  if (response.ContentType != "text/html") return;
+  const bool isLog = path.find("vellumark_logs", 1) == 1;
+  const std::string same = isLog ? "/vellumark_logs/missing.log" : path;
+  if (path.size() > 1 && !isLog) return;
+  const THttpResponse plain = TPages(how, "plain").Get(same);
+  Require(TagsOf(response.Body) == TagsOf(plain.Body), "a text turned into markup");
+}
+
+void CheckJson(const std::string& body, const TCase& how, std::string_view outside) {
+  boost::json::error_code error;
+  // Its parser is strict, also about UTF-8.
+  const boost::json::value json = boost::json::parse(body, error);
+  Require(!error, "status.json: " + error.message() + " in " + body);
+  Require(body.find('\n') + 1 == body.size(), "status.json is not one line");
+  if (!how.HasGuardian) return;
+  const auto& path = json.at("daemon").at("path").as_string();
+  const bool ascii = std::none_of(outside.begin(), outside.end(),
+                                  [](char c) { return static_cast<unsigned char>(c) > 0x7F; });
+  Require(!ascii || std::string_view(path.data(), path.size()) == outside,
+          "status.json tells another path");
+}
+
+void CheckMetrics(std::string_view body) {
+  Require(body.ends_with("\n# EOF\n"), "metrics do not end as they must");
+  for (const std::string_view line : Split(body.substr(0, body.size() - 1), '\n')) {
+    const bool known = line.starts_with("# ") || line.starts_with("vellumark_guardian_");
+    Require(known && line.find("nan") == std::string_view::npos,
+            "a line of metrics: " + std::string(line));
+  }
+}
+
+void CheckPage(const TCase& how, const std::string& path, std::string_view outside) {
+  static const TLogFolder folder;
+  Settings().LogDirectory.Set(folder.Name(how.FolderName));
+  TPages pages(how, outside);
+  const THttpResponse response = pages.Get(path);
+  Require(pages.Deeds() <= (how.IsHead || how.IsCrossSite ? 0 : 1), "a deed nobody asked for");
+  if (response.File) {
+    CheckFile(response, folder);
+  } else {
+    const bool named = (path + std::string(outside)).find(kSecret) != std::string::npos;
+    Require(named || response.Body.find(kSecret) == std::string::npos, "a page shows the secret");
+    CheckMarkup(response, path, how);
+  }
+  CheckJson(pages.Get("/status.json").Body, how, outside);
+  CheckMetrics(pages.Get("/metrics").Body);
+}
+
+}  // namespace
+}  // namespace guardian
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  guardian::TFuzzInput input(data, size);
+  const guardian::TCase how(input.Byte());
+  const std::string target = guardian::LinkDecode(input.Line());
+  const std::string path = how.AsksForLog ? "/vellumark_logs" + target : target;
+  guardian::CheckPage(how, path, input.Rest());
+  return 0;
+}

@@ -1,0 +1,67 @@
+// Input: a line that the first listing command prints, and what the second one prints.
+
+#include <memory>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Fuzz.h"
+#include "guardian/DaemonProcess.h"
+#include "support/FakeClock.h"
+
+namespace guardian {
+namespace {
+
+bool NamesDaemon(const std::string& line) {
+  for (const char* other : {"/RUN", "defunct", "[VellumarkCL]", "[V]vellumark", "grep \""}) {
+    if (line.find(other) != std::string::npos) return false;
+  }
+  return line.find("VellumarkCL") != std::string::npos;
+}
+
+// The first digits of the first line that names the daemon, byte by byte.
+std::string PlainPid(std::string_view listing) {
+  std::istringstream lines{std::string(listing)};
+  std::string line;
+  while (std::getline(lines, line)) {
+    if (!NamesDaemon(line)) continue;
+    std::string pid;
+    for (const char c : line) {
+      const bool digit = c >= '0' && c <= '9';
+      if (digit) pid.push_back(c);
+      if (!digit && !pid.empty()) break;
+    }
+    return pid;
+  }
+  return {};
+}
+
+void CheckListing(std::string_view columns, std::string_view plain) {
+  int commands = 0;
+  const TShell shell = [&](const std::string& commandLine, int timeoutSec) {
+    Require(++commands <= 2, "more than two commands for one look");
+    Require(timeoutSec > 0, "a command without a time limit");
+    const bool isFirst = commandLine.find("--columns") != std::string::npos;
+    return std::string(isFirst ? columns : plain);
+  };
+  TFakeClock clock;
+  TDaemonProcess process(shell, clock);
+  const bool running = process.Check(TProcessCheck::Force);
+  const std::string pid = PlainPid(commands == 2 ? plain : columns);
+  Require(process.Pid() == pid, "another process id");
+  Require(running == !pid.empty(), "running and process id do not agree");
+  Require(process.LastListing()->size() <= kShownOutputBytes + 100, "a flood reaches the pages");
+}
+
+}  // namespace
+}  // namespace guardian
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  guardian::TFuzzInput input(data, size);
+  guardian::Require(guardian::DaemonPidIn(input.Rest()) == guardian::PlainPid(input.Rest()),
+                    "another process id in a whole listing");
+  const std::string_view columns = input.Line();
+  guardian::CheckListing(columns, input.Rest());
+  return 0;
+}

@@ -1,0 +1,19 @@
+# What the packages' builds set besides; included before anything is looked for or built.
+option(GUARDIAN_PORTABLE "Link everything but the C library in" OFF)
+option(GUARDIAN_REPRODUCIBLE "Let no folder of this machine into the output" OFF)
+
+if(GUARDIAN_PORTABLE)
+  set(CMAKE_FIND_LIBRARY_SUFFIXES .a)
+  add_link_options(-static-libstdc++ -static-libgcc)
+endif()
+if(GUARDIAN_REPRODUCIBLE)
+  add_compile_options(-ffile-prefix-map=${PROJECT_BINARY_DIR}=build
+                      -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.)
+endif()
+
+# Dates beyond 2038 and files beyond 2 GiB also where the processor counts in 32 bits.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+  # Objects of a g++ before 7.1 are never linked.
+  add_compile_options(-Wno-psabi)
+endif()
