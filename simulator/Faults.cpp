@@ -38,6 +38,7 @@ constexpr std::array kFaultNames = {
     TFaultName{"mute-pipe", TFault::MutePipe},
     TFaultName{"garbage", TFault::Garbage},
     TFaultName{"crash", TFault::Crash},
+    TFaultName{"keep-open", TFault::KeepOpen},
 };
 
 std::string_view Trim(std::string_view line) {

@@ -24,6 +24,7 @@ enum class TFault {
   MutePipe,     // "mute-pipe": the pipe is there, but no status record comes.
   Garbage,      // "garbage": what comes over the pipe are no records.
   Crash,        // "crash": the daemon crashes, once: it takes the word out of the file first.
+  KeepOpen,     // "keep-open": the descriptors it was started with stay open.
 };
 
 // The faults that are ordered at one moment.

@@ -154,6 +154,11 @@ constexpr std::array kCommands = {
     TCommand{"stop", Stop},         TCommand{"status", Status},
 };
 
+// Nothing of this process is open yet.
+void ForgetInheritedDescriptors(const THome& home) {
+  if (!ReadFaults(home).Has(TFault::KeepOpen)) CloseInheritedDescriptors();
+}
+
 int RunCommand(const TWords& arguments) {
   const std::string_view word = arguments.size() > 1 ? std::string_view(arguments[1]) : "";
   for (const TCommand& command : kCommands) {
@@ -169,9 +174,9 @@ int RunCommand(const TWords& arguments) {
 }  // namespace guardian
 
 int main(int argc, char** argv) {
-  guardian::CloseInheritedDescriptors();
   guardian::InitSettings(argc, argv);
   try {
+    guardian::ForgetInheritedDescriptors(guardian::THome::FromEnvironment());
     return guardian::RunCommand(guardian::Settings().CommandLine);
   } catch (...) {
     guardian::PrintLine("VellumarkCL failed: " + guardian::CurrentExceptionMessage());
