@@ -1,19 +1,40 @@
 #pragma once
 
 #include <benchmark/benchmark.h>
+#include <time.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <vector>
 
 namespace guardian {
+
+// Whether the benchmarks are only to show that they still work: GUARDIAN_BENCH_SHORT is set.
+inline bool IsTryOut() { return std::getenv("GUARDIAN_BENCH_SHORT") != nullptr; }
+
+// A count of rounds, messages or the like: the full one, or the small one of a try-out.
+inline int Rounds(int full, int tryOut = 1) { return IsTryOut() ? tryOut : full; }
 
 // The seconds that the work takes.
 inline double Seconds(const std::function<void()>& work) {
   const auto start = std::chrono::steady_clock::now();
   work();
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// The seconds of processor time that the work takes the calling thread: for work that neither waits
+// nor has other threads work for it.
+inline double ProcessorSeconds(const std::function<void()>& work) {
+  const auto now = [] {
+    timespec time{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+  };
+  const double start = now();
+  work();
+  return now() - start;
 }
 
 // Microseconds between two moments.
@@ -28,20 +49,47 @@ inline double Median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-// Runs the work and its baseline in turns, once each iteration, and reports the rates of both and
-// their ratio, each from the median time.
+// Medians of several rounds.
+struct TComparison {
+  double Ours = 0;
+  double Bare = 0;
+  double OursPerBare = 0;  // Of the rounds' own ratios: what slows a round down slows both.
+};
+
+// Measures ours and its baseline in turns, once each iteration, and the one first that came second
+// before. What the two measures return is compared, in seconds or in whatever both agree upon.
+inline TComparison Compare(benchmark::State& state, const std::function<double()>& ours,
+                           const std::function<double()>& bare) {
+  std::vector<double> oursOf;
+  std::vector<double> bareOf;
+  std::vector<double> ratios;
+  for ([[maybe_unused]] auto _ : state) {
+    const bool oursFirst = ratios.size() % 2 == 1;
+    if (oursFirst) oursOf.push_back(ours());
+    bareOf.push_back(bare());
+    if (!oursFirst) oursOf.push_back(ours());
+    ratios.push_back(oursOf.back() / bareOf.back());
+    state.SetIterationTime(oursOf.back());
+  }
+  return {Median(oursOf), Median(bareOf), Median(ratios)};
+}
+
+// Runs the work and its baseline, each of which handles so many items, and reports the rates of
+// both and their ratio.
 inline void CompareRates(benchmark::State& state, double items, const std::function<void()>& work,
                          const std::function<void()>& baseline) {
-  std::vector<double> ours;
-  std::vector<double> bare;
-  for ([[maybe_unused]] auto _ : state) {
-    bare.push_back(Seconds(baseline));
-    ours.push_back(Seconds(work));
-    state.SetIterationTime(ours.back());
-  }
-  state.counters["rate"] = items / Median(ours);
-  state.counters["bare_rate"] = items / Median(bare);
-  state.counters["ratio"] = Median(bare) / Median(ours);
+  const TComparison seconds = Compare(
+      state, [&] { return Seconds(work); }, [&] { return Seconds(baseline); });
+  state.counters["rate"] = items / seconds.Ours;
+  state.counters["bare_rate"] = items / seconds.Bare;
+  state.counters["ratio"] = 1 / seconds.OursPerBare;
+}
+
+// Reports the microseconds of both, which were measured in seconds, and the ratio of the times.
+inline void ReportTimes(benchmark::State& state, const TComparison& seconds) {
+  state.counters["us"] = seconds.Ours * 1e6;
+  state.counters["bare_us"] = seconds.Bare * 1e6;
+  state.counters["ratio"] = seconds.OursPerBare;
 }
 
 }  // namespace guardian

@@ -69,27 +69,27 @@ class TBareQueue {
 };
 
 void PostedMessages(benchmark::State& state) {
-  constexpr int kMessages = 300'000;
+  const int messages = Rounds(50'000, 1'000);
   CompareRates(
-      state, kMessages,
-      [] {
+      state, messages,
+      [=] {
         TCounter counter;
         std::thread poster([&] {
-          for (int i = 0; i < kMessages; ++i) PostMessage(counter, 1124, i, 0, 0);
+          for (int i = 0; i < messages; ++i) PostMessage(counter, 1124, i, 0, 0);
         });
-        RunMainThreadUntil([&] { return counter.Count == kMessages; });
+        RunMainThreadUntil([&] { return counter.Count == messages; });
         poster.join();
       },
-      [] {
+      [=] {
         TBareQueue queue;
         std::thread poster([&] {
-          for (int i = 0; i < kMessages; ++i) queue.Put(i);
+          for (int i = 0; i < messages; ++i) queue.Put(i);
         });
-        for (int i = 0; i < kMessages; ++i) benchmark::DoNotOptimize(queue.Take());
+        for (int i = 0; i < messages; ++i) benchmark::DoNotOptimize(queue.Take());
         poster.join();
       });
 }
-BENCHMARK(PostedMessages)->UseManualTime()->Iterations(7)->Unit(benchmark::kMillisecond);
+BENCHMARK(PostedMessages)->UseManualTime()->Iterations(Rounds(81))->Unit(benchmark::kMillisecond);
 
 // From another thread's PostMessage to WndMethod, the queue being empty each time.
 void PostedMessageLatency(benchmark::State& state) {
@@ -111,7 +111,10 @@ void PostedMessageLatency(benchmark::State& state) {
   }
   state.counters["median_us"] = Median(latencies);
 }
-BENCHMARK(PostedMessageLatency)->UseManualTime()->Iterations(1000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(PostedMessageLatency)
+    ->UseManualTime()
+    ->Iterations(Rounds(1000, 20))
+    ->Unit(benchmark::kMicrosecond);
 
 // A server and a client of this process, connected.
 class TPipe {
@@ -169,7 +172,7 @@ void ReceiveBare(int socket, std::size_t bytes) {
 // Whole status records, from the server's Write to OnPipeMessage in the main thread, against a
 // loop that sends as many bytes over a socket pair and reads them into a buffer of the same size.
 void PipeRecords(benchmark::State& state) {
-  constexpr int kRecords = 20'000;
+  const int records = Rounds(5'000, 2'000);
   constexpr int kBurst = 100;
   constexpr int kBursts = 10;
   TPipe pipe;
@@ -178,7 +181,7 @@ void PipeRecords(benchmark::State& state) {
   int sockets[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets) != 0) std::abort();
   CompareRates(
-      state, kRecords,
+      state, records,
       [&] {
         const int before = pipe.Received;
         // As a sender does that minds its queue: no more than some bursts are on their way.
@@ -187,23 +190,23 @@ void PipeRecords(benchmark::State& state) {
           if (pipe.Received % kBurst == 0) bursts.release();
         };
         std::thread sender([&] {
-          for (int i = 0; i < kRecords; ++i) {
+          for (int i = 0; i < records; ++i) {
             if (i % kBurst == 0) bursts.acquire();
             pipe.Send(record);
           }
         });
-        RunMainThreadUntil([&] { return pipe.Received == before + kRecords; });
+        RunMainThreadUntil([&] { return pipe.Received == before + records; });
         sender.join();
       },
       [&] {
-        std::thread sender([&] { SendBare(sockets[0], frame, kRecords); });
-        ReceiveBare(sockets[1], frame.size() * kRecords);
+        std::thread sender([&] { SendBare(sockets[0], frame, records); });
+        ReceiveBare(sockets[1], frame.size() * static_cast<std::size_t>(records));
         sender.join();
       });
   ::close(sockets[0]);
   ::close(sockets[1]);
 }
-BENCHMARK(PipeRecords)->UseManualTime()->Iterations(9)->Unit(benchmark::kMillisecond);
+BENCHMARK(PipeRecords)->UseManualTime()->Iterations(Rounds(81))->Unit(benchmark::kMillisecond);
 
 // One record's way, from Write to OnPipeMessage, everybody being asleep.
 void PipeRecordLatency(benchmark::State& state) {
@@ -225,7 +228,10 @@ void PipeRecordLatency(benchmark::State& state) {
   }
   state.counters["median_us"] = Median(latencies);
 }
-BENCHMARK(PipeRecordLatency)->UseManualTime()->Iterations(1000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(PipeRecordLatency)
+    ->UseManualTime()
+    ->Iterations(Rounds(1000, 20))
+    ->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 }  // namespace guardian

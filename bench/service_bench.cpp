@@ -1,0 +1,177 @@
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+#include <string>
+
+#include "Measure.h"
+#include "common/Clock.h"
+#include "diagnostics/KZCheckpoints.h"
+#include "guardian/WatchdogDecision.h"
+#include "guardian/process.h"
+#include "support/Eventually.h"
+#include "webstatus/ActivityLog.h"
+
+namespace guardian {
+namespace {
+
+// A healthy daemon's round, also the text of its status line, and of every other round also that of
+// a fresh pulse.
+void DecisionOfTick(benchmark::State& state) {
+  const int decisions = Rounds(20'000, 100);
+  TObservation seen{.Now = SystemClock().SteadyNow(),
+                    .WallNow = SystemClock().Now(),
+                    .MutexOK = true,
+                    .PipeOK = true,
+                    .ServiceOK = true,
+                    .MutexPathKnown = true,
+                    .Pulse = 1,
+                    .Pid = "12345"};
+  TWatchdogState watchdog{.LastPulseAt = seen.Now};
+  std::vector<double> microseconds;
+  for ([[maybe_unused]] auto _ : state) {
+    const double seconds = ProcessorSeconds([&] {
+      for (int i = 0; i < decisions; ++i) {
+        seen.Now += 10 * kSecond;
+        seen.Pulse += i % 2;
+        benchmark::DoNotOptimize(DecideRound(seen, watchdog));
+      }
+    });
+    microseconds.push_back(seconds / decisions * 1e6);
+    state.SetIterationTime(seconds);
+  }
+  state.counters["us"] = Median(microseconds);
+}
+BENCHMARK(DecisionOfTick)->UseManualTime()->Iterations(Rounds(15));
+
+// A line behind a detailed log that is as long as it may become.
+void AppendToFullLog(benchmark::State& state) {
+  const std::string line = "Pulse change detected, FLastPulseAt now:2026-11-21 06:13:45";
+  TActivityLog log([](std::string_view, TSystemLogKind) {});
+  while (log.DetailedLog()->size() + 2 * line.size() < kActivityLogLimit) log.AddDetailEntry(line);
+  std::vector<double> microseconds;
+  for ([[maybe_unused]] auto _ : state) {
+    const double seconds = ProcessorSeconds([&] { log.AddDetailEntry(line); });
+    microseconds.push_back(seconds * 1e6);
+    state.SetIterationTime(seconds);
+  }
+  if (log.DetailedLog()->size() + 2 * line.size() < kActivityLogLimit) {
+    state.SkipWithError("the log is not full");
+  }
+  state.counters["us"] = Median(microseconds);
+}
+BENCHMARK(AppendToFullLog)->UseManualTime()->Iterations(Rounds(2'000, 20));
+
+// Standard output goes nowhere for as long as it lives.
+class TSilence {
+ public:
+  TSilence() {
+    std::fflush(stdout);
+    const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (FStdout < 0 || null < 0 || ::dup2(null, STDOUT_FILENO) < 0) std::abort();
+    ::close(null);
+  }
+  ~TSilence() {
+    ::dup2(FStdout, STDOUT_FILENO);
+    ::close(FStdout);
+  }
+  TSilence(const TSilence&) = delete;
+  TSilence& operator=(const TSilence&) = delete;
+
+ private:
+  const int FStdout = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+};
+
+// The cheapest of lines, so that what the runner adds shows most.
+void ShellCommand(benchmark::State& state) {
+  const std::string line = "echo running";
+  const TSilence silence;
+  std::string output;
+  int exitCode = -1;
+  const auto ours = [&] {
+    RunShellCmdWithOutput(output, line, 10, true, "", exitCode);
+    if (exitCode != 0 || output != "running\n") std::abort();
+  };
+  const auto bare = [&] {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe,cert-env33-c): the baseline of the runner.
+    if (std::system(line.c_str()) != 0) std::abort();
+  };
+  ReportTimes(state, Compare(
+                         state, [&] { return Seconds(ours); }, [&] { return Seconds(bare); }));
+}
+BENCHMARK(ShellCommand)->UseManualTime()->Iterations(Rounds(601, 3));
+
+// Descriptors up to this one may be open, as far as the machine allows it. The limit that is
+// reached.
+double RaiseDescriptorLimit() {
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  constexpr rlim_t kWanted = 1'048'576;
+  const rlimit wanted{kWanted, std::max(limit.rlim_max, kWanted)};
+  if (::setrlimit(RLIMIT_NOFILE, &wanted) != 0) {
+    limit.rlim_cur = std::min(limit.rlim_max, kWanted);
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+  }
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  return static_cast<double>(limit.rlim_cur);
+}
+
+// What the daemon tells the benchmark, whose other ways to it are closed by then.
+struct TDaemonReport {
+  std::atomic<double> Microseconds = 0;
+  std::atomic<double> Limit = 0;
+  std::atomic<bool> Written = false;
+};
+
+// With some descriptors open, the highest of all among them.
+[[noreturn]] void MeasureBecomingDaemon(TDaemonReport& report) {
+  constexpr int kOpen = 200;
+  report.Limit = RaiseDescriptorLimit();
+  for (int i = 0; i < kOpen; ++i) static_cast<void>(::open("/dev/null", O_RDONLY));
+  ::dup2(STDERR_FILENO, static_cast<int>(report.Limit.load()) - 1);
+  const auto start = std::chrono::steady_clock::now();
+  BecomeDaemon();
+  report.Microseconds = Microseconds(start, std::chrono::steady_clock::now());
+  report.Written = ::getppid() != 0 && ::getsid(0) != ::getpid();
+  ::_exit(0);
+}
+
+void BecomingDaemon(benchmark::State& state) {
+  void* const shared = ::mmap(nullptr, sizeof(TDaemonReport), PROT_READ | PROT_WRITE,
+                              MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (shared == MAP_FAILED) return state.SkipWithError("no shared memory");
+  std::vector<double> milliseconds;
+  double limit = 0;
+  for ([[maybe_unused]] auto _ : state) {
+    auto& report = *new (shared) TDaemonReport;
+    std::fflush(nullptr);
+    const pid_t child = ::fork();
+    if (child == 0) MeasureBecomingDaemon(report);
+    ::waitpid(child, nullptr, 0);
+    if (!Eventually([&] { return report.Written.load(); })) std::abort();
+    milliseconds.push_back(report.Microseconds / 1e3);
+    limit = report.Limit;
+    state.SetIterationTime(report.Microseconds / 1e6);
+  }
+  ::munmap(shared, sizeof(TDaemonReport));
+  state.counters["ms"] = Median(milliseconds);
+  state.SetLabel("at a descriptor limit of " + std::to_string(static_cast<long>(limit)));
+}
+BENCHMARK(BecomingDaemon)->UseManualTime()->Iterations(Rounds(21));
+
+}  // namespace
+}  // namespace guardian
+
+int main(int argc, char** argv) {
+  guardian::KZCP::Init();
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  guardian::KZCP::Fini();
+}

@@ -1,0 +1,411 @@
+// The figures of the whole program: the real executables, on the Guardian's real port.
+
+#include <benchmark/benchmark.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Installation.h"
+#include "Measure.h"
+#include "Programs.h"
+#include "support/Eventually.h"
+#include "support/Program.h"
+
+namespace guardian {
+namespace {
+
+using std::chrono::milliseconds;
+
+// A failure spoils the one figure.
+template <void (*Benchmark)(benchmark::State&)>
+void Guarded(benchmark::State& state) {
+  try {
+    Benchmark(state);
+  } catch (const std::exception& error) {
+    state.SkipWithError(error.what());
+  }
+}
+
+// The server that is the baseline of a page.
+class TBareServer {
+ public:
+  static constexpr std::uint16_t kPort = 8990;
+
+  explicit TBareServer(const std::string& answer)
+      : FServer({BARE_SERVER_EXECUTABLE, std::to_string(kPort), AnswerFile(answer)}) {
+    if (!Eventually([&] { return FServer.Running() && RawAnswerIs(answer); })) {
+      throw std::runtime_error("the minimal server does not give the answer");
+    }
+  }
+
+  [[nodiscard]] pid_t Pid() const { return FServer.Pid(); }
+
+ private:
+  [[nodiscard]] std::string AnswerFile(const std::string& answer) const {
+    FFolder.Write("answer", answer);
+    return FFolder.Path("answer");
+  }
+
+  static bool RawAnswerIs(const std::string& answer) {
+    try {
+      return RawAnswer(kPort, "/") == answer;
+    } catch (const std::runtime_error&) {
+      return false;
+    }
+  }
+
+  const TTempFolder FFolder;
+  TProgram FServer;
+};
+
+struct TLoad {
+  double Rate = 0;  // Answers a second.
+  double P99Ms = 0;
+};
+
+// The number behind the word in what wrk printed, in milliseconds when it has a unit of time.
+double NumberBehind(const std::string& text, const std::string& word) {
+  const std::size_t at = text.find(word);
+  if (at == std::string::npos) throw std::runtime_error("wrk printed: " + text);
+  const std::string rest = text.substr(at + word.size());
+  std::size_t digits = 0;
+  const double number = std::stod(rest, &digits);
+  const std::string unit = rest.substr(digits, 2);
+  if (unit == "us") return number / 1e3;
+  return unit.starts_with("s") ? number * 1e3 : number;
+}
+
+// As many requests over so many connections as are answered in a second.
+TLoad LoadFor1s(std::uint16_t port, const std::string& page, int connections) {
+  const std::string output =
+      OutputOf({"/usr/bin/wrk", "-t1", "-c" + std::to_string(connections), "-d1s", "--latency",
+                "http://127.0.0.1:" + std::to_string(port) + "/" + page});
+  if (output.find("Socket errors") != std::string::npos ||
+      output.find("Non-2xx") != std::string::npos) {
+    throw std::runtime_error("wrk printed: " + output);
+  }
+  return {NumberBehind(output, "Requests/sec:"), NumberBehind(output, " 99%")};
+}
+
+// A server under one load after the other.
+class TLoadedServer {
+ public:
+  TLoadedServer(std::uint16_t port, pid_t pid, std::string page, int connections)
+      : FPort(port), FPid(pid), FPage(std::move(page)), FConnections(connections) {}
+
+  // The seconds that an answer takes, all connections together.
+  double SecondsPerAnswer() {
+    const double before = ProcessorSecondsOf(FPid);
+    const TLoad load = LoadFor1s(FPort, FPage, FConnections);
+    FP99.push_back(load.P99Ms);
+    FProcessorMicroseconds.push_back((ProcessorSecondsOf(FPid) - before) / load.Rate * 1e6);
+    return 1 / load.Rate;
+  }
+
+  [[nodiscard]] double P99Ms() const { return Median(FP99); }
+  // Of the server alone, for one answer.
+  [[nodiscard]] double ProcessorMicroseconds() const { return Median(FProcessorMicroseconds); }
+
+ private:
+  const std::uint16_t FPort;
+  const pid_t FPid;
+  const std::string FPage;
+  const int FConnections;
+  std::vector<double> FP99;
+  std::vector<double> FProcessorMicroseconds;
+};
+
+void CompareLoads(benchmark::State& state, const TInstallation& installation,
+                  const std::string& page, int connections) {
+  const TBareServer bareServer(RawAnswer(kGuardianPort, "/" + page));
+  TLoadedServer ours(kGuardianPort, installation.GuardianPid(), page, connections);
+  TLoadedServer bare(TBareServer::kPort, bareServer.Pid(), page, connections);
+  const TComparison seconds = Compare(
+      state, [&] { return ours.SecondsPerAnswer(); }, [&] { return bare.SecondsPerAnswer(); });
+  state.counters["rate"] = 1 / seconds.Ours;
+  state.counters["bare_rate"] = 1 / seconds.Bare;
+  state.counters["ratio"] = 1 / seconds.OursPerBare;
+  state.counters["p99_ms"] = ours.P99Ms();
+  state.counters["bare_p99_ms"] = bare.P99Ms();
+  state.counters["processor_us"] = ours.ProcessorMicroseconds();
+  state.counters["bare_processor_us"] = bare.ProcessorMicroseconds();
+}
+
+// The Guardian with a healthy daemon.
+void StatusPage(benchmark::State& state) {
+  TInstallation installation(TGuardianKind::Product);
+  installation.StartDaemon();
+  installation.StartGuardian();
+  installation.WaitForAnswer();
+  CompareLoads(state, installation, "status.php", static_cast<int>(state.range(0)));
+}
+BENCHMARK(Guarded<StatusPage>)
+    ->Name("StatusPage")
+    ->Arg(1)
+    ->Arg(16)
+    ->Arg(64)
+    ->UseManualTime()
+    ->Iterations(Rounds(5));
+
+// So long that a few hundred lines fill a log.
+std::string LongFolders() { return "/" + std::string(200, 'a') + "/" + std::string(200, 'b'); }
+
+void FullMainPage(benchmark::State& state) {
+  constexpr int kConnections = 16;
+  TInstallation installation(TGuardianKind::Fast, LongFolders());
+  installation.StartDaemon();
+  installation.StartGuardian();
+  installation.WaitForHealthyRound();
+  installation.FillLogs();
+  CompareLoads(state, installation, "", kConnections);
+}
+BENCHMARK(Guarded<FullMainPage>)->Name("FullMainPage")->UseManualTime()->Iterations(Rounds(5));
+
+// Connections that say nothing and connections that send their request byte by byte, for ever: who
+// is sent away comes back.
+class TSlowClients {
+ public:
+  TSlowClients() {
+    for (int& connection : FConnections) connection = TryConnect(kGuardianPort);
+    FThread = std::thread([this] { Drip(); });
+  }
+  ~TSlowClients() {
+    FStop = true;
+    FThread.join();
+    for (const int connection : FConnections) ::close(connection);
+  }
+  TSlowClients(const TSlowClients&) = delete;
+  TSlowClients& operator=(const TSlowClients&) = delete;
+
+ private:
+  static constexpr std::size_t kStalled = 200;
+  static constexpr std::size_t kDripping = 200;
+
+  // Each connection is looked at twice a second.
+  void Drip() {
+    constexpr milliseconds kPause{10};
+    constexpr std::size_t kAtOnce = 8;
+    std::size_t next = 0;
+    while (!FStop) {
+      for (std::size_t i = 0; i < kAtOnce; ++i) Serve(next++ % FConnections.size());
+      std::this_thread::sleep_for(kPause);
+    }
+  }
+
+  void Serve(std::size_t index) {
+    char byte = 'G';
+    int& connection = FConnections[index];
+    const bool drips = index >= kStalled;
+    const bool gone = (drips && ::send(connection, &byte, 1, MSG_NOSIGNAL | MSG_DONTWAIT) < 0) ||
+                      ::recv(connection, &byte, 1, MSG_DONTWAIT) == 0;
+    if (!gone) return;
+    ::close(connection);
+    connection = TryConnect(kGuardianPort);
+  }
+
+  std::vector<int> FConnections = std::vector<int>(kStalled + kDripping);
+  std::atomic<bool> FStop = false;
+  std::thread FThread;
+};
+
+// The time of the request alone, without curl's own start; the median of several.
+double SecondsOfCurl() {
+  const int requests = Rounds(15, 3);
+  std::vector<double> seconds;
+  for (int i = 0; i < requests; ++i) {
+    seconds.push_back(std::stod(OutputOf({"/usr/bin/curl", "-sf", "-o", "/dev/null", "-w",
+                                          "%{time_total}", "http://127.0.0.1:8900/status.php"})));
+  }
+  return Median(seconds);
+}
+
+void StatusPageBesideSlowClients(benchmark::State& state) {
+  TInstallation installation(TGuardianKind::Product);
+  installation.StartDaemon();
+  installation.StartGuardian();
+  installation.WaitForAnswer();
+  const auto beside = [] {
+    const TSlowClients clients;
+    return SecondsOfCurl();
+  };
+  ReportTimes(state, Compare(state, beside, SecondsOfCurl));
+}
+BENCHMARK(Guarded<StatusPageBesideSlowClients>)
+    ->Name("StatusPageBesideSlowClients")
+    ->UseManualTime()
+    ->Iterations(Rounds(7));
+
+void StatusCommand(benchmark::State& state) {
+  TInstallation installation(TGuardianKind::Product);
+  installation.StartDaemon();
+  installation.StartGuardian();
+  installation.WaitForAnswer();
+  const auto ours = [&] { return RunToEnd({installation.GuardianPath(), "status"}).Seconds; };
+  const auto bare = [] {
+    return RunToEnd({"/usr/bin/curl", "-sf", "http://127.0.0.1:8900/status.php"}).Seconds;
+  };
+  ReportTimes(state, Compare(state, ours, bare));
+}
+BENCHMARK(Guarded<StatusCommand>)
+    ->Name("StatusCommand")
+    ->UseManualTime()
+    ->Iterations(Rounds(101, 3));
+
+double SecondsUntilAnswer(TInstallation& installation) {
+  constexpr std::chrono::microseconds kPause{200};
+  int connection = -1;
+  const double seconds = Seconds([&] {
+    installation.StartGuardian();
+    for (int round = 0; round < 50'000 && connection < 0; ++round) {
+      std::this_thread::sleep_for(kPause);
+      connection = TryConnect(kGuardianPort);
+    }
+  });
+  if (connection < 0) throw std::runtime_error("the Guardian does not answer");
+  ::close(connection);
+  if (Page("status.php").find("running") == std::string::npos) {
+    throw std::runtime_error("somebody else answers");
+  }
+  installation.StopGuardian();
+  return seconds;
+}
+
+void StartToAnswer(benchmark::State& state) {
+  TInstallation installation(TGuardianKind::Product);
+  const std::string handshake = installation.DaemonPath() + " /PATHS";
+  const TComparison seconds = Compare(
+      state, [&] { return SecondsUntilAnswer(installation); },
+      [&] {
+        return RunToEnd({"/bin/sh", "-c", handshake}).Seconds;
+      });
+  state.counters["ms"] = seconds.Ours * 1e3;
+  state.counters["bare_ms"] = seconds.Bare * 1e3;
+  state.counters["over_ms"] = (seconds.Ours - seconds.Bare) * 1e3;
+}
+BENCHMARK(Guarded<StartToAnswer>)->Name("StartToAnswer")->UseManualTime()->Iterations(Rounds(31));
+
+// What sixty looks at the process list cost, the one thing that a watched hour cannot do without.
+double SecondsOf60Listings() {
+  const int runs = Rounds(60, 6);
+  double seconds = 0;
+  for (int i = 0; i < runs; ++i) {
+    seconds += RunToEnd({"/bin/sh", "-c",
+                         "ps -ef --columns 1000 | grep -e '[n]o such daemon' -e '[p]s -ef'"})
+                   .ProcessorSeconds;
+  }
+  return seconds * 60 / runs;
+}
+
+// So much of the watchdog's time, while somebody looks at the main page.
+void PlayFast(std::chrono::seconds watched) {
+  const auto end = std::chrono::steady_clock::now() + watched / kFastFactor;
+  while (std::chrono::steady_clock::now() < end) {
+    std::this_thread::sleep_for(milliseconds(500));
+    Page("");
+  }
+}
+
+// What the Guardian spends a second of real time besides its ticks, which come fast in the fast
+// hour while all else does not.
+double ProcessorSharesOfRealTime() {
+  const milliseconds window(Rounds(10'000, 500));
+  TInstallation installation(TGuardianKind::Product);
+  installation.StartDaemon();
+  installation.StartGuardian();
+  installation.WaitForHealthyRound();
+  const double before = ProcessorSecondsOf(installation.GuardianPid());
+  std::this_thread::sleep_for(window);
+  return (ProcessorSecondsOf(installation.GuardianPid()) - before) * 1e3 /
+         static_cast<double>(window.count());
+}
+
+void WatchedHour(benchmark::State& state) {
+  const std::chrono::seconds hour(Rounds(3600, 60));
+  for ([[maybe_unused]] auto _ : state) {
+    const double realTimeShare = ProcessorSharesOfRealTime();
+    TInstallation installation(TGuardianKind::Fast, LongFolders());
+    installation.StartDaemon();
+    installation.StartGuardian();
+    installation.WaitForHealthyRound();
+    installation.FillLogs();
+    const pid_t guardian = installation.GuardianPid();
+    const auto used = [&] { return ProcessorSecondsOf(guardian) + ChildSecondsOf(guardian); };
+    const double before = used();
+    PlayFast(hour / 10);
+    const TMemory early = MemoryOf(guardian);
+    PlayFast(hour - hour / 10);
+    const TMemory late = MemoryOf(guardian);
+    const double fast = used() - before;
+    const double rest = realTimeShare * static_cast<double>((hour - hour / kFastFactor).count());
+    state.SetIterationTime(static_cast<double>(hour.count()));
+    // The hour's ticks, and what goes on in between at real time: pulses, waits with a limit.
+    state.counters["processor_s"] = fast + rest;
+    state.counters["fast_s"] = fast;
+    state.counters["rest_s"] = rest;
+    state.counters["ps_s"] = SecondsOf60Listings();
+    state.counters["resident_mb"] = late.ResidentMb;
+    state.counters["early_mb"] = early.ResidentMb;
+    state.counters["proportional_mb"] = late.ProportionalMb;
+    state.counters["growth"] = late.ResidentMb / early.ResidentMb;
+    state.SetLabel("time " + std::to_string(kFastFactor) +
+                   "-fold, main page fetched twice a real second, a pulse a real second");
+  }
+}
+BENCHMARK(Guarded<WatchedHour>)->Name("WatchedHour")->UseManualTime()->Iterations(1);
+
+double SecondsUntilBack(const TInstallation& installation) {
+  const pid_t killed = installation.DaemonPid();
+  const auto isBack = [&] {
+    const pid_t pid = installation.DaemonPid();
+    return pid != 0 && pid != killed;
+  };
+  return Seconds([&] {
+    ::kill(killed, SIGKILL);
+    if (!Eventually(isBack)) throw std::runtime_error("the daemon does not come back");
+  });
+}
+
+// Every restart begins with a tick, so the next kill comes so long after a tick.
+void RestartAfterKill(benchmark::State& state) {
+  constexpr milliseconds kStep{1000};
+  TInstallation installation(TGuardianKind::Product);
+  std::vector<double> starts;
+  for (int i = 0; i < Rounds(5); ++i) {
+    starts.push_back(Seconds([&] { installation.StartDaemon(); }));
+    installation.StopDaemon();
+  }
+  installation.StartDaemon();
+  installation.StartGuardian();
+  installation.WaitForHealthyRound();
+  std::vector<double> times;
+  for ([[maybe_unused]] auto _ : state) {
+    std::this_thread::sleep_for(kStep * ((times.size() + 1) % 10));
+    times.push_back(SecondsUntilBack(installation));
+    state.SetIterationTime(times.back());
+  }
+  const double longest = *std::max_element(times.begin(), times.end());
+  state.counters["start_s"] = Median(starts);
+  state.counters["all_s"] = longest;
+  state.counters["longest_s"] = longest - Median(starts);
+}
+BENCHMARK(Guarded<RestartAfterKill>)
+    ->Name("RestartAfterKill")
+    ->UseManualTime()
+    ->Iterations(Rounds(10));
+
+}  // namespace
+}  // namespace guardian
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+}
