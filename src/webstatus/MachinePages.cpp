@@ -16,23 +16,48 @@ namespace {
 constexpr std::array<const char*, kDaemonActions> kActionNames = {"start", "stop", "terminate",
                                                                   "kill"};
 
+// The well-formed UTF-8 sequences, by the range of their first and second byte; all further bytes
+// are between 80 and BF.
+struct TUtf8Form {
+  unsigned char FirstLow;
+  unsigned char FirstHigh;
+  unsigned char SecondLow;
+  unsigned char SecondHigh;
+  std::size_t Length;
+};
+
+constexpr std::array<TUtf8Form, 9> kUtf8Forms = {{
+    {0x00, 0x7F, 0x80, 0xBF, 1},
+    {0xC2, 0xDF, 0x80, 0xBF, 2},
+    {0xE0, 0xE0, 0xA0, 0xBF, 3},
+    {0xE1, 0xEC, 0x80, 0xBF, 3},
+    {0xED, 0xED, 0x80, 0x9F, 3},
+    {0xEE, 0xEF, 0x80, 0xBF, 3},
+    {0xF0, 0xF0, 0x90, 0xBF, 4},
+    {0xF1, 0xF3, 0x80, 0xBF, 4},
+    {0xF4, 0xF4, 0x80, 0x8F, 4},
+}};
+
+bool HasForm(std::string_view text, const TUtf8Form& form) {
+  if (text.size() < form.Length) return false;
+  const auto isIn = [text](std::size_t at, unsigned char low, unsigned char high) {
+    const auto byte = static_cast<unsigned char>(text[at]);
+    return byte >= low && byte <= high;
+  };
+  if (!isIn(0, form.FirstLow, form.FirstHigh)) return false;
+  if (form.Length > 1 && !isIn(1, form.SecondLow, form.SecondHigh)) return false;
+  for (std::size_t i = 2; i < form.Length; ++i) {
+    if (!isIn(i, 0x80, 0xBF)) return false;
+  }
+  return true;
+}
+
 // The length of the UTF-8 sequence at the start of the text; 0 when there is none.
 std::size_t Utf8Length(std::string_view text) {
-  const auto byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-  const unsigned first = byte(0);
-  const std::size_t length = first < 0x80U                     ? 1
-                             : first >= 0xC2U && first < 0xE0U ? 2
-                             : first >= 0xE0U && first < 0xF0U ? 3
-                             : first >= 0xF0U && first < 0xF5U ? 4
-                                                               : 0;
-  if (length == 0 || length > text.size()) return 0;
-  for (std::size_t i = 1; i < length; ++i) {
-    if ((byte(i) & 0xC0U) != 0x80U) return 0;
+  for (const TUtf8Form& form : kUtf8Forms) {
+    if (HasForm(text, form)) return form.Length;
   }
-  // Overlong forms, surrogates and what lies above the last code point.
-  const bool bad = (first == 0xE0U && byte(1) < 0xA0U) || (first == 0xEDU && byte(1) >= 0xA0U) ||
-                   (first == 0xF0U && byte(1) < 0x90U) || (first == 0xF4U && byte(1) >= 0x90U);
-  return bad ? 0 : length;
+  return 0;
 }
 
 std::string JsonCharacter(std::string_view character) {

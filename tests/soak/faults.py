@@ -134,7 +134,7 @@ def order_by_page(run):
 
 
 def fill_temp_folder(run):
-    """A daemon that dies meanwhile is started as ever: a command whose output is lost is a command."""
+    """A daemon that dies meanwhile is started as ever: only the command's output is lost."""
     if not run.installation.can_fill_temp_folder():
         break_temp_folder(run)
         return
@@ -181,7 +181,7 @@ def start_second_guardian(run):
             raise Violation(f"a second Guardian with \"{word}\" said: {said[:200]!r}")
 
 
-# What happens to the stand-in until it must run again, or be asked, as the help of scripts/soak has it.
+# With the longest wait that each may bring; the help of scripts/soak lists them for people.
 DECK = (
     Fault("killed", kill, DEAD),
     Fault("crashed", crash, DEAD),

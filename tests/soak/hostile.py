@@ -1,7 +1,7 @@
 """HTTP clients that no server likes, a whole wave of them at once against the Guardian's port.
 
-hostile.py SEED SLOWNESS: ends by itself within about a quarter of a minute. Exit status 1 and a line
-when the server served one of them longer than it promises."""
+hostile.py SEED SLOWNESS: ends by itself within about a quarter of a minute. Exit status 1 and a
+line when the server served one of them longer than it promises."""
 
 import asyncio
 import random

@@ -1,4 +1,4 @@
-"""The Guardian over the stand-in daemon in a folder of their own, and all that can be ordered there."""
+"""The Guardian over the stand-in daemon in a folder of their own, and what can be ordered there."""
 
 import ctypes
 import os
@@ -17,8 +17,8 @@ _TEMP_FILES = 64
 
 
 class Installation:
-    """Owns every process that comes of it: whoever loses its parent becomes our child, so that it is
-    seen, ended and reaped by its id. One thread uses it; the questions are for any."""
+    """Owns every process that comes of it: whoever loses its parent becomes our child, so that it
+    is seen, ended and reaped by its id. One thread uses it; the questions are for any."""
 
     def __init__(self, bin_folder, folder, factor):
         self.folder = folder
@@ -130,9 +130,6 @@ class Installation:
             except OSError:
                 return
         raise RuntimeError("the temporary directory cannot be filled")
-
-    def empty_temp_folder(self):
-        os.unlink(os.path.join(self.temp_folder, "ballast"))
 
     def break_temp_folder(self):
         """No file can be made any more: used up, or a file in its place."""

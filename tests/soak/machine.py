@@ -1,4 +1,4 @@
-"""What /proc says of processes. A process that has gone meanwhile has no descriptors and no state."""
+"""What /proc says of processes. One that has gone meanwhile has no descriptors and no state."""
 
 import os
 from dataclasses import dataclass

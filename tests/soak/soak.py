@@ -43,6 +43,8 @@ class Soak:
         self.installation = installation
         self.pace = Pace(options.factor, options.slowness)
         self.chance = random.Random(options.seed)
+        # Of its own: whether one is due depends on time, and must not change the faults.
+        self._wave_chance = random.Random(options.seed + 1)
         self._options = options
         self._began = time.monotonic()
         self._pages = watch.PageWatcher(self.pace)
@@ -146,9 +148,10 @@ class Soak:
         total = sum(self._told.values())
         return (f"{total} faults of {len(self._told)} kinds, {self._starts} starts of the daemon "
                 f"(longest wait {self._longest_restart:.1f} s), {self._waves} hostile waves, "
-                f"{pages.count} pages (longest {pages.longest:.3f} s, {pages.longest_page}), longest "
-                f"round {pages.longest_round:.1f} s, {self._rests} rests, daemon looked into "
-                f"{processes.daemon_looks} times, at most {processes.most_descriptors} descriptors, "
+                f"{pages.count} pages (longest {pages.longest:.3f} s, {pages.longest_page}), "
+                f"longest round {pages.longest_round:.1f} s, {self._rests} rests, "
+                f"daemon looked into {processes.daemon_looks} times, "
+                f"at most {processes.most_descriptors} descriptors, "
                 f"{processes.most_threads} threads, {processes.most_memory:.1f} MiB; at rest first "
                 f"{self._first_rest}, last {self._usage}")
 
@@ -201,7 +204,7 @@ class Soak:
 
     def _suffer(self, fault):
         self.fault = fault.name
-        if self._wave is None and self.chance.random() < WAVE_CHANCE:
+        if self._wave is None and self._wave_chance.random() < WAVE_CHANCE:
             self._start_wave()
         began = time.monotonic()
         fault.story(self)
@@ -255,7 +258,7 @@ class Soak:
     def _start_wave(self):
         self._wave = subprocess.Popen(
             [sys.executable, "-B", os.path.join(HERE, "hostile.py"),
-             str(self.chance.randrange(2**32)), str(self.pace.slowness)],
+             str(self._wave_chance.randrange(2**32)), str(self.pace.slowness)],
             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         self.installation.own_children.add(self._wave.pid)
         self._waves += 1
@@ -331,7 +334,8 @@ def keep_pages(folder):
             body = fetch(page, 2)
         except OSError as error:
             body = f"no answer: {error}\n"
-        with open(os.path.join(folder, f"page-{page or 'main.html'}"), "w", encoding="utf-8") as file:
+        path = os.path.join(folder, f"page-{page or 'main.html'}")
+        with open(path, "w", encoding="utf-8") as file:
             file.write(body)
 
 
@@ -381,7 +385,7 @@ def main():
     try:
         status = soak(options, folder)
     finally:
-        if status == 0:
+        if status == 0 or options.sabotage:
             shutil.rmtree(folder)
         else:
             say(f"kept: {folder}")

@@ -21,8 +21,8 @@ TEMP_FILE_LIMIT = 60.0  # The longest command has 30 seconds, and 2 to be ended.
 MAX_CONNECTIONS = 256
 # A round is the interval, a "stop" that hangs for 20 + 2 seconds, a look of 5 + 2, a connect of 5.
 ROUND_WATCHDOG, ROUND_REAL = 10, 36
-DAEMON_MAY_OPEN = re.compile(r"(/dev/null|socket:\[\d+\]|anon_inode:\[(signalfd|eventfd|eventpoll)\]"
-                             r"|.*/home/.*)( \(deleted\))?")
+DAEMON_MAY_OPEN = re.compile(r"(/dev/null|socket:\[\d+\]|.*/home/.*"
+                             r"|anon_inode:\[(signalfd|eventfd|eventpoll)\])( \(deleted\))?")
 
 
 class Violation(Exception):
