@@ -146,7 +146,7 @@ TEST_F(OuterHandlersTest, ReportThePagesOfTheHttpServer) {
       options);
   server.Activate(0);
   const std::string address = "localhost:" + std::to_string(server.Port());
-  EXPECT_ANY_THROW(HttpGet(address + "/fault", std::chrono::seconds(30)));
+  EXPECT_ANY_THROW((void)HttpGet(address + "/fault", std::chrono::seconds(30)));
   EXPECT_TRUE(Reported("HTTP server", 1));
   EXPECT_EQ(HttpGet(address + "/", std::chrono::seconds(30)).Body, "fine");
   ExpectPlaceOfFault();
