@@ -73,7 +73,11 @@ class EscalationTest : public GuardianSystemTest {
     expected.push_back(start);
     EXPECT_TRUE(Eventually([&] { return PageHas(start); }));
     const std::string page = Page("");
-    EXPECT_EQ(LinesOf(page, {"Mutex failure counter = ", attempt, "Executed "}), expected) << page;
+    std::vector<std::string> seen =
+        LinesOf(page, {"Mutex failure counter = ", attempt, "Executed "});
+    // A tick may have come after the start, before the next daemon took its mutex.
+    seen.resize(std::min(seen.size(), expected.size()));
+    EXPECT_EQ(seen, expected) << page;
     EXPECT_TRUE(DaemonLogHas("SIGTERM from PID"));
     EXPECT_TRUE(Eventually([] { return PageHas(kHealthyAgain); }, limit)) << Page("");
   }
