@@ -210,9 +210,9 @@ TEST_F(GuardianServiceTest, RestartsAHungDaemonStepByStep) {
               HasSubstr("  ERROR: Need to restart Vellumark_Service<br>"));
 }
 
-TEST_F(GuardianServiceTest, KeepsItsLogsWithinTheirLimitForADayOfFailures) {
+TEST_F(GuardianServiceTest, KeepsItsLogsWithinTheirLimitForHoursOfFailures) {
   FScheduler->PipeOK = false;
-  for (int tick = 0; tick < 8640; ++tick) {
+  for (int tick = 0; tick < 2160; ++tick) {
     FClock.Advance(milliseconds(10'000));
     FService->Tick();
     FShell.TakeCommands();
