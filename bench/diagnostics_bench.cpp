@@ -290,10 +290,3 @@ BENCHMARK(LogLine)->UseManualTime()->Iterations(Rounds(41));
 
 }  // namespace
 }  // namespace guardian
-
-int main(int argc, char** argv) {
-  guardian::KZCP::Init();
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  guardian::KZCP::Fini();
-}

@@ -13,7 +13,6 @@
 
 #include "Measure.h"
 #include "common/Clock.h"
-#include "diagnostics/KZCheckpoints.h"
 #include "guardian/WatchdogDecision.h"
 #include "guardian/process.h"
 #include "support/Eventually.h"
@@ -168,10 +167,3 @@ BENCHMARK(BecomingDaemon)->UseManualTime()->Iterations(Rounds(21));
 
 }  // namespace
 }  // namespace guardian
-
-int main(int argc, char** argv) {
-  guardian::KZCP::Init();
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  guardian::KZCP::Fini();
-}

@@ -102,6 +102,7 @@ void TGuardianService::CheckStatus() {
   const TObservation seen = Observe();
   const std::vector<TStep> steps = DecideRound(seen, FWatchdog);
   ++FRounds;
+  // Also before the steps: one of them may take half a minute, or throw.
   RecordRound(seen);
   for (const TStep& step : steps) CarryOut(step);
   RecordRound(seen);
