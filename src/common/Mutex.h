@@ -18,6 +18,8 @@ class KZ_CAPABILITY("mutex") TMutex {
   TMutex& operator=(const TMutex&) = delete;
 
   void Lock() KZ_ACQUIRE() { FMutex.lock(); }
+  // False when it is held, by the calling thread too.
+  [[nodiscard]] bool TryLock() noexcept KZ_TRY_ACQUIRE(true) { return FMutex.try_lock(); }
   void Unlock() noexcept KZ_RELEASE() { FMutex.unlock(); }
 
  private:

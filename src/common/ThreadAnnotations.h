@@ -14,6 +14,7 @@
 #define KZ_REQUIRES(...) KZ_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define KZ_EXCLUDES(...) KZ_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 #define KZ_ACQUIRE(...) KZ_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define KZ_TRY_ACQUIRE(...) KZ_THREAD_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
 #define KZ_RELEASE(...) KZ_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define KZ_ACQUIRED_AFTER(...) KZ_THREAD_ATTRIBUTE(acquired_after(__VA_ARGS__))
 #define KZ_NO_ANALYSIS KZ_THREAD_ATTRIBUTE(no_thread_safety_analysis)

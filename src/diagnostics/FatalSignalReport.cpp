@@ -267,7 +267,7 @@ void AddNames(TSignalText& text, const TStack& stack) noexcept {
       if (place.File != nullptr) each.Text.Add(" at ").Add(place.File).Add(":").Add(place.Line);
       each.Text.Add("\n");
     };
-    VisitCodePlaces(stack.Code[i], add, &frame);
+    TryVisitCodePlaces(stack.Code[i], add, &frame);
   }
   text.Add("-----------\n");
 }

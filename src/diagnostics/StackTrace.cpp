@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "common/Exceptions.h"
+#include "common/Mutex.h"
 #include "common/Settings.h"
 #include "common/Texts.h"
 
@@ -17,11 +18,14 @@ namespace {
 // What cannot be read stays unknown.
 void IgnoreError(void* /*context*/, const char* /*message*/, int /*errorNumber*/) {}
 
+// What the library has read so far, which it enlarges with each look-up.
+TMutex stateLock;
+
 // Reads nothing yet. Never freed, like all that it will read.
 backtrace_state* State() noexcept {
-  constexpr int kThreaded = 1;
+  constexpr int kNotThreaded = 0;
   static backtrace_state* const state =
-      ::backtrace_create_state(nullptr, kThreaded, &IgnoreError, nullptr);
+      ::backtrace_create_state(nullptr, kNotThreaded, &IgnoreError, nullptr);
   return state;
 }
 
@@ -70,6 +74,16 @@ std::string ModulePlace(std::uintptr_t code) {
   return "(" + std::string(FileNameOf(path)) + HexText(code - module->l_addr, "+0x%zx)");
 }
 
+void VisitLocked(std::uintptr_t address, void (*visit)(void* context, const TCodePlace& place),
+                 void* context) noexcept KZ_REQUIRES(stateLock) {
+  backtrace_state* const state = State();
+  if (state == nullptr) return;
+  TVisit each{.Visit = visit, .Context = context, .Last = {}};
+  ::backtrace_pcinfo(state, address, &VisitWithLine, &IgnoreError, &each);
+  ::backtrace_syminfo(state, address, &NameLast, &IgnoreError, &each);
+  each.HandOn();
+}
+
 struct TFrameLines {
   std::string Before;
   std::string After;
@@ -87,14 +101,13 @@ void AddLine(void* frame, const TCodePlace& place) {
 
 }  // namespace
 
-void VisitCodePlaces(std::uintptr_t address, void (*visit)(void* context, const TCodePlace& place),
-                     void* context) noexcept {
-  backtrace_state* const state = State();
-  if (state == nullptr) return;
-  TVisit each{.Visit = visit, .Context = context, .Last = {}};
-  ::backtrace_pcinfo(state, address, &VisitWithLine, &IgnoreError, &each);
-  ::backtrace_syminfo(state, address, &NameLast, &IgnoreError, &each);
-  each.HandOn();
+void TryVisitCodePlaces(std::uintptr_t address,
+                        void (*visit)(void* context, const TCodePlace& place),
+                        void* context) noexcept {
+  // A signal may come in the middle of a look-up of its own thread.
+  if (!stateLock.TryLock()) return;
+  VisitLocked(address, visit, context);
+  stateLock.Unlock();
 }
 
 void PrepareCodePlaces() noexcept { State(); }
@@ -109,7 +122,8 @@ std::vector<std::string> StackTraceLines(std::span<const void* const> returnAddr
         .After = ModulePlace(call),
         .Lines = lines};
     const std::size_t before = lines.size();
-    VisitCodePlaces(call, &AddLine, &frame);
+    const TMutexLock lock(stateLock);
+    VisitLocked(call, &AddLine, &frame);
     if (lines.size() == before) lines.push_back(frame.Before + frame.After);
   }
   return lines;

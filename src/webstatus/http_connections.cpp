@@ -25,6 +25,11 @@ void THttpConnections::Remove(TTicket ticket) {
   FEntries.erase(ticket);
 }
 
+bool THttpConnections::IsEmpty() {
+  const TMutexLock lock(FLock);
+  return FEntries.empty();
+}
+
 bool THttpConnections::StartAnswer(TTicket ticket) {
   const TMutexLock lock(FLock);
   if (ticket->Phase == TPhase::SentAway) return false;

@@ -63,6 +63,8 @@ class THttpConnections {
       KZ_EXCLUDES(FLock);
   void Remove(TTicket ticket) KZ_EXCLUDES(FLock);
 
+  [[nodiscard]] bool IsEmpty() KZ_EXCLUDES(FLock);
+
   // Makes the connection busy, for as long as it likes until a deadline is set. False when it has
   // been sent away: it must not answer.
   [[nodiscard]] bool StartAnswer(TTicket ticket) KZ_EXCLUDES(FLock);

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -459,7 +460,6 @@ class THttpServer::TRun {
         FIo(static_cast<int>(server.FOptions.Threads)) {
     OpenListener(port);
     WaitForConnection();
-    Sweep();
   }
 
   ~TRun() {
@@ -504,8 +504,7 @@ class THttpServer::TRun {
     FListener.close(ignored);
   }
 
-  // Ends with FIo.stop() alone: the sweep is always pending. What escapes a connection's chain has
-  // already ended that connection.
+  // Ends with FIo.stop() alone. What escapes a connection's chain has already ended that connection.
   void RunPool() {
     while (!FIo.stopped()) {
       try {
@@ -516,12 +515,24 @@ class THttpServer::TRun {
     }
   }
 
+  // The sweep goes on while there are connections: a server that nobody asks sleeps.
+  void StartSweeping() {
+    if (!FSweeping.exchange(true)) Sweep();
+  }
+
   void Sweep() {
     FSweepTimer.expires_after(FSurroundings.Options.SweepInterval);
     FSweepTimer.async_wait([this](const TErrorCode&) {
+      if (FConnections.IsEmpty()) return StopSweeping();
       Sweep();
       FConnections.SendAwayExpired(FSurroundings.Clock.TickCount());
     });
+  }
+
+  void StopSweeping() {
+    FSweeping = false;
+    // A connection may have come in between, and have found the sweep still going.
+    if (!FConnections.IsEmpty()) StartSweeping();
   }
 
   void WaitForConnection() KZ_EXCLUDES(FListenerLock) {
@@ -587,17 +598,20 @@ class THttpServer::TRun {
     TErrorCode ignored;  // Without it the answers are slower at worst.
     socket.set_option(tcp::no_delay(true), ignored);
     std::make_shared<TConnection>(FSurroundings, std::move(socket))->Start();
+    StartSweeping();
   }
 
   THttpConnections FConnections;  // Before FIo, which frees the last connections in its destructor.
   const TSurroundings FSurroundings;
   asio::io_context FIo;
+  asio::executor_work_guard<asio::io_context::executor_type> FWork{FIo.get_executor()};
   TMutex FListenerLock;
   tcp::acceptor FListener KZ_GUARDED_BY(FListenerLock){FIo};
   tcp FProtocol = tcp::v6();  // Constant once the threads run.
   asio::steady_timer FAcceptPause{FIo};
   bool FAcceptFailing = false;
-  asio::steady_timer FSweepTimer{FIo};
+  std::atomic<bool> FSweeping{false};
+  asio::steady_timer FSweepTimer{FIo};  // Of whoever set FSweeping.
   std::vector<std::unique_ptr<TThread>> FThreads;
 };
 

@@ -48,7 +48,7 @@ struct THttpServerOptions {
   std::chrono::milliseconds WriteTimeout{30'000};
   // How long a client may take to close its end after the last answer of a connection.
   std::chrono::milliseconds CloseTimeout{2'000};
-  // The deadlines above are looked at once an interval.
+  // The deadlines above are looked at once an interval, while there are connections.
   std::chrono::milliseconds SweepInterval{250};
   // How long Deactivate waits for answers that are being written.
   std::chrono::milliseconds StopGrace{500};

@@ -50,6 +50,13 @@ page() {
   ) 2>/dev/null || true
 }
 
+# Reports of exceptions name functions; what a debugger needs besides would make the file thrice as big.
+expect_function_names() {
+  local program="$1"
+  [[ "$(nm --demangle "$program")" == *" guardian::TGuardianService::"* ]] || fail "$program names no functions"
+  [[ "$(readelf --sections --wide "$program")" != *" .debug_info "* ]] || fail "$program holds debug information"
+}
+
 page_answers() { [[ -n "$(page status.php)" ]]; }
 
 needs_free_port() { ! page_answers || fail "port 8900 is in use"; }

@@ -51,10 +51,11 @@ class GuardianSystemTest : public testing::Test {
     return FFolder.Read("home/logs/daemon.log").find(text) != std::string::npos;
   }
 
-  std::unique_ptr<TProgram> Guardian(std::vector<std::string> words) const {
-    words.insert(words.begin(), FFolder.Path("VellumarkGuardian"));
+  std::unique_ptr<TProgram> Guardian(const std::vector<std::string>& words) const {
+    std::vector<std::string> line{FFolder.Path("VellumarkGuardian")};
+    line.insert(line.end(), words.begin(), words.end());
     return std::make_unique<TProgram>(
-        std::move(words),
+        std::move(line),
         std::vector<std::string>{"VELLUMARKCL_HOME=" + Home(), "TMPDIR=" + FFolder.Path("tmp")});
   }
 

@@ -321,6 +321,17 @@ TEST_F(HttpServerTest, GivesAHeaderItsTimeWhateverDripsIn) {
   EXPECT_EQ(late.ReadToEnd(), "");
 }
 
+// Whoever comes just as the last one went, and the sweep is about to end, is watched all the same.
+TEST_F(HttpServerTest, WatchesDeadlinesAgainAfterItWasEmpty) {
+  StartOnFakeClock(2);
+  for (int round = 0; round < 50; ++round) {
+    TRawClient silent(FServer->Port());
+    Sync();
+    FClock.Advance(THttpServerOptions().HeaderTimeout);
+    EXPECT_EQ(silent.ReadToEnd(), "") << round;
+  }
+}
+
 TEST_F(HttpServerTest, SetsNoLimitToTheHandler) {
   StartOnFakeClock(2);
   TRawClient client(FServer->Port());
