@@ -504,7 +504,8 @@ class THttpServer::TRun {
     FListener.close(ignored);
   }
 
-  // Ends with FIo.stop() alone. What escapes a connection's chain has already ended that connection.
+  // Ends with FIo.stop() alone. What escapes a connection's chain has already ended that
+  // connection.
   void RunPool() {
     while (!FIo.stopped()) {
       try {
