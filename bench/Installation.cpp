@@ -7,6 +7,7 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "DaemonExecutable.h"
 #include "Programs.h"
 #include "support/Eventually.h"
 

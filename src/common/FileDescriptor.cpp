@@ -21,7 +21,7 @@ int WriteAll(int descriptor, std::string_view bytes) noexcept {
 }
 
 int ReadToEnd(int descriptor, std::size_t maxBytes, std::string& text) {
-  constexpr std::size_t kChunk = 65'536;
+  constexpr std::size_t kChunk = 8192;  // Most outputs are short.
   text.clear();
   while (text.size() < maxBytes) {
     const std::size_t wanted = std::min(kChunk, maxBytes - text.size());

@@ -157,6 +157,11 @@ void TSqlIniComponents::Prepare() {
   FListColumns = columns(*qrySectionValues);
 }
 
+// NOLINTNEXTLINE(readability-identifier-naming): the name it is known by.
+void TSqlIniComponents::IB_GeneralScript(const std::string& statements) {
+  IB_Connection->exec(statements);
+}
+
 void TSqlIniComponents::Begin(TSqlIniBegin kind) {
   Run(kind == TSqlIniBegin::Write ? *FBeginWrite : *FBeginRead);
 }
@@ -255,7 +260,7 @@ void TSqlIniComponents::DeleteKey(std::int64_t sectionId, const std::string& key
 }
 
 void TSqlIniComponents::EraseSection(std::int64_t sectionId) {
-  IB_Connection->exec("DELETE FROM DATA WHERE SECTIONID=" + std::to_string(sectionId));
+  IB_GeneralScript("DELETE FROM DATA WHERE SECTIONID=" + std::to_string(sectionId));
 }
 
 std::vector<std::string> TSqlIniComponents::Keys(std::int64_t sectionId) {
@@ -317,9 +322,9 @@ void TSqlIniComponents::Attach(const std::string& otherStore) {
   attach.exec();
 }
 
-void TSqlIniComponents::FillFromAttached() { IB_Connection->exec(kFillFromOther); }
+void TSqlIniComponents::FillFromAttached() { IB_GeneralScript(kFillFromOther); }
 
-void TSqlIniComponents::NameLostSections() { IB_Connection->exec(kNameLostSections); }
+void TSqlIniComponents::NameLostSections() { IB_GeneralScript(kNameLostSections); }
 
 bool TSqlIniComponents::TryInsertRow(const std::string& line) noexcept {
   ::sqlite3* const connection = IB_Connection->getHandle();

@@ -121,6 +121,8 @@ class TSqlIniComponents {
   std::unique_ptr<SQLite::Statement> qrySectionList;
   std::unique_ptr<SQLite::Statement> qryValueRead;
   std::unique_ptr<SQLite::Statement> qryValueWrite;
+  // Runs ad-hoc statements.
+  void IB_GeneralScript(const std::string& statements);
   // NOLINTEND(readability-identifier-naming): up to here.
   std::unique_ptr<SQLite::Statement> FUpdateRow;
   std::unique_ptr<SQLite::Statement> FInsertRow;

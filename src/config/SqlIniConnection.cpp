@@ -14,7 +14,8 @@ namespace guardian {
 namespace {
 
 // One script: it is run as a whole.
-constexpr const char* kIbCreateScript =
+// NOLINTNEXTLINE(readability-identifier-naming): the name the script is known by.
+constexpr const char* IB_CreateScript =
     R"(/* No need to set the SQL dialect, always use the latest or default one */
 /* CREATE DB GOES HERE */
 CREATE TABLE DBVersion
@@ -87,7 +88,7 @@ void CreateSqlIniTables(const std::string& fileName) {
   SQLite::Database connection = OpenSqlIniConnection(fileName);
   connection.exec("PRAGMA page_size=2048;");
   connection.exec("BEGIN IMMEDIATE;");
-  connection.exec(kIbCreateScript);
+  connection.exec(IB_CreateScript);
   connection.exec("COMMIT;");
 }
 

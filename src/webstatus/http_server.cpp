@@ -1,6 +1,5 @@
 #include "webstatus/http_server.h"
 
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -9,7 +8,6 @@
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/ip/v6_only.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
@@ -29,6 +27,7 @@
 #include "common/Texts.h"
 #include "common/Thread.h"
 #include "webstatus/http_connections.h"
+#include "webstatus/http_listener.h"
 
 namespace guardian {
 namespace {
@@ -385,69 +384,6 @@ class TConnection final : public THttpConnection, public std::enable_shared_from
   std::size_t FDrainedBytes = 0;
 };
 
-enum class TAfterAccept { TryNext, WaitForMore, Pause };
-
-// Everything else, such as no descriptor left, would fail again at once.
-TAfterAccept DecideAfterAcceptError(int error) {
-  switch (error) {
-    case EAGAIN:
-      return TAfterAccept::WaitForMore;
-    case ECONNABORTED:
-    case EPROTO:
-    case ENETDOWN:
-    case ENETUNREACH:
-    case EHOSTDOWN:
-    case EHOSTUNREACH:
-    case ENOPROTOOPT:
-    case ENONET:
-      return TAfterAccept::TryNext;
-    default:
-      return TAfterAccept::Pause;
-  }
-}
-
-bool SetOption(const TFileDescriptor& socket, int level, int option, int value) {
-  return ::setsockopt(socket.Get(), level, option, &value, sizeof(value)) == 0;
-}
-
-// Made here because Asio's own sockets are not close-on-exec. Empty when there is no IPv6.
-TFileDescriptor OpenDualStackSocket() {
-  TFileDescriptor socket(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (socket && !SetOption(socket, IPPROTO_IPV6, IPV6_V6ONLY, 0)) socket.Close();
-  return socket;
-}
-
-// Returns 0 or the error number. Address reuse lets a restart take a port on which connections of
-// the last run are still fading out; it does not let two listeners share one.
-int BindAndListen(const TFileDescriptor& socket, const tcp::endpoint& endpoint) {
-  if (!SetOption(socket, SOL_SOCKET, SO_REUSEADDR, 1)) return errno;
-  if (::bind(socket.Get(), endpoint.data(), static_cast<socklen_t>(endpoint.size())) != 0) {
-    return errno;
-  }
-  return ::listen(socket.Get(), SOMAXCONN) == 0 ? 0 : errno;
-}
-
-struct TListener {
-  TFileDescriptor Socket;
-  tcp Protocol;
-};
-
-TListener Listen(std::uint16_t port) {
-  const std::string object = "port " + std::to_string(port);
-  if (TFileDescriptor socket = OpenDualStackSocket()) {
-    const int error = BindAndListen(socket, tcp::endpoint(tcp::v6(), port));
-    if (error == 0) return {std::move(socket), tcp::v6()};
-    if (error != EADDRNOTAVAIL && error != EAFNOSUPPORT) {
-      throw ESystemError("Listen on", object, error);
-    }
-  }
-  TFileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!socket) throw ESystemError("Create socket for", object, errno);
-  const int error = BindAndListen(socket, tcp::endpoint(tcp::v4(), port));
-  if (error != 0) throw ESystemError("Listen on", object, error);
-  return {std::move(socket), tcp::v4()};
-}
-
 }  // namespace
 
 // The server from one Activate to the next Deactivate.
@@ -491,11 +427,11 @@ class THttpServer::TRun {
 
  private:
   void OpenListener(std::uint16_t port) KZ_EXCLUDES(FListenerLock) {
-    TListener listener = Listen(port);
+    THttpListener listener = ListenForHttp(port);
+    FProtocol = listener.IsIPv6 ? tcp::v6() : tcp::v4();
     const TMutexLock lock(FListenerLock);
-    FListener.assign(listener.Protocol, listener.Socket.Get());
+    FListener.assign(FProtocol, listener.Socket.Get());
     static_cast<void>(listener.Socket.Release());
-    FProtocol = listener.Protocol;
   }
 
   void CloseListener() KZ_EXCLUDES(FListenerLock) {

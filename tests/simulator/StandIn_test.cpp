@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "DaemonExecutable.h"
 #include "common/Texts.h"
 #include "support/Eventually.h"
 #include "support/Program.h"
@@ -41,7 +42,7 @@ class StandInTest : public testing::Test {
   }
 
   [[nodiscard]] std::vector<std::string> CommandLine(const std::vector<std::string>& words) const {
-    std::vector<std::string> arguments = {STAND_IN_PATH};
+    std::vector<std::string> arguments = {DAEMON_EXECUTABLE};
     arguments.insert(arguments.end(), words.begin(), words.end());
     return arguments;
   }
@@ -144,7 +145,7 @@ TEST_F(StandInTest, HangsInTheCommandThatIsOrderedToAndGoesOnByTheNextOrder) {
 TEST_F(StandInTest, StartsOneDaemonThatIsDetachedAndStopsIt) {
   const pid_t daemon = StartDaemon();
   const std::string pidText = std::to_string(daemon);
-  EXPECT_EQ(CommandLineOf(daemon), STAND_IN_PATH " start ");
+  EXPECT_EQ(CommandLineOf(daemon), DAEMON_EXECUTABLE " start ");
   EXPECT_NE(::getsid(daemon), ::getsid(0));
   EXPECT_NE(::getsid(daemon), daemon);
   for (const std::string& file : OpenFilesOf(daemon)) {

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "DaemonExecutable.h"
 #include "common/Exceptions.h"
 #include "support/Eventually.h"
 #include "support/Program.h"
