@@ -77,9 +77,11 @@ TEST_F(GuardianSystemTest, EndsOnSignalsInEveryState) {
 
 TEST_F(GuardianSystemTest, EndsWhileTheHandshakeHangs) {
   OrderFault("hang-paths");
+  int hanging = 0;
   for (const int number : {SIGTERM, SIGINT}) {
     StartGuardian();
-    ASSERT_TRUE(Eventually([&] { return !std::filesystem::is_empty(FFolder.Path("tmp")); }));
+    ++hanging;
+    ASSERT_TRUE(Eventually([&] { return CommandsHang(hanging); }));
     const std::int64_t signalledAt = SystemTickCount();
     FGuardian->Signal(number);
     EXPECT_EQ(FGuardian->Wait(), 0) << number;
@@ -95,7 +97,7 @@ TEST_F(GuardianSystemTest, EndsWhileACommandOfTheTickHangs) {
   StartGuardian();
   ASSERT_TRUE(GuardianAnswers());
   EXPECT_EQ(Page("stopdaemon.php"), "VellumarkCL will be asked to stop.");
-  ASSERT_TRUE(Eventually([&] { return !std::filesystem::is_empty(FFolder.Path("tmp")); }));
+  ASSERT_TRUE(Eventually([&] { return CommandsHang(1); }));
   const std::int64_t signalledAt = SystemTickCount();
   FGuardian->Signal(SIGTERM);
   EXPECT_EQ(FGuardian->Wait(), 0);
