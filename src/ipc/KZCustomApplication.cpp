@@ -70,14 +70,15 @@ TKZCustomApplication::TSignalDisposition::~TSignalDisposition() {
 void TKZCustomApplication::Run() {
   assert(IsMainThread());
   // Terminate wakes the wait; the bound only keeps a lost wake-up from lasting.
-  constexpr std::chrono::seconds kRound{1};
+  constexpr std::chrono::seconds kRound{10};
+  constexpr std::chrono::seconds kPauseAfterFailure{1};
   while (!Terminated()) {
     try {
       CheckSynchronize(kRound);
     } catch (...) {
       HandleException(std::current_exception(), TLogToFiles::Yes, "Main loop");
       // What fails at once, and again and again, must not fill the log.
-      SystemClock().Sleep(kRound);
+      SystemClock().Sleep(kPauseAfterFailure);
     }
   }
 }
