@@ -6,7 +6,7 @@
 
 namespace guardian {
 
-// A listening socket, close-on-exec and non-blocking.
+// A listening socket, close-on-exec, which Asio's own are not, and non-blocking.
 struct THttpListener {
   TFileDescriptor Socket;
   bool IsIPv6 = false;  // And so for IPv4 too.
