@@ -370,13 +370,14 @@ double SecondsUntilBack(const TInstallation& installation) {
   });
 }
 
-// Every restart begins with a tick, so the next kill comes so long after a tick.
+// Every restart begins with a tick, so the next kill comes so long after a tick. The daemon's own
+// start is taken as the Guardian starts it, by the shell.
 void RestartAfterKill(benchmark::State& state) {
   constexpr milliseconds kStep{1000};
   TInstallation installation(TGuardianKind::Product);
   std::vector<double> starts;
   for (int i = 0; i < Rounds(5); ++i) {
-    starts.push_back(Seconds([&] { installation.StartDaemon(); }));
+    starts.push_back(RunToEnd({"/bin/sh", "-c", installation.DaemonPath() + " start"}).Seconds);
     installation.StopDaemon();
   }
   installation.StartDaemon();
