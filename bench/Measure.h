@@ -17,6 +17,9 @@ inline bool IsTryOut() { return std::getenv("GUARDIAN_BENCH_SHORT") != nullptr; 
 // A count of rounds, messages or the like: the full one, or the small one of a try-out.
 inline int Rounds(int full, int tryOut = 1) { return IsTryOut() ? tryOut : full; }
 
+// A way to measure work, in seconds.
+using TTime = double(const std::function<void()>& work);
+
 // The seconds that the work takes.
 inline double Seconds(const std::function<void()>& work) {
   const auto start = std::chrono::steady_clock::now();
@@ -75,11 +78,11 @@ inline TComparison Compare(benchmark::State& state, const std::function<double()
 }
 
 // Runs the work and its baseline, each of which handles so many items, and reports the rates of
-// both and their ratio.
+// both and their ratio, by Seconds or by ProcessorSeconds.
 inline void CompareRates(benchmark::State& state, double items, const std::function<void()>& work,
-                         const std::function<void()>& baseline) {
+                         const std::function<void()>& baseline, TTime* time = &Seconds) {
   const TComparison seconds = Compare(
-      state, [&] { return Seconds(work); }, [&] { return Seconds(baseline); });
+      state, [&] { return time(work); }, [&] { return time(baseline); });
   state.counters["rate"] = items / seconds.Ours;
   state.counters["bare_rate"] = items / seconds.Bare;
   state.counters["ratio"] = 1 / seconds.OursPerBare;

@@ -152,17 +152,6 @@ void ForSomeKeys(int count, const TWork& work) {
   }
 }
 
-using TTime = double(const std::function<void()>& work);
-
-void CompareCalls(benchmark::State& state, int calls, TTime* time,
-                  const std::function<void()>& ours, const std::function<void()>& bare) {
-  const TComparison seconds = Compare(
-      state, [&] { return time(ours); }, [&] { return time(bare); });
-  state.counters["rate"] = calls / seconds.Ours;
-  state.counters["bare_rate"] = calls / seconds.Bare;
-  state.counters["ratio"] = 1 / seconds.OursPerBare;
-}
-
 void WriteString(benchmark::State& state, const char* folder, int writes, TTime* time) {
   ::setenv("TMPDIR", folder, 1);
   TStores stores;
@@ -174,8 +163,8 @@ void WriteString(benchmark::State& state, const char* folder, int writes, TTime*
   const auto bare = [&](const std::string& section, const std::string& key) {
     stores.Bare.Write(section, key, "new" + std::to_string(++number));
   };
-  CompareCalls(
-      state, writes, time, [&] { ForSomeKeys(writes, ours); }, [&] { ForSomeKeys(writes, bare); });
+  CompareRates(
+      state, writes, [&] { ForSomeKeys(writes, ours); }, [&] { ForSomeKeys(writes, bare); }, time);
   ::unsetenv("TMPDIR");
 }
 // On a disk, where the syncs of a commit take the time; and in processor time without a disk, where
@@ -197,9 +186,9 @@ void ReadString(benchmark::State& state) {
   const auto bare = [&](const std::string& section, const std::string& key) {
     Must(!stores.Bare.Read(section, key).empty());
   };
-  CompareCalls(
-      state, reads, ProcessorSeconds, [&] { ForSomeKeys(reads, ours); },
-      [&] { ForSomeKeys(reads, bare); });
+  CompareRates(
+      state, reads, [&] { ForSomeKeys(reads, ours); }, [&] { ForSomeKeys(reads, bare); },
+      &ProcessorSeconds);
 }
 BENCHMARK(ReadString)->UseManualTime()->Iterations(Rounds(15));
 

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <algorithm>
-#include <chrono>
 #include <cstdint>
 #include <functional>
 
@@ -21,14 +19,9 @@ class TFastClock final : public TClock {
 
   bool WaitUntil(TMutex& mutex, TCondition& condition, std::int64_t deadlineTick,
                  const std::function<bool()>& predicate) override KZ_REQUIRES(mutex) {
-    constexpr std::int64_t kLongestWaitMs = 3'600'000;
-    while (!predicate()) {
-      const std::int64_t left = deadlineTick - TickCount();
-      if (left <= 0) return false;
-      const std::int64_t waitMs = std::min(left / FFactor + 1, kLongestWaitMs);
-      condition.WaitFor(mutex, std::chrono::milliseconds(waitMs));
-    }
-    return true;
+    // The first tick of the machine's clock at which the deadline has come.
+    const std::int64_t realTick = FBegan + (deadlineTick - FBegan + FFactor - 1) / FFactor;
+    return SystemClock().WaitUntil(mutex, condition, realTick, predicate);
   }
 
  private:
