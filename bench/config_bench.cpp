@@ -8,8 +8,8 @@
 #include <string>
 
 #include "Measure.h"
+#include "common/ErrorLog.h"
 #include "config/KZSqlIniFiles.h"
-#include "diagnostics/ErrorLog.h"
 #include "support/TempFolder.h"
 
 namespace guardian {

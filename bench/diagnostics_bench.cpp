@@ -15,9 +15,9 @@
 
 #include "Measure.h"
 #include "common/Clock.h"
-#include "diagnostics/CheckpointRecord.h"
 #include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/KZLogFile.h"
+#include "diagnostics/checkpoints/CheckpointRecord.h"
 #include "support/TempFolder.h"
 
 namespace {

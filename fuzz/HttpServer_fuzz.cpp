@@ -14,8 +14,8 @@
 
 #include "Fuzz.h"
 #include "common/Exceptions.h"
+#include "webstatus/HttpServer.h"
 #include "webstatus/RawClient.h"
-#include "webstatus/http_server.h"
 
 namespace guardian {
 namespace {

@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "Fuzz.h"
+#include "common/ErrorLog.h"
 #include "config/KZSqlIniFiles.h"
-#include "diagnostics/ErrorLog.h"
 #include "support/TempFolder.h"
 
 namespace guardian {

@@ -4,9 +4,18 @@
 
 namespace guardian {
 
-// Writes the text and a line feed to standard output in one call and flushes; a standard output
-// that is closed or full loses the line, since there is no better place to say so.
-// Threads: any; lines of different threads never mix.
+// Single lines on the standard streams. A stream that is closed or full loses the line, since there
+// is no better place to say so.
+// Threads: any; lines of different threads do not mix.
+
+// Writes the text and a line feed to standard output in one call and flushes.
 void PrintLine(std::string_view text);
+
+// The system debug output: writes the text and a line feed to standard error. Never throws.
+void DebugOutput(std::string_view text) noexcept;
+
+// The assertion facility: when the condition does not hold, puts "Assertion failed: " and the label
+// on the debug output and returns. Never throws.
+void KZAssert(bool condition, std::string_view label) noexcept;
 
 }  // namespace guardian

@@ -8,6 +8,7 @@
 
 #include "common/Exceptions.h"
 #include "common/Mutex.h"
+#include "common/NeverDestroyed.h"
 
 namespace guardian {
 namespace {
@@ -22,8 +23,8 @@ struct TFileObjects {
 
 // Made at first use, never freed: threads may close their files until the very end of the process.
 TFileObjects& FileObjects() {
-  static TFileObjects& objects = *new TFileObjects;
-  return objects;
+  static TNeverDestroyed<TFileObjects> objects;
+  return *objects;
 }
 
 // Takes the file out of the list; null when it is not there.

@@ -16,6 +16,7 @@
 #include "common/Exceptions.h"
 #include "common/FileDescriptor.h"
 #include "common/Mutex.h"
+#include "common/NeverDestroyed.h"
 
 namespace guardian {
 namespace {
@@ -134,7 +135,7 @@ class TMainThreadQueue {
 
 // Never destroyed: a detached wake-up may come as late as it likes.
 TMainThreadQueue& Queue() {
-  static auto* queue = new TMainThreadQueue;
+  static TNeverDestroyed<TMainThreadQueue> queue;
   return *queue;
 }
 

@@ -4,11 +4,13 @@
 #include <filesystem>
 #include <system_error>
 
+#include "common/NeverDestroyed.h"
+
 namespace guardian {
 
 TSettings& Settings() {
-  static TSettings settings;
-  return settings;
+  static TNeverDestroyed<TSettings> settings;
+  return *settings;
 }
 
 std::string LogFolder() {

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <utility>
 
+#include "common/Console.h"
+#include "common/ErrorLog.h"
 #include "common/Exceptions.h"
 #include "config/SqlIniLock.h"
-#include "diagnostics/DebugOutput.h"
-#include "diagnostics/ErrorLog.h"
 #include "diagnostics/KZCheckpoints.h"
 
 namespace guardian {

@@ -15,7 +15,7 @@
 #include "common/KZCustomINIFile.h"
 #include "common/ThreadAnnotations.h"
 #include "config/SqlIniComponents.h"
-#include "config/SqlIniFiles.h"
+#include "config/SqlIniPaths.h"
 #include "diagnostics/KZCriticalSection.h"
 
 namespace guardian {
@@ -36,7 +36,7 @@ enum class TSectionCreation { No, IfMissing };
 // "-journal" file beside the database is its ordinary state.
 //
 // A missing, empty or damaged file is repaired when it is opened, and a damaged one also when a
-// write meets the damage; TSqlIniRepair says what it is put together from, TSqlIniFiles which files
+// write meets the damage; TSqlIniRepair says what it is put together from, TSqlIniPaths which files
 // lie beside it. The order never leaves less than before: the damaged file keeps its place until a
 // checked new one takes it, then it is kept under another name; deleted settings may come back, but
 // no setting that could be read is lost. Whoever has the old file open finds the new one with its
@@ -172,7 +172,7 @@ class TKZSQLIniFile final : public TKZCustomINIFile {
   void BackUpIfDueLocked() KZ_REQUIRES(FLock);
   void BackUpLocked() KZ_REQUIRES(FLock);
 
-  const TSqlIniFiles FFiles;
+  const TSqlIniPaths FFiles;
   const TSqlIniAccess FAccess;
   TClock& FClock;
   std::atomic<TDateTime> FLastCommitAt = 0;  // Atomic: read without the lock.

@@ -5,11 +5,11 @@
 #include <exception>
 #include <utility>
 
+#include "common/Console.h"
 #include "common/Exceptions.h"
 #include "config/KZSqlIniFiles.h"
 #include "config/SqlIniLock.h"
 #include "config/SqlIniRepair.h"
-#include "diagnostics/DebugOutput.h"
 
 namespace guardian {
 namespace {
@@ -23,7 +23,7 @@ constexpr std::int64_t kMovedCheckMs = 50;
 constexpr std::int64_t kBackupCheckMs = 3'600'000;
 
 // For the exception that is being handled.
-[[noreturn]] void ThrowUnopenable(const TSqlIniFiles& files) {
+[[noreturn]] void ThrowUnopenable(const TSqlIniPaths& files) {
   const std::string reason = CurrentExceptionMessage();
   if (!files.StoreIsReadable()) {
     throw KZException("Cannot open" + files.Store() + ": Permission Denied");

@@ -50,7 +50,7 @@ class TRemoveAtEnd {
  public:
   explicit TRemoveAtEnd(std::string name) : FName(std::move(name)) {}
   ~TRemoveAtEnd() {
-    if (!FName.empty()) TSqlIniFiles::Remove(FName);
+    if (!FName.empty()) TSqlIniPaths::Remove(FName);
   }
   TRemoveAtEnd(const TRemoveAtEnd&) = delete;
   TRemoveAtEnd& operator=(const TRemoveAtEnd&) = delete;
@@ -68,7 +68,7 @@ bool HoldsKeys(const std::string& copy) {
 
 }  // namespace
 
-TSqlIniRepair::TSqlIniRepair(const TSqlIniFiles& files, TClock& clock, TSqlIniLog log)
+TSqlIniRepair::TSqlIniRepair(const TSqlIniPaths& files, TClock& clock, TSqlIniLog log)
     : FFiles(files), FClock(clock), FLog(std::move(log)) {}
 
 void TSqlIniRepair::Run() {
@@ -87,7 +87,7 @@ void TSqlIniRepair::Run() {
     if (IsGoodStore(FFiles.Store())) return;
   }
   // Of a damaged store it is older than what the dump will give.
-  if (state != TState::Missing) TSqlIniFiles::Remove(FFiles.Replacement());
+  if (state != TState::Missing) TSqlIniPaths::Remove(FFiles.Replacement());
   const std::string copy = FindGoodCopy();
   // It is the copy when somebody's repair was cut off between two renames.
   if (copy != FFiles.Replacement()) BuildReplacement(state, copy);
@@ -184,7 +184,7 @@ void TSqlIniRepair::ImportDump(TSqlIniComponents& target) {
        std::to_string(refused) + " were unusable");
 }
 
-bool TakeSqlIniBackup(TSqlIniComponents& store, const TSqlIniFiles& files, TClock& clock) {
+bool TakeSqlIniBackup(TSqlIniComponents& store, const TSqlIniPaths& files, TClock& clock) {
   files.MakeBackupFolder();
   const auto replacing = TSqlIniReplacing::Begin(files, clock, std::chrono::milliseconds(0));
   if (!replacing) return false;

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "common/Clock.h"
-#include "config/SqlIniFiles.h"
+#include "config/SqlIniPaths.h"
 
 namespace guardian {
 
@@ -24,7 +24,7 @@ using TSqlIniLog = std::function<void(const std::string& line)>;
 // Owner: the store. Threads: not shared.
 class TSqlIniRepair {
  public:
-  TSqlIniRepair(const TSqlIniFiles& files, TClock& clock, TSqlIniLog log);
+  TSqlIniRepair(const TSqlIniPaths& files, TClock& clock, TSqlIniLog log);
 
   // Does nothing for a store that is whole, as when another process was faster. Blocks for as long
   // as the dump takes, at most five minutes, and for as long waiting for another process that
@@ -40,7 +40,7 @@ class TSqlIniRepair {
   void WriteDump() const;
   void ImportDump(TSqlIniComponents& target);
 
-  const TSqlIniFiles& FFiles;
+  const TSqlIniPaths& FFiles;
   TClock& FClock;
   const TSqlIniLog FLog;
 };
@@ -48,6 +48,6 @@ class TSqlIniRepair {
 // Makes the connection's database the newest backup, provided that its copy is whole; otherwise
 // the older backups stay as they are. Returns false, having done nothing, while another process
 // replaces the file or its backups. Throws what went wrong. Blocks for as long as copying takes.
-bool TakeSqlIniBackup(TSqlIniComponents& store, const TSqlIniFiles& files, TClock& clock);
+bool TakeSqlIniBackup(TSqlIniComponents& store, const TSqlIniPaths& files, TClock& clock);
 
 }  // namespace guardian

@@ -63,9 +63,10 @@ struct TCPTimes {
 // readies the profiling, which it switches off when debug mode is off.
 void Init();
 
-// Ends the job mutex guardian, then frees the list and the profiling table. Throws KZException,
-// with neither freed, when CheckMutexesAtTermination does; it can then be called again.
-void Fini();
+// Calls endFirst, when there is one, then frees the list and the profiling table. What endFirst
+// throws is thrown here, with neither freed; Fini can then be called again. A program that uses the
+// job mutexes hands CheckMutexesAtTermination over.
+void Fini(void (*endFirst)() = nullptr);
 
 // Passes a checkpoint. With all switches off it reads the tick counter and copies the text; it
 // allocates and locks at the thread's first checkpoint only. Never throws: what a switched-on

@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "common/Clock.h"
-#include "diagnostics/ReportThrottle.h"
+#include "diagnostics/exceptions/ReportThrottle.h"
 
 namespace guardian {
 

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "common/FileHandle.h"
-#include "diagnostics/MutexRegistry.h"
+#include "diagnostics/jobs/MutexRegistry.h"
 
 namespace guardian {
 

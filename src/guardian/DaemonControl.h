@@ -8,7 +8,7 @@
 #include "common/Clock.h"
 
 #include "guardian/DaemonProcess.h"
-#include "guardian/process_listing.h"
+#include "guardian/process/ProcessListing.h"
 #include "webstatus/ActivityLog.h"
 #include "webstatus/GuardianControl.h"
 

@@ -5,7 +5,7 @@
 
 #include "common/Clock.h"
 #include "common/SharedText.h"
-#include "guardian/process_listing.h"
+#include "guardian/process/ProcessListing.h"
 
 namespace guardian {
 

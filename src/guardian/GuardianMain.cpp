@@ -13,14 +13,15 @@
 #include "config/KZSqlIniFiles.h"
 #include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exception_report.h"
+#include "diagnostics/job_mutex.h"
 #include "guardian/GuardianService.h"
 #include "guardian/SystemLog.h"
 #include "guardian/process.h"
 #include "ipc/KZCustomApplication.h"
 #include "ipc/KZMessages.h"
 #include "ipc/KZUnixPipes.h"
+#include "webstatus/HttpClient.h"
 #include "webstatus/WebStatusServer.h"
-#include "webstatus/http_client.h"
 
 namespace guardian {
 namespace {
@@ -68,7 +69,7 @@ class TUnits {
     StopMessages();
     SetMessageExceptionReporter({});
     StopExceptionReports();
-    KZCP::Fini();
+    KZCP::Fini(&CheckMutexesAtTermination);
   }
   TUnits(const TUnits&) = delete;
   TUnits& operator=(const TUnits&) = delete;

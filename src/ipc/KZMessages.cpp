@@ -7,9 +7,10 @@
 #include <vector>
 
 #include "common/Clock.h"
+#include "common/ErrorLog.h"
 #include "common/Exceptions.h"
 #include "common/MainThread.h"
-#include "diagnostics/ErrorLog.h"
+#include "common/NeverDestroyed.h"
 #include "diagnostics/KZCheckpoints.h"
 #include "ipc/KZCustomApplication.h"
 #include "ipc/MessageList.h"
@@ -57,7 +58,7 @@ struct TMessageUnit {
 };
 
 TMessageUnit& Unit() {
-  static auto* unit = new TMessageUnit;
+  static TNeverDestroyed<TMessageUnit> unit;
   return *unit;
 }
 

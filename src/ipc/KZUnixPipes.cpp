@@ -10,9 +10,10 @@
 #include "common/Clock.h"
 #include "common/MainThread.h"
 #include "common/Mutex.h"
+#include "common/NeverDestroyed.h"
 #include "common/Settings.h"
 #include "diagnostics/KZCheckpoints.h"
-#include "diagnostics/PipeCounters.h"
+#include "diagnostics/exceptions/PipeCounters.h"
 #include "ipc/PipeThreads.h"
 
 namespace guardian {
@@ -26,7 +27,7 @@ struct TPipeDirectory {
 };
 
 TPipeDirectory& Directory() {
-  static auto* directory = new TPipeDirectory;
+  static TNeverDestroyed<TPipeDirectory> directory;
   return *directory;
 }
 

@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "diagnostics/KZCheckpoints.h"
-#include "diagnostics/PipeCounters.h"
+#include "diagnostics/exceptions/PipeCounters.h"
 
 namespace guardian {
 namespace {

@@ -3,7 +3,8 @@
 #include <utility>
 
 #include "common/Clock.h"
-#include "diagnostics/ErrorLog.h"
+#include "common/ErrorLog.h"
+#include "common/NeverDestroyed.h"
 #include "diagnostics/KZCheckpoints.h"
 
 namespace guardian {
@@ -38,7 +39,7 @@ std::string TValidObjects::Leftovers() {
 }
 
 TValidObjects& ValidObjects() {
-  static auto* objects = new TValidObjects;
+  static TNeverDestroyed<TValidObjects> objects;
   return *objects;
 }
 

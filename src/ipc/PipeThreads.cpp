@@ -16,8 +16,8 @@
 #include "common/MainThread.h"
 #include "common/NamedMutex.h"
 #include "diagnostics/KZCheckpoints.h"
-#include "diagnostics/PipeCounters.h"
 #include "diagnostics/exception_report.h"
+#include "diagnostics/exceptions/PipeCounters.h"
 
 namespace guardian {
 namespace {

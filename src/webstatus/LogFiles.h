@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-#include "webstatus/http_server.h"
+#include "webstatus/HttpServer.h"
 
 namespace guardian {
 

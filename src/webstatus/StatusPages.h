@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "webstatus/GuardianControl.h"
-#include "webstatus/http_server.h"
+#include "webstatus/HttpServer.h"
 
 namespace guardian {
 

@@ -7,9 +7,9 @@
 #include "common/Clock.h"
 #include "common/SharedText.h"
 #include "common/Timer.h"
-#include "guardian/process_listing.h"
+#include "guardian/process/ProcessListing.h"
+#include "webstatus/HttpServer.h"
 #include "webstatus/StatusPages.h"
-#include "webstatus/http_server.h"
 
 namespace guardian {
 

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "common/Exceptions.h"
@@ -81,7 +82,8 @@ TEST(MainThreadTest, RefusesWhatWaitsAndWhatComesOnceTheQueueIsClosed) {
     refused += Synchronize([&] { ran = true; }) ? 0 : 1;
   };
   const auto early = InThread(request);
-  ASSERT_TRUE(Eventually([&] { return begun.load(); }));
+  // Not Eventually, which would run the request.
+  while (!begun) std::this_thread::yield();
   CloseMainThreadQueue();
   const auto late = InThread(request);
   EXPECT_TRUE(Eventually([&] { return early->Finished() && late->Finished(); }));

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "common/Clock.h"
+#include "common/ErrorLog.h"
 #include "config/KZSqlIniFiles.h"
-#include "diagnostics/ErrorLog.h"
 #include "support/TempFolder.h"
 
 namespace guardian {

@@ -10,44 +10,15 @@
 #include <vector>
 
 #include "common/Clock.h"
+#include "common/ErrorLog.h"
 #include "common/Settings.h"
 #include "common/Thread.h"
-#include "diagnostics/ErrorLog.h"
+#include "support/Crew.h"
+#include "support/ErrorLogInFolder.h"
+#include "support/Eventually.h"
 #include "support/TempFolder.h"
 
 namespace guardian {
-
-// Waits until the condition holds; the limit only ends a test that hangs.
-inline bool Eventually(const std::function<bool()>& condition) {
-  const std::int64_t giveUp = SystemTickCount() + 30'000;
-  while (!condition()) {
-    if (SystemTickCount() > giveUp) return false;
-    SystemClock().Sleep(std::chrono::milliseconds(1));
-  }
-  return true;
-}
-
-// Runs the function in a thread of its own, to its end.
-inline void InThread(std::function<void()> work) {
-  TFunctionThread thread("Test", std::move(work));
-  thread.Start();
-  thread.Join();
-}
-
-// An error log in a fresh folder, for one test.
-class TErrorLogInFolder {
- public:
-  TErrorLogInFolder() { EXPECT_TRUE(ErrorLog().Open(FFolder.Path("error.log"))); }
-  ~TErrorLogInFolder() { ErrorLog().Close(); }
-  TErrorLogInFolder(const TErrorLogInFolder&) = delete;
-  TErrorLogInFolder& operator=(const TErrorLogInFolder&) = delete;
-
-  [[nodiscard]] std::string Text() const { return FFolder.Read("error.log"); }
-  [[nodiscard]] const TTempFolder& Folder() const { return FFolder; }
-
- private:
-  TTempFolder FFolder;
-};
 
 // The names in a folder, sorted.
 inline std::vector<std::string> NamesIn(const TTempFolder& folder) {

@@ -1,4 +1,4 @@
-#include "diagnostics/FatalSignalReport.h"
+#include "diagnostics/exceptions/FatalSignalReport.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

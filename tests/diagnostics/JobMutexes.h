@@ -11,7 +11,8 @@
 
 #include "diagnostics/Diagnostics.h"
 #include "diagnostics/KZCheckpoints.h"
-#include "diagnostics/MutexRegistry.h"
+#include "diagnostics/job_mutex.h"
+#include "diagnostics/jobs/MutexRegistry.h"
 #include "support/FakeClock.h"
 
 namespace guardian {
@@ -59,7 +60,7 @@ class TRegistryTest : public testing::Test {
     for (const auto& entry : Entries()) {
       if (IsFileOpen(entry->Info.Handle)) CloseHandle(entry->Info.Handle);
     }
-    KZCP::Fini();
+    KZCP::Fini(&CheckMutexesAtTermination);
   }
 
   TMutexEntries Entries() {

@@ -7,12 +7,12 @@
 #include <optional>
 
 #include "common/Exceptions.h"
-#include "diagnostics/CheckpointProfile.h"
-#include "diagnostics/CheckpointRecord.h"
 #include "diagnostics/Diagnostics.h"
-#include "diagnostics/Int64List.h"
 #include "diagnostics/KZCriticalSection.h"
-#include "diagnostics/ThreadReport.h"
+#include "diagnostics/checkpoints/CheckpointProfile.h"
+#include "diagnostics/checkpoints/CheckpointRecord.h"
+#include "diagnostics/checkpoints/Int64List.h"
+#include "diagnostics/checkpoints/ThreadReport.h"
 
 namespace guardian {
 namespace {

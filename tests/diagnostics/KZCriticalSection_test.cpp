@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include "diagnostics/CheckpointRecord.h"
 #include "diagnostics/Diagnostics.h"
 #include "diagnostics/KZCheckpoints.h"
+#include "diagnostics/checkpoints/CheckpointRecord.h"
 
 namespace guardian {
 namespace {

@@ -6,11 +6,11 @@
 #include <map>
 
 #include "common/Exceptions.h"
-#include "diagnostics/CheckpointRecord.h"
+#include "common/WideText.h"
 #include "diagnostics/Diagnostics.h"
 #include "diagnostics/KZCheckpoints.h"
-#include "diagnostics/ProtocolLog.h"
-#include "diagnostics/WideText.h"
+#include "diagnostics/checkpoints/CheckpointRecord.h"
+#include "diagnostics/logs/ProtocolLog.h"
 #include "support/FakeClock.h"
 
 namespace guardian {

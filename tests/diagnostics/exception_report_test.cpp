@@ -18,10 +18,10 @@
 #include "common/Settings.h"
 #include "common/Texts.h"
 #include "diagnostics/Diagnostics.h"
-#include "diagnostics/ExceptionsLog.h"
 #include "diagnostics/KZCheckpoints.h"
-#include "diagnostics/PipeCounters.h"
-#include "diagnostics/ProtocolLog.h"
+#include "diagnostics/exceptions/PipeCounters.h"
+#include "diagnostics/logs/ExceptionsLog.h"
+#include "diagnostics/logs/ProtocolLog.h"
 #include "support/FakeClock.h"
 
 namespace guardian {

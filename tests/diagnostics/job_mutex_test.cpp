@@ -9,7 +9,7 @@
 
 #include "common/Exceptions.h"
 #include "diagnostics/JobMutexes.h"
-#include "diagnostics/MutexGuardian.h"
+#include "diagnostics/jobs/MutexGuardian.h"
 
 namespace guardian {
 namespace {
@@ -345,9 +345,9 @@ TEST(JobMutexTest, LivesFromItsStartToTheEndOfTheCheckpoints) {
     EXPECT_EQ(RegisterMutex("First", "P", OpenMutexFile(folder), {}, {}, 1), 0);
     InThread([&] { EXPECT_EQ(RegisterMutex("Second", "P", OpenMutexFile(folder), {}, {}, 2), 1); });
     UnregisterMutex(0, 2);
-    EXPECT_THROW(KZCP::Fini(), KZException);  // The first one is open.
+    EXPECT_THROW(KZCP::Fini(&CheckMutexesAtTermination), KZException);  // The first one is open.
     UnregisterMutex(0, 1);
-    KZCP::Fini();
+    KZCP::Fini(&CheckMutexesAtTermination);
   }
   EXPECT_THAT(NamesIn(folder), Contains(HasSubstr("Vellumark Run Report ")));
 }

@@ -9,9 +9,9 @@
 
 #include "common/MainThread.h"
 #include "common/Settings.h"
-#include "diagnostics/ExceptionsLog.h"
 #include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exception_report.h"
+#include "diagnostics/logs/ExceptionsLog.h"
 #include "guardian/FakeFileSystem.h"
 #include "guardian/GuardianService.h"
 #include "ipc/KZCustomApplication.h"
@@ -20,8 +20,8 @@
 #include "support/Eventually.h"
 #include "support/FakeClock.h"
 #include "support/TempFolder.h"
-#include "webstatus/http_client.h"
-#include "webstatus/http_server.h"
+#include "webstatus/HttpClient.h"
+#include "webstatus/HttpServer.h"
 
 namespace guardian {
 

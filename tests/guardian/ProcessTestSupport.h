@@ -19,31 +19,14 @@
 
 #include "common/Clock.h"
 #include "guardian/process.h"
+#include "support/Eventually.h"
+#include "support/OpenDescriptors.h"
 
 namespace guardian {
 
 inline constexpr int kHangLimitSec = 60;  // Bounds failure only.
 
-inline bool WaitUntil(const std::function<bool()>& condition) {
-  for (int round = 0; round < kHangLimitSec * 100; ++round) {
-    if (condition()) return true;
-    SystemClock().Sleep(std::chrono::milliseconds(10));
-  }
-  return condition();
-}
-
 inline std::string OwnPath() { return std::filesystem::read_symlink("/proc/self/exe").string(); }
-
-inline std::vector<int> OpenDescriptors() {
-  std::vector<int> numbers;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    numbers.push_back(std::stoi(entry.path().filename().string()));
-  }
-  // The one of the listing itself is closed by now.
-  std::erase_if(numbers, [](int number) { return ::fcntl(number, F_GETFD) < 0; });
-  std::sort(numbers.begin(), numbers.end());
-  return numbers;
-}
 
 // A zombie that nobody reaps yet counts as gone.
 inline bool IsAlive(pid_t pid) {

@@ -1,4 +1,4 @@
-#include "guardian/ShellEnding.h"
+#include "guardian/process/ShellEnding.h"
 
 #include <gtest/gtest.h>
 

@@ -20,10 +20,10 @@
 #include "common/FileDescriptor.h"
 #include "common/Settings.h"
 #include "common/Thread.h"
-#include "diagnostics/CheckpointRecord.h"
 #include "diagnostics/KZCheckpoints.h"
+#include "diagnostics/checkpoints/CheckpointRecord.h"
 #include "guardian/ProcessTestSupport.h"
-#include "guardian/ShellCommand.h"
+#include "guardian/process/ShellCommand.h"
 #include "support/ChildProcess.h"
 #include "support/TempFolder.h"
 
@@ -81,7 +81,7 @@ class ProcessTest : public testing::Test {
   TTempFolder FWork;
 
  private:
-  std::vector<int> FDescriptors;
+  std::set<int> FDescriptors;
   std::vector<pid_t> FStrangers;
 };
 
@@ -157,7 +157,7 @@ TEST_P(ProcessRunnersTest, CancellationEndsCommandThatIgnoresTerminate) {
                                   FWork.Path("pid") + "\"; while :; do sleep 0.1; done'");
   command.Cancellation = &cancellation;
   std::thread canceller([&] {
-    WaitUntil([this] { return FWork.Has("pid"); });
+    EXPECT_TRUE(Eventually([this] { return FWork.Has("pid"); }));
     cancellation.Cancel();
   });
   const TShellResult result = RunShell(command);
@@ -165,7 +165,7 @@ TEST_P(ProcessRunnersTest, CancellationEndsCommandThatIgnoresTerminate) {
   ASSERT_GT(PidIn("pid"), 1);
   EXPECT_EQ(result.End, TShellEnd::Cancelled);
   EXPECT_EQ(result.ExitCode, -1);
-  EXPECT_TRUE(WaitUntil([this] { return !IsAlive(PidIn("pid")); }));
+  EXPECT_TRUE(Eventually([this] { return !IsAlive(PidIn("pid")); }));
 
   command.CommandLine = "touch \"" + FWork.Path("started") + "\"";
   EXPECT_EQ(RunShell(command).End, TShellEnd::Cancelled);
@@ -196,7 +196,7 @@ TEST_F(ProcessTest, TimeoutEndsWholeGroupButNotWhatLeftIt) {
   ASSERT_GT(daemon, 1);
   ASSERT_GT(stubborn, 1);
   EXPECT_TRUE(IsAlive(daemon));
-  EXPECT_TRUE(WaitUntil([&] { return !IsAlive(stubborn); }));
+  EXPECT_TRUE(Eventually([&] { return !IsAlive(stubborn); }));
 }
 
 TEST_F(ProcessTest, CatchesWhatTheRedirectionDoesNotCover) {
@@ -357,14 +357,14 @@ int RunUnkillableShell(const std::string& folder) {
                                   "/release\" ]; do sleep 0.05; done");
   command.Cancellation = &cancellation;
   std::thread canceller([&] {
-    WaitUntil([&] { return std::filesystem::exists(folder + "/started"); });
+    EXPECT_TRUE(Eventually([&] { return std::filesystem::exists(folder + "/started"); }));
     cancellation.Cancel();
   });
   const TShellResult result = RunShell(command);
   canceller.join();
   const bool isLeft = HasChild();
   std::ofstream(folder + "/release") << "now";
-  const bool isReaped = WaitUntil([] {
+  const bool isReaped = Eventually([] {
     RunLine("true");
     return !HasChild();
   });

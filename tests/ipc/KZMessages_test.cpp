@@ -7,8 +7,8 @@
 #include <mutex>
 #include <stdexcept>
 
+#include "common/ErrorLog.h"
 #include "common/Exceptions.h"
-#include "diagnostics/ErrorLog.h"
 #include "diagnostics/KZCheckpoints.h"
 #include "ipc/MessageUnit.h"
 #include "support/TempFolder.h"
@@ -36,7 +36,7 @@ class KZMessagesTest : public testing::Test {
   }
 
   bool Receives(const TRecorder& recorder, std::size_t count) {
-    return RunMainThreadUntil([&] { return recorder.Received.size() >= count; });
+    return Eventually([&] { return recorder.Received.size() >= count; });
   }
 
   std::unique_ptr<TKZCustomApplication> FApplication = std::make_unique<TKZCustomApplication>();
@@ -260,7 +260,7 @@ TEST_F(KZMessagesTest, RunsTheCallsOfSeveralThreadsInTheMainThread) {
       returned += result && mine == i + 1 ? 1 : 0;
     }
   });
-  ASSERT_TRUE(RunMainThreadUntil([&] { return crew.Finished(); }));
+  ASSERT_TRUE(Eventually([&] { return crew.Finished(); }));
   EXPECT_EQ(ran, kThreads * kEach);
   EXPECT_EQ(returned, kThreads * kEach);
 }
@@ -276,7 +276,7 @@ TEST_F(KZMessagesTest, RunsACallInItsTurnAndReturnsAlsoWhenItRaises) {
     });
     recorder.Post(3);
   });
-  ASSERT_TRUE(RunMainThreadUntil([&] { return crew.Finished(); }));
+  ASSERT_TRUE(Eventually([&] { return crew.Finished(); }));
   ASSERT_TRUE(Receives(recorder, 3));
   EXPECT_TRUE(result);
   EXPECT_THAT(recorder.Received, ElementsAre(1, 2, 3));
@@ -322,9 +322,9 @@ TEST_P(CallsAtTheEndTest, ReturnWithoutHavingRun) {
     ++waiting;
     refused += CallInMainThread([&] { ++ran; }) ? 0 : 1;
   });
-  ASSERT_TRUE(RunMainThreadUntil([&] { return waiting == kThreads; }));
+  ASSERT_TRUE(Eventually([&] { return waiting == kThreads; }));
   BeginTheEnd();
-  ASSERT_TRUE(RunMainThreadUntil([&] { return crew.Finished(); }));
+  ASSERT_TRUE(Eventually([&] { return crew.Finished(); }));
   ResumeDelivery();
   ProcessMessages();
   EXPECT_EQ(refused, kThreads);
@@ -336,7 +336,7 @@ TEST_F(KZMessagesTest, RefusesCallsAfterTheShutdown) {
   bool result = true;
   bool ran = false;
   const TCrew crew(1, [&](int) { result = CallInMainThread([&] { ran = true; }); });
-  ASSERT_TRUE(RunMainThreadUntil([&] { return crew.Finished(); }));
+  ASSERT_TRUE(Eventually([&] { return crew.Finished(); }));
   EXPECT_FALSE(result);
   EXPECT_FALSE(ran);
 }
@@ -356,7 +356,7 @@ TEST_F(KZMessagesTest, WaitsForACallThatTerminatesTheApplicationItself) {
     });
     finishedFirst = finished;
   });
-  ASSERT_TRUE(RunMainThreadUntil([&] { return crew.Finished(); }));
+  ASSERT_TRUE(Eventually([&] { return crew.Finished(); }));
   EXPECT_TRUE(result);
   EXPECT_TRUE(finishedFirst);
 }
@@ -392,11 +392,11 @@ TEST(KZMessagesUnitTest, StartsAndStopsAgainAndAgainWhileThreadsPostAndCall) {
   for (int round = 0; round < 100; ++round) {
     StartMessages();
     const std::size_t before = recorder.Received.size();
-    EXPECT_TRUE(RunMainThreadUntil([&] { return recorder.Received.size() > before; }));
+    EXPECT_TRUE(Eventually([&] { return recorder.Received.size() > before; }));
     StopMessages();
   }
   enough = true;
-  ASSERT_TRUE(RunMainThreadUntil([&] { return crew.Finished(); }));
+  ASSERT_TRUE(Eventually([&] { return crew.Finished(); }));
   EXPECT_EQ(ran, reportedRun);
 }
 

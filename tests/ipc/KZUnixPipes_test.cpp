@@ -18,11 +18,11 @@
 #include <string>
 #include <vector>
 
+#include "common/ErrorLog.h"
 #include "common/MainThread.h"
 #include "common/Settings.h"
 #include "common/Thread.h"
-#include "diagnostics/ErrorLog.h"
-#include "diagnostics/PipeCounters.h"
+#include "diagnostics/exceptions/PipeCounters.h"
 #include "ipc/MessageUnit.h"
 #include "support/TempFolder.h"
 
@@ -91,12 +91,12 @@ class KZUnixPipesTest : public testing::Test {
 
   void Serve() {
     FServer->SetActive(true);
-    ASSERT_TRUE(RunMainThreadUntil([&] { return FFolder.Has("PipeServer"); }));
+    ASSERT_TRUE(Eventually([&] { return FFolder.Has("PipeServer"); }));
   }
   void ServeAndConnect() {
     Serve();
     ASSERT_TRUE(FClient->Connect(5000));
-    ASSERT_TRUE(RunMainThreadUntil([&] { return FConnects == 1; }));
+    ASSERT_TRUE(Eventually([&] { return FConnects == 1; }));
   }
 
   TKZCustomApplication FApplication;
@@ -170,7 +170,7 @@ TEST_F(KZUnixPipesTest, CarriesFramesBothWays) {
   EXPECT_TRUE(FClient->Write(large));
   EXPECT_TRUE(FServer->Write(FServer->Clients(0), "answer"));
   EXPECT_FALSE(FServer->Write(12'345, "nobody"));
-  ASSERT_TRUE(RunMainThreadUntil([&] {
+  ASSERT_TRUE(Eventually([&] {
     return FServerReceived.size() == 2 && !FClientReceived.empty() && sizes.size() == 2;
   }));
   EXPECT_EQ(FServerReceived[0], "one");
@@ -191,7 +191,7 @@ TEST_F(KZUnixPipesTest, FailsAtOnceWithoutASocketFileAndTriesAStaleOneAgain) {
   EXPECT_FALSE(FClient->Connected());
   FClient->SetPipeName("PipeServer");
   Serve();
-  EXPECT_TRUE(RunMainThreadUntil([&] { return FClient->Connect(500); }));
+  EXPECT_TRUE(Eventually([&] { return FClient->Connect(500); }));
 }
 
 TEST_F(KZUnixPipesTest, DoesNotHangOnAServerThatDoesNotAccept) {
@@ -213,19 +213,18 @@ TEST_F(KZUnixPipesTest, ReportsAnEndOnceWhoeverBringsItAbout) {
   ServeAndConnect();
   const std::int64_t first = FClient->Pipe();
   FServer->SetActive(false);
-  ASSERT_TRUE(RunMainThreadUntil([&] { return !FClientDisconnects.empty() && FDisconnects == 1; }));
+  ASSERT_TRUE(Eventually([&] { return !FClientDisconnects.empty() && FDisconnects == 1; }));
   EXPECT_THAT(FClientDisconnects, ElementsAre(first));
   EXPECT_FALSE(FClient->Connected());
   EXPECT_EQ(FClient->Pipe(), kNoPipe);
   EXPECT_FALSE(FFolder.Has("PipeServer"));
 
   Serve();
-  ASSERT_TRUE(RunMainThreadUntil([&] { return FClient->Connect(0); }));
+  ASSERT_TRUE(Eventually([&] { return FClient->Connect(0); }));
   const std::int64_t second = FClient->Pipe();
   FClient->Disconnect(TPipeClient::TWait::Yes);
   FClient->Disconnect(TPipeClient::TWait::Yes);
-  ASSERT_TRUE(
-      RunMainThreadUntil([&] { return FClientDisconnects.size() == 2 && FDisconnects == 2; }));
+  ASSERT_TRUE(Eventually([&] { return FClientDisconnects.size() == 2 && FDisconnects == 2; }));
   EXPECT_EQ(FClientDisconnects[1], second);
 }
 
@@ -236,12 +235,12 @@ TEST_F(KZUnixPipesTest, ALateNoticeDoesNotTouchANewerConnection) {
   ASSERT_TRUE(FClient->Connect(5000));
   const std::int64_t second = FClient->Pipe();
   EXPECT_NE(second, first) << "the number is kept until the end was told";
-  ASSERT_TRUE(RunMainThreadUntil([&] { return !FClientDisconnects.empty(); }));
+  ASSERT_TRUE(Eventually([&] { return !FClientDisconnects.empty(); }));
   EXPECT_THAT(FClientDisconnects, ElementsAre(first));
   EXPECT_TRUE(FClient->Connected());
   EXPECT_EQ(FClient->Pipe(), second);
   EXPECT_TRUE(FClient->Write("still here"));
-  EXPECT_TRUE(RunMainThreadUntil([&] { return FServerReceived.size() == 1; }));
+  EXPECT_TRUE(Eventually([&] { return FServerReceived.size() == 1; }));
 }
 
 TEST_F(KZUnixPipesTest, DeliversWhatCameBeforeTheEnd) {
@@ -249,16 +248,16 @@ TEST_F(KZUnixPipesTest, DeliversWhatCameBeforeTheEnd) {
   for (int i = 0; i < 100; ++i) FServer->Write(FServer->Clients(0), "record " + std::to_string(i));
   std::size_t receivedBefore = 0;
   FClient->OnPipeDisconnect = [&](auto&, std::int64_t) { receivedBefore = FClientReceived.size(); };
-  ASSERT_TRUE(RunMainThreadUntil([&] { return FClientReceived.size() == 100; }));
+  ASSERT_TRUE(Eventually([&] { return FClientReceived.size() == 100; }));
   FServer->SetActive(false);
-  ASSERT_TRUE(RunMainThreadUntil([&] { return receivedBefore > 0; }));
+  ASSERT_TRUE(Eventually([&] { return receivedBefore > 0; }));
   EXPECT_EQ(receivedBefore, 100U);
 }
 
 TEST_F(KZUnixPipesTest, TakesTheRemovalOfTheSocketFileForADisconnect) {
   ServeAndConnect();
   std::filesystem::remove(SocketPath());
-  EXPECT_TRUE(RunMainThreadUntil([&] { return FClientDisconnects.size() == 1; }));
+  EXPECT_TRUE(Eventually([&] { return FClientDisconnects.size() == 1; }));
 }
 
 TEST_F(KZUnixPipesTest, LosesAFrameThatADyingPeerCutsOff) {
@@ -269,7 +268,7 @@ TEST_F(KZUnixPipesTest, LosesAFrameThatADyingPeerCutsOff) {
     const std::string bytes = BuildFrame("whole") + BuildFrame("cut").substr(0, 15);
     ASSERT_EQ(WriteAll(peer.Get(), bytes), 0);
   }
-  ASSERT_TRUE(RunMainThreadUntil([&] { return !FClientDisconnects.empty(); }));
+  ASSERT_TRUE(Eventually([&] { return !FClientDisconnects.empty(); }));
   EXPECT_THAT(FClientReceived, ElementsAre("whole"));
 }
 
@@ -297,11 +296,11 @@ TEST_F(KZUnixPipesTest, MayBeDisconnectedAndFreedInItsOwnEvents) {
           client.reset();
         };
     }
-    ASSERT_TRUE(RunMainThreadUntil([&] { return client == nullptr; })) << round;
+    ASSERT_TRUE(Eventually([&] { return client == nullptr; })) << round;
   }
   FServer->OnPipeConnect = [&](auto&, std::int64_t) { FServer.reset(); };
   ASSERT_TRUE(FClient->Connect(5000));
-  EXPECT_TRUE(RunMainThreadUntil([&] { return FServer == nullptr; }));
+  EXPECT_TRUE(Eventually([&] { return FServer == nullptr; }));
 }
 
 // What each pipe went through, in the order of its events.
@@ -323,7 +322,7 @@ TEST_F(KZUnixPipesTest, RaisesTheEventsOfEachPipeInOrderWhateverEndsIt) {
   for (int round = 0; round < 100; ++round) {
     Serve();
     TFileDescriptor peer;
-    ASSERT_TRUE(RunMainThreadUntil([&] {
+    ASSERT_TRUE(Eventually([&] {
       peer = RawSocket(SocketPath(), false);
       return static_cast<bool>(peer);
     }));
@@ -331,14 +330,14 @@ TEST_F(KZUnixPipesTest, RaisesTheEventsOfEachPipeInOrderWhateverEndsIt) {
     for (int i = 0; i < round % 4; ++i) CheckSynchronize(milliseconds(1));
     FServer->SetActive(false);
   }
-  EXPECT_TRUE(RunMainThreadUntil([&] { return connected.empty(); }));
+  EXPECT_TRUE(Eventually([&] { return connected.empty(); }));
   EXPECT_EQ(outOfOrder, 0);
 }
 
 TEST_F(KZUnixPipesTest, HoldsAFloodOfEmptyFramesBackWhileNobodyTakesThem) {
   Serve();
   TFileDescriptor peer;
-  ASSERT_TRUE(RunMainThreadUntil([&] {
+  ASSERT_TRUE(Eventually([&] {
     if (!peer) peer = RawSocket(SocketPath(), false);
     return FServer->ClientCount() == 1;
   }));
@@ -363,17 +362,17 @@ TEST_F(KZUnixPipesTest, StaysOffWhenAnEventAsksForMoreWhileItIsSwitchedOff) {
   };
   for (int i = 0; i < 1000; ++i) FClient->Write("again");
   FServer->SetActive(false);
-  ASSERT_TRUE(RunMainThreadUntil([&] { return FDisconnects == 1; }));
+  ASSERT_TRUE(Eventually([&] { return FDisconnects == 1; }));
   FServer->SetActive(false);
   FServer->OnPipeMessage = nullptr;
   Serve();
-  EXPECT_TRUE(RunMainThreadUntil([&] { return FClient->Connect(0); }));
+  EXPECT_TRUE(Eventually([&] { return FClient->Connect(0); }));
 }
 
 TEST_F(KZUnixPipesTest, ASlowReaderLosesItsOldestFrames) {
   Serve();
   TFileDescriptor reader;
-  ASSERT_TRUE(RunMainThreadUntil([&] {
+  ASSERT_TRUE(Eventually([&] {
     if (!reader) reader = RawSocket(SocketPath(), false);
     return FServer->ClientCount() == 1;
   }));
@@ -408,7 +407,7 @@ TEST_F(KZUnixPipesTest, AFloodIsHeldBackUntilItIsDelivered) {
   FServer->OnPipeMessage = [&](auto&, std::int64_t, std::string_view each) {
     bytes += each.size();
   };
-  EXPECT_TRUE(RunMainThreadUntil([&] { return bytes == 200 * payload.size(); }));
+  EXPECT_TRUE(Eventually([&] { return bytes == 200 * payload.size(); }));
 }
 
 TEST_F(KZUnixPipesTest, ServesAHundredClients) {
@@ -419,21 +418,20 @@ TEST_F(KZUnixPipesTest, ServesAHundredClients) {
     ASSERT_TRUE(clients.back()->Connect(5000)) << i;
     clients.back()->Write("from " + std::to_string(i));
   }
-  ASSERT_TRUE(RunMainThreadUntil([&] { return FServerReceived.size() == 100; }));
+  ASSERT_TRUE(Eventually([&] { return FServerReceived.size() == 100; }));
   EXPECT_EQ(FServer->ClientCount(), 100U);
   EXPECT_EQ(FServer->Clients(100), 0);
   for (std::size_t i = 0; i < 100; ++i) FServer->Write(FServer->Clients(i), "back");
-  ASSERT_TRUE(RunMainThreadUntil([&] { return FClientReceived.size() == 100; }));
+  ASSERT_TRUE(Eventually([&] { return FClientReceived.size() == 100; }));
   clients.clear();
-  EXPECT_TRUE(
-      RunMainThreadUntil([&] { return FServer->ClientCount() == 0 && FDisconnects == 100; }));
+  EXPECT_TRUE(Eventually([&] { return FServer->ClientCount() == 0 && FDisconnects == 100; }));
 }
 
 TEST_F(KZUnixPipesTest, SaysWhyItCannotListenAndLeavesAPathThatIsNoSocketAlone) {
   ASSERT_TRUE(ErrorLog().Open(FFolder.Path("error.log")));
   SetPipeDirectory(FFolder.Path("missing"));
   FServer->SetActive(true);
-  EXPECT_TRUE(RunMainThreadUntil([&] {
+  EXPECT_TRUE(Eventually([&] {
     return FFolder.Read("error.log")
                .find(" KZUnixPipes: create mutex " + FFolder.Path("missing") +
                      "/PipeServer.mutex: No such file or directory") != std::string::npos;
@@ -442,7 +440,7 @@ TEST_F(KZUnixPipesTest, SaysWhyItCannotListenAndLeavesAPathThatIsNoSocketAlone) 
   SetPipeDirectory(FFolder.Path());
   std::filesystem::create_directories(SocketPath() + "/inside");
   FServer->SetActive(true);
-  EXPECT_TRUE(RunMainThreadUntil([&] {
+  EXPECT_TRUE(Eventually([&] {
     return FFolder.Read("error.log").find(" KZUnixPipes: listen on " + SocketPath()) !=
            std::string::npos;
   }));
@@ -487,7 +485,7 @@ TEST_F(KZUnixPipesTest, SurvivesThousandsOfConnectsAndDisconnects) {
   });
   ticker.Start();
   std::mt19937 random(8);
-  ASSERT_TRUE(RunMainThreadUntil([&] {
+  ASSERT_TRUE(Eventually([&] {
     if (random() % 100 == 0) {
       FServer->SetActive(false);
       FServer->SetActive(true);
@@ -497,7 +495,7 @@ TEST_F(KZUnixPipesTest, SurvivesThousandsOfConnectsAndDisconnects) {
   ticker.Join();
   FClient->Disconnect(TPipeClient::TWait::Yes);
   FServer->SetActive(false);
-  EXPECT_TRUE(RunMainThreadUntil([&] {
+  EXPECT_TRUE(Eventually([&] {
     return PipeCounters().ClientPipes == 0 && PipeCounters().ServerPipes == 0 &&
            PipeCounters().ClientPipeThreads == 0 && PipeCounters().ServerPipeThreads == 0;
   }));
@@ -510,14 +508,14 @@ TEST_F(KZUnixPipesTest, FreeingEndsEverythingInEveryState) {
   for (int round = 0; round < 200; ++round) {
     Serve();
     auto client = MakeClient();
-    ASSERT_TRUE(RunMainThreadUntil([&] { return client->Connect(0); }));
+    ASSERT_TRUE(Eventually([&] { return client->Connect(0); }));
     if (round % 2 == 0) client->Write("x");
     if (round % 3 == 0) client->Disconnect(TPipeClient::TWait::No);
     if (round % 5 == 0) FServer->SetActive(false);
     client.reset();
     FServer->SetActive(false);
   }
-  EXPECT_TRUE(RunMainThreadUntil([&] { return PipeCounters().ServerPipes == 0; }));
+  EXPECT_TRUE(Eventually([&] { return PipeCounters().ServerPipes == 0; }));
   EXPECT_EQ(PipeCounters().ClientPipes, 0);
   EXPECT_EQ(PipeCounters().ClientPipeThreads, 0);
 }

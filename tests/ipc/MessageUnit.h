@@ -14,40 +14,10 @@
 #include "common/Thread.h"
 #include "ipc/KZCustomApplication.h"
 #include "ipc/KZMessages.h"
+#include "support/Crew.h"
+#include "support/Eventually.h"
 
 namespace guardian {
-
-// Runs the main thread until the condition holds; false when it does not within the limit, which
-// only bounds a failure.
-inline bool RunMainThreadUntil(const std::function<bool()>& condition) {
-  const std::int64_t giveUp = SystemTickCount() + 30'000;
-  while (!condition()) {
-    if (SystemTickCount() > giveUp) return false;
-    CheckSynchronize(std::chrono::milliseconds(5));
-  }
-  return true;
-}
-
-// Threads that run the same function with their index, and that are joined together.
-class TCrew {
- public:
-  TCrew(int size, const std::function<void(int)>& work) {
-    for (int index = 0; index < size; ++index) {
-      FThreads.push_back(std::make_unique<TFunctionThread>("Crew", [=] { work(index); }));
-      FThreads.back()->Start();
-    }
-  }
-
-  [[nodiscard]] bool Finished() const {
-    for (const auto& thread : FThreads) {
-      if (!thread->Finished()) return false;
-    }
-    return true;
-  }
-
- private:
-  std::vector<std::unique_ptr<TFunctionThread>> FThreads;
-};
 
 // Keeps what it received, and does with it what the test says.
 class TRecorder : public TKZMessageReceiverClass {

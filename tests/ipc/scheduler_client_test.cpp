@@ -58,7 +58,7 @@ class SchedulerClientTest : public testing::Test {
 
   void Serve() {
     FServer->SetActive(true);
-    ASSERT_TRUE(RunMainThreadUntil([&] { return FFolder.Has(kSchedulerMutexName); }));
+    ASSERT_TRUE(Eventually([&] { return FFolder.Has(kSchedulerMutexName); }));
   }
 
   TPipeCheck Check() {
@@ -129,12 +129,12 @@ TEST_F(SchedulerClientTest, ClosesThePipeAfterTenRecordsAndOpensItWhenTheyAreAMi
   };
   const TPipeCheck first = Check();
   EXPECT_TRUE(first.Ok && first.JustConnected);
-  ASSERT_TRUE(RunMainThreadUntil([&] { return FScheduler->Pulse() == 10; }));
+  ASSERT_TRUE(Eventually([&] { return FScheduler->Pulse() == 10; }));
   EXPECT_THAT(TakeLog(), SizeIs(11)) << "the opening and ten records of twelve";
 
   const TPipeCheck second = Check();
   EXPECT_TRUE(second.Ok && !second.JustConnected);
-  ASSERT_TRUE(RunMainThreadUntil([&] { return FLines.size() == 2; }));
+  ASSERT_TRUE(Eventually([&] { return FLines.size() == 2; }));
   EXPECT_THAT(TakeLog(),
               ElementsAre("10 messages received, closing pipe.", "Scheduler Pipe Disconnected"));
   FClock.Advance(milliseconds(59'000));
@@ -148,7 +148,7 @@ TEST_F(SchedulerClientTest, AsksASilentDaemonAndGivesUpAfterTwoMinutes) {
   Serve();
   FServer->OnPipeConnect = [this](auto&, std::int64_t pipe) { FServer->Write(pipe, Running(1)); };
   ASSERT_TRUE(Check().JustConnected);
-  ASSERT_TRUE(RunMainThreadUntil([&] { return FScheduler->Pulse() == 1; }));
+  ASSERT_TRUE(Eventually([&] { return FScheduler->Pulse() == 1; }));
   TakeLog();
   struct TCase {
     int AgeMs;
@@ -167,7 +167,7 @@ TEST_F(SchedulerClientTest, AsksASilentDaemonAndGivesUpAfterTwoMinutes) {
     EXPECT_EQ(TakeLog(), c.Asked ? std::vector<std::string>{"Sending command msgEnquireStatus"}
                                  : std::vector<std::string>{});
   }
-  ASSERT_TRUE(RunMainThreadUntil([&] { return FCommands.size() == 3; }));
+  ASSERT_TRUE(Eventually([&] { return FCommands.size() == 3; }));
   EXPECT_TRUE(FCommands[0] == CommandRecord(TSyncCommMessages::msgEnquireStatus));
 }
 

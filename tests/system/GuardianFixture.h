@@ -17,7 +17,7 @@
 #include "support/Eventually.h"
 #include "support/Program.h"
 #include "support/TempFolder.h"
-#include "webstatus/http_client.h"
+#include "webstatus/HttpClient.h"
 
 namespace guardian {
 

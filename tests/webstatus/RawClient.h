@@ -19,6 +19,7 @@
 #include <string_view>
 
 #include "common/FileDescriptor.h"
+#include "support/OpenDescriptors.h"
 
 namespace guardian {
 
@@ -151,17 +152,6 @@ class TRawClient {
   std::string FInput;
   bool FReset = false;
 };
-
-// The numbers of all open descriptors.
-inline std::set<int> OpenDescriptors() {
-  std::set<int> numbers;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    numbers.insert(std::stoi(entry.path().filename()));
-  }
-  // The listing's own descriptor has gone by now.
-  std::erase_if(numbers, [](int number) { return ::fcntl(number, F_GETFD) < 0; });
-  return numbers;
-}
 
 inline std::ptrdiff_t CountThreads() {
   return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});

@@ -15,7 +15,7 @@
 #include "common/Exceptions.h"
 #include "common/FileDescriptor.h"
 #include "support/Eventually.h"
-#include "webstatus/http_client.h"
+#include "webstatus/HttpClient.h"
 
 namespace guardian {
 namespace {

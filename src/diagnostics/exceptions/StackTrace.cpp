@@ -1,0 +1,136 @@
+#include "diagnostics/exceptions/StackTrace.h"
+
+#include <backtrace.h>
+#include <dlfcn.h>
+#include <link.h>
+
+#include <cstddef>
+#include <cstdio>
+
+#include "common/Exceptions.h"
+#include "common/Mutex.h"
+#include "common/Settings.h"
+#include "common/Texts.h"
+
+namespace guardian {
+namespace {
+
+// What cannot be read stays unknown.
+void IgnoreError(void* /*context*/, const char* /*message*/, int /*errorNumber*/) {}
+
+// What the library has read so far, which it enlarges with each look-up.
+TMutex stateLock;
+
+// Reads nothing yet. Never freed, like all that it will read.
+backtrace_state* State() noexcept {
+  constexpr int kNotThreaded = 0;
+  static backtrace_state* const state =
+      ::backtrace_create_state(nullptr, kNotThreaded, &IgnoreError, nullptr);
+  return state;
+}
+
+// The debug information tells of inlined functions, files and lines; but of a function without a
+// name for the linker of its own, such as one of an anonymous namespace, only the last part of its
+// name. So the function that holds the address, which comes last, gets its name from the symbol
+// table.
+struct TVisit {
+  void (*Visit)(void* context, const TCodePlace& place);
+  void* Context;
+  TCodePlace Last;  // Not handed on yet.
+
+  void HandOn() const {
+    if (Last.Function != nullptr) Visit(Context, Last);
+  }
+};
+
+int VisitWithLine(void* visit, std::uintptr_t /*address*/, const char* file, int line,
+                  const char* function) {
+  auto& each = *static_cast<TVisit*>(visit);
+  each.HandOn();
+  each.Last = {.Function = function, .File = file, .Line = line};
+  return 0;
+}
+
+void NameLast(void* visit, std::uintptr_t /*address*/, const char* name, std::uintptr_t /*value*/,
+              std::uintptr_t /*size*/) {
+  if (name != nullptr) static_cast<TVisit*>(visit)->Last.Function = name;
+}
+
+std::string HexText(std::uintptr_t number, const char* format) {
+  char text[32];
+  std::snprintf(text, sizeof(text), format, number);
+  return text;
+}
+
+// The module that the code is in and where, as addr2line takes it; empty when it is in none.
+std::string ModulePlace(std::uintptr_t code) {
+  Dl_info info{};
+  link_map* module = nullptr;
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): code is where it is.
+  const auto* const address = reinterpret_cast<const void*>(code);
+  void* const found = &module;
+  if (::dladdr1(address, &info, static_cast<void**>(found), RTLD_DL_LINKMAP) == 0) return {};
+  const std::string path = *module->l_name != '\0' ? module->l_name : Settings().OwnExecutablePath;
+  return "(" + std::string(FileNameOf(path)) + HexText(code - module->l_addr, "+0x%zx)");
+}
+
+void VisitLocked(std::uintptr_t address, void (*visit)(void* context, const TCodePlace& place),
+                 void* context) noexcept KZ_REQUIRES(stateLock) {
+  backtrace_state* const state = State();
+  if (state == nullptr) return;
+  TVisit each{.Visit = visit, .Context = context, .Last = {}};
+  ::backtrace_pcinfo(state, address, &VisitWithLine, &IgnoreError, &each);
+  ::backtrace_syminfo(state, address, &NameLast, &IgnoreError, &each);
+  each.HandOn();
+}
+
+struct TFrameLines {
+  std::string Before;
+  std::string After;
+  std::vector<std::string>& Lines;
+};
+
+void AddLine(void* frame, const TCodePlace& place) {
+  const auto& each = *static_cast<TFrameLines*>(frame);
+  std::string line = each.Before + Demangled(place.Function);
+  if (place.File != nullptr) {
+    line.append(" at ").append(place.File).append(":").append(std::to_string(place.Line));
+  }
+  each.Lines.push_back(line + " " + each.After);
+}
+
+}  // namespace
+
+void TryVisitCodePlaces(std::uintptr_t address,
+                        void (*visit)(void* context, const TCodePlace& place),
+                        void* context) noexcept {
+  // A signal may come in the middle of a look-up of its own thread.
+  if (!stateLock.TryLock()) return;
+  VisitLocked(address, visit, context);
+  stateLock.Unlock();
+}
+
+void PrepareCodePlaces() noexcept { State(); }
+
+std::vector<std::string> StackTraceLines(std::span<const void* const> returnAddresses) {
+  std::vector<std::string> lines;
+  for (std::size_t i = 0; i < returnAddresses.size(); ++i) {
+    // The call stands before the address to which it returns.
+    const auto call = reinterpret_cast<std::uintptr_t>(returnAddresses[i]) - 1;
+    TFrameLines frame{
+        .Before = "#" + std::to_string(i) + " " + AddressText(returnAddresses[i]) + " ",
+        .After = ModulePlace(call),
+        .Lines = lines};
+    const std::size_t before = lines.size();
+    const TMutexLock lock(stateLock);
+    VisitLocked(call, &AddLine, &frame);
+    if (lines.size() == before) lines.push_back(frame.Before + frame.After);
+  }
+  return lines;
+}
+
+std::string AddressText(const void* address) {
+  return HexText(reinterpret_cast<std::uintptr_t>(address), "0x%016zx");
+}
+
+}  // namespace guardian

@@ -1,0 +1,157 @@
+#include "guardian/process/BecomeDaemon.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/Console.h"
+#include "common/Exceptions.h"
+#include "common/FileDescriptor.h"
+#include "common/Settings.h"
+#include "diagnostics/KZCheckpoints.h"
+
+namespace guardian {
+namespace {
+
+constexpr rlim_t kDefaultHighestDescriptor = 8192;
+constexpr rlim_t kLeastHighestDescriptor = 256;
+constexpr const char* kDaemonLogFile = "/var/log/vellumarkdaemon.log";
+
+void TraceDebugHook(std::string_view text) {
+  const int debugHook = Settings().DebugHook;
+  if (debugHook != 0) PrintLine(std::string(text) + std::to_string(debugHook));
+}
+
+// Goes on in the child. The parent leaves by _exit: its buffers, its at-exit functions and its
+// objects are the child's now.
+bool ContinueInChild() {
+  std::fflush(nullptr);
+  const pid_t child = ::fork();
+  if (child == -1) {
+    PrintLine("Cannot fork to become daemon.");
+    return false;
+  }
+  if (child > 0) ::_exit(0);
+  return true;
+}
+
+void IgnoreHangup() {
+  struct sigaction action {};
+  action.sa_handler = SIG_IGN;
+  const int result = ::sigaction(SIGHUP, &action, nullptr);
+  if (result != 0) PrintLine("Error setting SIGHUP to \"ignore\":" + std::to_string(result));
+}
+
+int HighestDescriptorToClose() {
+  rlim_t highest = kDefaultHighestDescriptor;
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+    highest = limit.rlim_cur;
+    if (Settings().DebugHook != 0) {
+      PrintLine("rlimit.rlim_cur=" + std::to_string(limit.rlim_cur) +
+                ", rlimit.rlim_max=" + std::to_string(limit.rlim_max));
+    }
+  }
+  return static_cast<int>(std::clamp<rlim_t>(highest, kLeastHighestDescriptor, INT_MAX));
+}
+
+// The numbers of the open descriptors; nothing when /proc is not mounted.
+std::optional<std::vector<int>> OpenDescriptors() {
+  DIR* const folder = ::opendir("/proc/self/fd");
+  if (folder == nullptr) return std::nullopt;
+  std::vector<int> descriptors;
+  while (const dirent* const entry = ::readdir(folder)) {
+    const std::string_view name = entry->d_name;
+    int descriptor = -1;
+    const auto parsed = std::from_chars(name.data(), name.data() + name.size(), descriptor);
+    if (parsed.ec == std::errc() && descriptor != ::dirfd(folder)) {
+      descriptors.push_back(descriptor);
+    }
+  }
+  ::closedir(folder);
+  return descriptors;
+}
+
+// Both included. Kernels before 5.9 have no close_range; trying each number of a limit of a million
+// takes them noticeable time, so there the open ones are looked up.
+void CloseDescriptors(int first, int last) {
+  if (::close_range(static_cast<unsigned>(first), static_cast<unsigned>(last), 0) == 0) return;
+  if (const auto open = OpenDescriptors()) {
+    for (const int descriptor : *open) {
+      if (descriptor >= first && descriptor <= last) ::close(descriptor);
+    }
+    return;
+  }
+  constexpr int kHighestTried = 1'048'576;
+  for (int number = first; number <= std::min(last, kHighestTried); ++number) ::close(number);
+}
+
+// The standard handles are inherited by children, so here and below no descriptor is close-on-exec.
+// All of 0 to 2 being closed, each call yields the next of them.
+void OpenNullHandles() {
+  const int null = ::open("/dev/null", O_RDWR, 0666);
+  for (int copies = 0; null >= 0 && copies < 2; ++copies) {
+    if (::dup(null) < 0) return;
+  }
+}
+
+// The file is bound to the number of standard output rather than opened anew as a stream, so that a
+// failure leaves the old output to print on. It is created for root alone to write, whatever the
+// file-creation mask.
+void SendOutputToDaemonLog() {
+  std::fflush(stdout);
+  const TFileDescriptor file(
+      ::open(kDaemonLogFile, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
+  if (!file || ::dup2(file.Get(), STDOUT_FILENO) < 0) {
+    const int error = errno;
+    PrintLine("Cannot open " + std::string(kDaemonLogFile) + ": " + SystemErrorText(error));
+    return;
+  }
+  std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+  PrintLine("End of BecomeDaemon, fd0=" + std::to_string(STDIN_FILENO) +
+            ", fd1=" + std::to_string(STDOUT_FILENO) + ", fd2=" + std::to_string(STDERR_FILENO));
+}
+
+}  // namespace
+
+void BecomeDaemon() {
+  const bool keepsHandles = Settings().DebugHook != 0;
+  KZCP::Checkpoint("BecomeDaemon");
+  TraceDebugHook("Becoming Daemon Before First Fork, DebugHook=");
+  if (!ContinueInChild()) return;
+  TraceDebugHook("Becoming Daemon Before setsid, DebugHook=");
+  if (::setsid() == -1) {
+    PrintLine("Call to setsid failed, cannot become daemon.");
+    return;
+  }
+  TraceDebugHook("Becoming Daemon Before Second Fork, DebugHook=");
+  if (!ContinueInChild()) return;
+  ::umask(0);
+  // "/" can always be entered.
+  [[maybe_unused]] const int changed = ::chdir("/");
+  TraceDebugHook("Becoming Daemon Before Closing Files, DebugHook=");
+  IgnoreHangup();
+  CloseDescriptors(keepsHandles ? STDERR_FILENO + 1 : STDIN_FILENO, HighestDescriptorToClose());
+  if (keepsHandles) {
+    SendOutputToDaemonLog();
+  } else {
+    OpenNullHandles();
+  }
+  KZCP::Checkpoint("BecomeDaemonX");
+}
+
+}  // namespace guardian

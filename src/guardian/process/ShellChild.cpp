@@ -1,0 +1,266 @@
+#include "guardian/process/ShellChild.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <system_error>
+#include <vector>
+
+#include "common/Cancellation.h"
+#include "common/Clock.h"
+#include "common/NeverDestroyed.h"
+#include "diagnostics/KZCriticalSection.h"
+
+namespace guardian {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds kRound(50);      // Between looks at the size of the output.
+constexpr milliseconds kPollRound(10);  // Where nothing tells of the child's end.
+
+// The arguments as exec takes them; lives as long as the texts.
+std::vector<char*> Pointers(const std::vector<std::string>& arguments) {
+  std::vector<char*> pointers;
+  pointers.reserve(arguments.size() + 1);
+  for (const std::string& argument : arguments) {
+    pointers.push_back(const_cast<char*>(argument.c_str()));
+  }
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+// What posix_spawn is to do in the child.
+class TSpawnSetup {
+ public:
+  TSpawnSetup() {
+    posix_spawn_file_actions_init(&Actions);
+    posix_spawnattr_init(&Attributes);
+  }
+  ~TSpawnSetup() {
+    posix_spawn_file_actions_destroy(&Actions);
+    posix_spawnattr_destroy(&Attributes);
+  }
+  TSpawnSetup(const TSpawnSetup&) = delete;
+  TSpawnSetup& operator=(const TSpawnSetup&) = delete;
+
+  // The output is copied before "/dev/null" is opened: its number may be 0. The set of all signals
+  // is made by hand, since sigfillset leaves out two that the C library keeps for itself, and
+  // posix_spawn would make the child ignore those.
+  [[nodiscard]] int Prepare(int output) {
+    sigset_t all;
+    sigset_t none;
+    std::memset(&all, 0xff, sizeof(all));
+    sigemptyset(&none);
+    const int errors[] = {
+        posix_spawn_file_actions_adddup2(&Actions, output, STDOUT_FILENO),
+        posix_spawn_file_actions_adddup2(&Actions, output, STDERR_FILENO),
+        posix_spawn_file_actions_addopen(&Actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0),
+        posix_spawn_file_actions_addclosefrom_np(&Actions, STDERR_FILENO + 1),
+        posix_spawnattr_setsigdefault(&Attributes, &all),
+        posix_spawnattr_setsigmask(&Attributes, &none),
+        posix_spawnattr_setpgroup(&Attributes, 0),
+        posix_spawnattr_setflags(
+            &Attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP)};
+    const auto* const failed =
+        std::find_if(std::begin(errors), std::end(errors), [](int error) { return error != 0; });
+    return failed == std::end(errors) ? 0 : *failed;
+  }
+
+  posix_spawn_file_actions_t Actions;
+  posix_spawnattr_t Attributes;
+};
+
+// Blocks every signal of this thread for a scope, so that no handler of ours runs in a forked
+// child.
+class TSignalBlock {
+ public:
+  TSignalBlock() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &FBefore);
+  }
+  ~TSignalBlock() { pthread_sigmask(SIG_SETMASK, &FBefore, nullptr); }
+  TSignalBlock(const TSignalBlock&) = delete;
+  TSignalBlock& operator=(const TSignalBlock&) = delete;
+
+ private:
+  sigset_t FBefore;
+};
+
+// The child of a fork: other threads may have held any lock, so only async-signal-safe calls are
+// made. Descriptors that are not close-on-exec are closed where the kernel has a call for it.
+[[noreturn]] void ReplaceWithProgram(char* const* arguments) noexcept {
+  ::setpgid(0, 0);
+  for (int number = 1; number < NSIG; ++number) ::signal(number, SIG_DFL);
+  sigset_t none;
+  sigemptyset(&none);
+  ::sigprocmask(SIG_SETMASK, &none, nullptr);
+  ::syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, 0);
+  ::execve(arguments[0], arguments, environ);
+  ::_exit(127);
+}
+
+// Children that even SIGKILL did not end in time, as when they wait for a dead disk; they become
+// zombies of ours whenever they do end.
+// Owner: process-wide. Threads: any.
+class TAbandonedChildren {
+ public:
+  static TAbandonedChildren& Instance() {
+    static TNeverDestroyed<TAbandonedChildren> children;
+    return *children;
+  }
+
+  void Add(pid_t pid) KZ_EXCLUDES(FLock) {
+    const TKZLockGuard lock(FLock);
+    FPids.push_back(pid);
+  }
+
+  void ReapEnded() KZ_EXCLUDES(FLock) {
+    const TKZLockGuard lock(FLock);
+    std::erase_if(FPids, [](pid_t pid) { return ::waitpid(pid, nullptr, WNOHANG) != 0; });
+  }
+
+ private:
+  TKZCriticalSection FLock{"AbandonedChildren"};
+  std::vector<pid_t> FPids KZ_GUARDED_BY(FLock);
+};
+
+// Whether a line of /proc/<pid>/stat is that of a living member of the group. The name in it may
+// hold anything, so the fields are counted from its last parenthesis.
+bool IsLivingMember(const std::string& stat, pid_t group) {
+  const std::size_t name = stat.rfind(')');
+  if (name == std::string::npos || name + 4 > stat.size()) return false;
+  const char state = stat[name + 2];
+  char* rest = nullptr;
+  std::strtol(stat.c_str() + name + 3, &rest, 10);  // The parent.
+  return std::strtol(rest, nullptr, 10) == group && state != 'Z' && state != 'X';
+}
+
+}  // namespace
+
+TShellChild::~TShellChild() {
+  if (FPid == 0) return;
+  SignalGroup(SIGKILL);
+  Reap();
+}
+
+int TShellChild::Spawn(const std::vector<std::string>& arguments, int output) {
+  TAbandonedChildren::Instance().ReapEnded();
+  TSpawnSetup setup;
+  if (const int error = setup.Prepare(output); error != 0) return error;
+  pid_t pid = 0;
+  const int error = ::posix_spawn(&pid, arguments.front().c_str(), &setup.Actions,
+                                  &setup.Attributes, Pointers(arguments).data(), environ);
+  if (error != 0) return error;
+  FPid = pid;
+  FPidHandle = TFileDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+  return 0;
+}
+
+int TShellChild::Fork(const std::vector<std::string>& arguments) {
+  TAbandonedChildren::Instance().ReapEnded();
+  const std::vector<char*> pointers = Pointers(arguments);
+  const TSignalBlock block;
+  const pid_t pid = ::fork();
+  if (pid == -1) return errno;
+  if (pid == 0) ReplaceWithProgram(pointers.data());
+  // In both processes: whichever comes first, the group is there before anybody signals it.
+  ::setpgid(pid, pid);
+  FPid = pid;
+  return 0;
+}
+
+void TShellChild::Wait(TShellEnding& ending, const std::function<std::uint64_t()>& outputBytes,
+                       const TCancellation* cancellation) {
+  while (FPid != 0) {
+    const bool isBeingEnded = ending.Reason() != TShellEnd::Exited;
+    if (HasEnded() && (FLost || !isBeingEnded || !GroupIsAlive())) return Reap();
+    const bool cancelled = cancellation != nullptr && cancellation->IsCancelled();
+    switch (ending.Decide(SystemClock().TickCount(), outputBytes(), cancelled)) {
+      case TShellAction::Wait:
+        Pause(ending, cancellation);
+        break;
+      case TShellAction::Terminate:
+        SignalGroup(SIGTERM);
+        break;
+      case TShellAction::Kill:
+        SignalGroup(SIGKILL);
+        break;
+      case TShellAction::GiveUp:
+        return FEnded ? Reap() : Abandon();
+    }
+  }
+}
+
+// Leaves the zombie in place: while it is there, nobody else can get the group's number.
+bool TShellChild::HasEnded() {
+  if (FEnded) return true;
+  siginfo_t info{};
+  FLost = ::waitid(P_PID, static_cast<id_t>(FPid), &info, WEXITED | WNOHANG | WNOWAIT) != 0;
+  FEnded = FLost || info.si_pid == FPid;
+  return FEnded;
+}
+
+// True also where the processes cannot be seen: the group then gets its full time and SIGKILL.
+bool TShellChild::GroupIsAlive() const {
+  std::error_code error;
+  std::filesystem::directory_iterator entries("/proc", error);
+  if (error) return true;
+  for (const auto end = std::filesystem::directory_iterator(); entries != end;
+       entries.increment(error)) {
+    const char first = entries->path().filename().c_str()[0];
+    if (first < '1' || first > '9') continue;
+    std::string stat;
+    std::getline(std::ifstream(entries->path() / "stat"), stat, '\0');
+    if (IsLivingMember(stat, FPid)) return true;
+  }
+  return static_cast<bool>(error);
+}
+
+void TShellChild::SignalGroup(int number) const noexcept { ::kill(-FPid, number); }
+
+// A zombie or a cancellation that is under way stays readable for ever and would make the wait a
+// spin.
+void TShellChild::Pause(const TShellEnding& ending, const TCancellation* cancellation) const {
+  const bool tellsOfEnd = FEnded || FPidHandle;
+  const bool listens = cancellation != nullptr && !cancellation->IsCancelled();
+  pollfd handles[] = {{FEnded ? -1 : FPidHandle.Get(), POLLIN, 0},
+                      {listens ? cancellation->Descriptor() : -1, POLLIN, 0}};
+  const milliseconds wait = std::min(ending.Left(), tellsOfEnd ? kRound : kPollRound);
+  const auto waitMs = static_cast<int>(std::max<milliseconds::rep>(wait.count(), 1));
+  if (::poll(handles, std::size(handles), waitMs) < 0 && errno != EINTR) {
+    SystemClock().Sleep(kPollRound);
+  }
+}
+
+// Blocks for a child that has not ended.
+void TShellChild::Reap() noexcept {
+  int status = 0;
+  const pid_t reaped = RetryOnEintr([&] { return ::waitpid(FPid, &status, 0); });
+  if (reaped == FPid) {
+    FExitCode = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+  }
+  FPid = 0;
+  FPidHandle.Close();
+}
+
+void TShellChild::Abandon() {
+  TAbandonedChildren::Instance().Add(FPid);
+  FPid = 0;
+  FPidHandle.Close();
+}
+
+}  // namespace guardian

@@ -1,0 +1,582 @@
+#include "webstatus/HttpServer.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/core/string.hpp>
+#include <boost/beast/http/basic_parser.hpp>
+#include <boost/beast/http/error.hpp>
+#include <boost/beast/http/status.hpp>
+#include <cstdio>
+#include <limits>
+#include <optional>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "common/Exceptions.h"
+#include "common/Mutex.h"
+#include "common/Texts.h"
+#include "common/Thread.h"
+#include "webstatus/HttpConnections.h"
+#include "webstatus/HttpListener.h"
+
+namespace guardian {
+namespace {
+
+namespace asio = boost::asio;
+namespace http = boost::beast::http;
+using tcp = asio::ip::tcp;
+using TErrorCode = boost::system::error_code;
+
+constexpr std::size_t kReadBytes = 2048;
+constexpr std::size_t kKeptBufferBytes = 8192;  // What an idle connection may keep of its buffer.
+constexpr std::size_t kFileChunkBytes = 65'536;
+constexpr std::size_t kMaxDrainBytes = 1'048'576;
+constexpr int kAcceptsPerTurn = 16;
+constexpr std::chrono::milliseconds kAcceptPause{100};
+constexpr std::size_t kPoolStackBytes = 1'048'576;
+
+// Picks out of a request what the server needs; nothing else is kept.
+class TRequestParser final : public http::basic_parser<true> {
+ public:
+  // The server counts the header's bytes itself: the parser's limit is one on single lines.
+  TRequestParser() {
+    header_limit(std::numeric_limits<std::uint32_t>::max());
+    body_limit(boost::none);
+  }
+
+  std::string Method;
+  std::string Target;
+  std::string SecFetchSite;
+
+ private:
+  using TView = boost::beast::string_view;
+
+  void on_request_impl(http::verb, TView method, TView target, int, TErrorCode&) override {
+    Method.assign(method.data(), method.size());
+    Target.assign(target.data(), target.size());
+  }
+  void on_field_impl(http::field, TView name, TView value, TErrorCode&) override {
+    if (boost::beast::iequals(name, "Sec-Fetch-Site")) {
+      SecFetchSite.assign(value.data(), value.size());
+    }
+  }
+  // Required by the base; requests have no use for them.
+  void on_response_impl(int, TView, int, TErrorCode&) override {}
+  void on_header_impl(TErrorCode&) override {}
+  void on_body_init_impl(const boost::optional<std::uint64_t>&, TErrorCode&) override {}
+  std::size_t on_body_impl(TView body, TErrorCode&) override { return body.size(); }
+  void on_chunk_header_impl(std::uint64_t, TView, TErrorCode&) override {}
+  std::size_t on_chunk_body_impl(std::uint64_t, TView body, TErrorCode&) override {
+    return body.size();
+  }
+  void on_finish_impl(TErrorCode&) override {}
+};
+
+// "http://host/path" is as good as "/path".
+std::string_view WithoutAuthority(std::string_view target) {
+  constexpr std::string_view kScheme = "http://";
+  if (!boost::beast::iequals({target.data(), std::min(target.size(), kScheme.size())},
+                             {kScheme.data(), kScheme.size()})) {
+    return target;
+  }
+  target.remove_prefix(kScheme.size());
+  return target.substr(std::min(target.find_first_of("/?"), target.size()));
+}
+
+THttpRequest MakeRequest(TRequestParser& parser) {
+  const std::string_view target = WithoutAuthority(parser.Target);
+  const std::size_t mark = std::min(target.find('?'), target.size());
+  return {std::move(parser.Method), LinkDecode(target.substr(0, mark)),
+          std::string(target.substr(std::min(mark + 1, target.size()))),
+          std::move(parser.SecFetchSite)};
+}
+
+THttpResponse PlainResponse(int status) {
+  THttpResponse response;
+  response.Status = status;
+  response.ContentType = "text/plain";
+  const auto reason = http::obsolete_reason(static_cast<http::status>(status));
+  response.Body.assign(reason.data(), reason.size()).append("\n");
+  return response;
+}
+
+std::uint64_t LengthOf(const THttpResponse& response) {
+  if (response.File) return response.FileSize;
+  std::uint64_t length = response.Body.size();
+  for (const auto& text : response.Tail) length += text->size();
+  return length;
+}
+
+bool HasBody(int status) { return status != 204 && status != 304; }
+
+// A line end in a value would let it forge headers of its own.
+void AppendHeader(std::string& head, std::string_view name, std::string_view value) {
+  head.append(name).append(": ");
+  for (const char c : value) {
+    const bool isControl = static_cast<unsigned char>(c) < ' ' || c == '\x7f';
+    head.push_back(isControl ? '_' : c);
+  }
+  head.append("\r\n");
+}
+
+void FormatHead(std::string& head, const THttpResponse& response, std::uint64_t length,
+                bool keepAlive) {
+  const auto reason = http::obsolete_reason(static_cast<http::status>(response.Status));
+  head.assign("HTTP/1.1 ").append(std::to_string(response.Status)).append(" ");
+  head.append(reason.data(), reason.size()).append("\r\n");
+  AppendHeader(head, "Content-Type", response.ContentType);
+  AppendHeader(head, "Content-Disposition", response.ContentDisposition);
+  if (HasBody(response.Status)) AppendHeader(head, "Content-Length", std::to_string(length));
+  if (response.Status == 405) AppendHeader(head, "Allow", "GET, HEAD");
+  head.append(keepAlive ? "Connection: keep-alive\r\n" : "Connection: close\r\n");
+  head.append(
+      "Cache-Control: no-store\r\n"
+      "X-Content-Type-Options: nosniff\r\n"
+      "Content-Security-Policy: default-src 'none'; style-src 'unsafe-inline'; "
+      "frame-ancestors 'none'; base-uri 'none'; form-action 'none'\r\n"
+      "\r\n");
+}
+
+// What a connection needs of the server it belongs to.
+struct TSurroundings {
+  const THttpServer::THandler& Handler;
+  const THttpServerOptions& Options;
+  TClock& Clock;
+  THttpConnections& Connections;
+
+  [[nodiscard]] std::int64_t In(std::chrono::milliseconds duration) const {
+    return Clock.TickCount() + duration.count();
+  }
+};
+
+void Report(const THttpServerOptions& options, std::exception_ptr error) noexcept {
+  try {
+    if (options.OnError) return options.OnError(std::move(error));
+    std::rethrow_exception(std::move(error));
+  } catch (...) {
+    // Also what the callback itself throws: there is nobody else left to be told.
+    std::fputs(("HTTP server: " + CurrentExceptionMessage() + "\n").c_str(), stderr);
+  }
+}
+
+// One accepted socket and its requests, one after the other.
+// Owner: the one operation that is pending; when none is started any more, the connection goes,
+// and its socket is closed then and not before.
+// Threads: the operations form a chain, so that one pool thread at a time works on it; ShutDown by
+// any thread.
+// Lifetime: the surroundings and the io_context outlive it.
+class TConnection final : public THttpConnection, public std::enable_shared_from_this<TConnection> {
+ public:
+  TConnection(const TSurroundings& surroundings, tcp::socket socket)
+      : FSurroundings(surroundings),
+        FSocket(std::move(socket)),
+        FDescriptor(FSocket.native_handle()) {}
+
+  ~TConnection() override {
+    if (FTicket) FSurroundings.Connections.Remove(*FTicket);
+  }
+
+  void Start() {
+    FTicket = FSurroundings.Connections.Add(weak_from_this(),
+                                            FSurroundings.In(FSurroundings.Options.HeaderTimeout));
+    FParser.emplace();
+    Read();
+  }
+
+  void ShutDown(THttpShutdown how) noexcept override {
+    if (how == THttpShutdown::Reset) {
+      const linger atOnce{1, 0};
+      ::setsockopt(FDescriptor, SOL_SOCKET, SO_LINGER, &atOnce, sizeof(atOnce));
+    }
+    ::shutdown(FDescriptor, SHUT_RDWR);
+  }
+
+ private:
+  enum class TBody { Sent, LeftOut };
+
+  void Read() {
+    FSocket.async_read_some(FInput.prepare(kReadBytes),
+                            [self = shared_from_this()](const TErrorCode& error, std::size_t got) {
+                              if (error) return;
+                              self->FInput.commit(got);
+                              self->Parse();
+                            });
+  }
+
+  void Parse() {
+    TErrorCode error;
+    const std::size_t used = FParser->put(FInput.data(), error);
+    FInput.consume(used);
+    FHeaderBytes += used;
+    const std::size_t limit = FSurroundings.Options.MaxHeaderBytes;
+    if (error == http::error::need_more) {
+      return FHeaderBytes + FInput.size() < limit ? Read() : Answer(PlainResponse(431));
+    }
+    if (error) return Answer(PlainResponse(400));
+    if (FHeaderBytes > limit) return Answer(PlainResponse(431));
+    AnswerRequest();
+  }
+
+  // A request with a body is answered and then closed on, so that its body is never taken for the
+  // next request.
+  void AnswerRequest() {
+    if (!FSurroundings.Connections.StartAnswer(*FTicket)) return;
+    const THttpRequest request = MakeRequest(*FParser);
+    const bool isHead = request.Method == "HEAD";
+    if (!isHead && request.Method != "GET") return Send(PlainResponse(405), TBody::Sent);
+    FKeepAlive = FParser->is_done() && FParser->keep_alive();
+    Send(CallHandler(request), isHead ? TBody::LeftOut : TBody::Sent);
+  }
+
+  // The last answer of this connection.
+  void Answer(THttpResponse response) {
+    if (!FSurroundings.Connections.StartAnswer(*FTicket)) return;
+    Send(std::move(response), TBody::Sent);
+  }
+
+  THttpResponse CallHandler(const THttpRequest& request) {
+    try {
+      THttpResponse response = FSurroundings.Handler(request);
+      if (response.Status >= 200 && response.Status <= 599) return response;
+      throw KZException("HTTP status " + std::to_string(response.Status) + " of " + request.Path);
+    } catch (...) {
+      Report(FSurroundings.Options, std::current_exception());
+      return PlainResponse(500);
+    }
+  }
+
+  void Send(THttpResponse response, TBody body) {
+    FResponse = std::move(response);
+    FormatHead(FHead, FResponse, LengthOf(FResponse), FKeepAlive);
+    if (body == TBody::LeftOut || !HasBody(FResponse.Status)) {
+      FResponse.Body.clear();
+      FResponse.Tail.clear();
+      FResponse.File.Close();
+    }
+    FFileLeft = FResponse.File ? FResponse.FileSize : 0;
+    FFileOffset = 0;
+    FOutput.assign({asio::buffer(FHead), asio::const_buffer()});
+    if (!FResponse.File) AddTextsToOutput();
+    FProgressed = true;
+    Write();
+  }
+
+  void AddTextsToOutput() {
+    FOutput[1] = asio::buffer(FResponse.Body);
+    for (const auto& text : FResponse.Tail) FOutput.push_back(asio::buffer(*text));
+  }
+
+  // One turn of the pool for each piece, so that a long answer does not keep others waiting.
+  void Write() {
+    if (!FillOutputFromFile()) return;
+    TErrorCode error;
+    const std::size_t written = FSocket.write_some(FOutput, error);
+    if (error == asio::error::would_block) return WaitUntilWritable();
+    if (error) return;
+    FProgressed = true;
+    ConsumeOutput(written);
+    if (asio::buffer_size(FOutput) + FFileLeft == 0) return FinishAnswer();
+    asio::post(FSocket.get_executor(), [self = shared_from_this()] { self->Write(); });
+  }
+
+  void WaitUntilWritable() {
+    if (FProgressed) {
+      FSurroundings.Connections.SetDeadline(*FTicket,
+                                            FSurroundings.In(FSurroundings.Options.WriteTimeout));
+    }
+    FProgressed = false;
+    FSocket.async_wait(tcp::socket::wait_write,
+                       [self = shared_from_this()](const TErrorCode& error) {
+                         if (!error) self->Write();
+                       });
+  }
+
+  // False when the file holds less than was promised: the client learns it from the early end.
+  bool FillOutputFromFile() {
+    if (FFileLeft == 0 || FOutput[1].size() > 0) return true;
+    FChunk.resize(kFileChunkBytes);
+    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(FFileLeft, FChunk.size()));
+    const ssize_t got = RetryOnEintr([&] {
+      return ::pread(FResponse.File.Get(), FChunk.data(), wanted, static_cast<off_t>(FFileOffset));
+    });
+    if (got <= 0) return false;
+    const auto count = static_cast<std::size_t>(got);
+    FOutput[1] = asio::buffer(FChunk.data(), count);
+    FFileOffset += count;
+    FFileLeft -= count;
+    return true;
+  }
+
+  void ConsumeOutput(std::size_t written) {
+    for (asio::const_buffer& part : FOutput) {
+      const std::size_t taken = std::min(written, part.size());
+      part += taken;
+      written -= taken;
+    }
+  }
+
+  void FinishAnswer() {
+    ReleaseAnswer();
+    if (!FKeepAlive) return SayGoodbye();
+    const std::int64_t deadline = FSurroundings.In(FSurroundings.Options.HeaderTimeout);
+    if (!FSurroundings.Connections.FinishAnswer(*FTicket, deadline)) return;
+    FKeepAlive = false;
+    FHeaderBytes = 0;
+    FParser.emplace();
+    if (FInput.size() == 0) return Read();
+    asio::post(FSocket.get_executor(), [self = shared_from_this()] { self->Parse(); });
+  }
+
+  // An idle connection keeps little memory and no file.
+  void ReleaseAnswer() {
+    FOutput.clear();
+    FResponse = THttpResponse();
+    std::vector<char>().swap(FChunk);
+    if (FInput.capacity() > kKeptBufferBytes && FInput.size() < kReadBytes) FInput.shrink_to_fit();
+  }
+
+  // To close while something is unread would reset the connection, and the client might lose the
+  // answer; so what it still sends is thrown away until it closes too.
+  void SayGoodbye() {
+    TErrorCode ignored;
+    FSocket.shutdown(tcp::socket::shutdown_send, ignored);
+    const std::int64_t deadline = FSurroundings.In(FSurroundings.Options.CloseTimeout);
+    if (!FSurroundings.Connections.FinishAnswer(*FTicket, deadline)) return;
+    FInput.clear();
+    Drain();
+  }
+
+  void Drain() {
+    FSocket.async_read_some(FInput.prepare(kReadBytes),
+                            [self = shared_from_this()](const TErrorCode& error, std::size_t got) {
+                              self->FDrainedBytes += got;
+                              if (error || self->FDrainedBytes > kMaxDrainBytes) return;
+                              self->Drain();
+                            });
+  }
+
+  const TSurroundings& FSurroundings;
+  tcp::socket FSocket;
+  const int FDescriptor;  // Of FSocket, for ShutDown: the object itself belongs to the chain.
+  std::optional<THttpConnections::TTicket> FTicket;
+  boost::beast::flat_buffer FInput;
+  std::optional<TRequestParser> FParser;
+  std::size_t FHeaderBytes = 0;  // Of the current header, without what is still in FInput.
+  bool FKeepAlive = false;
+  THttpResponse FResponse;
+  std::string FHead;
+  // What is left of the head, of the body or a file's chunk, and of the tail.
+  std::vector<asio::const_buffer> FOutput;
+  std::vector<char> FChunk;
+  std::uint64_t FFileOffset = 0;
+  std::uint64_t FFileLeft = 0;
+  bool FProgressed = false;  // Something was written since the deadline was last set.
+  std::size_t FDrainedBytes = 0;
+};
+
+}  // namespace
+
+// The server from one Activate to the next Deactivate.
+// Owner: THttpServer. Threads: as THttpServer; what has no lock belongs to the accept chain or to
+// the sweep chain alone. Lifetime: the destructor stops and joins everything.
+class THttpServer::TRun {
+ public:
+  TRun(const THttpServer& server, std::uint16_t port)
+      : FSurroundings{server.FHandler, server.FOptions, server.FClock, FConnections},
+        FIo(static_cast<int>(server.FOptions.Threads)) {
+    OpenListener(port);
+    WaitForConnection();
+  }
+
+  ~TRun() {
+    CloseListener();
+    FConnections.Stop();
+    FConnections.WaitUntilNoneBusy(FSurroundings.Clock,
+                                   FSurroundings.In(FSurroundings.Options.StopGrace));
+    FConnections.SendAwayAll();
+    FIo.stop();
+    for (const auto& thread : FThreads) thread->Join();
+  }
+
+  TRun(const TRun&) = delete;
+  TRun& operator=(const TRun&) = delete;
+
+  [[nodiscard]] std::uint16_t Port() KZ_EXCLUDES(FListenerLock) {
+    const TMutexLock lock(FListenerLock);
+    return FListener.local_endpoint().port();
+  }
+
+  void StartThreads() {
+    const THttpServerOptions& options = FSurroundings.Options;
+    for (std::size_t i = 1; i <= options.Threads; ++i) {
+      FThreads.push_back(std::make_unique<TFunctionThread>(
+          options.ThreadName + " #" + std::to_string(i), [this] { RunPool(); }, kPoolStackBytes));
+      FThreads.back()->Start();
+    }
+  }
+
+ private:
+  void OpenListener(std::uint16_t port) KZ_EXCLUDES(FListenerLock) {
+    THttpListener listener = ListenForHttp(port);
+    FProtocol = listener.IsIPv6 ? tcp::v6() : tcp::v4();
+    const TMutexLock lock(FListenerLock);
+    FListener.assign(FProtocol, listener.Socket.Get());
+    static_cast<void>(listener.Socket.Release());
+  }
+
+  void CloseListener() KZ_EXCLUDES(FListenerLock) {
+    const TMutexLock lock(FListenerLock);
+    TErrorCode ignored;
+    FListener.close(ignored);
+  }
+
+  // Ends with FIo.stop() alone. What escapes a connection's chain has already ended that
+  // connection.
+  void RunPool() {
+    while (!FIo.stopped()) {
+      try {
+        FIo.run();
+      } catch (...) {
+        Report(FSurroundings.Options, std::current_exception());
+      }
+    }
+  }
+
+  // The sweep goes on while there are connections: a server that nobody asks sleeps.
+  void StartSweeping() {
+    if (!FSweeping.exchange(true)) Sweep();
+  }
+
+  void Sweep() {
+    FSweepTimer.expires_after(FSurroundings.Options.SweepInterval);
+    FSweepTimer.async_wait([this](const TErrorCode&) {
+      if (FConnections.IsEmpty()) return StopSweeping();
+      Sweep();
+      FConnections.SendAwayExpired(FSurroundings.Clock.TickCount());
+    });
+  }
+
+  void StopSweeping() {
+    FSweeping = false;
+    // A connection may have come in between, and have found the sweep still going.
+    if (!FConnections.IsEmpty()) StartSweeping();
+  }
+
+  void WaitForConnection() KZ_EXCLUDES(FListenerLock) {
+    const TMutexLock lock(FListenerLock);
+    if (!FListener.is_open()) return;
+    FListener.async_wait(tcp::acceptor::wait_read, [this](const TErrorCode&) { AcceptSome(); });
+  }
+
+  void PauseAccepting() {
+    FAcceptPause.expires_after(kAcceptPause);
+    FAcceptPause.async_wait([this](const TErrorCode&) { AcceptSome(); });
+  }
+
+  void AcceptSome() {
+    TAfterAccept next = TAfterAccept::TryNext;
+    for (int i = 0; i < kAcceptsPerTurn && next == TAfterAccept::TryNext; ++i) next = AcceptOne();
+    if (next == TAfterAccept::Pause) return PauseAccepting();
+    WaitForConnection();
+  }
+
+  // Nothing escapes, or the chain of accepts would end.
+  TAfterAccept AcceptOne() {
+    try {
+      int error = 0;
+      TFileDescriptor socket = Accept(error);
+      if (!socket) return AfterAcceptError(error);
+      FAcceptFailing = false;
+      if (FConnections.MakeRoom(FSurroundings.Options.MaxConnections)) Welcome(std::move(socket));
+      return TAfterAccept::TryNext;
+    } catch (...) {
+      Report(FSurroundings.Options, std::current_exception());
+      return TAfterAccept::Pause;
+    }
+  }
+
+  TFileDescriptor Accept(int& error) KZ_EXCLUDES(FListenerLock) {
+    const TMutexLock lock(FListenerLock);
+    // A closed listener: there will be no more, and WaitForConnection ends the chain.
+    error = EAGAIN;
+    if (!FListener.is_open()) return {};
+    const int listener = FListener.native_handle();
+    TFileDescriptor socket(RetryOnEintr(
+        [&] { return ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK); }));
+    if (!socket) error = errno;
+    return socket;
+  }
+
+  // A lasting failure is told once.
+  TAfterAccept AfterAcceptError(int error) {
+    const TAfterAccept next = DecideAfterAcceptError(error);
+    if (next == TAfterAccept::Pause && !std::exchange(FAcceptFailing, true)) {
+      Report(FSurroundings.Options,
+             std::make_exception_ptr(ESystemError("Accept", "HTTP connection", error)));
+    }
+    return next;
+  }
+
+  void Welcome(TFileDescriptor descriptor) {
+    tcp::socket socket(FIo);
+    socket.assign(FProtocol, descriptor.Get());
+    static_cast<void>(descriptor.Release());
+    socket.non_blocking(true);
+    TErrorCode ignored;  // Without it the answers are slower at worst.
+    socket.set_option(tcp::no_delay(true), ignored);
+    std::make_shared<TConnection>(FSurroundings, std::move(socket))->Start();
+    StartSweeping();
+  }
+
+  THttpConnections FConnections;  // Before FIo, which frees the last connections in its destructor.
+  const TSurroundings FSurroundings;
+  asio::io_context FIo;
+  asio::executor_work_guard<asio::io_context::executor_type> FWork{FIo.get_executor()};
+  TMutex FListenerLock;
+  tcp::acceptor FListener KZ_GUARDED_BY(FListenerLock){FIo};
+  tcp FProtocol = tcp::v6();  // Constant once the threads run.
+  asio::steady_timer FAcceptPause{FIo};
+  bool FAcceptFailing = false;
+  std::atomic<bool> FSweeping{false};
+  asio::steady_timer FSweepTimer{FIo};  // Of whoever set FSweeping.
+  std::vector<std::unique_ptr<TThread>> FThreads;
+};
+
+THttpServer::THttpServer(THandler handler, THttpServerOptions options, TClock& clock)
+    : FHandler(std::move(handler)), FOptions(std::move(options)), FClock(clock) {}
+
+THttpServer::~THttpServer() { Deactivate(); }
+
+void THttpServer::Activate(std::uint16_t port) {
+  if (FRun) throw KZException("The HTTP server is active already");
+  try {
+    auto run = std::make_unique<TRun>(*this, port);
+    // Known before the first handler can ask for it.
+    FPort.store(run->Port());
+    run->StartThreads();
+    FRun = std::move(run);
+  } catch (const boost::system::system_error& error) {
+    FPort.store(0);
+    throw ESystemError("Listen on", "port " + std::to_string(port), error.code().value());
+  } catch (...) {
+    FPort.store(0);
+    throw;
+  }
+}
+
+void THttpServer::Deactivate() {
+  FRun.reset();
+  FPort.store(0);
+}
+
+}  // namespace guardian
