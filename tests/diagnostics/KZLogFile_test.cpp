@@ -51,26 +51,21 @@ TEST(TKZLogFileTest, MovesAFileAboveTheLimitAwayAtItsStart) {
 
 TEST(TKZLogFileTest, KeepsTheNameOfAWriteForLaterOnes) {
   const TTempFolder folder;
-  const auto before = std::filesystem::current_path();
-  std::filesystem::current_path(folder.Path());
-  std::filesystem::create_directory("logs");
   TFakeClock clock;
-  const std::array<std::string, 3> cases[] = {
-      {"logs", "report", "logs/report.log"},
-      {"logs/", "other", "logs/other.log"},
-      {"logs", "./a.txt", "./a.txt"},
-      {"", "b.txt", "b.txt"},
-      {"logs", "", "first.log"},
-  };
-  for (const auto& [logFolder, name, expected] : cases) {
-    TKZLogFile log("first.log", clock);
+  for (const std::string& logFolder : {folder.Path(), folder.Path() + "/", std::string()}) {
+    const std::string name = logFolder.empty() ? folder.Path("plain") : "bare";
+    TKZLogFile log(folder.Path("first.log"), clock);
     log.SetLogFolder(logFolder);
     log.Write("one", name);
+    log.SetLogFolder("/missing");
     log.Write("two");
-    EXPECT_EQ(log.FileName(), expected);
-    EXPECT_EQ(folder.Read(expected), kTime + "one\n" + kTime + "two\n");
+    log.Write("three", folder.Path("absolute"));
+    EXPECT_EQ(log.FileName(), folder.Path("absolute"));
   }
-  std::filesystem::current_path(before);
+  const std::string lines = kTime + "one\n" + kTime + "two\n";
+  EXPECT_EQ(folder.Read("bare.log"), lines + lines);
+  EXPECT_EQ(folder.Read("plain"), lines);
+  EXPECT_EQ(CountOf(folder.Read("absolute"), kTime + "three\n"), 3);
 }
 
 TEST(TKZLogFileTest, TriesForASecondToOpenTheFile) {
@@ -126,25 +121,13 @@ TEST(WideTextTest, ChoosesTheEncodingByTheRoundTrip) {
   }
 }
 
-TEST(TErrorLogTest, DropsLinesWhileClosedAndAppendsOtherwise) {
-  const TTempFolder folder;
-  folder.Write("e.log", "before\n");
-  TErrorLog log;
-  log.WriteLine("lost");
-  EXPECT_TRUE(log.Reopen());
-  EXPECT_FALSE(log.Open(folder.Path("missing/e.log")));
-  EXPECT_FALSE(log.Enabled());
-  ASSERT_TRUE(log.Open(folder.Path("e.log")));
-  EXPECT_TRUE(log.Enabled());
-  log.WriteLine("kept");
-  log.Close();
-  EXPECT_FALSE(log.Enabled());
-  log.WriteLine("lost");
-  EXPECT_EQ(folder.Read("e.log"), "before\nkept\n");
-}
-
-TEST(TErrorLogTest, IsFlushedByOpeningItAnew) {
+TEST(TErrorLogTest, DropsLinesWhileClosedAndIsFlushedByOpeningItAnew) {
+  EXPECT_FALSE(ErrorLog().Open("/missing/e.log"));
+  EXPECT_FALSE(ErrorLog().Enabled());
+  EXPECT_TRUE(ErrorLog().Reopen());
+  ErrorLog().WriteLine("lost");
   const TErrorLogInFolder log;
+  EXPECT_TRUE(ErrorLog().Enabled());
   TFakeClock clock;
   ErrorLog().WriteLine("one");
   FlushLogFile(clock);
@@ -156,16 +139,15 @@ TEST(TErrorLogTest, IsFlushedByOpeningItAnew) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(ThrownMessage([&] { FlushLogFile(clock); }), "Range check error");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "Assertion failed: FlushLogFile\n");
+  EXPECT_FALSE(ErrorLog().Enabled());
 }
 
 TEST(ProtocolLogTest, GivesEachThreadAFileOfItsOwn) {
   const TSettingsBackup backup;
   const TTempFolder folder;
   const TErrorLogInFolder log;
-  const auto open = [](bool forced = false) {
-    return OpenProtocolLogForThread(forced ? TProtocolLogOpening::Forced
-                                           : TProtocolLogOpening::WhenEnabled);
-  };
+  const auto open = OpenProtocolLogForThread;
+  constexpr auto kWhenEnabled = TProtocolLogOpening::WhenEnabled;
   TProtocolLogSettings& settings = ProtocolLogSettings();
   settings.FolderPrefix.Set(folder.Path("p-"));
   const auto before = OpenDescriptors();
@@ -173,11 +155,10 @@ TEST(ProtocolLogTest, GivesEachThreadAFileOfItsOwn) {
     std::string name = "p-base.thread" + std::to_string(i) + "#";
     InThread([&] {
       SetProtocolLogBaseName("base");
-      EXPECT_FALSE(open()) << "switched off";
-      WriteProtocolLogLine("nowhere");
-      EXPECT_TRUE(open(true));
+      EXPECT_FALSE(open(kWhenEnabled)) << "switched off";
+      EXPECT_TRUE(open(TProtocolLogOpening::Forced));
       WriteProtocolLogLine("GET /");
-      EXPECT_TRUE(open()) << "it is open";
+      EXPECT_TRUE(open(kWhenEnabled)) << "it is open";
       for (const int file : OpenDescriptors()) {
         EXPECT_TRUE(before.contains(file) || ::fcntl(file, F_GETFD) == FD_CLOEXEC);
       }
@@ -191,9 +172,9 @@ TEST(ProtocolLogTest, GivesEachThreadAFileOfItsOwn) {
   settings.Enabled = true;
   settings.FolderPrefix.Set(folder.Path("missing/"));
   InThread([&] {
-    EXPECT_FALSE(open());
+    EXPECT_FALSE(open(kWhenEnabled));
     std::filesystem::create_directory(folder.Path("missing"));
-    EXPECT_FALSE(open()) << "a thread tries once";
+    EXPECT_FALSE(open(kWhenEnabled)) << "a thread tries once";
   });
   EXPECT_EQ(log.Text(), "IndyLogging? IOresult=" + std::to_string(ENOENT) + "\n");
 

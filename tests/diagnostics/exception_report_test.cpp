@@ -2,9 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <atomic>
-#include <map>
-#include <memory>
 #include <stdexcept>
 
 #include "common/Exceptions.h"
@@ -100,13 +97,11 @@ class ExceptionReportTest : public testing::Test {
   }
 
   void Start() {
-    StartExceptionReports({.Heading = "Heading",
-                           .OpenStore =
-                               [this] {
-                                 if (FOnStore) FOnStore();
-                                 return std::make_unique<TStore>(FStored);
-                               },
-                           .Clock = &FClock});
+    const auto openStore = [this] {
+      FOnStore();
+      return std::make_unique<TStore>(FStored);
+    };
+    StartExceptionReports({.Heading = "Heading", .OpenStore = openStore, .Clock = &FClock});
   }
   std::string Log() const { return FFolder.Read("logs/guardian_Exceptions.log"); }
 
@@ -126,7 +121,7 @@ class ExceptionReportTest : public testing::Test {
   const TTempFolder FFolder;
   TFakeClock FClock;
   TStored FStored;
-  std::function<void()> FOnStore;
+  std::function<void()> FOnStore = [] {};
   const std::exception_ptr FError = OurOwn();
 };
 
@@ -244,7 +239,6 @@ TEST_F(ExceptionReportTest, DoesNoHarmWhereItCannotWrite) {
   WriteExceptionReport(FError, "read-only");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
   WriteExceptionReport(FError, "target", [](std::string_view) { throw KZException("refused"); });
-  HandleException(FError, TLogToFiles::Yes, "read-only");
   EXPECT_EQ(ExceptionReportsInProgress(), 0);
   EXPECT_EQ(OpenDescriptors(), descriptors);
   Settings().LogDirectory.Set(FFolder.Path());
@@ -252,12 +246,11 @@ TEST_F(ExceptionReportTest, DoesNoHarmWhereItCannotWrite) {
   EXPECT_TRUE(FFolder.Has("guardian_Exceptions.log"));
 }
 
-// The first letters of what stands behind "Where: " in the reports.
+// The letters that stand after "Where: " in the reports.
 std::string WheresIn(const std::string& log) {
   std::string letters;
-  const std::string where = "\nWhere: ";
-  for (std::size_t at = 0; (at = log.find(where, at)) != std::string::npos; ++at) {
-    letters += log[at + where.size()];
+  for (std::size_t at = 0; (at = log.find("\nWhere: ", at)) != std::string::npos; ++at) {
+    letters += log[at + 8];
   }
   return letters;
 }
@@ -297,7 +290,7 @@ TEST_F(ExceptionReportTest, DropsWhatReachesTheOuterHandlerMeanwhile) {
   };
   HandleException(FError, TLogToFiles::Yes, "1");
   EXPECT_GT(inProgress, 0);
-  FOnStore = {};
+  FOnStore = [] {};
   HandleException(FError, TLogToFiles::Yes, "3");
   EXPECT_EQ(WheresIn(Log()), "13");
 }
@@ -334,9 +327,8 @@ TEST_F(ExceptionReportTest, KeepsReportsWholeThatThreadsWriteAtOnce) {
         std::string("Exception KZException: ") + thread + "\nWhere: " + thread;
     EXPECT_EQ(CountOf(log, lines + ", CP: "), 25);
   }
-  EXPECT_EQ(CountOf(log, kOmitted + "Heading\nApplication Error At ") + log.ends_with(kOmitted) +
-                CountOf(log, "\nThread Report\n"),
-            100);
+  EXPECT_EQ(CountOf(log, kOmitted + "Heading\nApplication Error At "),
+            log.ends_with(kOmitted) ? 98 : 99);
   EXPECT_EQ(CountOf(log, "\nThread Report\n"), 1);
 }
 
