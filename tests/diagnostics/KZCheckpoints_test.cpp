@@ -216,7 +216,7 @@ TEST_F(KZCheckpointsTest, KeepsAHistoryForEachOf100ListedThreads) {
   thread.Do([] { KZCP::RemoveThread(); });
   InThread([] { KZCP::Checkpoint("short life"); });
   auto others = FurtherHistories();
-  EXPECT_EQ(others.size(), 100U);
+  ASSERT_EQ(others.size(), 100U);
   others.pop_back();
   KZCP::Checkpoint("hundredth");
   EXPECT_TRUE(switches.History);
@@ -298,8 +298,10 @@ TEST_F(KZCheckpointsTest, SurvivesReportsWhileThreadsComeAndGo) {
         const TKZLockGuard awaited(shared);
         KZCP::Checkpoint("other has it");
       });
-      for (int i = 0; i < 100; ++i) KZCP::Checkpoint("a text of more than one word");
-      if (KZCP::ReportingThreadId() != 0) reporting = KZCP::ReportingThreadId();
+      for (int i = 0; i < 100; ++i) {
+        KZCP::Checkpoint("a text of more than one word");
+        if (const auto thread = KZCP::ReportingThreadId(); thread != 0) reporting = thread;
+      }
       held.reset();
       other.Join();
       ++rounds;
