@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <stdexcept>
@@ -42,6 +43,7 @@ int Fail(const std::string& how) {
 const TRegisterChild kFail("fatal-signal", [](const std::vector<std::string>& arguments) {
   const rlimit noCore{.rlim_cur = 0, .rlim_max = 0};
   ::setrlimit(RLIMIT_CORE, &noCore);
+  ::umask(0);
   const char* const program = "diagnostics_test";
   InitSettings(1, &program);
   Settings().LogDirectory.Set(arguments[0]);
@@ -74,6 +76,8 @@ class FatalSignalReportTest : public testing::Test {
     TProgram program(
         {"/proc/self/exe", "--child", "fatal-signal", folder.Path(), std::to_string(threads), how});
     EXPECT_EQ(program.Wait(), -signal) << how;
+    const std::string log = folder.Path("diagnostics_test_Exceptions.log");
+    EXPECT_EQ(std::filesystem::status(log).permissions(), std::filesystem::perms(0644));
     return folder.Read("diagnostics_test_Exceptions.log");
   }
 };
@@ -85,7 +89,7 @@ TEST_F(FatalSignalReportTest, NamesThePlaceOfTheFaultOnceWhenThreadsFailTogether
   EXPECT_THAT(log, HasSubstr(", CP: About to fail\nStack Trace\n-----------\n#0 0x"));
   EXPECT_THAT(log,
               testing::ContainsRegex("\n#0 0x[0-9a-f]+ \\(diagnostics_test\\+0x[0-9a-f]+\\)\n"));
-  EXPECT_THAT(log, testing::ContainsRegex("\n#0 [^\n]*WriteToNowhere[^\n]+:[0-9]+\n#1 "));
+  EXPECT_THAT(log, testing::ContainsRegex("\n#0 [^\n]*WriteToNowhere[^\n]+:[0-9]+\n#1 [^\n]*Fail"));
   EXPECT_EQ(CountOf(log, "Fatal Signal"), 1);
   EXPECT_EQ(CountOf(log, "\n-----------\n"), 3)
       << "before the places, before the names, at the end";
