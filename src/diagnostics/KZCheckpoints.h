@@ -16,9 +16,9 @@ struct TShortString {
   std::array<char, 255> Text{};
 };
 
-// What a checkpoint does besides being noted. Set by start-up code and tests. The consistency
-// checks of the facility follow the debug mode of Settings().
-// Threads: any; each switch is an atomic because it is independent of the others.
+// What a checkpoint does besides being noted. The Guardian leaves all switches off; other programs
+// of the maker set them at start-up. The consistency checks of the facility follow the debug mode
+// of Settings(). Threads: any; each switch is an atomic because it is independent of the others.
 struct TCheckpointSwitches {
   std::atomic<bool> RawErrorLogTrace = false;        // The text alone, to the error log.
   std::atomic<bool> CPFileTrace = false;             // To the thread's trace file.
@@ -31,7 +31,12 @@ struct TCheckpointSwitches {
 };
 
 // The checkpoint facility: a thread marks its progress by passing checkpoints, and the thread
-// report tells from them where every thread is and has been.
+// report tells from them where every thread is and has been. A call before and after everything
+// that can block shows which call a thread hangs in:
+//
+//   KZCP::Checkpoint("PipCl.Read");
+//   const ssize_t count = ::read(socket, buffer, size);
+//   KZCP::Checkpoint("PipCl.ReadOK");
 //
 // A thread is listed in ThreadCPList from its first checkpoint on until RemoveThread, and at the
 // latest until its end. Checkpoints that a thread passes while its thread-local objects are
@@ -39,7 +44,7 @@ struct TCheckpointSwitches {
 // Owner: process-wide. The entry calls Init at start-up, after the daemon has forked, and Fini at
 // shut-down; both can be called again and again. Before Init and after Fini checkpoints are kept,
 // but no thread is listed.
-// Threads: any thread may call anything; Init and Fini are called by the main thread.
+// Threads: any thread may call anything but Init and Fini, which the main thread calls.
 namespace KZCP {
 
 using TThreadId = std::int64_t;
@@ -53,24 +58,24 @@ enum class TReportHeader { Without, With };
 
 struct TCPTimes {
   std::int64_t CPTime = 0;          // Tick of the last checkpoint in milliseconds.
-  std::int64_t PreviousCPTime = 0;  // The thread's allowance in seconds.
+  std::int64_t PreviousCPTime = 0;  // The thread's allowance in seconds; the name is a given one.
 };
 
 // The only instance; never destroyed.
 [[nodiscard]] TCheckpointSwitches& Switches() noexcept;
 
-// Creates ThreadCPList when there is none, makes the caller the main thread of the reports, and
-// readies the profiling, which it switches off when debug mode is off.
+// Creates ThreadCPList when there is none, and makes the caller the main thread of the reports. It
+// prepares the profiling in debug mode and switches it off otherwise.
 void Init();
 
-// Calls endFirst, when there is one, then frees the list and the profiling table. What endFirst
-// throws is thrown here, with neither freed; Fini can then be called again. A program that uses the
-// job mutexes hands CheckMutexesAtTermination over.
+// Calls endFirst, when there is one, then frees the list and the profiling table. An exception of
+// endFirst is thrown here before either is freed; Fini can then be called again. A program that
+// uses the job mutexes hands CheckMutexesAtTermination over.
 void Fini(void (*endFirst)() = nullptr);
 
 // Passes a checkpoint. With all switches off it reads the tick counter and copies the text; it
-// allocates and locks at the thread's first checkpoint only. Never throws: what a switched-on
-// trace cannot write is lost.
+// allocates and locks at the thread's first checkpoint only. Never throws: a trace that cannot be
+// written is lost.
 void Checkpoint(std::string_view text) noexcept;
 void Checkpoint(std::u16string_view text) noexcept;
 void Checkpoint(const TShortString& text) noexcept;
@@ -82,7 +87,8 @@ void Checkpoint(const TShortString& text) noexcept;
 // The time values of a thread, all 0 when it is not known.
 [[nodiscard]] TCPTimes CPTime(TThreadId threadId);
 
-// The seconds of silence that a judge of the calling thread's CP time shall grant on top.
+// Sets the calling thread's allowance: the mutex guardian lets it be silent for so many seconds
+// more than its limit.
 void SetAllowance(std::int64_t seconds) noexcept;
 
 // The time since a CP time.
@@ -94,14 +100,14 @@ void SetAllowance(std::int64_t seconds) noexcept;
 // record for the thread.
 void RemoveThread(TRemoval removal = TRemoval::Normal);
 
-// Leaves every lock that the calling thread holds and another listed thread waits for.
+// Leaves every lock that the calling thread holds and a listed thread waits for.
 void ReleaseRogueLocks();
 
 // The thread report. Holds the list's lock, which a thread takes at its first checkpoint and at
 // its end, while the text is made.
 [[nodiscard]] std::string ThreadReport(TReportHeader header);
 
-// The thread that makes a report right now, 0 when none.
+// The thread that makes a report at this moment, 0 when there is none.
 [[nodiscard]] TThreadId ReportingThreadId() noexcept;
 
 // The thread that called Init last, 0 before.
@@ -111,7 +117,8 @@ void ReleaseRogueLocks();
 // characters.
 [[nodiscard]] std::string RegistrationTrace();
 
-// Writes the profiling results to the error log and empties the table.
+// Writes the profiling results to the error log and empties the table. For other programs of the
+// maker, as the profiling switch is.
 void WriteProfilingResults();
 
 // The calling thread's flag: expected exceptions shall be shown in a message box.

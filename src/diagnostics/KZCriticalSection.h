@@ -10,12 +10,11 @@
 
 namespace guardian {
 
-// A named lock that knows its holder, so that the thread report can say who waits for whom. A
-// thread that has to wait for it notes it in its checkpoint record for the time of the wait; see
-// TCheckpointRecord for why a report may look at it there.
-// Owner: the object whose fields it guards; it is free when that object dies.
-// Threads: any thread may call anything.
-// Lifetime: outlives every TKZLockGuard on it and every thread that is in Enter.
+// A named lock that knows its holder, so that the thread report can say which thread waits for
+// which. While a thread waits for the lock, its checkpoint record points to it; TCheckpointRecord
+// says why a report may follow that pointer. Owner: the object whose fields it guards; no thread
+// holds it when that object dies. Threads: any thread may call anything. Lifetime: outlives every
+// TKZLockGuard on it and every thread that is in Enter.
 class KZ_CAPABILITY("lock") TKZCriticalSection {
  public:
   explicit TKZCriticalSection(std::string name) : FName(std::move(name)) {}
@@ -26,8 +25,8 @@ class KZ_CAPABILITY("lock") TKZCriticalSection {
   // Throws std::system_error when it is entered too deep, and is then not entered.
   void Enter() KZ_ACQUIRE();
 
-  // Gives the lock back once. Never blocks, never throws. Does nothing in a thread that does not
-  // hold it: its locks may have been released as rogue before it came here.
+  // Leaves the lock once. Never blocks, never throws. Does nothing in a thread that does not hold
+  // it: ReleaseRogueLocks may have released the thread's locks before.
   void Leave() noexcept KZ_RELEASE();
 
   // The id of the thread that held it at some moment of the call, 0 when free. Never blocks.
@@ -42,8 +41,12 @@ class KZ_CAPABILITY("lock") TKZCriticalSection {
 
   const std::string FName;
   std::recursive_mutex FMutex;
-  int FDepth = 0;                         // Touched only while FMutex is held.
-  std::atomic<std::int32_t> FHolder = 0;  // Atomic: the thread report reads it without entering.
+
+  // How often the holder has entered. Touched only while FMutex is held.
+  int FDepth = 0;
+
+  // Atomic: the thread report reads it without entering.
+  std::atomic<std::int32_t> FHolder = 0;
 };
 
 // Holds a TKZCriticalSection for one scope; the only way our code enters one.

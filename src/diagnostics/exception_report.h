@@ -10,12 +10,13 @@
 
 namespace guardian {
 
-// The exception report: what failed, where, in which thread, with the stack and now and then the
-// state of all threads. It is appended to the exceptions log in the log folder.
+// The exception report says what failed, where and in which thread. It shows the stack, and at most
+// once an hour the state of all threads. It is appended to the exceptions log in the log folder.
 //
-// None of these throws or waits for anything but the list of threads; what cannot be written is
-// lost. The settings store, which is used once an hour at most, keeps only the thread that uses it.
-// Threads: any thread may report at any time; start and stop by the main thread.
+// These functions do not throw; a report that cannot be written is lost. They wait for nothing but
+// the list of threads and, at most once an hour, the settings store: only the thread that opens the
+// store waits for it.
+// Threads: any thread may report at any time; the main thread starts, stops and changes the folder.
 // Lifetime: reports may also be made before the start and after the stop.
 
 struct TExceptionReportOptions {
@@ -24,43 +25,45 @@ struct TExceptionReportOptions {
   const TClock* Clock = &SystemClock();  // Outlives the process's last report.
 };
 
-// Makes the reports go where the process's hooks lead: what escapes a thread, what nobody catches,
-// and the fatal signals. KZCP is initialised by then. Once until the stop.
+// Installs the process-wide hooks: from now on an exception that escapes a thread or that nothing
+// catches, and every fatal signal, is reported. Call KZCP::Init before, and this once until the
+// stop.
 void StartExceptionReports(TExceptionReportOptions options = {});
 
-// Takes the hooks away. No thread that may fail runs any more.
+// Removes the hooks. No thread that may fail runs any more.
 void StopExceptionReports();
 
-// To be called when the log folder has changed, for the signals: their handlers cannot ask for it.
+// Call this when the log folder has changed: the signal handlers cannot ask for it.
 void ExceptionsLogFolderChanged();
 
-// An expected failure, which is told by its message alone: a SoftException, an exception of certain
-// classes of the libraries, or an operation that the user has cancelled.
+// Whether the exception is an expected failure, which is reported by its message alone: a
+// SoftException, an exception of certain library classes, or an operation that the user cancelled.
 [[nodiscard]] bool IsHarmless(const std::exception_ptr& error);
 
 enum class TThreadReportPart { Without, With };
 
-// Makes the text the report of the exception; of a harmless one its message. Where is a line of the
-// caller's, empty for none. Without memory the text may be incomplete.
+// Sets the text to the report of the exception; for a harmless exception, to its message. The
+// caller says in one line where it was caught; the line may be empty. When memory runs out the text
+// may be incomplete.
 void GetExceptionReport(std::string& text, const std::exception_ptr& error,
                         const std::string& where, TThreadReportPart threadReport) noexcept;
 
-// Takes a report that goes elsewhere than to the exceptions log, without its last line feed.
+// Receives a report that does not go to the exceptions log, without its last line feed.
 using TReportTarget = std::function<void(std::string_view report)>;
 
-// Appends the report to the exceptions log, or hands it to the target when there is one. It has the
-// thread report at most once an hour, in debug mode always.
+// Appends the report to the exceptions log, or hands it to the target when there is one. The thread
+// report is part of it at most once an hour, in debug mode always.
 void WriteExceptionReport(const std::exception_ptr& error, const std::string& where,
                           const TReportTarget& target = {}) noexcept;
 
 enum class TLogToFiles { No, Yes };
 
-// The outer handler of a thread, for an exception that nobody below could deal with. With Yes the
-// error log and the thread's protocol log get the report, too, as far as they are open.
+// The outer handler of a thread, for an exception that no function below could deal with. With Yes
+// the report also goes to the error log and to the thread's protocol log, if they are open.
 void HandleException(const std::exception_ptr& error, TLogToFiles logToFiles,
                      const std::string& where) noexcept;
 
-// How many reports are being made.
+// The number of reports that are being made.
 [[nodiscard]] int ExceptionReportsInProgress() noexcept;
 
 }  // namespace guardian

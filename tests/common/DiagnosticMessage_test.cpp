@@ -4,7 +4,8 @@
 
 #include <stdexcept>
 
-#include "diagnostics/JobMutexes.h"
+#include "support/ErrorLogInFolder.h"
+#include "support/FakeClock.h"
 
 namespace guardian {
 namespace {
@@ -31,7 +32,6 @@ TEST(DiagnosticMessageTest, ForgetsTheOldestOfTooMany) {
 TEST(DiagnosticMessageTest, WritesAFailureOnceToTheErrorLog) {
   const TErrorLogInFolder log;
   TFakeClock clock;
-  BeginAnew(clock);
   for (int i = 0; i < 2; ++i) {
     EXPECT_FALSE(Guarded("Once", clock, [] { throw std::runtime_error("no luck"); }));
   }

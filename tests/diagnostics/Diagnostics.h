@@ -1,24 +1,30 @@
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <functional>
-#include <string>
-#include <string_view>
-#include <vector>
+#include <random>
 
-#include "common/Clock.h"
-#include "common/ErrorLog.h"
-#include "common/Settings.h"
-#include "common/Thread.h"
+#include "common/Event.h"
+#include "diagnostics/KZCheckpoints.h"
 #include "support/Crew.h"
 #include "support/ErrorLogInFolder.h"
 #include "support/Eventually.h"
-#include "support/TempFolder.h"
+#include "support/FakeClock.h"
+#include "support/OpenDescriptors.h"
+#include "support/SettingsBackup.h"
+#include "support/ThrownMessage.h"
 
 namespace guardian {
+
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+using testing::StartsWith;
 
 // The names in a folder, sorted.
 inline std::vector<std::string> NamesIn(const TTempFolder& folder) {
@@ -30,30 +36,28 @@ inline std::vector<std::string> NamesIn(const TTempFolder& folder) {
   return names;
 }
 
-// Whether the text has the shape at the position; a "9" stands for any digit.
-inline bool HasShapeAt(std::string_view text, std::size_t position, std::string_view shape) {
-  if (text.size() - position < shape.size()) return false;
-  for (std::size_t i = 0; i < shape.size(); ++i) {
-    const char c = text[position + i];
-    if (shape[i] == '9' ? (c < '0' || c > '9') : c != shape[i]) return false;
-  }
-  return true;
+// The text with a 9 in the place of every digit, so that times do not matter.
+inline std::string Nines(std::string text) {
+  for (char& c : text) c = c >= '0' && c <= '9' ? '9' : c;
+  return text;
 }
 
-// The text with every date-time as "<date>" and every other time of day as "<time>".
-inline std::string WithoutTimes(const std::string& text) {
-  constexpr std::string_view kDate = "9999-99-99 99:99:99";
-  constexpr std::string_view kTime = "99:99:99";
-  std::string result;
-  for (std::size_t i = 0; i < text.size();) {
-    const bool date = HasShapeAt(text, i, kDate);
-    const bool time = !date && HasShapeAt(text, i, kTime);
-    if (date) result += "<date>";
-    if (time) result += "<time>";
-    if (!date && !time) result += text[i];
-    i += date ? kDate.size() : time ? kTime.size() : 1;
-  }
-  return result;
+inline int CountOf(const std::string& text, std::string_view part) {
+  int count = 0;
+  for (std::size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at) ++count;
+  return count;
 }
+
+// Random numbers, the same in each run unless --gtest_random_seed says otherwise.
+class TRandom {
+ public:
+  explicit TRandom(int life = 0) : FSeed(GTEST_FLAG_GET(random_seed) + life) {}
+  [[nodiscard]] int Below(int limit) { return static_cast<int>(FEngine() % std::size_t(limit)); }
+
+ private:
+  const int FSeed;
+  const testing::ScopedTrace FTrace{__FILE__, __LINE__, "random seed " + std::to_string(FSeed)};
+  std::mt19937 FEngine{static_cast<unsigned>(FSeed)};
+};
 
 }  // namespace guardian

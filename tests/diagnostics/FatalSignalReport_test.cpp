@@ -1,30 +1,17 @@
 #include "diagnostics/exceptions/FatalSignalReport.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
-#include <cstddef>
 #include <cstdlib>
-#include <filesystem>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "common/MainThread.h"
-#include "common/Settings.h"
 #include "diagnostics/Diagnostics.h"
-#include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exception_report.h"
 #include "support/ChildProcess.h"
 #include "support/Program.h"
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define KZ_SANITIZED 1
-#else
-#define KZ_SANITIZED 0
-#endif
 
 namespace guardian {
 
@@ -36,15 +23,11 @@ namespace guardian {
 [[gnu::noinline]] int UseUpTheStack(int depth) {
   if (depth == 10'000'000) return 0;
   volatile char room[4096] = {};
-  room[static_cast<std::size_t>(depth) % sizeof(room)] = 1;
   // Not the last thing done, or it would become a loop.
   return UseUpTheStack(depth + 1) + room[0];
 }
 
 namespace {
-
-using testing::HasSubstr;
-using testing::Not;
 
 int Fail(const std::string& how) {
   if (how == "segv") WriteToNowhere();
@@ -53,7 +36,6 @@ int Fail(const std::string& how) {
     void (*volatile nowhere)() = nullptr;
     nowhere();
   }
-  if (how == "abort") std::abort();
   if (how == "uncaught") throw std::runtime_error("nobody catches this");
   return ::raise(std::atoi(how.c_str()));
 }
@@ -61,6 +43,7 @@ int Fail(const std::string& how) {
 const TRegisterChild kFail("fatal-signal", [](const std::vector<std::string>& arguments) {
   const rlimit noCore{.rlim_cur = 0, .rlim_max = 0};
   ::setrlimit(RLIMIT_CORE, &noCore);
+  ::umask(0);
   const char* const program = "diagnostics_test";
   InitSettings(1, &program);
   Settings().LogDirectory.Set(arguments[0]);
@@ -68,91 +51,89 @@ const TRegisterChild kFail("fatal-signal", [](const std::vector<std::string>& ar
   KZCP::Init();
   StartExceptionReports();
   KZCP::Checkpoint("Main");
-  if (arguments[1] == "main") return Fail(arguments[2]);
-  InThread([&] {
+  const int threads = std::atoi(arguments[1].c_str());
+  if (threads == 0) return Fail(arguments[2]);
+  std::atomic<int> ready = 0;
+  TCrew(threads, [&](int) {
     KZCP::Checkpoint("About to fail");
+    for (++ready; ready < threads;) continue;
     Fail(arguments[2]);
-  });
+  }).Join();
   return 0;
 });
 
 class FatalSignalReportTest : public testing::Test {
  protected:
   void SetUp() override {
-    if (KZ_SANITIZED) GTEST_SKIP() << "the sanitizers report these signals themselves";
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizers report these signals themselves";
+#endif
   }
 
-  // Returns the exit code of a process that fails so: the signal as a negative number.
-  int FailIn(const std::string& thread, const std::string& how) {
-    TProgram program({"/proc/self/exe", "--child", "fatal-signal", FFolder.Path(), thread, how});
-    return program.Wait();
+  // The log of a process that fails so in as many threads, for 0 in the main thread.
+  std::string LogOf(int threads, const std::string& how, int signal) {
+    const TTempFolder folder;
+    TProgram program(
+        {"/proc/self/exe", "--child", "fatal-signal", folder.Path(), std::to_string(threads), how});
+    EXPECT_EQ(program.Wait(), -signal) << how;
+    const std::string log = folder.Path("diagnostics_test_Exceptions.log");
+    EXPECT_EQ(std::filesystem::status(log).permissions(), std::filesystem::perms(0644));
+    return folder.Read("diagnostics_test_Exceptions.log");
   }
-  std::string Log() const { return FFolder.Read("diagnostics_test_Exceptions.log"); }
-
-  const TTempFolder FFolder;
 };
 
-TEST_F(FatalSignalReportTest, NamesThePlaceOfTheFault) {
-  EXPECT_EQ(FailIn("thread", "segv"), -SIGSEGV);
-  EXPECT_THAT(Log(), HasSubstr("\nFatal Signal 11 (SIGSEGV) At 0x"));
-  EXPECT_THAT(Log(), HasSubstr("\nFault address: 0x0000000000000000, code 1\n"));
-  EXPECT_THAT(Log(), HasSubstr(", CP: About to fail\n"));
-  EXPECT_THAT(Log(),
+TEST_F(FatalSignalReportTest, NamesThePlaceOfTheFaultOnceWhenThreadsFailTogether) {
+  const std::string log = LogOf(4, "segv", SIGSEGV);
+  EXPECT_THAT(log, StartsWith("\nFatal Signal 11 (SIGSEGV) At 0x"));
+  EXPECT_THAT(log, HasSubstr(" UTC\nFault address: 0x0000000000000000, code 1\nExecutable: /"));
+  EXPECT_THAT(log, HasSubstr(", CP: About to fail\nStack Trace\n-----------\n#0 0x"));
+  EXPECT_THAT(log,
               testing::ContainsRegex("\n#0 0x[0-9a-f]+ \\(diagnostics_test\\+0x[0-9a-f]+\\)\n"));
-  EXPECT_THAT(Log(), HasSubstr("WriteToNowhere"));
-  EXPECT_TRUE(Log().ends_with("\n-----------\n"));
+  EXPECT_THAT(log, testing::ContainsRegex("\n#0 [^\n]*WriteToNowhere[^\n]+:[0-9]+\n#1 [^\n]*Fail"));
+  EXPECT_EQ(CountOf(log, "Fatal Signal"), 1);
+  EXPECT_EQ(CountOf(log, "\n-----------\n"), 3)
+      << "before the places, before the names, at the end";
+  EXPECT_THAT(log, EndsWith("\n-----------\n"));
 }
 
 TEST_F(FatalSignalReportTest, ReportsEachFatalSignalAndEndsByIt) {
-  for (const int signal : {SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL}) {
-    EXPECT_EQ(FailIn("main", std::to_string(signal)), -signal);
-    EXPECT_THAT(Log(), HasSubstr("\nFatal Signal " + std::to_string(signal) + " ("));
+  const std::pair<int, const char*> signals[] = {{SIGSEGV, "11 (SIGSEGV)"},
+                                                 {SIGABRT, "6 (SIGABRT)"},
+                                                 {SIGBUS, "7 (SIGBUS)"},
+                                                 {SIGFPE, "8 (SIGFPE)"},
+                                                 {SIGILL, "4 (SIGILL)"}};
+  for (const auto& [signal, name] : signals) {
+    const std::string log = LogOf(signal % 2, std::to_string(signal), signal);
+    EXPECT_THAT(log, HasSubstr(std::string("\nFatal Signal ") + name));
+    EXPECT_THAT(log, HasSubstr("\nSent by process "));
   }
-  EXPECT_EQ(FailIn("thread", "abort"), -SIGABRT);
-}
-
-TEST_F(FatalSignalReportTest, ReportsAStackThatOverflowed) {
-  for (const char* thread : {"main", "thread"}) {
-    EXPECT_EQ(FailIn(thread, "overflow"), -SIGSEGV);
-    EXPECT_THAT(Log(), HasSubstr("UseUpTheStack")) << thread;
-    std::filesystem::remove(FFolder.Path("diagnostics_test_Exceptions.log"));
-  }
-}
-
-TEST_F(FatalSignalReportTest, NamesTheCallerOfAJumpToNowhere) {
-  EXPECT_EQ(FailIn("main", "nowhere"), -SIGSEGV);
-  EXPECT_THAT(Log(), HasSubstr("(SIGSEGV) At 0x0000000000000000 on "));
-  EXPECT_THAT(Log(), HasSubstr("Fail"));
-}
-
-TEST_F(FatalSignalReportTest, ReportsAnUncaughtExceptionBeforeTheAbort) {
-  EXPECT_EQ(FailIn("main", "uncaught"), -SIGABRT);
-  const std::string log = Log();
+  EXPECT_THAT(LogOf(0, "overflow", SIGSEGV), HasSubstr("UseUpTheStack"));
+  EXPECT_THAT(LogOf(1, "overflow", SIGSEGV), HasSubstr("UseUpTheStack"));
+  std::string log = LogOf(0, "nowhere", SIGSEGV);
+  EXPECT_THAT(log, HasSubstr("(SIGSEGV) At 0x0000000000000000 on "));
+  EXPECT_THAT(log, HasSubstr("Fail"));
+  log = LogOf(0, "uncaught", SIGABRT);
   EXPECT_THAT(log, HasSubstr("Exception std::runtime_error: nobody catches this\n"
                              "Where: Unhandled exception, CP: Main\n"));
   EXPECT_LT(log.find("Where: Unhandled"), log.find("Fatal Signal 6 (SIGABRT)"));
 }
 
-TEST_F(FatalSignalReportTest, EndsByTheSignalWhereTheLogCannotBeWritten) {
-  std::filesystem::create_directory(FFolder.Path("diagnostics_test_Exceptions.log"));
-  EXPECT_EQ(FailIn("main", "segv"), -SIGSEGV);
-}
-
 TEST_F(FatalSignalReportTest, LeavesHandlersOfOthersAlone) {
   struct sigaction foreign {};
   foreign.sa_handler = [](int) {};
-  struct sigaction before {};
-  ::sigaction(SIGFPE, &foreign, &before);
+  ::sigaction(SIGFPE, &foreign, nullptr);
+  const auto handlerOf = [](int signal) {
+    struct sigaction installed {};
+    ::sigaction(signal, nullptr, &installed);
+    return installed.sa_handler;
+  };
   InstallFatalSignalReports();
-  struct sigaction installed {};
-  ::sigaction(SIGFPE, nullptr, &installed);
-  EXPECT_EQ(installed.sa_handler, foreign.sa_handler);
-  ::sigaction(SIGILL, nullptr, &installed);
-  EXPECT_NE(installed.sa_handler, SIG_DFL);
+  EXPECT_EQ(handlerOf(SIGFPE), foreign.sa_handler);
+  EXPECT_NE(handlerOf(SIGILL), SIG_DFL);
   RemoveFatalSignalReports();
-  ::sigaction(SIGILL, nullptr, &installed);
-  EXPECT_EQ(installed.sa_handler, SIG_DFL);
-  ::sigaction(SIGFPE, &before, nullptr);
+  EXPECT_EQ(handlerOf(SIGFPE), foreign.sa_handler);
+  EXPECT_EQ(handlerOf(SIGILL), SIG_DFL);
+  ::signal(SIGFPE, SIG_DFL);
 }
 
 }  // namespace

@@ -1,27 +1,56 @@
 #include "diagnostics/KZCheckpoints.h"
 
-#include <gmock/gmock.h>
-
-#include <algorithm>
-#include <memory>
+#include <map>
+#include <new>
 #include <optional>
 
-#include "common/Exceptions.h"
 #include "diagnostics/Diagnostics.h"
 #include "diagnostics/KZCriticalSection.h"
 #include "diagnostics/checkpoints/CheckpointProfile.h"
 #include "diagnostics/checkpoints/CheckpointRecord.h"
-#include "diagnostics/checkpoints/Int64List.h"
 #include "diagnostics/checkpoints/ThreadReport.h"
 
 namespace guardian {
 namespace {
 
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::Not;
-using testing::StartsWith;
+// A thread that does what it is told, one thing after the other.
+class TPuppet {
+ public:
+  TPuppet() {
+    FThread.Start();
+    Do([this] { FId = CurrentThreadId(); });
+  }
+  ~TPuppet() {
+    FWork = {};
+    FGo.Signal();
+  }
+  TPuppet(const TPuppet&) = delete;
+  TPuppet& operator=(const TPuppet&) = delete;
+
+  void Do(std::function<void()> work) {
+    FWork = std::move(work);
+    FGo.Signal();
+    ASSERT_TRUE(FDone.WaitFor(std::chrono::seconds(60)));
+  }
+  void Pass(const std::string& text) {
+    Do([&text] { KZCP::Checkpoint(text); });
+  }
+  [[nodiscard]] std::int32_t Id() const { return FId; }
+
+ private:
+  void Run() {
+    while (FGo.WaitFor(std::chrono::seconds(120)) && FWork) {
+      FWork();
+      FDone.Signal();
+    }
+  }
+
+  std::int32_t FId = 0;
+  std::function<void()> FWork;
+  TKZEvent FGo{"Go"};
+  TKZEvent FDone{"Done"};
+  TFunctionThread FThread{"Puppet", [this] { Run(); }};
+};
 
 class KZCheckpointsTest : public testing::Test {
  protected:
@@ -29,126 +58,118 @@ class KZCheckpointsTest : public testing::Test {
   ~KZCheckpointsTest() override {
     KZCP::RemoveThread(KZCP::TRemoval::Forced);
     KZCP::Fini();
-    auto& switches = KZCP::Switches();
-    for (auto* flag :
-         {&switches.RawErrorLogTrace, &switches.CPFileTrace, &switches.DebugOutputTrace,
-          &switches.Profiling, &switches.History, &switches.ErrorLogTrace,
-          &switches.TimeStampErrorLogTrace, &switches.HistoryOverflow, &Settings().DebugMode}) {
-      flag->store(false);
-    }
+    ::new (&KZCP::Switches()) TCheckpointSwitches;
   }
 
   static std::string Report() { return KZCP::ThreadReport(KZCP::TReportHeader::Without); }
-};
+  static std::string Own() { return KZCP::CurrentCP(CurrentThreadId()); }
 
-// A thread that passes one checkpoint and stays until it is released.
-class TListedThread {
- public:
-  explicit TListedThread(std::string checkpoint)
-      : FThread("Listed", [this, checkpoint] {
-          KZCP::Checkpoint(checkpoint);
-          FPassed.Signal();
-          FRelease.WaitFor(std::chrono::seconds(60));
-        }) {
-    FThread.Start();
-    EXPECT_TRUE(FPassed.WaitFor(std::chrono::seconds(60)));
-  }
-  ~TListedThread() { End(); }
-  TListedThread(const TListedThread&) = delete;
-  TListedThread& operator=(const TListedThread&) = delete;
-
-  void End() {
-    FRelease.Signal();
-    FThread.Join();
-  }
-  [[nodiscard]] std::int32_t Id() const { return FThread.ThreadId(); }
-
- private:
-  TKZEvent FPassed{"Passed"};
-  TKZEvent FRelease{"Release", TEventReset::Manual};
-  TFunctionThread FThread;
+  const TSettingsBackup FSettings;
 };
 
 TEST_F(KZCheckpointsTest, ReportsEveryThreadAndTheLockItWaitsFor) {
+  const std::string mainId = std::to_string(CurrentThreadId());
   KZCP::Checkpoint("at work");
   TKZCriticalSection store("Store");
-  TFunctionThread waiter("Waiter", [&store] {
+  std::optional<TKZLockGuard> held(std::in_place, store);
+  std::atomic<std::int32_t> waiterId = 0;
+  TCrew waiter(1, [&](int) {
+    waiterId = CurrentThreadId();
     KZCP::Checkpoint("before the lock");
     const TKZLockGuard lock(store);
   });
-  std::optional<TKZLockGuard> held(std::in_place, store);
-  waiter.Start();
-  ASSERT_TRUE(Eventually([] { return Report().find("Waiting for CS") != std::string::npos; }));
-
-  const std::string mainId = std::to_string(CurrentThreadId());
-  std::vector<std::pair<int, std::string>> threads = {
+  EXPECT_TRUE(Eventually([] { return CountOf(Report(), "Waiting for CS") == 1; }));
+  std::map<int, std::string> threads = {
       {CurrentThreadId(), "Thread " + mainId + ", CP: at work\n"},
-      {waiter.ThreadId(), "Thread " + std::to_string(waiter.ThreadId()) +
-                              ", CP: before the lock\n"
-                              "Waiting for CS Store owned by thread #" +
-                              mainId + "\n"}};
-  std::sort(threads.begin(), threads.end());
+      {waiterId, "Thread " + std::to_string(waiterId) +
+                     ", CP: before the lock\nWaiting for CS Store owned by thread #" + mainId +
+                     "\n"}};
   EXPECT_EQ(KZCP::ThreadReport(KZCP::TReportHeader::With),
-            "Thread Report\n-----------------\n"
-            "Main thread ID: " +
-                mainId +
-                ", CP: at work\n"
-                "Performance Counter Resolution: 1000 ticks per second.\n\n"
+            "Thread Report\n-----------------\nMain thread ID: " + mainId +
+                ", CP: at work\nPerformance Counter Resolution: 1000 ticks per second.\n\n"
                 "Number of threads: 2\n" +
-                threads[0].second + threads[1].second);
-
+                threads.begin()->second + threads.rbegin()->second);
   held.reset();
   waiter.Join();
-  EXPECT_THAT(Report(), Not(HasSubstr("Waiting")));
 }
 
-TEST_F(KZCheckpointsTest, ReportsHistoriesInASecondPass) {
-  KZCP::Switches().History = true;
-  KZCP::Checkpoint("first");
-  KZCP::Checkpoint("");
-  KZCP::Checkpoint("last");
-  const std::string report = Report();
-  const auto secondPass = report.find("\n-----------------\n\nThread ");
-  ASSERT_NE(secondPass, std::string::npos);
-  EXPECT_THAT(report.substr(0, secondPass), Not(HasSubstr("first")));
-  EXPECT_THAT(report.substr(secondPass), HasSubstr("first"));
-}
-
-TEST_F(KZCheckpointsTest, TellsUnknownThreadsFromAMissingList) {
+// Threads that pass checkpoints, leave the list and end, while the list itself comes and goes.
+TEST_F(KZCheckpointsTest, ListsThreadsAsAModelDoesThroughARandomLife) {
+  struct TModelThread {
+    bool Listed = false;
+    bool MessageBoxFlag = false;
+    std::string Current;
+  };
+  TRandom random;
+  bool hasList = true;
+  std::map<int, TModelThread> model;
+  std::vector<std::unique_ptr<TPuppet>> puppets(3);
   KZCP::Checkpoint("main");
-  EXPECT_EQ(KZCP::CurrentCP(0), "N/A");
-  EXPECT_EQ(KZCP::CPTime(0).CPTime, 0);
-  const auto mainId = CurrentThreadId();
-  InThread([mainId] {
-    EXPECT_EQ(KZCP::CurrentCP(mainId), "main");
-    EXPECT_GT(KZCP::CPTime(mainId).CPTime, 0);
-  });
-  KZCP::Fini();
-  EXPECT_EQ(KZCP::CurrentCP(0), "NA");
-  EXPECT_EQ(KZCP::CurrentCP(mainId), "main");
-  EXPECT_EQ(Report(), "Main thread ID: " + std::to_string(mainId) + ", CP: main\n");
+  KZCP::RemoveThread();
+  const auto expectedReport = [&] {
+    std::string text = "Main thread ID: " + std::to_string(CurrentThreadId()) + ", CP: main\n";
+    if (!hasList) return text;
+    std::string lines;
+    for (const auto& [id, thread] : model) {
+      if (thread.Listed) lines += "Thread " + std::to_string(id) + ", CP: " + thread.Current + "\n";
+    }
+    return text + "Performance Counter Resolution: 1000 ticks per second.\n\nNumber of threads: " +
+           std::to_string(CountOf(lines, "Thread ")) + "\n" + lines;
+  };
+  for (int step = 0; step < 1000; ++step) {
+    auto& puppet = puppets[static_cast<std::size_t>(random.Below(3))];
+    const int act = puppet != nullptr ? random.Below(10) : 0;
+    if (act == 0) {
+      if (puppet != nullptr) model.erase(puppet->Id());
+      puppet = nullptr;
+      puppet = std::make_unique<TPuppet>();
+    }
+    TModelThread& thread = model[puppet->Id()];
+    if (act == 1) {
+      thread.MessageBoxFlag = !thread.MessageBoxFlag;
+      puppet->Do([&] { KZCP::SetMessageBoxFlag(thread.MessageBoxFlag); });
+    } else if (act == 2 || act == 3) {
+      const auto removal = act == 2 ? KZCP::TRemoval::Normal : KZCP::TRemoval::Forced;
+      puppet->Do([&] { KZCP::RemoveThread(removal); });
+      if (act == 3 || !thread.MessageBoxFlag) thread.Listed = false;
+    } else if (act == 4) {
+      KZCP::Fini();
+      hasList = false;
+      for (auto& [id, each] : model) each.Listed = false;
+    } else if (act == 5) {
+      KZCP::Init();
+      hasList = true;
+    } else if (act > 5) {
+      std::string text(static_cast<std::size_t>(random.Below(act == 6 ? 300 : 20)), 'x');
+      for (char& c : text) c = static_cast<char>('a' + random.Below(26));
+      puppet->Pass(text);
+      thread = {hasList, thread.MessageBoxFlag, text.substr(0, 255)};
+    }
+    ASSERT_EQ(Report(), expectedReport()) << "step " << step << ", act " << act;
+    const std::string unlisted = hasList ? "N/A" : "NA";
+    ASSERT_EQ(KZCP::CurrentCP(puppet->Id()), thread.Listed ? thread.Current : unlisted);
+    ASSERT_EQ(KZCP::CPTime(puppet->Id()).CPTime > 0, thread.Listed);
+  }
 }
 
-TEST_F(KZCheckpointsTest, ListsThreadsAgainAfterARestart) {
-  KZCP::Switches().History = true;
-  KZCP::Checkpoint("before");
-  KZCP::Fini();
-  KZCP::Init();
-  KZCP::Init();
-  EXPECT_THAT(Report(), HasSubstr("Number of threads: 0\n"));
-  KZCP::Checkpoint("after");
-  EXPECT_THAT(Report(), HasSubstr("Number of threads: 1\n"));
-  EXPECT_THAT(Report(), Not(HasSubstr("before"))) << "a history lives as long as its entry";
-}
-
-TEST_F(KZCheckpointsTest, UnlistsAThreadAtItsEnd) {
-  KZCP::Switches().History = true;
-  TListedThread thread("short life");
-  EXPECT_EQ(KZCP::CurrentCP(thread.Id()), "short life");
-  EXPECT_EQ(TCheckpointHistory::Owners(), 1);
-  thread.End();
-  EXPECT_EQ(KZCP::CurrentCP(thread.Id()), "N/A");
-  EXPECT_EQ(TCheckpointHistory::Owners(), 0);
+TEST_F(KZCheckpointsTest, TakesTextsOfAnyWidthAndTellsTheirTimes) {
+  const std::int64_t before = SystemTickCount();
+  const char16_t halves[] = {u'a', 0xDC00, 0xD83D, u'\u20AC', 0xD83D};
+  KZCP::Checkpoint(std::u16string_view(halves, 5));
+  EXPECT_EQ(Own(), "a\uFFFD\uFFFD\u20AC\uFFFD");
+  TShortString text;
+  text.Length = 7;
+  text.Text.fill('s');
+  KZCP::Checkpoint(text);
+  EXPECT_EQ(Own(), "sssssss");
+  KZCP::SetAllowance(7);
+  const KZCP::TCPTimes times = KZCP::CPTime(CurrentThreadId());
+  EXPECT_LE(before, times.CPTime);
+  EXPECT_LE(times.CPTime, SystemTickCount());
+  EXPECT_EQ(times.PreviousCPTime, 7);
+  const auto earlier = static_cast<double>(KZCP::ElapsedMilliseconds(before - 1500));
+  EXPECT_GE(earlier, 1500);
+  EXPECT_GE(KZCP::ElapsedSeconds(before - 1500) * 1000, earlier - 0.1);
 }
 
 // Made before the thread's first checkpoint, hence destroyed after the thread's record.
@@ -170,70 +191,41 @@ TEST_F(KZCheckpointsTest, IgnoresCheckpointsOfAThreadThatIsBeingDestroyed) {
   EXPECT_THAT(Report(), HasSubstr("Number of threads: 0\n"));
 }
 
-TEST_F(KZCheckpointsTest, KeepsAThreadWithMessageBoxFlagUnlessForced) {
-  InThread([] {
-    KZCP::Checkpoint("shown");
-    KZCP::SetMessageBoxFlag(true);
-    KZCP::RemoveThread();
-    EXPECT_THAT(Report(), HasSubstr("CP: shown\n"));
-    KZCP::RemoveThread(KZCP::TRemoval::Forced);
-    EXPECT_THAT(Report(), Not(HasSubstr("shown")));
-    KZCP::Checkpoint("back");
-    KZCP::SetMessageBoxFlag(false);
-    KZCP::RemoveThread();
-    EXPECT_THAT(Report(), Not(HasSubstr("back")));
-  });
+// Made until there are as many as there may be.
+std::vector<std::unique_ptr<TCheckpointHistory>> FurtherHistories() {
+  std::vector<std::unique_ptr<TCheckpointHistory>> histories;
+  while (auto history = TCheckpointHistory::Create()) histories.push_back(std::move(history));
+  return histories;
 }
 
-TEST_F(KZCheckpointsTest, CutsTextsTo255AndInTheHistoryTo50) {
-  KZCP::Switches().History = true;
-  const std::string text = std::string(50, 'a') + std::string(205, 'b') + std::string(45, 'c');
-  KZCP::Checkpoint(text);
-  EXPECT_EQ(KZCP::CurrentCP(CurrentThreadId()), text.substr(0, 255));
-  EXPECT_THAT(Report(), EndsWith(" " + text.substr(0, 50) + "   \n\n"));
-}
-
-TEST_F(KZCheckpointsTest, TakesTextsOfAnyWidth) {
-  const auto own = [] { return KZCP::CurrentCP(CurrentThreadId()); };
-  KZCP::Checkpoint(u"Gr\u00FC\u00DFe \u20AC \U0001F600");
-  EXPECT_EQ(own(), "Gr\u00FC\u00DFe \u20AC \U0001F600");
-  const char16_t halves[] = {u'a', 0xDC00, 0xD83D, u'b', 0xD83D};
-  KZCP::Checkpoint(std::u16string_view(halves, 5));
-  EXPECT_EQ(own(), "a\uFFFD\uFFFDb\uFFFD");
-  TShortString text;
-  text.Length = 7;
-  std::fill(text.Text.begin(), text.Text.end(), 's');
-  KZCP::Checkpoint(text);
-  EXPECT_EQ(own(), "sssssss");
-  const std::string letters = "abcdefghijklmnopqrstuvwxyz";
-  for (std::size_t length = letters.size() + 1; length-- > 0;) {
-    KZCP::Checkpoint(letters.substr(0, length));
-    EXPECT_EQ(own(), letters.substr(0, length));
-  }
-}
-
-TEST_F(KZCheckpointsTest, SwitchesHistoryOffForGoodAtThe101stOwner) {
-  std::vector<std::unique_ptr<TCheckpointRecord>> owners;
-  for (int i = 0; i < 99; ++i) {
-    owners.push_back(std::make_unique<TCheckpointRecord>());
-    ASSERT_TRUE(owners.back()->AppendHistory("owner", 1));
-  }
+TEST_F(KZCheckpointsTest, KeepsAHistoryForEachOf100ListedThreads) {
   auto& switches = KZCP::Switches();
   switches.History = true;
+  TPuppet thread;
+  thread.Pass("first");
+  thread.Pass("second");
+  const std::string report = Report();
+  const auto secondPass = report.find("\n-----------------\n\nThread ");
+  EXPECT_THAT(report.substr(0, secondPass), Not(HasSubstr("first ")));
+  EXPECT_THAT(report.substr(secondPass), HasSubstr("first "));
+  KZCP::Fini();
+  KZCP::Init();
+  thread.Pass("third");
+  EXPECT_THAT(Report(), Not(HasSubstr("second ")));
+  EXPECT_EQ(FurtherHistories().size(), 99U);
+  thread.Do([] { KZCP::RemoveThread(); });
+  InThread([] { KZCP::Checkpoint("short life"); });
+  auto others = FurtherHistories();
+  ASSERT_EQ(others.size(), 100U);
+  others.pop_back();
   KZCP::Checkpoint("hundredth");
   EXPECT_TRUE(switches.History);
-  {
-    const TListedThread refused("refused");
-    EXPECT_FALSE(switches.History);
-    EXPECT_TRUE(switches.HistoryOverflow);
-    KZCP::Checkpoint("not kept");
-    switches.History = true;  // To see what has been kept.
-    EXPECT_THAT(Report(), HasSubstr("hundredth           "));
-    EXPECT_THAT(Report(), Not(HasSubstr("not kept   ")));
-  }
-  KZCP::RemoveThread(KZCP::TRemoval::Forced);
-  owners.clear();
-  EXPECT_EQ(TCheckpointHistory::Owners(), 0);
+  thread.Pass("refused");
+  EXPECT_FALSE(switches.History);
+  EXPECT_TRUE(switches.HistoryOverflow);
+  KZCP::Checkpoint("not kept");
+  switches.History = true;  // To see what has been kept.
+  EXPECT_EQ(CountOf(Report(), " hundredth              \n\n"), 1);
 }
 
 TEST_F(KZCheckpointsTest, LeavesRogueLocksThatOthersWaitFor) {
@@ -243,27 +235,30 @@ TEST_F(KZCheckpointsTest, LeavesRogueLocksThatOthersWaitFor) {
   // Not analysed: the point of this test is a lock that is not left where it was entered.
   const auto enter = [](TKZCriticalSection& section) KZ_NO_ANALYSIS { section.Enter(); };
   const auto leave = [](TKZCriticalSection& section) KZ_NO_ANALYSIS { section.Leave(); };
-  enter(awaited);
-  enter(awaited);
-  enter(quiet);
-  TFunctionThread waiter("Waiter", [&] {
+  for (auto* section : {&awaited, &awaited, &quiet}) enter(*section);
+  TCrew waiter(1, [&](int) {
     KZCP::Checkpoint("waiter");
     const TKZLockGuard lock(awaited);
+    leave(quiet);
   });
-  waiter.Start();
-  EXPECT_TRUE(Eventually([] { return Report().find("CS Awaited") != std::string::npos; }));
+  EXPECT_TRUE(Eventually([] { return CountOf(Report(), "CS Awaited") == 1; }));
   KZCP::ReleaseRogueLocks();
+  EXPECT_NE(awaited.Holder(), CurrentThreadId());
+  // Those that were released as well: this test must end also when they were not.
+  for (auto* section : {&awaited, &awaited}) leave(*section);
   waiter.Join();
   EXPECT_EQ(awaited.Holder(), 0);
-  EXPECT_EQ(quiet.Holder(), CurrentThreadId());
-  leave(awaited);
+  EXPECT_EQ(quiet.Holder(), CurrentThreadId()) << "only its holder can leave it";
   leave(quiet);
   EXPECT_EQ(quiet.Holder(), 0);
-  const TKZLockGuard stillUsable(awaited);
 }
 
-TEST_F(KZCheckpointsTest, TracesToTheChosenOutputWithoutFolderSearch) {
+TEST_F(KZCheckpointsTest, TracesToTheChosenOutputs) {
   const TErrorLogInFolder log;
+  const TTempFolder folder;
+  Settings().TempDirectory.Set(folder.Path());
+  Settings().CommandLine = {"prog", "plain", "two words"};
+  Settings().OwnExecutablePath = "/opt/x/prog";
   auto& switches = KZCP::Switches();
   switches.ErrorLogTrace = true;
   for (const auto* text : {"one", "Find files", "Traverse", "find"}) KZCP::Checkpoint(text);
@@ -271,199 +266,115 @@ TEST_F(KZCheckpointsTest, TracesToTheChosenOutputWithoutFolderSearch) {
   KZCP::Checkpoint("stamped");
   switches.ErrorLogTrace = false;
   switches.RawErrorLogTrace = true;
-  KZCP::Checkpoint("Find raw");
-  switches.RawErrorLogTrace = false;
   switches.DebugOutputTrace = true;
   testing::internal::CaptureStderr();
-  KZCP::Checkpoint("debug");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "debug\n");
-  EXPECT_EQ(WithoutTimes(log.Text()), "CP one\nCP find\n<date> CP stamped\nFind raw\n");
-}
-
-TEST_F(KZCheckpointsTest, TracesEachThreadToItsFile) {
-  const TTempFolder folder;
-  const std::string before = Settings().TempDirectory.Copy();
-  Settings().TempDirectory.Set(folder.Path() + "/");
-  const auto commandLine = std::exchange(Settings().CommandLine, {"prog", "plain", "two words"});
-  const auto executable = std::exchange(Settings().OwnExecutablePath, "/opt/x/prog");
-  KZCP::Switches().CPFileTrace = true;
-  int id = 0;
-  InThread([&id] {
-    KZCP::Checkpoint("one");
-    KZCP::RemoveThread();
-    id = CurrentThreadId();
-  });
-  KZCP::Switches().CPFileTrace = false;
-  Settings().TempDirectory.Set(before);
-  Settings().CommandLine = commandLine;
-  Settings().OwnExecutablePath = executable;
-
-  ASSERT_EQ(NamesIn(folder).size(), 1U);
-  const std::string name = NamesIn(folder)[0];
-  EXPECT_THAT(name, testing::MatchesRegex("KZCP-prog-" + std::to_string(id) + "[0-9][0-9]*[.]log"));
-  EXPECT_EQ(WithoutTimes(folder.Read(name)),
+  KZCP::Checkpoint("Find raw");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Find raw\n");
+  ::new (&switches) TCheckpointSwitches;
+  EXPECT_EQ(Nines(log.Text()), "CP one\nCP find\n9999-99-99 99:99:99 CP stamped\nFind raw\n");
+  switches.CPFileTrace = true;
+  KZCP::Checkpoint("traced");
+  KZCP::RemoveThread();
+  ASSERT_THAT(NamesIn(folder), ElementsAre(testing::ContainsRegex("^KZCP-prog-[0-9]+[.]log$")));
+  EXPECT_EQ(Nines(folder.Read(NamesIn(folder)[0])),
             "-------------\nNEW KZCP FILE\n-------------\n"
             "exe: /opt/x/prog plain \"two words\"\n-------------\n"
-            "<time> one\n<time> REMOVING THREAD FROM CP LIST\n");
-}
-
-TEST_F(KZCheckpointsTest, ProfilesInDebugModeOnly) {
-  auto& switches = KZCP::Switches();
-  switches.Profiling = true;
-  KZCP::Init();
-  EXPECT_FALSE(switches.Profiling);
-  Settings().DebugMode = true;
-  switches.Profiling = true;
-  KZCP::Init();
-  EXPECT_TRUE(switches.Profiling);
-  const TErrorLogInFolder log;
-  KZCP::WriteProfilingResults();
-  EXPECT_THAT(log.Text(), StartsWith("Profiling Results: "));
-  InThread([] {
-    KZCP::Checkpoint("listed");
-    EXPECT_THAT(KZCP::RegistrationTrace(),
-                EndsWith(std::to_string(CurrentThreadId()) + "/listed "));
-  });
+            "99:99:99 traced\n99:99:99 REMOVING THREAD FROM CP LIST\n");
 }
 
 TEST_F(KZCheckpointsTest, SurvivesReportsWhileThreadsComeAndGo) {
   KZCP::Switches().History = true;
-  constexpr int kRounds = 40;
   std::atomic<bool> stop = false;
   std::atomic<int> rounds = 0;
+  std::atomic<KZCP::TThreadId> reporting = 0;
   // The lock dies as soon as both have been through it: a report that looked at it through a
   // stale mark would read freed memory.
-  const auto churn = [&] {
+  TCrew churn(2, [&](int) {
     while (!stop) {
-      auto shared = std::make_unique<TKZCriticalSection>("Churn");
-      TFunctionThread other("Other", [&shared] {
+      TKZCriticalSection shared("Churn");
+      std::optional<TKZLockGuard> held(std::in_place, shared);
+      TCrew other(1, [&shared](int) {
         KZCP::Checkpoint("other");
-        const TKZLockGuard lock(*shared);
+        const TKZLockGuard awaited(shared);
         KZCP::Checkpoint("other has it");
       });
-      {
-        const TKZLockGuard lock(*shared);
-        other.Start();
-        for (int i = 0; i < 100; ++i) KZCP::Checkpoint("a text of more than one word");
+      for (int i = 0; i < 100; ++i) {
+        KZCP::Checkpoint("a text of more than one word");
+        if (const auto thread = KZCP::ReportingThreadId(); thread != 0) reporting = thread;
       }
+      held.reset();
       other.Join();
       ++rounds;
     }
-  };
-  TFunctionThread first("First", churn);
-  TFunctionThread second("Second", churn);
-  first.Start();
-  second.Start();
+  });
   EXPECT_TRUE(Eventually([&] {
     EXPECT_THAT(Report(), HasSubstr("Number of threads: "));
     KZCP::ReleaseRogueLocks();
-    return rounds >= kRounds;
+    return rounds >= 40 && reporting == CurrentThreadId();
   }));
   stop = true;
-  first.Join();
-  second.Join();
+  churn.Join();
   EXPECT_THAT(Report(), HasSubstr("Number of threads: 0\n"));
-  EXPECT_EQ(TCheckpointHistory::Owners(), 0);
+  EXPECT_EQ(KZCP::ReportingThreadId(), 0);
 }
 
-class ThreadListReportTest : public testing::Test {
- protected:
-  TCheckpointRecord& Add(std::int64_t id) {
-    auto record = std::make_shared<TCheckpointRecord>();
-    FThreads.Add(id, record);
-    return *record;
+TEST(ThreadListReportTest, ShowsHistoriesFromTheNewestWithTheTimeBeforeEach) {
+  TInt64List threads{"ThreadCPList", 1000};
+  const auto add = [&threads](std::int64_t id) {
+    threads.Add(id, std::make_shared<TCheckpointRecord>());
+    return threads.Find(id);
+  };
+  const auto report = [&threads] {  // At 06:00 of some day, when the tick count is 10,000,000.
+    return ThreadListReport(threads, {46347.25, 10'000'000}, TReportDetail::WithHistory);
+  };
+  const auto ninth = add(9);
+  add(10)->Pass("quiet", 1);
+  threads.Add(9, nullptr);
+  threads.Add(8, nullptr);
+  const std::pair<std::string, std::int64_t> passed[] = {
+      {"a", 9'900'000}, {"b", 9'900'005},
+      {"", 9'900'005},  {std::string(30, 'c') + std::string(30, 'd'), 9'936'004},
+      {"e", 9'972'004},
+  };
+  for (const auto& [text, tick] : passed) EXPECT_TRUE(ninth->AppendHistory(text, tick));
+  EXPECT_EQ(report(),
+            "Number of threads: 3\nThread 8, CP: N/A\nThread 9, CP: \n"
+            "Thread 10, CP: quiet\n-----------------\n\n"
+            "Thread 8, CP: N/A\nThread 9, CP: \n"
+            "05:59:32.400 e                      {35999.00}" +
+                std::string(30, 'c') + std::string(20, 'd') +
+                "   {5.00}b                a                      \n\n"
+                "Thread 10, CP: quiet\n");
+
+  // The ring keeps 10,000; ten make a line, and the oldest has nothing before it.
+  for (int i = 1; i <= 10'001; ++i) {
+    EXPECT_TRUE(ninth->AppendHistory("cp" + std::to_string(10'000 + i), 9'000'000 + i));
   }
-  static void Pass(TCheckpointRecord& record, const std::string& text, std::int64_t tick) {
-    record.Pass(text, tick);
-    ASSERT_TRUE(record.AppendHistory(text, tick));
-  }
-  // At 06:00 of some day, when the tick count is 10,000,000.
-  [[nodiscard]] std::string Detailed() const {
-    return ThreadListReport(FThreads, {46347.25, 10'000'000}, TReportDetail::WithHistory);
-  }
-
-  TInt64List FThreads{"ThreadCPList", 1000};
-};
-
-TEST_F(ThreadListReportTest, ShowsHistoriesFromTheNewestWithTheTimeBeforeEach) {
-  auto& ninth = Add(9);
-  Add(10);
-  Add(7).Pass("quiet", 1);
-  FThreads.Add(9, nullptr);
-  FThreads.Add(8, nullptr);
-  Pass(ninth, "a", 9'900'000);
-  Pass(ninth, "b", 9'900'005);
-  Pass(ninth, "c", 9'936'004);
-  Pass(ninth, "d", 9'972'004);
-  EXPECT_EQ(Detailed(),
-            "Number of threads: 4\n"
-            "Thread 7, CP: quiet\n"
-            "Thread 8, CP: N/A\n"
-            "Thread 9, CP: d\n"
-            "Thread 10, CP: \n"
-            "-----------------\n\n"
-            "Thread 7, CP: quiet\n"
-            "Thread 8, CP: N/A\n"
-            "Thread 9, CP: d\n"
-            "05:59:32.400 "
-            "d                      "
-            "{35999.00}c            "
-            "{5.00}b                "
-            "a                      "
-            "\n\n"
-            "Thread 10, CP: \n");
+  std::string line = "05:43:30.100 ";
+  for (int i = 10'001; i > 9'991; --i)
+    line += "{1.00}cp" + std::to_string(10'000 + i) + "          ";
+  EXPECT_THAT(report(), HasSubstr("\n" + line + "\n05:43:29.99100 {1.00}cp19991"));
+  EXPECT_THAT(report(),
+              HasSubstr(" {1.00}cp10003          cp10002                \n\n\nThread 10"));
 }
 
-TEST_F(ThreadListReportTest, PutsTenEntriesOnALine) {
-  auto& record = Add(1);
-  for (int i = 0; i < 11; ++i) Pass(record, "x", 10'000'000 - 5000 * (i == 0 ? 1 : 0));
-  const std::string entry = "x                      ";
-  std::string line;
-  for (int i = 0; i < 9; ++i) line += entry;
-  EXPECT_THAT(Detailed(), EndsWith("06:00:00.0 " + line + "{5000.00}x             " +
-                                   "\n05:59:55.0 " + entry + "\n\n"));
-}
-
-TEST_F(ThreadListReportTest, OverwritesTheOldestOfTenThousand) {
-  auto& record = Add(1);
-  for (int i = 1; i <= 10'001; ++i) Pass(record, "cp" + std::to_string(i), 9'000'000 + i);
-  ASSERT_EQ(record.History()->NewestIndex(), 1);
-  EXPECT_EQ(record.History()->At(1).Text.Load().View(), "cp10001");
-  EXPECT_EQ(record.History()->At(1).Tick, 9'010'001);
-  const std::string report = Detailed();
-  const std::string history = report.substr(report.rfind(", CP: cp10001\n") + 14);
-  EXPECT_THAT(history, StartsWith("05:43:30.100 {1.00}cp10001          {1.00}cp10000          "));
-  EXPECT_THAT(history, EndsWith(" {1.00}cp3              cp2                    \n\n\n"))
-      << "the oldest has nothing before it";
-}
-
-TEST(CheckpointProfileTest, CountsTimesBelowTwentyMinutesOnly) {
+TEST(CheckpointProfileTest, ShowsWhatTookMoreThanASecondAndLessThanTwentyMinutesAtATime) {
   const auto counted = TCheckpointProfile::CountedTicks;
   EXPECT_EQ(counted(0, 500), std::nullopt);
   EXPECT_EQ(counted(500, 500), std::nullopt);
-  EXPECT_EQ(counted(500, 499), std::nullopt);
-  EXPECT_EQ(counted(500, 501), 1);
-  EXPECT_EQ(counted(1, 1'200'000), 1'199'999);
-  EXPECT_EQ(counted(1, 1'200'001), std::nullopt);
-}
-
-TEST(CheckpointProfileTest, WritesWhatTookMoreThanASecondAndForgetsAll) {
+  EXPECT_EQ(counted(501, 1'200'500), 1'199'999);
+  EXPECT_EQ(counted(501, 1'200'501), std::nullopt);
   TCheckpointProfile profile;
   profile.Account(0x80000005, "slow", 1'000);
-  profile.Account(5, "slow", 254);
+  profile.Account(5, "slow", 1);
   profile.Account(5, "quick", 1'000);
-  profile.Account(12, "a checkpoint of more than 30 columns", 1'001);
-  std::vector<std::string> lines;
-  const auto collect = [&lines](std::string_view line) { lines.emplace_back(line); };
+  std::string lines;
+  const auto collect = [&lines](std::string_view line) { lines.append(line).append("\n"); };
   profile.WriteResults(collect);
-  EXPECT_THAT(lines,
-              ElementsAre("Profiling Results: Times used just before each checkpoint.",
-                          std::string(58, '-'),
-                          "12:a checkpoint of more than 30 columns         1.00s (1 invocations)",
-                          std::string(24, ' ') + "5:slow         1.25s (2 invocations)"));
-  lines.clear();
   profile.WriteResults(collect);
-  EXPECT_EQ(lines.size(), 2U);
+  const std::string title =
+      "Profiling Results: Times used just before each checkpoint.\n" + std::string(58, '-') + "\n";
+  EXPECT_EQ(lines, title + std::string(24, ' ') + "5:slow         1.00s (2 invocations)\n" + title);
 }
 
 }  // namespace

@@ -14,7 +14,7 @@ namespace guardian {
 // A short string, a length byte and then the characters, that one thread overwrites while others
 // read it. It is made of relaxed atomic words: a reader may see a mixture of two texts, but always
 // a length within bounds, and the writer pays no more than plain stores.
-// Owner: the record it is a field of.
+// Owner: the record that it is a field of.
 // Threads: Store by one thread; Load by any.
 template <std::size_t Bytes, std::size_t MaxLength>
 class TAtomicShortText {
@@ -34,8 +34,8 @@ class TAtomicShortText {
     std::array<char, Bytes> FBytes;
   };
 
-  // Keeps the first MaxLength bytes of the text. The words are put together in registers: by way of
-  // a buffer of bytes, reading back what has just been written would cost more than the rest.
+  // Keeps the first MaxLength bytes of the text. The words are put together in registers. Through a
+  // buffer of bytes it would be slower: reading the buffer back costs more than all the rest.
   void Store(std::string_view text) noexcept {
     const std::size_t length = std::min(text.size(), MaxLength);
     StoreWord(0, FirstCharacters(text.data(), length) << 8 | length);
@@ -67,7 +67,7 @@ class TAtomicShortText {
     return word;
   }
 
-  // At least the first 7 characters of a text; zeros after its end.
+  // At least the first 7 characters of a text, then zeros.
   static std::uint64_t FirstCharacters(const char* text, std::size_t length) noexcept {
     if (length >= 8) return Read<std::uint64_t>(text);
     if (length >= 4) {
@@ -81,7 +81,8 @@ class TAtomicShortText {
     return length == 1 ? Read<std::uint8_t>(text) : 0;
   }
 
-  // The next 8 characters, or the count that is left and zeros; 7 or more stand before them.
+  // The next 8 characters; when fewer are left, those and zeros. The 7 bytes before the text can be
+  // read.
   static std::uint64_t LaterCharacters(const char* text, std::size_t left) noexcept {
     if (left >= kWordBytes) return Read<std::uint64_t>(text);
     return Read<std::uint64_t>(text + left - kWordBytes) >> (8 * (kWordBytes - left));

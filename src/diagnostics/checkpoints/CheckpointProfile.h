@@ -11,13 +11,14 @@
 
 namespace guardian {
 
-// The time that threads spent just before each checkpoint.
+// The time that threads spent just before each checkpoint. For other programs of the maker: the
+// Guardian leaves the profiling switched off.
 // Owner: the checkpoint facility.
 // Threads: any thread may call anything.
 class TCheckpointProfile {
  public:
-  // The ticks to count between two checkpoints of a thread; none when the thread had not passed
-  // any, when no time went by, or when 20 minutes or more did.
+  // The ticks to count between two checkpoints of a thread. There are none when the first one is 0
+  // (the thread had not passed any), when no time went by, or when 20 minutes or more went by.
   [[nodiscard]] static std::optional<std::int64_t> CountedTicks(std::int64_t previousTick,
                                                                 std::int64_t nowTick) noexcept;
 
@@ -34,7 +35,9 @@ class TCheckpointProfile {
     std::int64_t Invocations = 0;
     std::int64_t Ticks = 0;
   };
-  using TTable = std::map<std::string, TEntry>;  // By thread id, ":" and checkpoint text.
+
+  // The keys are thread id, ":" and checkpoint text.
+  using TTable = std::map<std::string, TEntry>;
 
   TTable TakeTable() KZ_EXCLUDES(FLock);
   static std::string ResultLine(const std::string& key, const TEntry& entry);

@@ -6,27 +6,20 @@
 namespace guardian {
 namespace {
 
-// Atomic: counted by whichever thread makes or frees a history.
-constinit std::atomic<int> historyOwners = 0;
+// How many histories exist. Atomic: any thread makes and frees its own.
+constinit std::atomic<int> histories = 0;
 
 }  // namespace
 
 std::unique_ptr<TCheckpointHistory> TCheckpointHistory::Create() {
-  struct TReservation {
-    bool Kept = false;
-    ~TReservation() {
-      if (!Kept) historyOwners.fetch_sub(1);
-    }
-  } reservation;
-  if (historyOwners.fetch_add(1) >= kMaxOwners) return nullptr;
   std::unique_ptr<TCheckpointHistory> history(new TCheckpointHistory);
-  reservation.Kept = true;
+  if (history->FOlderHistories >= kMaxOwners) return nullptr;
   return history;
 }
 
-int TCheckpointHistory::Owners() noexcept { return historyOwners.load(); }
+TCheckpointHistory::TCheckpointHistory() noexcept : FOlderHistories(histories.fetch_add(1)) {}
 
-TCheckpointHistory::~TCheckpointHistory() { historyOwners.fetch_sub(1); }
+TCheckpointHistory::~TCheckpointHistory() { histories.fetch_sub(1); }
 
 void TCheckpointHistory::Append(std::string_view text, std::int64_t tick) noexcept {
   const std::int32_t newest = FIndex.load(std::memory_order_relaxed);

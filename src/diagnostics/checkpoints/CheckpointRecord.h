@@ -34,9 +34,6 @@ class TCheckpointHistory {
   // An empty history, or null when kMaxOwners exist already. Throws std::bad_alloc.
   [[nodiscard]] static std::unique_ptr<TCheckpointHistory> Create();
 
-  // How many exist.
-  [[nodiscard]] static int Owners() noexcept;
-
   ~TCheckpointHistory();
   TCheckpointHistory(const TCheckpointHistory&) = delete;
   TCheckpointHistory& operator=(const TCheckpointHistory&) = delete;
@@ -58,13 +55,14 @@ class TCheckpointHistory {
   }
 
  private:
-  TCheckpointHistory() = default;
+  TCheckpointHistory() noexcept;
 
+  const int FOlderHistories;  // How many existed when this one was made.
   std::atomic<std::int32_t> FIndex = 0;
   std::array<TCheckpointHistoryEntry, kEntries> FEntries{};
 };
 
-// A lock that a thread waits for, as it was at one moment.
+// What a lock that a thread waits for looked like at one moment.
 struct TAwaitedLock {
   std::string Name;
   std::int32_t Holder = 0;  // Thread id, 0 when it was free at that moment.
@@ -72,14 +70,14 @@ struct TAwaitedLock {
 
 // What is known of one thread's progress.
 //
-// The awaited lock is safe to read although it belongs to somebody else: a thread marks the lock
-// before it blocks and clears the mark before it returns from Enter, both under FWaitLock, and a
-// reader looks through the mark while it holds FWaitLock. So the waiting thread cannot leave Enter
-// during the look, and a lock outlives every thread that is in its Enter.
-// Owner: shared by its thread and by ThreadCPList, so that it outlives the thread while listed.
-// Threads: Pass, AppendHistory, DropHistory, SetAllowance and SetAwaitedLock by the record's own
-// thread, the rest by any. A thread that reads the history of another holds the lock of
-// ThreadCPList, under which DropHistory is called as long as the record is listed.
+// A reader may use the awaited lock although another object owns it: a thread sets FAwaitedLock
+// before it blocks and clears it before it returns from Enter, both under FWaitLock, and a reader
+// holds FWaitLock while it uses the lock. So the waiting thread cannot return from Enter meanwhile,
+// and a lock outlives every thread that is in its Enter.
+// Owner: its thread and ThreadCPList share it, so that it outlives the thread while it is listed.
+// Threads: the record's own thread calls Pass, AppendHistory, DropHistory, SetAllowance and
+// SetAwaitedLock; any thread calls the others. A thread that reads the history of another one holds
+// the lock of ThreadCPList. While the record is listed, DropHistory is called under that lock.
 class TCheckpointRecord {
  public:
   TCheckpointRecord() = default;
@@ -92,23 +90,23 @@ class TCheckpointRecord {
     FCurrentCP.Store(text);
   }
 
-  // Adds to the history, which is made when there is none. Returns false, with nothing added, when
-  // too many threads have one already. Throws std::bad_alloc.
+  // Adds to the history, and makes it first when there is none. Returns false and adds nothing when
+  // too many threads have a history already. Throws std::bad_alloc.
   [[nodiscard]] bool AppendHistory(std::string_view text, std::int64_t tick);
   void DropHistory() noexcept;
 
-  // Seconds of silence that those who judge this thread by its checkpoint time grant on top.
+  // The seconds that this thread may be silent beyond the limit of the mutex guardian.
   void SetAllowance(std::int64_t seconds) noexcept {
     FPreviousCPTime.store(seconds, std::memory_order_relaxed);
   }
 
-  // The lock that the thread is about to block on; null when it has it. Blocks for as long as a
-  // reader copies a name.
+  // Notes the lock that the thread is about to wait for; null when it has entered it. Blocks for as
+  // long as a reader copies a name.
   void SetAwaitedLock(TKZCriticalSection* lock) KZ_EXCLUDES(FWaitLock);
 
   [[nodiscard]] std::string CurrentCP() const { return std::string(FCurrentCP.Load().View()); }
 
-  // The same for signal handlers.
+  // The current checkpoint as a copy that needs no memory, for signal handlers.
   [[nodiscard]] TAtomicShortText<256, 255>::TCopy LoadCurrentCP() const noexcept {
     return FCurrentCP.Load();
   }
@@ -118,7 +116,7 @@ class TCheckpointRecord {
     return FCPTime.load(std::memory_order_relaxed);
   }
 
-  // The second time value, handed out beside CPTime: the allowance in seconds.
+  // The allowance in seconds. The name is a given one.
   [[nodiscard]] std::int64_t PreviousCPTime() const noexcept {
     return FPreviousCPTime.load(std::memory_order_relaxed);
   }
@@ -139,9 +137,13 @@ class TCheckpointRecord {
   std::atomic<std::int64_t> FCPTime = 0;
   std::atomic<std::int64_t> FPreviousCPTime = 0;
   TAtomicShortText<256, 255> FCurrentCP;
-  std::unique_ptr<TCheckpointHistory> FHistory;  // The record's own thread only.
-  std::atomic<const TCheckpointHistory*> FPublishedHistory = nullptr;  // The same, for readers.
-  // Taken inside the lock of ThreadCPList; inside it a lock is left, but none is taken.
+
+  // The history: FHistory for the record's own thread only, FPublishedHistory for readers.
+  std::unique_ptr<TCheckpointHistory> FHistory;
+  std::atomic<const TCheckpointHistory*> FPublishedHistory = nullptr;
+
+  // A thread that holds it leaves other locks, but takes none. It is taken while the lock of
+  // ThreadCPList is held.
   mutable TMutex FWaitLock;
   TKZCriticalSection* FAwaitedLock KZ_GUARDED_BY(FWaitLock) = nullptr;
 };

@@ -40,7 +40,8 @@ void TCheckpointTrace::Write(std::string_view text) {
   static_cast<void>(WriteTextLine(file, line.append(text)));
 }
 
-// The temporary folder is everybody's: a file that is there already is not ours to write to.
+// All users can write to the temporary folder: a file that exists already may belong to another
+// user, and is not written to.
 void TCheckpointTrace::CreateFile() {
   std::string name = NewFileName();
   const TFileDescriptor file = OpenTextFile(name, TTextFileOpening::CreateNew);

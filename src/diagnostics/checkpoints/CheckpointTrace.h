@@ -6,7 +6,8 @@
 namespace guardian {
 
 // The trace file of one thread's checkpoints, in the temporary folder. It is open during a write
-// only; failures of the file are ignored.
+// only; failures of the file are ignored. For other programs of the maker: the Guardian leaves the
+// traces switched off.
 // Owner: the thread.
 // Threads: its thread only.
 class TCheckpointTrace {

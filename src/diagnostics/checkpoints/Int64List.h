@@ -11,8 +11,8 @@ namespace guardian {
 class TCheckpointRecord;
 
 // A named list of thread ids, sorted, with a checkpoint record each; a duplicate is ignored.
-// Owner: whoever creates it; it shares the records.
-// Threads: not synchronised, the owner's lock guards it.
+// Owner: the checkpoint facility. The list shares the records with their threads.
+// Threads: not synchronised; the owner's lock guards it.
 class TInt64List {
  public:
   struct TItem {

@@ -3,14 +3,17 @@
 #include <memory>
 #include <vector>
 
+#include "common/AtEnd.h"
 #include "common/Clock.h"
 #include "common/Console.h"
+#include "common/DiagnosticMessage.h"
 #include "common/ErrorLog.h"
 #include "common/Exceptions.h"
 #include "common/Mutex.h"
 #include "common/NeverDestroyed.h"
 #include "common/Settings.h"
 #include "common/Thread.h"
+#include "common/ThreadChecker.h"
 #include "common/ThreadSlot.h"
 #include "common/WideText.h"
 #include "diagnostics/checkpoints/CheckpointProfile.h"
@@ -53,23 +56,24 @@ TProcessState& Process() {
 
 constinit TCheckpointSwitches switches;
 
-// Counts the lists that have been made; 0 while there is none. Atomic: every checkpoint compares
-// it with the list its thread is in. It changes under the list's lock.
+// The number of the list that exists; 0 while there is none. Atomic: every checkpoint compares it
+// with the number of the list that its thread is in. It changes under the list's lock.
 constinit std::atomic<std::uint64_t> listGeneration = 0;
 
-constinit std::atomic<bool> profilingReady = false;      // Atomic: read by every checkpoint.
-constinit std::atomic<TThreadId> mainThreadId = 0;       // Atomic: read by reports.
-constinit std::atomic<TThreadId> reportingThreadId = 0;  // Atomic: read by any thread.
+// Atomics: any thread reads them, each for itself.
+constinit std::atomic<bool> profilingReady = false;
+constinit std::atomic<TThreadId> mainThreadId = 0;
+constinit std::atomic<TThreadId> reportingThreadId = 0;
+
 constinit thread_local bool messageBoxFlag = false;
 
-// Diagnostics never throw to their callers; what fails here is lack of memory.
+// Finds calls of Init and Fini from a second thread.
+constinit TThreadChecker mainThreadChecker;
+
+// A step of a checkpoint that is more than to note it; it can fail for lack of memory.
 template <typename TStep>
-void Attempt(const TStep& step) noexcept {
-  try {
-    step();
-  } catch (...) {
-    DebugOutput("Checkpoint step failed.");
-  }
+void TryStep(const TStep& step) noexcept {
+  Guarded("KZCP.Checkpoint", SystemClock(), step);
 }
 
 void TraceToFile(TThreadState& thread, std::string_view text) {
@@ -93,7 +97,8 @@ void AccountTime(const TThreadState& thread, std::string_view text, std::int64_t
   if (ticks) Process().Profile.Account(CurrentThreadId(), text, *ticks);
 }
 
-// Also called once when the list that the thread was in has gone.
+// Called for a thread that is not in the present list: at its first checkpoint, and at the next one
+// after the list has been freed or made anew.
 void Register(TThreadState& thread, std::string_view text) {
   constexpr std::size_t kTraceLimit = 250;
   TProcessState& process = Process();
@@ -116,7 +121,7 @@ void AppendHistory(TThreadState& thread, std::string_view text) {
   switches.History = false;
 }
 
-// The checkpoints of the folder search and traversal are too many to be written.
+// Leaves out the checkpoints of the folder search and traversal: there are too many of them.
 void TraceToErrorLog(std::string_view text) {
   if (!ErrorLog().Enabled() || text.starts_with("Find") || text.starts_with("Trav")) return;
   std::string line;
@@ -132,13 +137,13 @@ bool IsTracing() noexcept {
 
 void Pass(TThreadState& thread, std::string_view text) noexcept {
   constexpr auto kRelaxed = std::memory_order_relaxed;
-  if (IsTracing()) Attempt([&] { TracePassing(thread, text); });
+  if (IsTracing()) TryStep([&] { TracePassing(thread, text); });
   const std::int64_t now = SystemTickCount();
-  if (switches.Profiling.load(kRelaxed)) Attempt([&] { AccountTime(thread, text, now); });
+  if (switches.Profiling.load(kRelaxed)) TryStep([&] { AccountTime(thread, text, now); });
   thread.Record->Pass(text, now);
-  if (thread.ListedIn != listGeneration.load(kRelaxed)) Attempt([&] { Register(thread, text); });
-  if (switches.History.load(kRelaxed)) Attempt([&] { AppendHistory(thread, text); });
-  if (switches.ErrorLogTrace.load(kRelaxed)) Attempt([&] { TraceToErrorLog(text); });
+  if (thread.ListedIn != listGeneration.load(kRelaxed)) TryStep([&] { Register(thread, text); });
+  if (switches.History.load(kRelaxed)) TryStep([&] { AppendHistory(thread, text); });
+  if (switches.ErrorLogTrace.load(kRelaxed)) TryStep([&] { TraceToErrorLog(text); });
 }
 
 void Unlist(TThreadState& thread) {
@@ -163,7 +168,7 @@ TThreadState::~TThreadState() {
   }
 }
 
-// A thread's record: its own, or one that is listed; null when neither.
+// The record of the calling thread or of a listed one; null for any other thread.
 std::shared_ptr<TCheckpointRecord> FindRecord(TThreadId threadId) {
   if (threadId == CurrentThreadId()) {
     const TThreadState* const thread = TThisThread::Get();
@@ -173,15 +178,6 @@ std::shared_ptr<TCheckpointRecord> FindRecord(TThreadId threadId) {
   const TMutexLock lock(process.ListLock);
   return process.ThreadCPList != nullptr ? process.ThreadCPList->Find(threadId) : nullptr;
 }
-
-// Marks the calling thread as the reporting one for a scope.
-class TReportingThread {
- public:
-  TReportingThread() { reportingThreadId = CurrentThreadId(); }
-  ~TReportingThread() { reportingThreadId = 0; }
-  TReportingThread(const TReportingThread&) = delete;
-  TReportingThread& operator=(const TReportingThread&) = delete;
-};
 
 std::vector<std::string> LeaveAwaitedLocks() {
   std::vector<std::string> failures;
@@ -203,6 +199,7 @@ std::vector<std::string> LeaveAwaitedLocks() {
 TCheckpointSwitches& Switches() noexcept { return switches; }
 
 void Init() {
+  mainThreadChecker.Check();
   TraceToFile("KZCP.Init");
   if (!Settings().DebugMode) switches.Profiling = false;
   if (switches.Profiling) profilingReady = true;
@@ -215,6 +212,7 @@ void Init() {
 }
 
 void Fini(void (*endFirst)()) {
+  mainThreadChecker.Check();
   TraceToFile("KZCP.Fini");
   if (endFirst != nullptr) endFirst();
   profilingReady = false;
@@ -224,6 +222,7 @@ void Fini(void (*endFirst)()) {
   listGeneration = 0;
   process.ThreadCPList.reset();
   process.RegistrationTrace.clear();
+  mainThreadChecker.Detach();
 }
 
 void Checkpoint(std::string_view text) noexcept {
@@ -232,7 +231,7 @@ void Checkpoint(std::string_view text) noexcept {
 }
 
 void Checkpoint(std::u16string_view text) noexcept {
-  Attempt([&] { Checkpoint(std::string_view(Utf16ToUtf8(text))); });
+  TryStep([&] { Checkpoint(std::string_view(Utf16ToUtf8(text))); });
 }
 
 void Checkpoint(const TShortString& text) noexcept {
@@ -270,7 +269,7 @@ void RemoveThread(TRemoval removal) {
   TThreadState* const thread = TThisThread::Get();
   if (thread == nullptr) return;
   Unlist(*thread);
-  Attempt([&] { TraceToFile(*thread, "REMOVING THREAD FROM CP LIST"); });
+  TryStep([&] { TraceToFile(*thread, "REMOVING THREAD FROM CP LIST"); });
 }
 
 void ReleaseRogueLocks() {
@@ -289,7 +288,8 @@ std::string ThreadReport(TReportHeader header) {
   if (process.ThreadCPList == nullptr) return text;
   text += "Performance Counter Resolution: " + std::to_string(kTicksPerSecond) +
           " ticks per second.\n\n";
-  const TReportingThread reporting;
+  reportingThreadId = CurrentThreadId();
+  const TAtEnd reported([] { reportingThreadId = 0; });
   const TReportMoment moment{SystemClock().Now(), SystemTickCount()};
   const auto detail = switches.History ? TReportDetail::WithHistory : TReportDetail::Plain;
   return text.append(ThreadListReport(*process.ThreadCPList, moment, detail));

@@ -23,7 +23,7 @@ enum class TReportDetail {
 };
 
 // The part of the thread report that lists the threads, beginning with their number. The caller
-// holds the list's lock. What cannot be read of a thread turns into a fixed text.
+// holds the list's lock. A fixed text stands for each piece that cannot be read.
 [[nodiscard]] std::string ThreadListReport(const TInt64List& threads, const TReportMoment& moment,
                                            TReportDetail detail);
 

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cassert>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
@@ -27,6 +28,7 @@
 #include "common/Exceptions.h"
 #include "common/FatalSignals.h"
 #include "common/FileDescriptor.h"
+#include "common/MainThread.h"
 #include "common/Settings.h"
 #include "common/Texts.h"
 #include "diagnostics/KZCheckpoints.h"
@@ -34,7 +36,7 @@
 #include "diagnostics/exceptions/StackTrace.h"
 
 // The C++ library's demangler that allocates nothing. No header declares it, and only the static
-// library gives it away; null with the shared one.
+// library has it; null with the shared one.
 // NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming): the library's name.
 extern "C" [[gnu::weak]] int __gcclibcxx_demangle_callback(
     const char* mangled, void (*callback)(const char* text, std::size_t length, void* context),
@@ -77,7 +79,8 @@ class TSignalText {
   std::size_t FLength = 0;
 };
 
-// Loaded code. Taken down at the installation, because asking for it may block in a handler.
+// A piece of loaded code. The pieces are listed at the installation: a handler that asked for them
+// could block.
 struct TModule {
   std::uintptr_t Bias;
   std::uintptr_t Begin;
@@ -85,13 +88,14 @@ struct TModule {
   std::array<char, 64> Name;
 };
 
-// All of it has room from the start: a handler cannot ask for any.
+// Everything is allocated from the start: a handler cannot allocate.
 struct TReporter {
-  std::array<struct sigaction, kFatalSignals.size()> Previous;  // Main thread only.
-  std::array<bool, kFatalSignals.size()> Installed;             // Main thread only.
+  // What has been replaced. Main thread only.
+  std::array<struct sigaction, kFatalSignals.size()> Previous;
+  std::array<bool, kFatalSignals.size()> Installed;
 
-  // The log's name is the one that Log points to. The main thread writes the other one and turns
-  // the pointer over.
+  // Log points to the name in use. To change it, the main thread writes the other one and then
+  // sets the pointer to that.
   std::array<std::array<char, PATH_MAX>, 2> LogNames;
   std::atomic<const char*> Log;
 
@@ -103,7 +107,9 @@ struct TReporter {
   // Atomics: threads may fail at the same time. The first one reports, the others wait for it.
   std::atomic<bool> Begun;
   std::atomic<bool> Written;
-  TSignalText Text;  // The reporting thread's.
+
+  // Only the thread that reports uses it.
+  TSignalText Text;
 };
 
 constinit TReporter reporter{};
@@ -112,8 +118,11 @@ constinit TReporter reporter{};
 struct TFault {
   int Signal;
   const siginfo_t* Info;
-  std::uintptr_t Code;    // Where the thread was.
-  std::uintptr_t Caller;  // Where it came from as far as that can be told without the stack's help.
+
+  // Where the thread was, and the return address of the innermost call as a register or the top of
+  // the stack has it.
+  std::uintptr_t Code;
+  std::uintptr_t Caller;
 };
 
 std::string_view NameOf(int signal) noexcept {
@@ -133,7 +142,7 @@ std::string_view NameOf(int signal) noexcept {
   }
 }
 
-// By way of the kernel, which refuses an address that is not there. 0 when it does.
+// Reads through a system call, so that a bad address gives 0 instead of a fault.
 [[maybe_unused]] std::uintptr_t ReadWord(std::uintptr_t address) noexcept {
   std::uintptr_t word = 0;
   const iovec to{.iov_base = &word, .iov_len = sizeof(word)};
@@ -169,7 +178,7 @@ void AddPlace(TSignalText& text, std::uintptr_t code) noexcept {
   text.Add(" (").Add(module->Name.data()).Add("+").AddHex(code - module->Bias).Add(")");
 }
 
-// The library's local time would take locks.
+// In UTC, since the C library takes locks for the local time.
 void AddUtcTime(TSignalText& text) noexcept {
   constexpr std::int64_t kUnixEpochDays = 25'569;
   constexpr int kSecondsPerDay = 86'400;
@@ -221,7 +230,7 @@ TStack StackOf(const TFault& fault) noexcept {
   const std::size_t count = CaptureStack(frames, 0);
   TStack stack{};
   stack.Code[stack.Count++] = fault.Code;
-  bool reached = false;  // What lies before the fault is this handler.
+  bool reached = false;  // The frames above the faulting one belong to this handler.
   for (const void* frame : std::span(frames).first(count)) {
     const auto address = reinterpret_cast<std::uintptr_t>(frame);
     if (reached && stack.Count < stack.Code.size()) stack.Code[stack.Count++] = address - 1;
@@ -300,7 +309,8 @@ void WriteReport(const TFault& fault) noexcept {
   ::close(file);
 }
 
-// A thread that waits here would end the process before the report is written.
+// Without this wait, the second thread to crash would end the process before the first one has
+// written its report.
 void WaitForReport() noexcept {
   constexpr int kRounds = 500;
   constexpr int kRoundMs = 10;
@@ -315,7 +325,7 @@ void OnFatalSignal(int signal, siginfo_t* info, void* context) {
   } else {
     WaitForReport();
   }
-  // Pending until this handler returns; the core then shows the place of the fault.
+  // The signal stays pending until this handler returns; so the core shows the place of the fault.
   ::signal(signal, SIG_DFL);
   ::raise(signal);
   errno = savedErrno;
@@ -357,6 +367,7 @@ void Install(std::size_t index) noexcept {
 }  // namespace
 
 void InstallFatalSignalReports() noexcept {
+  assert(IsMainThread());
   static const TAlternateSignalStack mainThreadStack;
   CopyText(reporter.Executable, Settings().OwnExecutablePath);
   reporter.ModuleCount = 0;
@@ -369,6 +380,7 @@ void InstallFatalSignalReports() noexcept {
 }
 
 void RemoveFatalSignalReports() noexcept {
+  assert(IsMainThread());
   for (std::size_t i = 0; i < kFatalSignals.size(); ++i) {
     if (!reporter.Installed[i]) continue;
     ::sigaction(kFatalSignals[i], &reporter.Previous[i], nullptr);
@@ -377,6 +389,7 @@ void RemoveFatalSignalReports() noexcept {
 }
 
 void SetFatalSignalLog(const std::string& fileName) noexcept {
+  assert(IsMainThread());
   if (fileName.empty()) return reporter.Log.store(nullptr);
   auto& names = reporter.LogNames;
   auto& unused = reporter.Log.load() == names[0].data() ? names[1] : names[0];

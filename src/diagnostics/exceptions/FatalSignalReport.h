@@ -5,21 +5,23 @@
 namespace guardian {
 
 // The last words of the process: on SEGV, ABRT, BUS, FPE and ILL a short report goes to the
-// exceptions log, then the signal ends the process as it would have without us. The report names
-// the signal, the place of the fault, the thread with its current checkpoint, and the stack. It is
-// made of async-signal-safe calls only and is written in parts, the surest first: a fault or a hang
-// in a later part leaves the earlier ones.
+// exceptions log, then the signal ends the process as it would have without a handler. The report
+// names the signal, the place of the fault, the thread with its current checkpoint, and the stack.
+// It is made of async-signal-safe calls only and is written in parts, the safest first: a fault or
+// a hang in a later part leaves the earlier parts in the log.
 //
-// A signal that somebody else handles already, as the sanitizers do, is left to them. Threads of
-// TThread have a stack of their own for it and are reported even when their stack has overflowed.
-// Owner: process-wide; the start of the exception reports installs them, their stop removes them.
-// Threads: the main thread calls the operations, and has memory for its handlers from the first
-// installation on.
+// A signal that has a handler already, such as the sanitizers', keeps it. Threads of TThread have a
+// second stack for the handler and are reported even when their stack has overflowed; the main
+// thread gets one at the first installation.
+// Owner: process-wide; the start of the exception reports installs the handlers, their stop removes
+// them.
+// Threads: the main thread calls these functions.
 
 void InstallFatalSignalReports() noexcept;
 void RemoveFatalSignalReports() noexcept;
 
-// The file that the reports are appended to; empty for none. May be called while installed.
+// Sets the file that the reports are appended to; an empty name for no reports. May be called while
+// the handlers are installed.
 void SetFatalSignalLog(const std::string& fileName) noexcept;
 
 }  // namespace guardian

@@ -16,7 +16,7 @@ struct TPipeCounters {
 
 // The one object, from the start of the process to its end.
 inline TPipeCounters& PipeCounters() noexcept {
-  static TPipeCounters counters;
+  static constinit TPipeCounters counters;
   return counters;
 }
 

@@ -23,15 +23,15 @@ std::string NumberText(TDateTime value) {
   return std::string(std::string_view(text.data(), end));
 }
 
-// 0 for a text that is no number.
+// 0 for a text that is not a number.
 TDateTime NumberOf(const std::string& text) {
   TDateTime value = 0;
   const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
   return result.ec == std::errc() ? value : 0;
 }
 
-// Whether the hour counted from the stored time is over; the store has the new time then. The
-// stored one is handed out.
+// Whether more than an hour has passed since the stored time; if so, the new time is stored. Sets
+// `stored` to the time that was found.
 bool Take(TKZCustomINIFile& store, TDateTime now, TDateTime& stored) {
   stored = NumberOf(store.ReadString(kSection, kKey, ""));
   if (!DetailIsDue(stored, now)) return false;
@@ -44,13 +44,13 @@ bool Take(TKZCustomINIFile& store, TDateTime now, TDateTime& stored) {
 
 bool DetailIsDue(TDateTime last, TDateTime now) noexcept {
   constexpr TDateTime kHour = 1.0 / 24;
-  // The stored text is rounded, by less than a second.
+  // The stored text is rounded by less than a second.
   return last < now - kHour || last > now + kSecond;
 }
 
 bool TReportThrottle::Admit(TDateTime now, const TStoreOpener& openStore) noexcept {
   TDateTime last = FLast.load();
-  // Of threads that report at the same time one goes on.
+  // Of several threads that report at the same time, one goes on.
   if (!DetailIsDue(last, now) || !FLast.compare_exchange_strong(last, now)) return false;
   bool due = true;
   Guarded("TReportThrottle.Admit", SystemClock(), [&] {

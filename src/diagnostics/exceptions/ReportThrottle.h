@@ -12,16 +12,17 @@ namespace guardian {
 // Opens the settings store for one use; null when there is none. May throw.
 using TStoreOpener = std::function<std::unique_ptr<TKZCustomINIFile>()>;
 
-// Whether an hour is over since the last time, both in UTC. A time of the future, left by a clock
-// that has been set back, does not count.
+// Whether more than an hour has passed since the last time, both in UTC. A last time in the future,
+// which a clock that has been set back leaves, counts as long ago.
 [[nodiscard]] bool DetailIsDue(TDateTime last, TDateTime now) noexcept;
 
-// Lets one complete thread report an hour into the log, restarts of the process included.
-// Threads: any. The time is an atomic, so that nobody waits while somebody else uses the store.
+// Lets one complete thread report an hour into the log, also across restarts of the process.
+// Threads: any. The time is an atomic, so that no thread waits while another one uses the store.
 class TReportThrottle {
  public:
-  // Whether the report at this time (UTC) is the one; the store then has its time. The store is
-  // opened at most once an hour. Without one, or when it fails, the process's own memory decides.
+  // Whether the report of this time (UTC) gets the thread report; if so, the time is kept in the
+  // store. The store is opened at most once an hour. Without a store, or when it fails, only the
+  // time in memory counts.
   [[nodiscard]] bool Admit(TDateTime now, const TStoreOpener& openStore) noexcept;
 
   void Forget() noexcept { FLast.store(0); }

@@ -15,13 +15,13 @@
 namespace guardian {
 namespace {
 
-// What cannot be read stays unknown.
+// A name that cannot be read stays unknown.
 void IgnoreError(void* /*context*/, const char* /*message*/, int /*errorNumber*/) {}
 
-// What the library has read so far, which it enlarges with each look-up.
+// Guards what the library has read so far: each look-up adds to it.
 TMutex stateLock;
 
-// Reads nothing yet. Never freed, like all that it will read.
+// Reads nothing yet. Never freed, like everything that the library reads later.
 backtrace_state* State() noexcept {
   constexpr int kNotThreaded = 0;
   static backtrace_state* const state =
@@ -29,10 +29,9 @@ backtrace_state* State() noexcept {
   return state;
 }
 
-// The debug information tells of inlined functions, files and lines; but of a function without a
-// name for the linker of its own, such as one of an anonymous namespace, only the last part of its
-// name. So the function that holds the address, which comes last, gets its name from the symbol
-// table.
+// The debug information has inlined functions, files and lines. But for a function without a
+// linkage name (one of an anonymous namespace) it gives only the last part of the function's name.
+// So the function that holds the address, which comes last, gets its name from the symbol table.
 struct TVisit {
   void (*Visit)(void* context, const TCodePlace& place);
   void* Context;
@@ -62,7 +61,8 @@ std::string HexText(std::uintptr_t number, const char* format) {
   return text;
 }
 
-// The module that the code is in and where, as addr2line takes it; empty when it is in none.
+// The module that the code is in, and its place there in the form that addr2line takes; empty when
+// the code is in no module.
 std::string ModulePlace(std::uintptr_t code) {
   Dl_info info{};
   link_map* module = nullptr;
@@ -104,7 +104,7 @@ void AddLine(void* frame, const TCodePlace& place) {
 void TryVisitCodePlaces(std::uintptr_t address,
                         void (*visit)(void* context, const TCodePlace& place),
                         void* context) noexcept {
-  // A signal may come in the middle of a look-up of its own thread.
+  // A signal may come while its own thread looks an address up.
   if (!stateLock.TryLock()) return;
   VisitLocked(address, visit, context);
   stateLock.Unlock();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cassert>
 #include <cstdlib>
 #include <memory>
 #include <utility>
@@ -11,6 +12,7 @@
 #include "common/DiagnosticMessage.h"
 #include "common/ErrorLog.h"
 #include "common/Exceptions.h"
+#include "common/MainThread.h"
 #include "common/Mutex.h"
 #include "common/NeverDestroyed.h"
 #include "common/Settings.h"
@@ -56,13 +58,13 @@ void SetOptions(TExceptionReportOptions options) {
 constinit std::atomic<int> reportsInProgress = 0;
 constinit std::atomic<bool> handling = false;
 
-class TBusy {
- public:
-  TBusy() { ++reportsInProgress; }
-  ~TBusy() { --reportsInProgress; }
-  TBusy(const TBusy&) = delete;
-  TBusy& operator=(const TBusy&) = delete;
-};
+// Runs a step of a report, which counts as a report in progress meanwhile.
+template <typename TStep>
+void Report(std::string_view where, const TStep& step) noexcept {
+  ++reportsInProgress;
+  Guarded(where, SystemClock(), step);
+  --reportsInProgress;
+}
 
 bool IsHarmless(const TExceptionDetails& details) {
   constexpr std::array<std::string_view, 4> kHarmless{
@@ -73,10 +75,11 @@ bool IsHarmless(const TExceptionDetails& details) {
          details.ClassName.find("Socket") != std::string::npos;
 }
 
-// Whole lines. "N/A" when it fails: the rest of an exception's report is worth more.
+// Whole lines. "N/A" when it fails: a failing thread report must not cost the rest of an
+// exception's report.
 std::string ThreadReportOrNote() noexcept try {
   std::string report = KZCP::ThreadReport(KZCP::TReportHeader::With);
-  // The report of a thread's broken lock may stand without one.
+  // The line for a lock that cannot be read has no line feed.
   if (!report.ends_with('\n')) report += '\n';
   return report;
 } catch (...) {
@@ -93,8 +96,8 @@ std::string StringForm(const TExceptionDetails& details, const std::string& wher
       threadReport == TThreadReportPart::With ? ThreadReportOrNote() : std::string());
 }
 
-// Ends in a line feed. The thread report is asked for whatever the exception: also a harmless one
-// that is written uses up the hour's.
+// Ends in a line feed. Even a harmless exception, which has no thread report, counts as this hour's
+// report.
 std::string FileForm(const TExceptionDetails& details, const std::string& where) {
   const TOptions options = Options();
   const bool withThreads = Settings().DebugMode ||
@@ -104,7 +107,7 @@ std::string FileForm(const TExceptionDetails& details, const std::string& where)
                            options->Heading, withThreads ? ThreadReportOrNote() : std::string());
 }
 
-// As one entry of a log that adds the line feed.
+// Hands the report over as one entry of a log that adds the line feed.
 void WriteEntry(const TReportTarget& target, std::string_view report) {
   target(report.substr(0, report.size() - 1));
 }
@@ -153,7 +156,8 @@ void HandleEscaped(const std::string& threadName, const std::exception_ptr& erro
   HandleException(error, TLogToFiles::Yes, "Thread " + threadName);
 }
 
-// For what nobody catches. The process then ends by SIGABRT, which is reported for itself.
+// Reports an exception that nothing catches. The process then ends by SIGABRT, which makes a report
+// of its own.
 [[noreturn]] void HandleUnhandled() {
   static std::atomic<bool> begun = false;
   const std::exception_ptr error = std::current_exception();
@@ -167,6 +171,7 @@ void HandleEscaped(const std::string& threadName, const std::exception_ptr& erro
 }  // namespace
 
 void StartExceptionReports(TExceptionReportOptions options) {
+  assert(IsMainThread());
   KZCP::Checkpoint("KZExceptionReport ini");
   SetOptions(std::move(options));
   TThread::SetExceptionHandler(&HandleEscaped);
@@ -177,11 +182,12 @@ void StartExceptionReports(TExceptionReportOptions options) {
 }
 
 void StopExceptionReports() {
+  assert(IsMainThread());
   RemoveFatalSignalReports();
   std::set_terminate(Reports().PreviousTerminate);
   TThread::SetExceptionHandler({});
   SetOptions({});
-  // The hour is kept in the store, if anywhere.
+  // Only the store keeps the hour beyond the stop.
   Reports().Throttle.Forget();
 }
 
@@ -191,31 +197,25 @@ bool IsHarmless(const std::exception_ptr& error) { return IsHarmless(DescribeExc
 
 void GetExceptionReport(std::string& text, const std::exception_ptr& error,
                         const std::string& where, TThreadReportPart threadReport) noexcept {
-  const TBusy busy;
-  Guarded("GetExceptionReport", SystemClock(),
-          [&] { text = StringForm(DescribeException(error), where, threadReport); });
+  Report("GetExceptionReport",
+         [&] { text = StringForm(DescribeException(error), where, threadReport); });
 }
 
 void WriteExceptionReport(const std::exception_ptr& error, const std::string& where,
                           const TReportTarget& target) noexcept {
-  const TBusy busy;
-  Guarded("WriteExceptionReport", SystemClock(),
-          [&] { Write(DescribeException(error), where, target); });
+  Report("WriteExceptionReport", [&] { Write(DescribeException(error), where, target); });
 }
 
 void HandleException(const std::exception_ptr& error, TLogToFiles logToFiles,
                      const std::string& where) noexcept {
-  // Kept so: what reaches another thread's handler meanwhile is not reported. One failure often
-  // brings others with it, and the first one counts.
+  // An exception that reaches another thread's handler meanwhile is not reported, on purpose: one
+  // failure often brings others with it, and the first one counts.
   if (handling.exchange(true)) return;
-  {
-    const TBusy busy;
-    Guarded("HandleException", SystemClock(), [&] {
-      const TExceptionDetails details = DescribeException(error);
-      if (IsHarmless(details)) return HandleHarmless(details, where);
-      HandleFault(details, logToFiles, where);
-    });
-  }
+  Report("HandleException", [&] {
+    const TExceptionDetails details = DescribeException(error);
+    if (IsHarmless(details)) return HandleHarmless(details, where);
+    HandleFault(details, logToFiles, where);
+  });
   handling.store(false);
 }
 

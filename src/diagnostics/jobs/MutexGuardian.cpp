@@ -41,7 +41,7 @@ void CloseByForce(TMutexEntry& entry, TDateTime now, TMutexRegistry& registry)
   entry.Info.CallbackDone = false;
   entry.Info.FreedReported = false;
   entry.Info.FreedAt = now;
-  // Last: a handle that is none ends the pass, and the entry is reported all the same.
+  // The last step: an invalid handle ends the pass, and the entry is reported all the same.
   CloseMutex(entry.Info, registry.Clock());
 }
 
@@ -54,8 +54,8 @@ void JudgeForFreeing(TMutexEntry& entry, const TPassMoment& now, TMutexRegistry&
     info.FreeStrikes = 0;
     return;
   }
-  // Three strikes do not free: it is the fourth pass in a row that closes. So an owner has a minute
-  // to pass a checkpoint after the machine was asleep.
+  // Three strikes do not free the mutex; the fourth pass in a row does. So an owner has a minute to
+  // pass a checkpoint after the machine was asleep.
   if (info.FreeStrikes < kStrikes) {
     ++info.FreeStrikes;
     return;
@@ -131,8 +131,8 @@ void TReportingPass::JudgeMainThread() {
 }
 
 void TReportingPass::ReportMainThread(const TInactivity& mainThread) {
-  // Counts although only an entry's turn writes the report: with an empty registry, where no job
-  // mutex can be in anybody's way, none is written.
+  // Counted here; the report is written when the loop reaches an entry. So none is written while
+  // the registry is empty, on purpose: there is no job mutex that a job could wait for.
   ++FRegistry.Reporting.MainReports;
   FRegistry.ReportNeeded = true;
   FRegistry.Reporting.LastMainReport = FNow.Now;
@@ -149,7 +149,7 @@ void TReportingPass::JudgeEntry(TMutexEntry& entry) {
 void TReportingPass::ReportFreed(TMutexInfo& info) {
   if (!info.CallbackDone) {
     info.CallbackDone = true;
-    // One callback that fails shall not keep the report of what was freed from being written.
+    // A failing callback must not keep the report from being written.
     if (info.OnFreed && !Guarded("TMutexGuardianReportThread.OnFreed", FRegistry.Clock(),
                                  [&info] { info.OnFreed(info.RegisteredHandle); })) {
       FRegistry.ReportingMalfunction = true;
@@ -196,8 +196,9 @@ void TReportingPass::ReportOwner(TMutexInfo& info, const TInactivity& owner) {
                        : std::string(" Main Thread no longer exists")));
 }
 
-// Nothing is reset here: once a report is due, each further entry of the pass writes one with all
-// that has come together. Three entries of which the first was freed make three reports.
+// Resets nothing, on purpose: once a report is due, each further entry of the pass writes one with
+// the whole message so far. With three entries, of which the first was freed, there are three
+// reports.
 void TReportingPass::WriteWhenDue() const {
   if (FDue) WriteRunReport(FRegistry, FMessage);
 }

@@ -12,6 +12,8 @@
 
 namespace guardian {
 
+// The two threads that watch over the job mutexes. job_mutex.h starts them.
+
 // The moment of a pass: an instant of SteadyNow(), and the tick count in milliseconds that
 // checkpoint times are compared with.
 struct TPassMoment {
@@ -23,28 +25,29 @@ struct TPassMoment {
   }
 };
 
-// The time values of a thread, all 0 for one that has no checkpoint record.
+// Returns the time values of a thread, all 0 for a thread without a checkpoint record.
 using TCheckpointLookup = std::function<KZCP::TCPTimes(KZCP::TThreadId threadId)>;
 
 // One pass of the freeing thread: closes each job mutex whose owner has been inactive beyond the
-// limit in this pass and in the three before it. Holds the registry's lock; blocks for up to a
-// second for each file that it closes. An exception ends the pass and is named in the error log.
+// limit in this pass and in the three passes before it. Holds the registry's lock; blocks for up to
+// a second for each file that it closes. An exception ends the pass and is named in the error log.
 void FreeInactiveMutexes(const TPassMoment& now, TMutexRegistry& registry,
                          const TCheckpointLookup& lookUp) noexcept;
 
-// One pass of the reporting thread: calls the on-freed callbacks and writes run reports for what
-// was freed, for a main thread or an owner that is inactive, and for job mutexes that are too old.
-// Holds the registry's lock. What fails sets ReportingMalfunction and is named in the error log.
+// One pass of the reporting thread: calls the on-freed callbacks and writes run reports for freed
+// job mutexes, for an inactive main thread or owner, and for job mutexes that are too old. Holds
+// the registry's lock. A failure sets ReportingMalfunction and is named in the error log.
 void ReportInactivity(const TPassMoment& now, TMutexRegistry& registry,
                       const TCheckpointLookup& lookUp) noexcept;
 
 // A thread that makes a pass over the registry about every 20 seconds.
-// Owner: whoever starts the guardian; destroying it ends it after the pass under way.
+// Owner: job_mutex.cpp; destroying it ends it after the pass under way.
+// Threads: its owner creates, starts and destroys it.
 // Lifetime: the registry and its clock outlive it. A derived class calls Join first in its
 // destructor.
 class TMutexGuardianThread : public TThread {
  public:
-  // Throws nothing, and is told the moment of the pass by the registry's clock.
+  // What a pass does. The moment is that of the registry's clock.
   using TPass = void (*)(const TPassMoment& now, TMutexRegistry& registry,
                          const TCheckpointLookup& lookUp) noexcept;
 

@@ -9,8 +9,8 @@
 namespace guardian {
 namespace {
 
-// Two handles of 0 are equal, whatever the numbers: an entry that was freed by force goes with the
-// next unregistration that has no handle, also another job's.
+// An entry that the guardian has freed by force has the handle 0. So it matches every
+// unregistration with the handle 0, whatever the numbers, also that of another job.
 bool Matches(const TMutexInfo& info, TFileHandle handle, std::int32_t mutexNumber) {
   if (info.Handle == handle) return true;
   return (info.Handle == 0 || handle == 0) && info.MutexNumber == mutexNumber;
@@ -72,7 +72,7 @@ bool TMutexRegistry::RemoveMatching(TFileHandle handle, std::int32_t mutexNumber
   return found;
 }
 
-// The job is over: an entry that cannot be closed goes all the same.
+// A failure is reported only: the job is over, and the entry is removed all the same.
 void TMutexRegistry::CloseLeftOpen(TMutexEntry& entry) {
   const std::string where = "UnregisterMutex " + entry.Name;
   ReportNeeded = true;

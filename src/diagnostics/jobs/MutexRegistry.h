@@ -15,7 +15,7 @@
 
 namespace guardian {
 
-// The detailed report of one profile, as the program that holds its job mutex renders it.
+// The detailed report of one profile. The program that holds the profile's job mutex renders it.
 class TProfileReport {
  public:
   TProfileReport() = default;
@@ -30,11 +30,12 @@ class TProfileReport {
 // Called while a run report is written; may throw.
 using TReportProvider = std::function<std::unique_ptr<TProfileReport>()>;
 
-// Called once, with the handle as it was registered, after a mutex was freed by force; may be
-// empty.
+// Called once, with the handle as it was registered, after the guardian has freed a mutex by force;
+// may be empty.
 using TMutexFreedCallback = std::function<void(TFileHandle registeredHandle)>;
 
-// One registered job mutex: who holds it and since when. Instants are those of SteadyNow().
+// One registered job mutex: which thread holds it, and since when. Instants are those of
+// SteadyNow().
 struct TMutexInfo {
   std::string ProfileName;
   TReportProvider ReportProvider;
@@ -56,27 +57,27 @@ struct TMutexInfo {
 struct TMutexEntry {
   std::string Name;
   TMutexInfo Info;
-  bool Listed = true;  // False from its unregistration on, for a walk that comes to it later.
+  bool Listed = true;  // False from its unregistration on; a walk that reaches it then skips it.
 };
 
-// Sets the handle to 0 and closes what it was, blocking for up to a second; the caller holds the
-// registry's lock. Throws KZException for what is no file object's; the handle is 0 then as well,
-// so that no walk ends at this entry again.
+// Sets the entry's handle to 0 and closes the file, blocking for up to a second; the caller holds
+// the registry's lock. Throws KZException when the handle is not a file object's. The handle is 0
+// then as well, so that no walk ends at this entry again.
 void CloseMutex(TMutexInfo& info, TClock& clock);
 
 using TMutexEntries = std::vector<std::shared_ptr<TMutexEntry>>;
 
-// What the guardian is set to. Minutes below 1 switch a check off.
+// The settings of the guardian threads. Minutes below 1 switch a check off.
 struct TMutexGuardianSettings {
   int MaxAgeMinutes = 0;
   int MainThreadInactivityMinutes = 2;
   int JobMutexInactivityMinutes = 10;
 
-  // Gets every message of the guardian; discards it where it is empty.
+  // Receives the messages of the guardian; empty to discard them.
   std::function<void(std::string_view text)> LogHook;
-  // Is told of each run report before it is written; may be empty.
+  // Receives the reason and path of each run report before it is written; may be empty.
   std::function<void(const std::string& text)> ReportLog;
-  // Of the run reports; empty for the log directory, or while there is none for the temporary one.
+  // The folder of the run reports; empty for LogFolder().
   std::string ReportFolder;
 };
 
@@ -85,7 +86,7 @@ struct TMutexReportingState {
   std::int32_t MainStrikes = 0;
   std::int32_t MainReports = 0;
   TDateTime LastMainReport = 0;
-  TDateTime LastProfileReport = 0;  // One for all entries.
+  TDateTime LastProfileReport = 0;  // Shared by all entries.
 };
 
 // The list of the job mutexes that the process holds.
@@ -95,7 +96,7 @@ struct TMutexReportingState {
 // must not change hands between the judgement and the report of it. The lock can be entered again,
 // so all of these may register and unregister; they must not wait for another thread that does.
 // Owner: MutexRegistry() is process-wide; a test owns its own.
-// Threads: any thread may call anything; Settings is set before the guardian threads are started
+// Threads: any thread may call anything. Settings is set before the guardian threads are started,
 // and constant from then on.
 class TMutexRegistry {
  public:
@@ -103,8 +104,10 @@ class TMutexRegistry {
   TMutexRegistry(const TMutexRegistry&) = delete;
   TMutexRegistry& operator=(const TMutexRegistry&) = delete;
 
-  // Makes an empty list when there is none; frees it with all its entries, whose files stay open.
+  // Makes an empty list when there is none.
   void CreateList() KZ_EXCLUDES(Lock);
+
+  // Frees the list with its entries; open files stay open.
   void FreeList() KZ_REQUIRES(Lock);
 
   // Adds an entry that the calling thread owns and returns its index. Does nothing and returns 0
@@ -113,26 +116,27 @@ class TMutexRegistry {
                TReportProvider reportProvider, TMutexFreedCallback onFreed,
                std::int32_t mutexNumber) KZ_EXCLUDES(Lock);
 
-  // Removes every entry with the handle, and, where either handle is 0, every one with the number.
-  // An entry that is still open although the given handle is 0 is closed. Names an unknown handle
-  // above 0 in the error log. Never throws for what goes wrong with an entry.
+  // Removes every entry that has the given handle. When the given handle or that of the entry is 0,
+  // an entry with the given number is removed, too. An entry that is still open although the given
+  // handle is 0 is closed. Names an unknown handle above 0 in the error log. A failure with one
+  // entry is not thrown.
   void Unregister(TFileHandle handle, std::int32_t mutexNumber) KZ_EXCLUDES(Lock);
 
-  // The entries in list order, none while there is no list. A copy, so that whatever runs in a walk
-  // may change the list; the walk leaves out what is no longer Listed when it comes there.
+  // The entries in list order, none while there is no list. It is a copy, so that callbacks may
+  // change the list during a walk; the walk skips an entry that is no longer Listed.
   [[nodiscard]] TMutexEntries Entries() const KZ_REQUIRES(Lock);
 
   // The names, each followed by a line feed.
   [[nodiscard]] std::string ListText() const KZ_REQUIRES(Lock);
 
-  // Hands a message to the log hook; throws what that throws.
+  // Hands a message to the log hook. An exception of the hook is thrown on.
   void Log(std::string_view text) const;
 
   [[nodiscard]] TClock& Clock() const noexcept { return FClock; }
 
   TMutexGuardianSettings Settings;
 
-  // Atomics: set by either guardian thread, each independent of the others.
+  // Atomics: either guardian thread sets them, each independent of the others.
   std::atomic<bool> ReportNeeded = false;
   std::atomic<bool> ReportingMalfunction = false;
   std::atomic<bool> MalfunctionReported = false;

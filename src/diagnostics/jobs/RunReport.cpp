@@ -27,8 +27,9 @@ std::int64_t Milliseconds(TDateTime days) {
   return std::llround(days * static_cast<double>(kMillisecondsPerDay));
 }
 
-// A new file in the place of an older one, also of a symbolic link: the folder may be everybody's.
-// Another process may make one of the same name in between.
+// Replaces an older file by a new one, and does not follow a symbolic link: all users may be able
+// to write to the folder. Tries again when another process makes a file of the same name in
+// between.
 TFileDescriptor CreateReplacing(const std::string& path) {
   constexpr int kAttempts = 5;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
@@ -39,7 +40,7 @@ TFileDescriptor CreateReplacing(const std::string& path) {
   throw ESystemError("create", path, errno);
 }
 
-// A report while it is written.
+// A report file that is being written.
 class TReportFile {
  public:
   explicit TReportFile(std::string path) : FPath(std::move(path)), FFile(CreateReplacing(FPath)) {}
@@ -92,8 +93,8 @@ void WriteContents(const TReportFile& file, TMutexRegistry& registry, std::strin
   file.WriteLine("");
   file.WriteLine(std::string("Reason for this Report: ").append(reason));
   file.WriteLine("");
-  file.WriteLine(
-      "#Active Pofiles With Job Mutex Names");  // The misspelling stays: it is searched for.
+  // The misspelling stays: other programs search for it.
+  file.WriteLine("#Active Pofiles With Job Mutex Names");
   for (const auto& entry : registry.Entries()) file.WriteLine(EntryLine(*entry, registry.Clock()));
   file.WriteLine("");
   file.WriteLine(KZCP::ThreadReport(KZCP::TReportHeader::With));
@@ -129,10 +130,10 @@ void TryWriteRunReport(TMutexRegistry& registry, std::string_view reason) {
   registry.Log("Report File Created: " + path);
 }
 
-// The folder that an activity report was last given.
+// The folder of the last activity report that was given one.
 class TRememberedFolder {
  public:
-  // The folder to use for the given one.
+  // Returns the folder to use: the given one, which is remembered, else the remembered one.
   std::string Choose(std::string_view given) KZ_EXCLUDES(FLock) {
     constexpr std::size_t kMaxRemembered = 255;
     const TMutexLock lock(FLock);
@@ -191,16 +192,11 @@ void WriteRunReport(TMutexRegistry& registry, std::string_view reason) noexcept 
 void WriteRunReport(std::string_view reason) noexcept { WriteRunReport(MutexRegistry(), reason); }
 
 void SaveActivityReport(std::string_view folder, std::string_view name) noexcept {
-  SaveActivityReport(folder, name, SystemClock());
-}
-
-void SaveActivityReport(std::string_view folder, std::string_view name,
-                        const TClock& clock) noexcept {
-  Guarded("SaveActivityReport", clock, [&] {
+  Guarded("SaveActivityReport", SystemClock(), [&] {
     KZCP::Checkpoint("SaveReport");
     const std::string report = KZCP::ThreadReport(KZCP::TReportHeader::With);
-    WriteActivityReport(
-        JoinPath(RememberedFolder().Choose(folder), ActivityFileName(name, clock.Now())), report);
+    const std::string fileName = ActivityFileName(name, SystemClock().Now());
+    WriteActivityReport(JoinPath(RememberedFolder().Choose(folder), fileName), report);
   });
 }
 

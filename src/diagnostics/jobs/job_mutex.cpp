@@ -3,10 +3,12 @@
 #include <sys/single_threaded.h>
 
 #include <algorithm>
+#include <cassert>
 #include <memory>
 #include <utility>
 
 #include "common/Exceptions.h"
+#include "common/MainThread.h"
 #include "common/NeverDestroyed.h"
 #include "diagnostics/jobs/MutexGuardian.h"
 #include "diagnostics/jobs/RunReport.h"
@@ -14,7 +16,8 @@
 namespace guardian {
 namespace {
 
-// The main thread's.
+// Both guardian threads.
+// Threads: main thread only.
 struct TGuardianUnit {
   bool Started = false;
   std::unique_ptr<TMutexGuardianFreeMutexThread> Freeing;
@@ -23,11 +26,34 @@ struct TGuardianUnit {
 
 // Made at first use, never freed.
 TGuardianUnit& Unit() {
+  assert(IsMainThread());
   static TNeverDestroyed<TGuardianUnit> unit;
   return *unit;
 }
 
 bool IsOpen(const std::shared_ptr<TMutexEntry>& entry) { return entry->Info.Handle > 0; }
+
+enum class TThreading { Single, Multi };
+
+TThreading CurrentThreading() {
+  return __libc_single_threaded != 0 ? TThreading::Single : TThreading::Multi;
+}
+
+// Both guardian threads have ended by now.
+void CloseMutexes(TMutexRegistry& registry, TThreading threading) {
+  const TKZLockGuard lock(registry.Lock);
+  const TMutexEntries entries = registry.Entries();
+  const bool stillOpen =
+      threading == TThreading::Multi && std::any_of(entries.begin(), entries.end(), IsOpen);
+  if (stillOpen) WriteRunReport(registry, "Job Mutex Still Open Upon Program Termination");
+  for (const auto& entry : entries) {
+    if (IsOpen(entry)) CloseMutex(entry->Info, registry.Clock());
+    // Thrown at the first entry, not after the loop: a job mutex that is left open is a fault that
+    // must surface. The other entries stay as they are, so that the cause can be looked for.
+    if (stillOpen) throw KZException("Mutexes still open: " + registry.ListText());
+  }
+  registry.FreeList();
+}
 
 }  // namespace
 
@@ -58,28 +84,14 @@ void UnregisterMutex(TFileHandle handle, std::int32_t mutexNumber) {
 
 void CheckMutexesAtTermination() {
   TGuardianUnit& unit = Unit();
-  // Asked before the threads are joined: the runtime may take the flag back with the last of them.
-  const auto threading = __libc_single_threaded != 0 ? TThreading::Single : TThreading::Multi;
+  // Asked before the join: with the end of the last other thread the C library may call the process
+  // single-threaded again.
+  const TThreading threading = CurrentThreading();
   if (unit.Reporting) unit.Reporting->Terminate();  // So that both end at the same time.
   unit.Freeing.reset();
   unit.Reporting.reset();
-  CloseMutexesAtTermination(MutexRegistry(), threading);
+  CloseMutexes(MutexRegistry(), threading);
   unit.Started = false;
-}
-
-void CloseMutexesAtTermination(TMutexRegistry& registry, TThreading threading) {
-  const TKZLockGuard lock(registry.Lock);
-  const TMutexEntries entries = registry.Entries();
-  const bool stillOpen =
-      threading == TThreading::Multi && std::any_of(entries.begin(), entries.end(), IsOpen);
-  if (stillOpen) WriteRunReport(registry, "Job Mutex Still Open Upon Program Termination");
-  for (const auto& entry : entries) {
-    if (IsOpen(entry)) CloseMutex(entry->Info, registry.Clock());
-    // Thrown at the first entry, not behind the loop: a job mutex that is left open is a fault that
-    // must surface, and the other entries stay as they are for whoever looks into it.
-    if (stillOpen) throw KZException("Mutexes still open: " + registry.ListText());
-  }
-  registry.FreeList();
 }
 
 }  // namespace guardian

@@ -21,13 +21,13 @@ std::string WithoutEnding(std::string_view text, std::string_view ending) {
 }
 
 void RotateAboveLimit(const std::string& name) {
-  // Held for the rotation alone: of two threads that both find the log too large, the second one
-  // would put a new log over the generation that the first one has just saved.
+  // Held for the rotation alone. Without it, when two threads find the log too large, the second
+  // one would replace the generation that the first one has just saved by a new log.
   static TMutex rotation;
   const TMutexLock lock(rotation);
   struct stat file {};
   if (::stat(name.c_str(), &file) != 0 || file.st_size <= ExceptionsLogLimit()) return;
-  // Replaces an older generation. A log that cannot be renamed just grows.
+  // A log that cannot be renamed goes on growing.
   static_cast<void>(
       std::rename(name.c_str(), (WithoutEnding(name, kExtension) + ".prev.log").c_str()));
 }

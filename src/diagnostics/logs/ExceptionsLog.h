@@ -6,7 +6,7 @@
 
 namespace guardian {
 
-// The exceptions log of this executable, one generation of which is kept.
+// The exceptions log of this executable. One older generation of it is kept.
 // Threads: any thread may call anything.
 
 // "<log folder>/<executable without .exe>_Exceptions.log".
@@ -16,9 +16,9 @@ namespace guardian {
 // that.
 [[nodiscard]] std::int64_t ExceptionsLogLimit() noexcept;
 
-// Appends the text, whole lines, in one call of the system; a log above its limit is first renamed
-// to end in ".prev.log", over an older one. Returns the file's name, empty when it cannot be opened
-// or does not take the text. Throws std::bad_alloc only.
+// Appends the text, which is whole lines, in one system call. A log above its limit is first
+// renamed to end in ".prev.log" and replaces an older file of that name. Returns the log's name; it
+// is empty when the log cannot be opened or written. Throws std::bad_alloc only.
 [[nodiscard]] std::string AppendToExceptionsLog(std::string_view text);
 
 }  // namespace guardian

@@ -19,8 +19,8 @@ std::int64_t FileSize(const std::string& name) {
   return ::stat(name.c_str(), &status) == 0 ? std::int64_t{status.st_size} : 0;
 }
 
-// What cannot be moved away is deleted, so that logging starts afresh; what cannot be deleted
-// either goes on growing.
+// A file that cannot be renamed is deleted, so that logging starts afresh. A file that cannot be
+// deleted either goes on growing.
 void RotateWhenTooLarge(const std::string& name) {
   if (FileSize(name) <= TKZLogFile::kMaxSizeBytes) return;
   const std::string previous = name + "-previous";
@@ -28,7 +28,8 @@ void RotateWhenTooLarge(const std::string& name) {
   if (::rename(name.c_str(), previous.c_str()) != 0) ::unlink(name.c_str());
 }
 
-// Others may hold the file briefly. Waits after each failed attempt, about a second in all.
+// Another process may hold the file briefly. Waits after each failed attempt, about a second in
+// all.
 TFileDescriptor OpenPatiently(const std::string& name, TClock& clock) {
   constexpr int kAttempts = 10;
   constexpr std::chrono::milliseconds kPause(100);
@@ -65,8 +66,8 @@ void TKZLogFile::FormLineLocked(std::string_view text) {
   FLine.assign(TimeTextLocked()).append(": ").append(text).push_back('\n');
 }
 
-// A local date-time is dear to tell and to format, and lines come in bursts: one text serves a
-// second.
+// Local time is slow to compute and format, and lines come in bursts. So the text is made once for
+// each second.
 const std::string& TKZLogFile::TimeTextLocked() {
   constexpr TDateTime kMillisecondsPerDay = 86'400'000;
   const std::int64_t second = std::llround(FClock.UtcNow() * kMillisecondsPerDay) / 1000;

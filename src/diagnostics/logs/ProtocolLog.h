@@ -9,12 +9,16 @@
 
 namespace guardian {
 
-// The protocol log: an optional text log of Internet-protocol traffic, a file of its own for each
-// thread, so that threads never interleave in one file. The file is closed at the thread's end.
+// The protocol log: an optional text log of Internet-protocol traffic. Each thread has a file of
+// its own, so that threads never interleave in one file. The file is closed at the thread's end.
+//
+// For other programs of the maker, which open such logs; the Guardian never does. Its exception
+// reports go to a protocol log as well when there is one.
 // Threads: any; each works on its own file. A thread's calls do nothing once its thread-local
 // objects are being destroyed.
 
-// Owner: process-wide, see ProtocolLogSettings(); set by the code that enables the logging.
+// What holds for the protocol logs of all threads.
+// Owner: process-wide, see ProtocolLogSettings(); the code that enables the logging sets it.
 // Threads: texts are replaced whole and read by any thread; the rest are independent atomics.
 struct TProtocolLogSettings {
   TSharedText FolderPrefix;                    // Put in front of the base name as it stands.
@@ -31,16 +35,16 @@ enum class TProtocolLogOpening {
   Forced,
 };
 
-// The base name of the calling thread's log.
+// Sets the base name of the calling thread's log.
 void SetProtocolLogBaseName(std::string baseName);
 
-// Makes the calling thread's file, unless the thread has tried before, and returns whether it is
-// usable: open, and without a failure since the last call. Such a failure is written to the error
-// log. Throws std::bad_alloc only.
+// Makes the calling thread's file, unless the thread has tried before. Returns whether the file is
+// usable: open, and without a failure since the last call. A failure is written to the error log.
+// Throws std::bad_alloc only.
 [[nodiscard]] bool OpenProtocolLogForThread(TProtocolLogOpening opening);
 
-// Makes the named file the calling thread's log, begins it with the command line, and switches
-// protocol logging for all threads on or off with the success, which it returns.
+// Makes the named file the calling thread's log and writes the command line as its first line.
+// Returns whether that worked, and switches protocol logging for all threads on or off accordingly.
 bool OpenProtocolLogNamed(const std::string& name);
 
 // Whether the calling thread's log is open.
