@@ -12,8 +12,9 @@ namespace guardian {
 
 // The file that says which process is the daemon. The daemon holds an exclusive flock on it for
 // its whole life; while nobody holds that lock, the number in the file means nothing. The file is
-// never removed. Owner: the daemon. A forked process shares the lock, which ends when both have
-// closed the file. Threads: not shared.
+// never removed.
+// Owner: the daemon. A forked process shares the lock; the last one that closes the file ends it.
+// Threads: not shared.
 class TPidFile {
  public:
   // The result of Acquire: the lock, or the process that holds it.

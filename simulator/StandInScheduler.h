@@ -26,7 +26,9 @@ class TMessaging {
 };
 
 // The scheduler as the Guardian sees it: the mutex, the pipe, the pulse, and the answers to
-// commands. Owner: the daemon. Threads: the daemon's main thread, which runs the synchronise queue.
+// commands.
+// Owner: the daemon.
+// Threads: the daemon's main thread, which runs the synchronise queue.
 class TStandInScheduler {
  public:
   // Sets the pipe up; Follow takes the mutex and serves the pipe. A failure becomes a line in the
