@@ -58,6 +58,15 @@ TEST_F(GuardianSystemTest, BringsAKilledDaemonBackAndAnswersItsCommandWords) {
                                               FInstallation.Home()));
 }
 
+TEST_F(GuardianSystemTest, TakesNoStrangerOnItsPortForAGuardian) {
+  const TTempFolder& folder = FInstallation.Folder();
+  folder.Write("status.php", "Nothing here goes.");
+  const TProgram stranger(
+      {"/usr/bin/python3", "-m", "http.server", "8900", "--directory", folder.Path()});
+  ASSERT_TRUE(Eventually([] { return !Page("status.php").empty(); }));
+  EXPECT_EQ(Command("status", 3), "Querying Guardian Service.\nNothing here goes.\n");
+}
+
 // In its loop, while the handshake's command hangs, and while a command of a round does.
 TEST_F(GuardianSystemTest, EndsOnSignalsInEveryState) {
   std::size_t hung = 0;
