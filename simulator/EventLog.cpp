@@ -19,7 +19,7 @@ void LogEvent(const THome& home, std::string_view text) noexcept try {
   if (file) [[maybe_unused]]
     const int lost = WriteAll(file.Get(), line);
 } catch (const std::exception&) {
-  // Out of memory for one line: lost like a line without a folder.
+  // Out of memory: the line is lost, as it is without a log folder.
 }
 
 }  // namespace guardian

@@ -14,7 +14,6 @@
 #include "common/Texts.h"
 
 namespace guardian {
-
 namespace {
 
 constexpr std::size_t kMaxFileBytes = 65'536;
@@ -65,8 +64,7 @@ std::string ReadText(const std::string& path) {
   return text;
 }
 
-// By a new file that takes the old one's place, so that whoever reads meanwhile sees one or the
-// other whole.
+// Writes a new file and renames it over the old one, so that a reader sees either file whole.
 void WriteWords(const std::string& path, const std::vector<std::string>& words) {
   std::string text;
   for (const std::string& word : words) text.append(word).append("\n");

@@ -8,7 +8,6 @@
 #include "common/Settings.h"
 
 namespace guardian {
-
 namespace {
 
 namespace fs = std::filesystem;

@@ -4,12 +4,12 @@
 
 namespace guardian {
 
-// The stand-in's own directory, where all of its state lies.
+// The stand-in's own directory, which holds all of its state.
 // Threads: immutable after construction.
 class THome {
  public:
-  // The directory that the environment variable VELLUMARKCL_HOME names, else "VellumarkCL.d"
-  // beside the executable. Creates nothing.
+  // The directory that the environment variable VELLUMARKCL_HOME names; without it "VellumarkCL.d"
+  // beside the executable. Creates no directory.
   [[nodiscard]] static THome FromEnvironment();
 
   explicit THome(std::string path);
@@ -26,8 +26,8 @@ class THome {
   [[nodiscard]] std::string LogFolder() const { return FPath + "/logs"; }
   [[nodiscard]] std::string FaultsFile() const { return FPath + "/faults"; }
 
-  // Not named after the daemon: whatever has its name on the command line, a viewer of these files
-  // too, would look like the daemon in a process list.
+  // These files are not named after the daemon: a program that has such a name on its command line,
+  // like a viewer of the log, would look like the daemon in a process list.
   [[nodiscard]] std::string PidFile() const { return FPath + "/daemon.pid"; }
   [[nodiscard]] std::string LogFile() const { return LogFolder() + "/daemon.log"; }
 

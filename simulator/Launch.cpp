@@ -17,7 +17,6 @@
 #include "common/FileDescriptor.h"
 
 namespace guardian {
-
 namespace {
 
 constexpr int kReadyTimeoutMsec = 15'000;
@@ -51,7 +50,7 @@ void DetachFromSurroundings() {
   }
 }
 
-// Reports once; what is reported later finds no reader and is dropped.
+// Only the first report is sent.
 void Report(TFileDescriptor& writer, const std::string& error) {
   if (!writer) return;
   [[maybe_unused]] const int lost =

@@ -17,7 +17,6 @@
 #include "common/Exceptions.h"
 
 namespace guardian {
-
 namespace {
 
 constexpr int kAcquireTries = 100;
@@ -37,8 +36,8 @@ std::optional<pid_t> ReadPid(int descriptor) {
 
 bool Lives(pid_t pid) { return ::kill(pid, 0) == 0 || errno == EPERM; }
 
-// By the system call: the library's header for it lacks C linkage in the oldest release we build
-// on.
+// Uses the system call itself: the library's header for it lacks C linkage in the oldest release we
+// build on.
 TFileDescriptor OpenProcess(pid_t pid) {
   return TFileDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
 }
@@ -86,7 +85,7 @@ TPidFile::TAcquired TPidFile::Acquire(const std::string& path) {
   throw SoftException(path + " is locked and names no running process");
 }
 
-// The look itself must not lock for longer than one call, and is why Acquire tries again.
+// A free file is locked for a moment by this look, which is why Acquire tries more than once.
 std::optional<pid_t> TPidFile::Holder(const std::string& path) {
   const TFileDescriptor file(
       RetryOnEintr([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
@@ -114,7 +113,8 @@ std::optional<TStopOutcome> TerminateHolder(const std::string& path, pid_t holde
                                             std::chrono::milliseconds timeout) {
   const TFileDescriptor process = OpenProcess(holder);
   if (!process && errno != ESRCH) throw ESystemError("pidfd_open", std::to_string(holder), errno);
-  // Asked again with the handle at hand: what holds the lock now is what the handle refers to.
+  // Now that the handle is open, ask again: if the holder is the same, the handle is that
+  // process's.
   if (!process || TPidFile::Holder(path) != holder) return std::nullopt;
   if (!SendSignal(process, SIGTERM)) {
     if (errno == ESRCH) return std::nullopt;

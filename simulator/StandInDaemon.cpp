@@ -20,7 +20,6 @@
 #include "simulator/EventLog.h"
 
 namespace guardian {
-
 namespace {
 
 constexpr std::chrono::milliseconds kRound{50};
@@ -77,7 +76,7 @@ bool TStandInDaemon::EndsBySignal() {
   const bool isTerm = signal.ssi_signo == static_cast<unsigned>(SIGTERM);
   const std::string text =
       std::string(isTerm ? "SIGTERM" : "SIGINT") + " from PID " + std::to_string(signal.ssi_pid);
-  // Read anew: the order may be younger than the last look.
+  // Reads the file again, since the order may have come after the last look.
   FollowFaults();
   const bool isIgnored = isTerm && FFaults.Has(TFault::IgnoreTerm);
   LogEvent(FHome, text + (isIgnored ? " ignored" : ""));
@@ -97,8 +96,8 @@ void TStandInDaemon::FollowFaults() {
   }
 }
 
-// Those of the commands have no effect here, since each command reads the file itself, and the
-// scheduler follows its own.
+// Other faults than the crash need no action here: each command reads the file itself, and the
+// scheduler is told of all faults.
 void TStandInDaemon::ApplyFault(TFault fault, bool isOrdered) {
   LogEvent(FHome,
            std::string(isOrdered ? "Fault begins: " : "Fault ends: ").append(FaultWord(fault)));

@@ -8,20 +8,20 @@
 
 namespace guardian {
 
-// The daemon's life: it is there, obeys signals, takes orders for faults and runs its scheduler.
+// The daemon's life: it obeys signals, follows the orders for faults and runs its scheduler.
 // Owner: the start command's last child, or the run command.
 // Threads: the process's main thread.
 class TStandInDaemon {
  public:
-  // Blocks SIGTERM and SIGINT, which Run takes, and enters the process into the pid file. Throws
+  // Blocks SIGTERM and SIGINT, which Run receives, and enters the process into the pid file. Throws
   // ESystemError.
   TStandInDaemon(THome home, TPidFile pidFile);
   ~TStandInDaemon();
   TStandInDaemon(const TStandInDaemon&) = delete;
   TStandInDaemon& operator=(const TStandInDaemon&) = delete;
 
-  // Blocks until SIGTERM or SIGINT ends the daemon, or its home has gone. The faults file is read
-  // twice a second.
+  // Returns when SIGTERM or SIGINT ends the daemon or its home no longer exists. Reads the faults
+  // file twice a second.
   void Run();
 
  private:

@@ -12,8 +12,8 @@
 
 namespace guardian {
 
-// Starts the message and pipe units and stops them in the opposite order. The calling thread is
-// the main one from then on.
+// Starts the message and pipe units and stops them in the opposite order. Makes the calling thread
+// the main one.
 class TMessaging {
  public:
   TMessaging();
@@ -25,16 +25,18 @@ class TMessaging {
   std::optional<TKZCustomApplication> FApplication;
 };
 
-// The scheduler as the Guardian sees it: the mutex, the pipe, the pulse, and the commands that come
-// back.
-// Owner: the daemon. Threads: the daemon's main thread, which runs the synchronise queue.
+// The scheduler as the Guardian sees it: the mutex, the pipe, the pulse, and the answers to
+// commands.
+// Owner: the daemon.
+// Threads: the daemon's main thread, which runs the synchronise queue.
 class TStandInScheduler {
  public:
-  // Takes the mutex and serves the pipe. What fails is a line in the log.
+  // Sets the pipe up; Follow takes the mutex and serves the pipe. A failure becomes a line in the
+  // log.
   explicit TStandInScheduler(THome home);
 
-  // Begins and ends what the faults say, and sends a status record a second. Called several times
-  // a second.
+  // Takes or frees the mutex and opens or closes the pipe as the faults say, and sends a status
+  // record every second. Call it several times a second.
   void Follow(const TFaults& faults);
 
  private:

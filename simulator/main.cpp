@@ -1,6 +1,6 @@
 // VellumarkCL, the stand-in for the supervised daemon:
 //   VellumarkCL /PATHS          prints where its folders are
-//   VellumarkCL start [FAULT]   starts the daemon, with the faults added to those ordered already
+//   VellumarkCL start [FAULT]   adds the faults to those that are ordered, and starts the daemon
 //   VellumarkCL run [FAULT]     the same in the foreground
 //   VellumarkCL stop            ends the daemon
 //   VellumarkCL status          says whether it runs
@@ -28,13 +28,12 @@
 #include "simulator/StandInDaemon.h"
 
 namespace guardian {
-
 namespace {
 
 constexpr int kExitUsage = 2;
 constexpr int kExitNotRunning = 3;
 constexpr std::chrono::seconds kStopTimeout{15};
-constexpr std::chrono::hours kHang{1};  // Longer than anybody waits, yet not for ever.
+constexpr std::chrono::hours kHang{1};  // Longer than any caller waits, but not endless.
 constexpr int kFloodMegabytes = 100;
 
 using TWords = std::vector<std::string>;
@@ -154,7 +153,7 @@ constexpr std::array kCommands = {
     TCommand{"stop", Stop},         TCommand{"status", Status},
 };
 
-// Nothing of this process is open yet.
+// Call it first: this process must have no descriptor of its own open yet.
 void ForgetInheritedDescriptors(const THome& home) {
   if (!ReadFaults(home).Has(TFault::KeepOpen)) CloseInheritedDescriptors();
 }
@@ -170,7 +169,6 @@ int RunCommand(const TWords& arguments) {
 }
 
 }  // namespace
-
 }  // namespace guardian
 
 int main(int argc, char** argv) {
