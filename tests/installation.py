@@ -2,7 +2,6 @@
 # them: for the soak, the browser check and the demonstration. Needs port 8900.
 
 import ctypes
-import http.client
 import os
 import shutil
 import signal
@@ -10,12 +9,15 @@ import socket
 import subprocess
 import sys
 import time
+import urllib.request
 
 import psutil
 
 PORT = 8900
 POLL_SECONDS = 0.05
 _PR_SET_CHILD_SUBREAPER = 36
+# Without a proxy.
+_OPENER = urllib.request.build_opener(urllib.request.ProxyHandler({}))
 _INTERRUPTIONS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGALRM)
 
 
@@ -41,20 +43,10 @@ def await_that(what, condition, limit_seconds, meanwhile=lambda: None):
         time.sleep(POLL_SECONDS)
 
 
-# The page's text. Throws OSError, also for a status other than 200.
+# The page's text. Throws OSError, also for a status other than 200, and http.client.HTTPException.
 def fetch(page="", limit_seconds=10):
-    connection = http.client.HTTPConnection("127.0.0.1", PORT, timeout=limit_seconds)
-    try:
-        connection.request("GET", "/" + page)
-        answer = connection.getresponse()
-        text = answer.read().decode("utf-8", "replace")
-        if answer.status != 200:
-            raise OSError(f"status {answer.status}: {text[:60]!r}")
-        return text
-    except http.client.HTTPException as error:
-        raise OSError(repr(error)) from error
-    finally:
-        connection.close()
+    with _OPENER.open(f"http://127.0.0.1:{PORT}/{page}", timeout=limit_seconds) as answer:
+        return answer.read().decode("utf-8", "replace")
 
 
 def answers():

@@ -3,6 +3,9 @@
 #   soak.py BIN_FOLDER MINUTES SEED FACTOR SLOWNESS STORY   STORY is one story's name, or empty
 
 import collections
+import contextlib
+import glob
+import http.client
 import json
 import os
 import random
@@ -18,13 +21,12 @@ import psutil
 from installation import POLL_SECONDS, Failed, Installation, await_that, fetch, require
 from stories import DEAD, KILL, LOOK, SILENCE, STORIES, TICK, Bound, restarted
 
-PAGES = ("status.json", "", "status.php", "status.json", "metrics", "logfiles.php",
-         "threadreport.php")
+PAGES = ("status.json", "", "status.php", "metrics", "logfiles.php", "threadreport.php")
 PAGE_LIMIT = 1.0
 # The longest round: a "stop" that hangs for 20 + 2 seconds, a look of 5 + 2, a connect of 5.
 ROUND = Bound(1, 0, 36)
 HEALTHY = Bound(3, SILENCE, 5)
-# A process between fork and exec looks like its parent; a command has 30 seconds, and 2 to be ended.
+# A process between fork and exec looks like its parent; a command has 30 + 2 seconds.
 PROCESS_STAY, TEMP_FILE_STAY = 5, 60
 # Descriptors, threads and MiB of memory that a Guardian at rest may have more than at first.
 MORE = (4, 3, 8)
@@ -58,20 +60,20 @@ class SoakInstallation(Installation):
         return [name for name in os.listdir(self._temp) if not name.startswith("ballast")]
 
     # Not a byte more fits in, though a file does.
-    def fill_temp_folder(self):
+    def fill_temp(self):
         with open(os.path.join(self._temp, "ballast"), "wb") as file:
             space = os.statvfs(self._temp)
             os.posix_fallocate(file.fileno(), 0, space.f_bavail * space.f_frsize)
 
     # No file can be made any more.
-    def use_up_temp_folder(self):
+    def use_up_temp(self):
         for number in range(os.statvfs(self._temp).f_favail):
             os.mknod(os.path.join(self._temp, f"ballast{number}"))
 
     def mend(self):
         self.order_faults()
-        for name in set(os.listdir(self._temp)) - set(self.temp_files()):
-            os.unlink(os.path.join(self._temp, name))
+        for path in glob.glob(os.path.join(self._temp, "ballast*")):
+            os.unlink(path)
 
 
 # One run. Its public members are what the stories are told in.
@@ -88,9 +90,10 @@ class Soak:
         self._wave_ended_at = 0.0
         self._factor, self._slowness = factor, slowness
         self._began = self._looked_at = self._round_at = time.monotonic()
-        self._pages = self._waves = self._rests = self._daemon_looks = self._rounds = 0
+        self._round = -1
         self._usage = self._first_usage = ()
-        self._since = {}
+        self._since = {}  # When each thing that must go again was first seen.
+        self._counts = collections.Counter()
         self._longest = collections.defaultdict(float)  # Seconds by what took them.
 
     # Of the machine's time.
@@ -99,7 +102,8 @@ class Soak:
             + (bound.rounds * LOOK + bound.machine) * self._slowness
 
     def await_that(self, what, condition, bound):
-        self._note(what, await_that(what, condition, self.seconds(bound), self._look))
+        lasted = await_that(what, condition, self.seconds(bound), self._look)
+        self._longest[what] = max(lasted, self._longest[what])
 
     # So many rounds the same daemon runs, or something else is done again and again.
     def hold(self, rounds, act=None):
@@ -111,7 +115,7 @@ class Soak:
 
     def require_same_daemon(self):
         pid = self.installation.daemon_pid()
-        require(pid == self.pid, f"the daemon, PID {self.pid}, was ended without need, now PID {pid}")
+        require(pid == self.pid, f"the daemon was ended without need: PID {self.pid}, now {pid}")
 
     def run(self, minutes, only):
         self.installation.start_guardian()
@@ -131,9 +135,8 @@ class Soak:
 
     def summary(self):
         longest = ", ".join(f"{what} {lasted:.2f} s" for what, lasted in self._longest.items())
-        return (f"{self.starts} starts of the daemon, {self._waves} hostile waves, {self._pages} "
-                f"pages, {self._daemon_looks} looks into the daemon; longest: {longest}; {self._rests}"
-                f" rests with descriptors, threads, MiB of {self._first_usage} to {self._usage}")
+        return (f"{self.starts} starts of the daemon, {dict(self._counts)}, longest: {longest}; "
+                f"descriptors, threads, MiB at rest: {self._first_usage} to {self._usage}")
 
     # Each story comes once, in an order of chance, before any comes again; one that may take longer
     # than is left comes no more.
@@ -188,7 +191,7 @@ class Soak:
                            round((memory.rss - memory.shared) / 1048576, 1)))
         self.hold(2, look)
         self._usage = min(usages)
-        self._rests += 1
+        self._counts["rests"] += 1
         for now, first, more in zip(self._usage, self._first_usage, MORE):
             # Sanitizers keep the memory that is freed.
             require(now <= first + more or (more == MORE[2] and self._slowness > 1),
@@ -201,27 +204,25 @@ class Soak:
         guardian = self.installation.guardian
         await_that("the Guardian ends", lambda: guardian.poll() is not None,
                    self.seconds(Bound(0, 0, 5)))
-        output = self.installation.read("guardian.out")
-        require(guardian.returncode == 0 and not SANITIZER_REPORT.search(output),
+        require(guardian.returncode == 0
+                and not SANITIZER_REPORT.search(self.installation.read("guardian.out")),
                 f"the Guardian ended with {guardian.returncode}; its output: guardian.out")
         left = self.installation.temp_files()
         require(not left, f"left behind in the temporary directory: {left}")
         self.require_same_daemon()
-        require(self._daemon_looks, "the daemon could never be looked into")
+        require(self._counts["looks into the daemon"], "the daemon could never be looked into")
 
     # The hostile clients.
 
     def _start_wave(self):
         self._wave = subprocess.Popen(
             [sys.executable, "-B", os.path.join(os.path.dirname(__file__), "hostile.py"),
-             str(self._wave_chance.randrange(2**32)), str(self._slowness)],
-            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-        self._waves += 1
+             str(self._wave_chance.randrange(2**32)), str(self._slowness)])
+        self._counts["waves"] += 1
 
     def _wave_is_over(self):
         if self._wave is not None and self._wave.poll() is not None:
-            said = self._wave.communicate()[0].strip()
-            require(self._wave.returncode == 0, f"the hostile clients report: {said}")
+            require(self._wave.returncode == 0, "the hostile clients were kept for too long")
             self._wave, self._wave_ended_at = None, time.monotonic()
         return self._wave is None
 
@@ -229,7 +230,7 @@ class Soak:
 
     def _look(self):
         self.installation.require_guardian()
-        self._look_at_page(PAGES[self._pages % len(PAGES)])
+        self._look_at_page(PAGES[self._counts["pages"] % len(PAGES)])
         if time.monotonic() - self._looked_at > LOOK_PERIOD:
             self._looked_at = time.monotonic()
             self._look_at_processes()
@@ -239,48 +240,40 @@ class Soak:
         limit = PAGE_LIMIT * self._slowness
         began = time.monotonic()
         try:
-            text = fetch(page, limit)
-        except OSError as error:
-            text = f"no answer: {error}"
+            text, problem = fetch(page, limit), "it is empty, or late"
+        except (OSError, http.client.HTTPException) as error:
+            text, problem = "", error
         now = time.monotonic()
-        require(text and not text.startswith("no answer") and now - began <= limit,
-                f"page /{page} gave {text[:80]!r} after {now - began:.3f} s")
-        self._note("page", now - began)
-        self._pages += 1
+        require(text and now - began <= limit,
+                f"page /{page} after {now - began:.3f} s: {problem}")
+        self._longest["page"] = max(now - began, self._longest["page"])
+        self._counts["pages"] += 1
         if page == "status.json":
             self._status = json.loads(text)
-            if self._status["counters"]["rounds"] != self._rounds:
-                self._rounds, self._round_at = self._status["counters"]["rounds"], now
-            self._note("round", now - self._round_at)
+            if self._status["counters"]["rounds"] != self._round:
+                self._round, self._round_at = self._status["counters"]["rounds"], now
+            self._longest["round"] = max(now - self._round_at, self._longest["round"])
             require(now - self._round_at <= self.seconds(ROUND),
                     f"the watchdog has made no round for {now - self._round_at:.1f} s")
 
+    # An orphan that has ended is reaped here.
     def _look_at_processes(self):
         stays = {f"{name} in the temporary directory": TEMP_FILE_STAY
                  for name in self.installation.temp_files()}
+        guardian = self.installation.guardian.pid
         for each in psutil.Process().children(recursive=True):
-            try:
-                what = self._oddity(each)
-            except psutil.Error:
-                continue  # It ended meanwhile.
-            if what:
-                stays[f"{what}, PID {each.pid}"] = PROCESS_STAY
+            with contextlib.suppress(psutil.Error, ChildProcessError):  # It ended meanwhile.
+                is_zombie, parent = each.status() == psutil.STATUS_ZOMBIE, each.ppid()
+                if is_zombie and parent == guardian:
+                    stays[f"a zombie of the Guardian, PID {each.pid}"] = PROCESS_STAY
+                elif each.exe() == self.installation.guardian_path and each.pid != guardian:
+                    stays[f"a second Guardian, PID {each.pid}"] = PROCESS_STAY
+                elif is_zombie and not (self._wave and self._wave.pid == each.pid):
+                    os.waitpid(each.pid, os.WNOHANG)
         now = time.monotonic()
         self._since = {what: self._since.get(what, now) for what in stays}
         for what, since in self._since.items():
             require(now - since <= stays[what], f"{what} is there for {now - since:.1f} s")
-
-    # An orphan that has ended is reaped here.
-    def _oddity(self, process):
-        ours = [each.pid for each in (self.installation.guardian, self._wave) if each]
-        if process.pid in ours:
-            return ""
-        if process.status() != psutil.STATUS_ZOMBIE:
-            is_guardian = process.exe() == self.installation.guardian_path
-            return "a second Guardian" if is_guardian else ""
-        if process.ppid() == os.getpid():
-            os.waitpid(process.pid, os.WNOHANG)
-        return "a zombie of the Guardian" if process.ppid() == ours[0] else ""
 
     def _look_into_daemon(self, pid):
         try:
@@ -288,21 +281,16 @@ class Soak:
             targets = [os.readlink(each) for each in os.scandir(f"/proc/{pid}/fd")]
         except (OSError, psutil.Error):
             return  # It ended, or closed something, meanwhile.
-        self._daemon_looks += 1
+        self._counts["looks into the daemon"] += 1
         inherited += [each for each in targets if not DAEMON_MAY_OPEN.fullmatch(each)]
         require(not inherited, f"the daemon, PID {pid}, has inherited {', '.join(inherited)}")
 
-    def _note(self, what, lasted):
-        self._longest[what] = max(lasted, self._longest[what])
 
-
-def keep_pages(folder):
+def keep_pages(installation):
     for page in ("status.json", "threadreport.php", ""):
-        with open(os.path.join(folder, f"page-{page or 'main'}"), "w", encoding="utf-8") as file:
-            try:
-                file.write(fetch(page, 2))
-            except OSError as error:
-                file.write(f"no answer: {error}\n")
+        with open(installation.path(f"page-{page or 'main'}"), "w", encoding="utf-8") as file, \
+                contextlib.suppress(OSError, http.client.HTTPException):
+            file.write(fetch(page, 2))
 
 
 def main(bin_folder, minutes, seed, factor, slowness, only):
@@ -310,14 +298,14 @@ def main(bin_folder, minutes, seed, factor, slowness, only):
     print(f"soak: seed {seed}, {minutes} minutes, time {factor}-fold, in {folder}")
     with SoakInstallation(bin_folder, folder, factor) as installation:
         if not installation.mounted:
-            print("soak: nothing can be mounted, so the temporary directory is never full or unusable")
+            print("soak: nothing can be mounted: the temporary directory is never full or unusable")
         run = Soak(installation, int(seed), int(factor), float(slowness))
         try:
             run.run(float(minutes), only)
         except Failed as failure:
-            keep_pages(folder)
-            sys.exit(f'soak: VIOLATION during "{run.story}", seed {seed}, load {os.getloadavg()[0]}: '
-                     f"{failure}; {run.summary()}; kept: {folder}")
+            keep_pages(installation)
+            sys.exit(f'soak: VIOLATION during "{run.story}", seed {seed}, load '
+                     f"{os.getloadavg()[0]}: {failure}; {run.summary()}; kept: {folder}")
     shutil.rmtree(folder)
     print(f"soak: passed, seed {seed}: {run.summary()}")
 

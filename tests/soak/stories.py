@@ -2,8 +2,7 @@
 
 import os
 import signal
-from dataclasses import dataclass
-from typing import Callable
+from typing import Callable, NamedTuple
 
 from installation import fetch, require
 
@@ -14,24 +13,21 @@ PIPE_DEAD = 120  # Silent for that long, the pipe has failed.
 PULSE_STILL = 72  # Unchanged for that long, the daemon is asked; a still pulse never restarts it.
 FAILURES = 6  # Failed rounds in a row before a restart.
 ORDER = 1  # A control page's order is carried out by then.
-# Of the machine's time: what the commands take on a busy machine, and the stand-in to read its orders.
+# Of the machine's time: what commands take on a busy machine, and the stand-in to read its orders.
 START, STOP, NOTICE = 3.0, 2.0, 1.0
 STOP_REFUSED = 15.0  # The stand-in's own patience with a stop.
 STOP_CUT = 22.0  # The Guardian's patience with a stop, and the time to end it.
 BURST = 11.0  # Ten records, one a second, and the Guardian closes the connection.
-SOCKET = "home/mutex/vellumark$qrnd$schedulermutex"
 
 
 # Rounds, seconds of the watchdog's time besides, which may run fast, and of the machine's.
-@dataclass(frozen=True)
-class Bound:
+class Bound(NamedTuple):
     rounds: int
     watchdog: float = 0
     machine: float = 0
 
 
-@dataclass(frozen=True)
-class Story:
+class Story(NamedTuple):
     name: str
     steps: tuple  # Called with the run, one after the other.
     outcome: Callable  # Called with the run and the bound; raises Failed.
@@ -64,7 +60,7 @@ def wait(least, most):
 
 
 def delete_socket(run):
-    os.unlink(run.installation.path(SOCKET))
+    os.unlink(run.installation.path("home/mutex/vellumark$qrnd$schedulermutex"))
 
 
 # Calls the installation's operation of that name.
@@ -138,9 +134,9 @@ STORIES = (
     Story("terminated by page", (click("terminatedaemon.php"),), restarted, ORDERED),
     Story("killed by page", (click("killdaemon.php"),), restarted, ORDERED),
     # The output of a command is lost, and nothing else.
-    Story("temporary directory full", (call("fill_temp_folder"), hold(1, 3), KILL), restarted, DEAD),
+    Story("temporary directory full", (call("fill_temp"), hold(1, 3), KILL), restarted, DEAD),
     # No command can be run meanwhile.
     Story("temporary directory unusable",
-          (call("use_up_temp_folder"), hold(1, 2), KILL, wait(1, 3), call("mend")), restarted, DEAD),
+          (call("use_up_temp"), hold(1, 2), KILL, wait(1, 3), call("mend")), restarted, DEAD),
     Story("second Guardian", (), refused, Bound(0, 0, 5)),
 )
