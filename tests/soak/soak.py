@@ -209,7 +209,9 @@ class Soak:
                 f"the Guardian ended with {guardian.returncode}; its output: guardian.out")
         left = self.installation.temp_files()
         require(not left, f"left behind in the temporary directory: {left}")
-        self.require_same_daemon()
+        with contextlib.suppress(psutil.TimeoutExpired):
+            psutil.Process(self.pid).wait(1)
+            raise Failed("the daemon did not outlive the Guardian")
         require(self._counts["looks into the daemon"], "the daemon could never be looked into")
 
     # The hostile clients.
