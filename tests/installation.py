@@ -56,10 +56,9 @@ def answers():
         return False
 
 
-# A context, at whose end no process of it is left: one that loses its parent becomes a child
-# of this program, which ends it by its id. A signal that interrupts the program ends the context.
+# A context that leaves no process behind: a process that loses its parent becomes a child of this
+# program, which ends it by its id. A signal that interrupts the program also ends the context.
 class Installation:
-
     def __init__(self, bin_folder, folder, guardian="VellumarkGuardian", **variables):
         self._refuse_what_is_in_use()
         self.folder = folder
@@ -88,6 +87,8 @@ class Installation:
             psutil.wait_procs([psutil.Process(self.guardian.pid)], timeout=10)
         for _ in range(50):
             left = psutil.Process().children()
+            if not left:
+                break
             for each in left:
                 each.kill()
             psutil.wait_procs(left, timeout=0.1)
