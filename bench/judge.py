@@ -1,6 +1,7 @@
 # Prints the promised figures beside what was measured. scripts/bench runs it.
-#   judge.py MODE FILTER FOLDER   MODE is "full", or "short" to judge no figure; FILTER is "." when
-#                                 every benchmark was to run; FOLDER holds Google Benchmark's JSON files
+#   judge.py MODE FILTER FOLDER
+# MODE is "full", or "short" to judge no figure. FILTER is "." when every benchmark was to run. FOLDER
+# holds Google Benchmark's JSON files.
 # Ends with 1 when a figure falls short, is missing or could not be measured.
 
 import csv

@@ -1,8 +1,8 @@
 # HTTP clients that no server likes, a whole wave of them at once against the Guardian's port.
 #
 #   hostile.py SEED SLOWNESS
-# Ends by itself within a quarter of a minute, times the slowness: with 1 and a line about the clients
-# that the server kept longer than it promises, if there are any.
+# Ends by itself within a quarter of a minute, times the slowness: with 1 and a line about the kinds
+# of client that the server kept longer than it promises, if there are any.
 
 import asyncio
 import random

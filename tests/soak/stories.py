@@ -12,12 +12,9 @@ SILENCE = 60  # Without a record for that long, the pipe is opened anew.
 PIPE_DEAD = 120  # Silent for that long, the pipe has failed.
 PULSE_STILL = 72  # Unchanged for that long, the daemon is asked; a still pulse never restarts it.
 FAILURES = 6  # Failed rounds in a row before a restart.
-ORDER = 1  # A control page's order is carried out by then.
 # Of the machine's time: what commands take on a busy machine, and the stand-in to read its orders.
 START, STOP, NOTICE = 3.0, 2.0, 1.0
 STOP_REFUSED = 15.0  # The stand-in's own patience with a stop.
-STOP_CUT = 22.0  # The Guardian's patience with a stop, and the time to end it.
-BURST = 11.0  # Ten records, one a second, and the Guardian closes the connection.
 
 
 # Rounds, seconds of the watchdog's time besides, which may run fast, and of the machine's.
@@ -104,7 +101,7 @@ def refused(run, bound):
 
 KILL = send(signal.SIGKILL)
 DEAD = Bound(1, 0, START)
-ORDERED = Bound(2, ORDER, STOP + START)
+ORDERED = Bound(2, 1, STOP + START)  # A page's order is carried out after a second.
 COMMANDS = NOTICE + STOP + START
 
 STORIES = (
@@ -118,13 +115,15 @@ STORIES = (
           Bound(FAILURES + 2, 0, COMMANDS)),
     Story("mutex lost, SIGTERM ignored", (order("drop-mutex", "ignore-term"),), restarted,
           Bound(FAILURES + 5, 0, NOTICE + STOP_REFUSED + START)),
+    # The Guardian's patience with the stop, and the time to end it.
     Story("mutex lost, stop hangs", (order("drop-mutex", "hang-stop"),), restarted,
-          Bound(FAILURES + 2, 0, NOTICE + STOP_CUT + START)),
+          Bound(FAILURES + 2, 0, NOTICE + 20 + 2 + START)),
     Story("pipe lost", (order("close-pipe"),), restarted,
           Bound(1 + FAILURES + 1, SILENCE, COMMANDS)),
+    # First come ten records, one a second; then the Guardian closes the connection.
     Story("socket deleted", (delete_socket,), restarted,
-          Bound(2 + FAILURES + 1, SILENCE, BURST + STOP + START)),
-    # Asked once also means that the pulse was only not listened to.
+          Bound(2 + FAILURES + 1, SILENCE, 11 + STOP + START)),
+    # A single question could also mean that the Guardian had only missed the pulse.
     Story("pulse frozen", (order("freeze-pulse"),), asked(3),
           Bound(5, SILENCE + PULSE_STILL, NOTICE + 2)),
     Story("garbage", (order("garbage"),), asked(1), Bound(3, SILENCE + PULSE_STILL, NOTICE + 2)),
