@@ -18,7 +18,6 @@ POLL_SECONDS = 0.05
 _PR_SET_CHILD_SUBREAPER = 36
 # Without a proxy.
 _OPENER = urllib.request.build_opener(urllib.request.ProxyHandler({}))
-_INTERRUPTIONS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGALRM)
 
 
 # The first thing that was not as it should be, in one line.
@@ -56,6 +55,17 @@ def answers():
         return False
 
 
+def _on_interruption(handler):
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGALRM):
+        signal.signal(number, handler)
+
+
+# A second signal must not interrupt the end that the first one brings.
+def _interrupt(*_):
+    _on_interruption(lambda *_: None)
+    sys.exit("interrupted")
+
+
 # A context that leaves no process behind: a process that loses its parent becomes a child of this
 # program, which ends it by its id. A signal that interrupts the program also ends the context.
 class Installation:
@@ -74,13 +84,11 @@ class Installation:
 
     def __enter__(self):
         ctypes.CDLL(None).prctl(_PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
-        for number in _INTERRUPTIONS:
-            signal.signal(number, lambda *_: sys.exit("interrupted"))
+        _on_interruption(_interrupt)
         return self
 
     def __exit__(self, *_):
-        for number in _INTERRUPTIONS:
-            signal.signal(number, signal.SIG_IGN)
+        _on_interruption(lambda *_: None)
         if self.guardian and self.guardian.poll() is None:
             self.guardian.send_signal(signal.SIGCONT)
             self.guardian.terminate()
