@@ -89,18 +89,17 @@ def check_content_policy(browser):
     browser.require_clean("Content Security Policy")
 
 
-def check_link_from_another_site(browser, installation):
+def check_link_from_another_site(browser):
     link = f'<a href="{MAIN_PAGE}killdaemon.php">elsewhere</a>'
     browser.driver.get("data:text/html," + urllib.parse.quote(link))
     shown = browser.click(MAIN_PAGE + "killdaemon.php")
     require(shown == "Refused: the request comes from another site.", f"it shows {shown!r}")
     browser.require_clean("403")
-    require(installation.daemon_pid(), "a link of another site ended the daemon")
 
 
-def check_control_page(browser, installation):
-    pid = installation.daemon_pid()
+def check_control_page(browser, installation, pid):
     browser.open()
+    require(installation.daemon_pid() == pid, "a link of another site ended the daemon")
     shown = browser.click("killdaemon.php")
     require(shown == "KILL signal will be sent to VellumarkCL", f"killdaemon.php shows {shown!r}")
     await_that("the daemon's end", lambda: installation.daemon_pid() != pid, 5)
@@ -110,17 +109,18 @@ def check_control_page(browser, installation):
 
 
 def check(bin_folder, screenshot, folder):
-    with Installation(bin_folder, os.path.join(folder, "guardian")) as installation:
+    with Installation(bin_folder, os.path.join(folder, "guardian"), "FastGuardian") as installation:
         signal.alarm(100)
         installation.start_guardian()
         browser = Browser(os.path.join(folder, "browser"))
         await_that("a healthy daemon on the main page",
                    lambda: "MutexOK=Y, PipeStatusOK=Y, ServiceOK=Y" in browser.open(), 45)
         require(browser.driver.save_screenshot(screenshot), f"cannot be written: {screenshot}")
+        pid = installation.daemon_pid()
+        check_link_from_another_site(browser)
         check_pages(browser)
         check_content_policy(browser)
-        check_link_from_another_site(browser, installation)
-        check_control_page(browser, installation)
+        check_control_page(browser, installation, pid)
 
 
 def main(bin_folder, screenshot):
