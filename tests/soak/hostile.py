@@ -1,7 +1,7 @@
 # HTTP clients that no server likes, a whole wave of them at once against the Guardian's port.
 #
 #   hostile.py SEED SLOWNESS
-# Ends by itself within a quarter of a minute, times the slowness: with 1 and a line about the kinds
+# Ends by itself within 20 seconds, times the slowness: with 1 and a line about the kinds
 # of client that the server kept longer than it promises, if there are any.
 
 import asyncio
@@ -85,6 +85,7 @@ async def wave(seed, slowness):
         kinds += [crowd] * CROWD
     visits = [visit(kind, random.Random(chance.random()), slowness) for kind in kinds]
     problems = set(await asyncio.gather(*visits)) - {None}
+    await asyncio.sleep(3)  # Until the server has let go of the last client.
     if problems:
         sys.exit("hostile: " + "; ".join(sorted(problems)))
 

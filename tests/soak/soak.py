@@ -30,7 +30,7 @@ HEALTHY = Bound(3, SILENCE, 5)
 PROCESS_STAY, TEMP_FILE_STAY = 5, 60
 # Descriptors, threads and MiB of memory that a Guardian at rest may have more than at first.
 MORE = (4, 3, 8)
-WAVE_CHANCE, WAVE_LIMIT, REST_AFTER_WAVE = 0.5, 20, 3
+WAVE_CHANCE, WAVE_LIMIT = 0.5, 20
 TEMP_BYTES, TEMP_FILES = 16 * 1048576, 64
 DAEMON_MAY_OPEN = re.compile(r"(/dev/null|socket:\[\d+\]|.*/home/.*"
                              r"|anon_inode:\[(signalfd|eventfd|eventpoll)\])( \(deleted\))?")
@@ -89,7 +89,6 @@ class Soak:
         # Of its own: whether a wave is due depends on time, and must not change the faults.
         self._wave_chance = random.Random(seed + 1)
         self._wave = self._status = None
-        self._wave_ended_at = 0.0
         self._factor, self._slowness = factor, slowness
         self._began = self._round_at = time.monotonic()
         self._round = -1
@@ -164,7 +163,7 @@ class Soak:
         self.installation.mend()
         self._await_healthy()
         print(f"soak: {began - self._began:7.1f} s  {story.name}: {time.monotonic() - began:.1f} s")
-        if self._wave_is_over() and time.monotonic() - self._wave_ended_at > REST_AFTER_WAVE:
+        if self._wave_is_over():
             self._rest()
 
     def _await_healthy(self):
@@ -179,7 +178,6 @@ class Soak:
 
     def _await_rest(self):
         self.await_that("the hostile clients are gone", self._wave_is_over, Bound(0, 0, WAVE_LIMIT))
-        self.hold(REST_AFTER_WAVE * self._factor / TICK)
         self._await_healthy()
         self._rest()
 
@@ -228,7 +226,7 @@ class Soak:
     def _wave_is_over(self):
         if self._wave is not None and self._wave.poll() is not None:
             require(self._wave.returncode == 0, "the hostile clients were kept for too long")
-            self._wave, self._wave_ended_at = None, time.monotonic()
+            self._wave = None
         return self._wave is None
 
     # What must hold at every moment.
