@@ -21,7 +21,7 @@
 namespace guardian {
 namespace {
 
-// A program whose output goes nowhere.
+// Starts the program without its output.
 pid_t Spawn(std::vector<std::string>& arguments) {
   std::vector<char*> pointers;
   for (std::string& argument : arguments) pointers.push_back(argument.data());
@@ -42,7 +42,7 @@ double ToSeconds(const timeval& time) {
   return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
 }
 
-// The end of the answer's head and the length of its body.
+// The length of the whole answer, once its head is complete; npos before.
 std::size_t LengthOfAnswer(const std::string& answer) {
   constexpr std::string_view kHeadEnd = "\r\n\r\n";
   constexpr std::string_view kLength = "Content-Length: ";
@@ -84,7 +84,7 @@ double ProcessorSecondsOf(pid_t process) {
 }
 
 double ChildSecondsOf(pid_t process) {
-  constexpr int kFieldsBefore = 13;  // Of those that follow the name.
+  constexpr int kFieldsBefore = 13;  // Counted from the process's name.
   std::string stat;
   std::getline(std::ifstream("/proc/" + std::to_string(process) + "/stat"), stat, '\0');
   std::istringstream fields(stat.substr(stat.rfind(')') + 1));

@@ -8,25 +8,26 @@
 
 namespace guardian {
 
-// Real programs and their costs. All of these throw std::runtime_error for what does not go as it
-// should.
+// Runs real programs and measures what they cost. Every function throws std::runtime_error when
+// something fails.
 
-// What a program did that ran to its end, with its output thrown away.
+// The cost of a program from its start to its end. The processor time includes its children.
 struct TRunCost {
-  double Seconds = 0;           // From its start to its end.
-  double ProcessorSeconds = 0;  // Its own and that of its children.
+  double Seconds = 0;
+  double ProcessorSeconds = 0;
 };
 
-// Runs it; its exit code must be 0.
+// Runs the program without its output; its exit code must be 0.
 TRunCost RunToEnd(std::vector<std::string> arguments);
 
-// Runs it; what it printed.
+// Runs the program and returns its output; its exit code must be 0.
 std::string OutputOf(std::vector<std::string> arguments);
 
-// The processor time of a running process alone, in seconds.
+// The processor time of a running process without its children, in seconds.
 double ProcessorSecondsOf(pid_t process);
 
-// That of its children that have ended, and of theirs, to some hundredths of a second.
+// The processor time of the process's ended children and of their children, in seconds; exact to a
+// few hundredths.
 double ChildSecondsOf(pid_t process);
 
 struct TMemory {
@@ -36,10 +37,10 @@ struct TMemory {
 
 TMemory MemoryOf(pid_t process);
 
-// A connection to the port of this machine; -1 while nobody answers there.
+// Connects to the port of this machine; -1 while no program listens there.
 int TryConnect(std::uint16_t port);
 
-// The whole answer to a GET of the path, its head included.
+// Sends a GET of the path and returns the whole answer, with its head.
 std::string RawAnswer(std::uint16_t port, const std::string& path);
 
 }  // namespace guardian

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "Installation.h"
+#include "BenchedGuardian.h"
 #include "Measure.h"
 #include "Programs.h"
 #include "support/Eventually.h"
@@ -25,7 +25,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// A failure spoils the one figure.
+// A failure of one benchmark leaves the other figures as they are.
 template <void (*Benchmark)(benchmark::State&)>
 void Guarded(benchmark::State& state) {
   try {
@@ -35,7 +35,7 @@ void Guarded(benchmark::State& state) {
   }
 }
 
-// The server that is the baseline of a page.
+// The minimal server, which is the baseline of a page.
 class TBareServer {
  public:
   static constexpr std::uint16_t kPort = 8990;
@@ -84,7 +84,7 @@ double NumberBehind(const std::string& text, const std::string& word) {
   return unit.starts_with("s") ? number * 1e3 : number;
 }
 
-// As many requests over so many connections as are answered in a second.
+// Loads the server for one second with as many requests as it answers.
 TLoad LoadFor1s(std::uint16_t port, const std::string& page, int connections) {
   const std::string output =
       OutputOf({"/usr/bin/wrk", "-t1", "-c" + std::to_string(connections), "-d1s", "--latency",
@@ -124,10 +124,10 @@ class TLoadedServer {
   std::vector<double> FProcessorMicroseconds;
 };
 
-void CompareLoads(benchmark::State& state, const TInstallation& installation,
+void CompareLoads(benchmark::State& state, const TBenchedGuardian& guardian,
                   const std::string& page, int connections) {
   const TBareServer bareServer(RawAnswer(kGuardianPort, "/" + page));
-  TLoadedServer ours(kGuardianPort, installation.GuardianPid(), page, connections);
+  TLoadedServer ours(kGuardianPort, guardian.GuardianPid(), page, connections);
   TLoadedServer bare(TBareServer::kPort, bareServer.Pid(), page, connections);
   const TComparison seconds = Compare(
       state, [&] { return ours.SecondsPerAnswer(); }, [&] { return bare.SecondsPerAnswer(); });
@@ -142,11 +142,11 @@ void CompareLoads(benchmark::State& state, const TInstallation& installation,
 
 // The Guardian with a healthy daemon.
 void StatusPage(benchmark::State& state) {
-  TInstallation installation(TGuardianKind::Product);
-  installation.StartDaemon();
-  installation.StartGuardian();
-  installation.WaitForAnswer();
-  CompareLoads(state, installation, "status.php", static_cast<int>(state.range(0)));
+  TBenchedGuardian guardian(TGuardianKind::Product);
+  guardian.StartDaemon();
+  guardian.StartGuardian();
+  guardian.WaitForAnswer();
+  CompareLoads(state, guardian, "status.php", static_cast<int>(state.range(0)));
 }
 BENCHMARK(Guarded<StatusPage>)
     ->Name("StatusPage")
@@ -161,17 +161,17 @@ std::string LongFolders() { return "/" + std::string(200, 'a') + "/" + std::stri
 
 void FullMainPage(benchmark::State& state) {
   constexpr int kConnections = 16;
-  TInstallation installation(TGuardianKind::Fast, LongFolders());
-  installation.StartDaemon();
-  installation.StartGuardian();
-  installation.WaitForHealthyRound();
-  installation.FillLogs();
-  CompareLoads(state, installation, "", kConnections);
+  TBenchedGuardian guardian(TGuardianKind::Fast, LongFolders());
+  guardian.StartDaemon();
+  guardian.StartGuardian();
+  guardian.WaitForHealthyRound();
+  guardian.FillLogs();
+  CompareLoads(state, guardian, "", kConnections);
 }
 BENCHMARK(Guarded<FullMainPage>)->Name("FullMainPage")->UseManualTime()->Iterations(Rounds(5));
 
-// Connections that say nothing and connections that send their request byte by byte, for ever: who
-// is sent away comes back.
+// Half of the connections send nothing, the others send their request byte by byte. A connection
+// that the server closes is made again.
 class TSlowClients {
  public:
   TSlowClients() {
@@ -229,10 +229,10 @@ double SecondsOfCurl() {
 }
 
 void StatusPageBesideSlowClients(benchmark::State& state) {
-  TInstallation installation(TGuardianKind::Product);
-  installation.StartDaemon();
-  installation.StartGuardian();
-  installation.WaitForAnswer();
+  TBenchedGuardian guardian(TGuardianKind::Product);
+  guardian.StartDaemon();
+  guardian.StartGuardian();
+  guardian.WaitForAnswer();
   const auto beside = [] {
     const TSlowClients clients;
     return SecondsOfCurl();
@@ -245,11 +245,11 @@ BENCHMARK(Guarded<StatusPageBesideSlowClients>)
     ->Iterations(Rounds(7));
 
 void StatusCommand(benchmark::State& state) {
-  TInstallation installation(TGuardianKind::Product);
-  installation.StartDaemon();
-  installation.StartGuardian();
-  installation.WaitForAnswer();
-  const auto ours = [&] { return RunToEnd({installation.GuardianPath(), "status"}).Seconds; };
+  TBenchedGuardian guardian(TGuardianKind::Product);
+  guardian.StartDaemon();
+  guardian.StartGuardian();
+  guardian.WaitForAnswer();
+  const auto ours = [&] { return RunToEnd({guardian.GuardianPath(), "status"}).Seconds; };
   const auto bare = [] {
     return RunToEnd({"/usr/bin/curl", "-sf", "http://127.0.0.1:8900/status.php"}).Seconds;
   };
@@ -260,11 +260,11 @@ BENCHMARK(Guarded<StatusCommand>)
     ->UseManualTime()
     ->Iterations(Rounds(101, 3));
 
-double SecondsUntilAnswer(TInstallation& installation) {
+double SecondsUntilAnswer(TBenchedGuardian& guardian) {
   constexpr std::chrono::microseconds kPause{200};
   int connection = -1;
   const double seconds = Seconds([&] {
-    installation.StartGuardian();
+    guardian.StartGuardian();
     for (int round = 0; round < 50'000 && connection < 0; ++round) {
       std::this_thread::sleep_for(kPause);
       connection = TryConnect(kGuardianPort);
@@ -275,15 +275,15 @@ double SecondsUntilAnswer(TInstallation& installation) {
   if (Page("status.php").find("running") == std::string::npos) {
     throw std::runtime_error("somebody else answers");
   }
-  installation.StopGuardian();
+  guardian.StopGuardian();
   return seconds;
 }
 
 void StartToAnswer(benchmark::State& state) {
-  TInstallation installation(TGuardianKind::Product);
-  const std::string handshake = installation.DaemonPath() + " /PATHS";
+  TBenchedGuardian guardian(TGuardianKind::Product);
+  const std::string handshake = guardian.DaemonPath() + " /PATHS";
   const TComparison seconds = Compare(
-      state, [&] { return SecondsUntilAnswer(installation); },
+      state, [&] { return SecondsUntilAnswer(guardian); },
       [&] {
         return RunToEnd({"/bin/sh", "-c", handshake}).Seconds;
       });
@@ -305,7 +305,7 @@ double SecondsOf60Listings() {
   return seconds * 60 / runs;
 }
 
-// So much of the watchdog's time, while somebody looks at the main page.
+// Lets so much of the watchdog's time pass while the main page is fetched twice a second.
 void PlayFast(std::chrono::seconds watched) {
   const auto end = std::chrono::steady_clock::now() + watched / kFastFactor;
   while (std::chrono::steady_clock::now() < end) {
@@ -314,17 +314,17 @@ void PlayFast(std::chrono::seconds watched) {
   }
 }
 
-// What the product itself spends in a minute, the time in which it looks once at the process list:
-// in real time, since of all that it waits for only the ticks come fast in a fast hour.
+// The processor time of the product itself in a minute, in which it reads the process list once. It
+// is measured in real time, since in a fast hour only the ticks come faster.
 double ProcessorSecondsOfAMinute() {
   const milliseconds window(Rounds(60'000, 500));
-  TInstallation installation(TGuardianKind::Product);
-  installation.StartDaemon();
-  installation.StartGuardian();
-  installation.WaitForHealthyRound();
-  const double before = ProcessorSecondsOf(installation.GuardianPid());
+  TBenchedGuardian guardian(TGuardianKind::Product);
+  guardian.StartDaemon();
+  guardian.StartGuardian();
+  guardian.WaitForHealthyRound();
+  const double before = ProcessorSecondsOf(guardian.GuardianPid());
   std::this_thread::sleep_for(window);
-  return (ProcessorSecondsOf(installation.GuardianPid()) - before) * 60'000 /
+  return (ProcessorSecondsOf(guardian.GuardianPid()) - before) * 60'000 /
          static_cast<double>(window.count());
 }
 
@@ -332,18 +332,18 @@ void WatchedHour(benchmark::State& state) {
   const std::chrono::seconds hour(Rounds(3600, 60));
   for ([[maybe_unused]] auto _ : state) {
     const double own = ProcessorSecondsOfAMinute() * 60;
-    TInstallation installation(TGuardianKind::Fast, LongFolders());
-    installation.StartDaemon();
-    installation.StartGuardian();
-    installation.WaitForHealthyRound();
-    installation.FillLogs();
-    const pid_t guardian = installation.GuardianPid();
-    const double before = ChildSecondsOf(guardian);
+    TBenchedGuardian guardian(TGuardianKind::Fast, LongFolders());
+    guardian.StartDaemon();
+    guardian.StartGuardian();
+    guardian.WaitForHealthyRound();
+    guardian.FillLogs();
+    const pid_t pid = guardian.GuardianPid();
+    const double before = ChildSecondsOf(pid);
     PlayFast(hour / 10);
-    const TMemory early = MemoryOf(guardian);
+    const TMemory early = MemoryOf(pid);
     PlayFast(hour - hour / 10);
-    const TMemory late = MemoryOf(guardian);
-    const double children = ChildSecondsOf(guardian) - before;
+    const TMemory late = MemoryOf(pid);
+    const double children = ChildSecondsOf(pid) - before;
     state.SetIterationTime(static_cast<double>(hour.count()));
     state.counters["processor_s"] = own + children;
     state.counters["own_s"] = own;
@@ -358,10 +358,10 @@ void WatchedHour(benchmark::State& state) {
 }
 BENCHMARK(Guarded<WatchedHour>)->Name("WatchedHour")->UseManualTime()->Iterations(1);
 
-double SecondsUntilBack(const TInstallation& installation) {
-  const pid_t killed = installation.DaemonPid();
+double SecondsUntilBack(const TBenchedGuardian& guardian) {
+  const pid_t killed = guardian.DaemonPid();
   const auto isBack = [&] {
-    const pid_t pid = installation.DaemonPid();
+    const pid_t pid = guardian.DaemonPid();
     return pid != 0 && pid != killed;
   };
   return Seconds([&] {
@@ -370,23 +370,23 @@ double SecondsUntilBack(const TInstallation& installation) {
   });
 }
 
-// Every restart begins with a tick, so the next kill comes so long after a tick. The daemon's own
-// start is taken as the Guardian starts it, by the shell.
+// Every restart begins with a tick, so each pause before a kill is the time since a tick. The
+// daemon's own start is measured as the Guardian starts it, by the shell.
 void RestartAfterKill(benchmark::State& state) {
   constexpr milliseconds kStep{1000};
-  TInstallation installation(TGuardianKind::Product);
+  TBenchedGuardian guardian(TGuardianKind::Product);
   std::vector<double> starts;
   for (int i = 0; i < Rounds(5); ++i) {
-    starts.push_back(RunToEnd({"/bin/sh", "-c", installation.DaemonPath() + " start"}).Seconds);
-    installation.StopDaemon();
+    starts.push_back(RunToEnd({"/bin/sh", "-c", guardian.DaemonPath() + " start"}).Seconds);
+    guardian.StopDaemon();
   }
-  installation.StartDaemon();
-  installation.StartGuardian();
-  installation.WaitForHealthyRound();
+  guardian.StartDaemon();
+  guardian.StartGuardian();
+  guardian.WaitForHealthyRound();
   std::vector<double> times;
   for ([[maybe_unused]] auto _ : state) {
     std::this_thread::sleep_for(kStep * ((times.size() + 1) % 10));
-    times.push_back(SecondsUntilBack(installation));
+    times.push_back(SecondsUntilBack(guardian));
     state.SetIterationTime(times.back());
   }
   const double longest = *std::max_element(times.begin(), times.end());

@@ -1,396 +1,314 @@
-"""The Guardian under seeded random faults, judged from outside. See scripts/soak, which runs it."""
+# The Guardian under faults in an order of chance, judged from outside. scripts/soak runs it; the
+# faults and their bounds stand in stories.py.
+#   soak.py BIN_FOLDER MINUTES SEED FACTOR SLOWNESS STORY   STORY is one story's name, or empty
 
-import argparse
+import collections
+import contextlib
+import glob
+import http.client
+import json
 import os
 import random
 import re
 import shutil
-import signal
 import subprocess
 import sys
 import tempfile
 import time
-from datetime import datetime
 
-import faults
-import machine
-import watch
-from installation import Installation
-from watch import Pace, Violation, fetch
+import psutil
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.append(os.path.join(HERE, "..", "browser"))
-from guardian import refuse_what_is_in_use  # pylint: disable=wrong-import-position
+from installation import POLL_SECONDS, Failed, Installation, await_that, fetch, require
+from stories import DEAD, KILL, LOOK, SILENCE, STORIES, TICK, Bound, restarted
 
-POLL = 0.05
-WAVE_CHANCE = 0.5
-WAVE_LIMIT = 20  # Seconds; a wave ends by itself before.
-REST_AFTER_WAVE = 3  # Seconds until the server has let go of the last client.
-FEW_DESCRIPTORS, FEW_THREADS, FEW_MIB = 4, 3, 8  # How far a Guardian at rest may be from the first.
-HEALTHY = faults.Bound.of_ticks(3, faults.SILENCE, 5)
-CLOCK_TOLERANCE = 1200  # Seconds shown: less than any step, more than a round may be old.
+PAGES = ("status.json", "", "status.php", "metrics", "logfiles.php", "threadreport.php")
+PAGE_LIMIT = 1.0
+# The longest round: a "stop" that hangs for 20 + 2 seconds, a look of 5 + 2, a connect of 5.
+ROUND = Bound(1, 0, 36)
+HEALTHY = Bound(3, SILENCE, 5)
+# A process between fork and exec looks like its parent; a command has 30 + 2 seconds.
+PROCESS_STAY, TEMP_FILE_STAY = 5, 60
+# Descriptors, threads and MiB of memory that a Guardian at rest may have more than at first.
+MORE = (4, 3, 8)
+WAVE_CHANCE, WAVE_LIMIT = 0.5, 20
+TEMP_BYTES, TEMP_FILES = 16 * 1048576, 64
+DAEMON_MAY_OPEN = re.compile(r"(/dev/null|socket:\[\d+\]|.*/home/.*"
+                             r"|anon_inode:\[(signalfd|eventfd|eventpoll)\])( \(deleted\))?")
 SANITIZER_REPORT = re.compile(r"(ERROR|WARNING): \w+Sanitizer|runtime error:")
 
 
-def say(text):
-    print(f"soak: {text}", flush=True)
+# With a temporary directory that can be full, where it can be mounted.
+class SoakInstallation(Installation):
+    def __init__(self, bin_folder, folder, factor):
+        super().__init__(bin_folder, folder, "FastGuardian", FAST_GUARDIAN_FACTOR=factor)
+        self._temp = self.path("tmp")
+        self.order_faults()
+        options = f"size={TEMP_BYTES},nr_inodes={TEMP_FILES},mode=0700"
+        self.mounted = subprocess.run(["mount", "-t", "tmpfs", "-o", options, "tmpfs", self._temp],
+                                      check=False, capture_output=True).returncode == 0
+
+    def __exit__(self, *failure):
+        super().__exit__(*failure)
+        if self.mounted:
+            subprocess.run(["umount", self._temp], check=True)
+
+    # What the daemon inherits stays open in it, so that it can be seen.
+    def order_faults(self, *words):
+        super().order_faults("keep-open", *words)
+
+    def temp_files(self):
+        return [name for name in os.listdir(self._temp) if not name.startswith("ballast")]
+
+    # Not a byte more fits in, though a file does.
+    def fill_temp(self):
+        with open(os.path.join(self._temp, "ballast"), "wb", buffering=0) as file, \
+                contextlib.suppress(OSError):
+            for _ in range(TEMP_BYTES // 4096 + 1):
+                file.write(b"\0" * 4096)
+
+    # No file can be made any more.
+    def use_up_temp(self):
+        with contextlib.suppress(OSError):
+            for number in range(TEMP_FILES + 1):
+                os.mknod(os.path.join(self._temp, f"ballast{number}"))
+
+    def mend(self):
+        self.order_faults()
+        for path in glob.glob(os.path.join(self._temp, "ballast*")):
+            os.unlink(path)
 
 
+# One run. Its public members are what the stories are told in.
 class Soak:
-    """One run. Its public operations are what the faults are told in."""
-
-    def __init__(self, installation, options):
+    def __init__(self, installation, seed, factor, slowness):
         self.installation = installation
-        self.pace = Pace(options.factor, options.slowness)
-        self.chance = random.Random(options.seed)
-        # Of its own: whether one is due depends on time, and must not change the faults.
-        self._wave_chance = random.Random(options.seed + 1)
-        self._options = options
-        self._began = time.monotonic()
-        self._pages = watch.PageWatcher(self.pace)
-        self._processes = None
-        self._wave = None
-        self._wave_ended_at = 0.0
-        self._pid = 0
-        self._starts = 0
-        self._first_rest = None
-        self._usage = None
-        self._told = {}
-        self._waves = 0
-        self._rests = 0
-        self._longest_restart = 0.0
-        self.fault = "start"
+        self.chance = random.Random(seed)
+        self.pid = 0  # The daemon that is to run.
+        self.starts = 0
+        self.story = "start"
+        # Of its own: whether a wave is due depends on time, and must not change the faults.
+        self._wave_chance = random.Random(seed + 1)
+        self._wave = self._status = None
+        self._factor, self._slowness = factor, slowness
+        self._began = self._round_at = time.monotonic()
+        self._round = -1
+        self._usage = self._first_usage = ()
+        self._since = {}  # When each thing that must go again was first seen.
+        self._counts = collections.Counter()
+        self._longest = collections.defaultdict(float)  # Seconds by what took them.
 
-    # What the faults are told in.
+    # Of the machine's time.
+    def seconds(self, bound):
+        return (bound.rounds * TICK + bound.watchdog) / self._factor \
+            + (bound.rounds * LOOK + bound.machine) * self._slowness
 
-    def order(self, *words):
-        self.installation.order_faults(*words)
+    def await_that(self, what, condition, bound):
+        lasted = await_that(what, condition, self.seconds(bound), self._look)
+        self._longest[what] = max(lasted, self._longest[what])
 
-    def withdraw_orders(self):
-        self.installation.order_faults()
+    # So many rounds the same daemon runs, or something else is done again and again.
+    def hold(self, rounds, act=None):
+        end = time.monotonic() + rounds * TICK / self._factor
+        while time.monotonic() < end:
+            self._look()
+            (act or self.require_same_daemon)()
+            time.sleep(POLL_SECONDS)
 
-    def signal_daemon(self, number):
-        os.kill(self._pid, number)
+    def require_same_daemon(self):
+        pid = self.installation.daemon_pid()
+        require(pid == self.pid, f"the daemon was ended without need: PID {self.pid}, now {pid}")
 
-    def await_restart(self, bound):
-        """Another daemon runs in time. What was ordered is withdrawn when the old one has ended."""
-        began, withdrawn = time.monotonic(), False
-        for _ in self._within(bound, "the daemon did not run again"):
-            pid = self.installation.daemon_pid()
-            if pid != self._pid and not withdrawn:
-                self.withdraw_orders()
-                withdrawn = True
-            if pid not in (0, self._pid):
-                break
-        self._longest_restart = max(self._longest_restart, time.monotonic() - began)
-        self._pid = self.installation.daemon_pid()
-        self._starts += 1
-
-    def await_enquiries(self, count, bound):
-        """The daemon is asked so often in time, and never ended."""
-        asked = self._enquiries()
-        for _ in self._within(bound, "the daemon was not asked"):
-            self._require_same_daemon()
-            if self._enquiries() >= asked + count:
-                break
-        self.hold(self.chance.uniform(0, 6) * faults.TICK)
-        self.withdraw_orders()
-
-    def hold(self, watchdog_seconds):
-        """So long the same daemon runs."""
-        for _ in self._for(watchdog_seconds):
-            self._require_same_daemon()
-
-    def hold_down(self, watchdog_seconds):
-        """So long nothing is asked of anybody."""
-        for _ in self._for(watchdog_seconds):
-            pass
-
-    def shown_time(self):
-        """How many seconds the time of the last round, as the main page shows it, is ahead of a
-        clock that began with this run."""
-        shown = re.findall(r"Status at (\d+-\d+-\d+ \d+:\d+:\d+):", fetch(""))
-        if not shown:
-            raise Violation("the main page shows no time")
-        ours = (time.monotonic() - self._began) * self.pace.factor
-        return datetime.fromisoformat(shown[-1]).timestamp() - ours
-
-    def await_shown_time(self, before, step, bound):
-        for _ in self._within(bound, f"the wall clock's step of {step} s was not shown"):
-            if abs(self.shown_time() - before - step) < CLOCK_TOLERANCE:
-                break
-
-    # The run.
-
-    def run(self):
-        self._start()
-        self._warm_up()
-        deadline = self._began + self._options.minutes * 60
-        for fault in self._draw(deadline):
-            self._suffer(fault)
-        self.fault = "end"
-        self._await_wave()
+    def run(self, minutes, only):
+        self.installation.start_guardian()
+        restarted(self, DEAD)
         self._await_healthy()
-        self._rest()
+        self.story = "warm-up"  # What is taken once and kept, is taken here.
+        self._start_wave()
+        KILL(self)
+        restarted(self, DEAD)
+        self._await_rest()
+        self._first_usage = self._usage
+        for story in self._draw(self._began + minutes * 60, only):
+            self._play(story)
+        self.story = "end"
+        self._await_rest()
         self._end()
 
-    def stop(self):
-        """Ends the watchers and the wave; not the installation."""
-        self._pages.stop()
-        if self._processes:
-            self._processes.stop()
-        if self._wave:
-            self._wave.kill()
-            self._wave.communicate()
-
     def summary(self):
-        pages, processes = self._pages, self._processes
-        total = sum(self._told.values())
-        return (f"{total} faults of {len(self._told)} kinds, {self._starts} starts of the daemon "
-                f"(longest wait {self._longest_restart:.1f} s), {self._waves} hostile waves, "
-                f"{pages.count} pages (longest {pages.longest:.3f} s, {pages.longest_page}), "
-                f"longest round {pages.longest_round:.1f} s, {self._rests} rests, "
-                f"daemon looked into {processes.daemon_looks} times, "
-                f"at most {processes.most_descriptors} descriptors, "
-                f"{processes.most_threads} threads, {processes.most_memory:.1f} MiB; at rest first "
-                f"{self._first_rest}, last {self._usage}")
+        longest = ", ".join(f"{what} {lasted:.2f} s" for what, lasted in self._longest.items())
+        return (f"{self.starts} starts of the daemon, {dict(self._counts)}, longest: {longest}; "
+                f"descriptors, threads, MiB at rest: {self._first_usage} to {self._usage}")
 
-    def _start(self):
-        self.installation.start_guardian()
-        for _ in self._within(faults.Bound(0, 10), "the Guardian did not answer"):
-            try:
-                fetch("status.php")
-                break
-            except OSError:
-                if self.installation.guardian_exit_status() is not None:
-                    raise Violation("the Guardian ended at its start") from None
-        self._processes = watch.ProcessWatcher(self.installation)
-        self._processes.start()
-        self._pages.start()
-        self.await_restart(faults.DEAD)
-        self._await_healthy()
+    # Each story comes once, in an order of chance, before any comes again; one that may take longer
+    # than is left comes no more.
+    def _draw(self, deadline, only):
+        played = collections.Counter()
+        kinds = [each for each in STORIES if only in ("", each.name)
+                 and (self.installation.mounted or "directory" not in each.name)]
+        while fitting := [each for each in kinds
+                          if time.monotonic() + self.seconds(each.bound) < deadline]:
+            story = min(fitting, key=lambda each: (played[each.name], self.chance.random()))
+            played[story.name] += 1
+            yield story
 
-    # Whatever is taken once and kept, is taken here: by a wave, by a restart, by every page.
-    def _warm_up(self):
-        self.fault = "warm-up"
-        self._start_wave()
-        faults.kill(self)
-        self._await_wave()
-        self._await_healthy()
-        self._first_rest = self._calmest_usage()
-        say(f"at rest: {self._first_rest}")
-        if self._options.sabotage == "leak":
-            self.installation.leak(20)
-        elif self._options.sabotage == "stop":
-            os.kill(self.installation.guardian_pid(), signal.SIGSTOP)
-
-    def _draw(self, deadline):
-        """Every kind comes once, in an order of chance, before any comes again; those that may take
-        too long no more."""
-        kinds = [each for each in faults.DECK if self._options.only in ("", each.name)]
-        deck = []
-        while True:
-            if not deck:
-                deck = self.chance.sample(kinds, len(kinds))
-            left = deadline - time.monotonic()
-            fitting = [each for each in deck if self._seconds(each.bound) < left]
-            if not fitting and len(deck) == len(kinds):
-                return
-            if not fitting:
-                deck = []
-                continue
-            deck.remove(fitting[0])
-            yield fitting[0]
-
-    def _suffer(self, fault):
-        self.fault = fault.name
+    def _play(self, story):
+        self.story = story.name
+        self._counts["faults"] += 1
         if self._wave is None and self._wave_chance.random() < WAVE_CHANCE:
             self._start_wave()
         began = time.monotonic()
-        fault.story(self)
+        for step in story.steps:
+            step(self)
+        story.outcome(self, story.bound)
+        self.installation.mend()
         self._await_healthy()
-        self._told[fault.name] = self._told.get(fault.name, 0) + 1
-        say(f"{began - self._began:7.1f} s  {fault.name}: {time.monotonic() - began:.1f} s")
-        self.installation.reap()
-        self._look_at_wave()
-        if self._wave is None and time.monotonic() - self._wave_ended_at > REST_AFTER_WAVE:
+        print(f"soak: {began - self._began:7.1f} s  {story.name}: {time.monotonic() - began:.1f} s")
+        if self._wave_is_over():
             self._rest()
 
     def _await_healthy(self):
-        for _ in self._within(HEALTHY, "the Guardian did not find all well again"):
-            self._require_same_daemon()
-            status = self._pages.status
-            if status and all(status["checks"][name] for name in ("mutex", "pipe", "service")) \
-                    and status["daemon"]["pid"] == str(self._pid):
-                break
-        starts = self.installation.daemon_starts()
-        if starts != self._starts:
-            raise Violation(f"the daemon was started {starts} times instead of {self._starts}")
+        def is_healthy():
+            self.require_same_daemon()
+            checks = self._status["checks"]
+            return all(checks[name] for name in ("mutex", "pipe", "service")) \
+                and self._status["daemon"]["pid"] == str(self.pid)
+        self.await_that("all is well again", is_healthy, HEALTHY)
+        starts = self.installation.read("home/logs/daemon.log").count(": Started, PID ")
+        require(starts == self.starts, f"{starts} starts of the daemon instead of {self.starts}")
 
+    def _await_rest(self):
+        self.await_that("the hostile clients are gone", self._wave_is_over, Bound(0, 0, WAVE_LIMIT))
+        self._await_healthy()
+        self._rest()
+
+    # The least of two rounds: a round has a shell, and its page has a connection.
     def _rest(self):
-        self._usage = self._calmest_usage()
-        self._rests += 1
-        more = [f"{name} {now:.0f} after {first:.0f}" for name, now, first, few in (
-            ("descriptors", self._usage.descriptors, self._first_rest.descriptors, FEW_DESCRIPTORS),
-            ("threads", self._usage.threads, self._first_rest.threads, FEW_THREADS),
-            ("MiB", self._usage.memory_mib, self._first_rest.memory_mib, self._few_mib()))
-                if now - first > few]
-        if more:
-            raise Violation(f"the Guardian at rest has grown: {', '.join(more)}")
-        for _ in self._within(faults.Bound(0, 3), "the temporary directory is not empty"):
-            if not self.installation.temp_files():
-                break
-        others = watch.listeners_beyond(self.installation.guardian_pid())
-        if others:
-            raise Violation(f"port {watch.PORT} is also held by PID {others}")
+        usages = []
 
-    # A sanitizer keeps freed memory on purpose.
-    def _few_mib(self):
-        return FEW_MIB if self._options.slowness == 1 else float("inf")
+        def look():
+            guardian = psutil.Process(self.installation.guardian.pid)
+            memory = guardian.memory_info()
+            usages.append((guardian.num_fds(), guardian.num_threads(),
+                           round((memory.rss - memory.shared) / 1048576, 1)))
+        self.hold(2, look)
+        self._usage = min(usages)
+        self._counts["rests"] += 1
+        for now, first, more in zip(self._usage, self._first_usage, MORE):
+            # Sanitizers keep the memory that is freed.
+            require(now <= first + more or (more == MORE[2] and self._slowness > 1),
+                    f"the Guardian at rest has grown from {self._first_usage} to {self._usage}")
+        self.await_that("the temporary directory is empty",
+                        lambda: not self.installation.temp_files(), Bound(0, 0, 3))
 
-    # Between two rounds: a round has a shell, and its page has a connection.
-    def _calmest_usage(self):
-        looks = []
-        for _ in self._for(2 * faults.TICK):
-            looks.append(machine.usage(self.installation.guardian_pid()))
-        return min((each for each in looks if each), key=lambda each: each.descriptors)
+    def _end(self):
+        fetch("terminateguardian.php")
+        guardian = self.installation.guardian
+        await_that("the Guardian ends", lambda: guardian.poll() is not None,
+                   self.seconds(Bound(0, 0, 5)))
+        require(guardian.returncode == 0
+                and not SANITIZER_REPORT.search(self.installation.read("guardian.out")),
+                f"the Guardian ended with {guardian.returncode}; its output: guardian.out")
+        require(not self.installation.temp_files(), "files are left in the temporary directory")
+        with contextlib.suppress(psutil.TimeoutExpired):
+            psutil.Process(self.pid).wait(1)
+            raise Failed("the daemon did not outlive the Guardian")
+        require(self._counts["looks into the daemon"] and self._counts["faults"],
+                "there was no time for a fault, or the daemon could never be looked into")
+
+    # The hostile clients.
 
     def _start_wave(self):
         self._wave = subprocess.Popen(
-            [sys.executable, "-B", os.path.join(HERE, "hostile.py"),
-             str(self._wave_chance.randrange(2**32)), str(self.pace.slowness)],
-            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-        self.installation.own_children.add(self._wave.pid)
-        self._waves += 1
+            [sys.executable, "-B", os.path.join(os.path.dirname(__file__), "hostile.py"),
+             str(self._wave_chance.randrange(2**32)), str(self._slowness)])
+        self._counts["waves"] += 1
 
-    def _await_wave(self):
-        for _ in self._within(faults.Bound(0, WAVE_LIMIT), "the hostile clients did not end"):
-            self._look_at_wave()
-            if self._wave is None:
-                break
-        self.hold(REST_AFTER_WAVE * self.pace.factor)
+    def _wave_is_over(self):
+        if self._wave is not None and self._wave.poll() is not None:
+            require(self._wave.returncode == 0, "the hostile clients were kept for too long")
+            self._wave = None
+        return self._wave is None
 
-    def _look_at_wave(self):
-        if self._wave is None or self._wave.poll() is None:
-            return
-        said = self._wave.communicate()[0].strip()
-        self.installation.own_children.discard(self._wave.pid)
-        status, self._wave, self._wave_ended_at = self._wave.returncode, None, time.monotonic()
-        if status != 0:
-            raise Violation(f"the hostile clients report: {said}")
+    # What must hold at every moment.
 
-    def _end(self):
-        self.stop()
-        fetch("terminateguardian.php")
-        limit = self.pace.seconds(0, 5)
-        status = self.installation.await_guardian_end(limit)
-        if status is None:
-            raise Violation(f"the Guardian did not end within {limit:.0f} s")
-        output = self.installation.guardian_output()
-        if status != 0 or SANITIZER_REPORT.search(output):
-            raise Violation(f"the Guardian ended with {status}; its output: guardian.out")
-        if self.installation.temp_files():
-            raise Violation(f"left behind: {self.installation.temp_files()}")
-        if self.installation.daemon_pid() != self._pid:
-            raise Violation("the daemon did not outlive the Guardian's end")
+    def _look(self):
+        self.installation.require_guardian()
+        self._look_at_page(PAGES[self._counts["pages"] % len(PAGES)])
+        self._look_at_processes()
+        self._look_into_daemon(self.installation.daemon_pid())
 
-    def _enquiries(self):
-        return self.installation.daemon_log().count("Command received: msgEnquireStatus")
-
-    def _require_same_daemon(self):
-        pid = self.installation.daemon_pid()
-        if pid != self._pid:
-            raise Violation(f"the daemon, PID {self._pid}, was ended without need, now PID {pid}")
-
-    def _seconds(self, bound):
-        return self.pace.seconds(bound.watchdog, bound.real)
-
-    def _within(self, bound, otherwise):
-        """Looks to be made within the bound; a violation when there is no time for another."""
-        limit = self._seconds(bound)
-        end = time.monotonic() + limit
-        while time.monotonic() < end:
-            self._check()
-            yield
-            time.sleep(POLL)
-        raise Violation(f"{otherwise} within {limit:.1f} s")
-
-    def _for(self, watchdog_seconds):
-        end = time.monotonic() + self.pace.seconds(watchdog_seconds)
-        while time.monotonic() < end:
-            self._check()
-            yield
-            time.sleep(POLL)
-
-    def _check(self):
-        for watcher in (self._pages, self._processes):
-            if watcher and watcher.violation:
-                raise Violation(watcher.violation)
-
-
-def keep_pages(folder):
-    for page in ("", "threadreport.php", "status.json"):
+    def _look_at_page(self, page):
+        limit = PAGE_LIMIT * self._slowness
+        began = time.monotonic()
         try:
-            body = fetch(page, 2)
-        except OSError as error:
-            body = f"no answer: {error}\n"
-        path = os.path.join(folder, f"page-{page or 'main.html'}")
-        with open(path, "w", encoding="utf-8") as file:
-            file.write(body)
+            text, problem = fetch(page, limit), "it is empty, or late"
+        except (OSError, http.client.HTTPException) as error:
+            text, problem = "", error
+        now = time.monotonic()
+        require(text and now - began <= limit,
+                f"page /{page} after {now - began:.3f} s: {problem}")
+        self._longest["page"] = max(now - began, self._longest["page"])
+        self._counts["pages"] += 1
+        if page == "status.json":
+            self._status = json.loads(text)
+            if self._status["counters"]["rounds"] != self._round:
+                self._round, self._round_at = self._status["counters"]["rounds"], now
+            require(now - self._round_at <= self.seconds(ROUND),
+                    f"the watchdog has made no round for {now - self._round_at:.1f} s")
+
+    # An orphan that has ended is reaped here.
+    def _look_at_processes(self):
+        stays = {f"{name} in the temporary directory": TEMP_FILE_STAY
+                 for name in self.installation.temp_files()}
+        guardian = self.installation.guardian.pid
+        for each in psutil.Process().children(recursive=True):
+            with contextlib.suppress(psutil.Error, ChildProcessError):  # It ended meanwhile.
+                is_zombie, parent = each.status() == psutil.STATUS_ZOMBIE, each.ppid()
+                if is_zombie and parent == guardian:
+                    stays[f"a zombie of the Guardian, PID {each.pid}"] = PROCESS_STAY
+                elif each.exe() == self.installation.guardian_path and each.pid != guardian:
+                    stays[f"a second Guardian, PID {each.pid}"] = PROCESS_STAY
+                elif is_zombie and not (self._wave and self._wave.pid == each.pid):
+                    os.waitpid(each.pid, os.WNOHANG)
+        now = time.monotonic()
+        self._since = {what: self._since.get(what, now) for what in stays}
+        for what, since in self._since.items():
+            require(now - since <= stays[what], f"{what} is there for {now - since:.1f} s")
+
+    def _look_into_daemon(self, pid):
+        try:
+            inherited = [f"TCP {each.laddr}" for each in psutil.Process(pid).connections("tcp")]
+            targets = [os.readlink(each) for each in os.scandir(f"/proc/{pid}/fd")]
+        except (OSError, psutil.Error):
+            return  # It ended, or closed something, meanwhile.
+        self._counts["looks into the daemon"] += 1
+        inherited += [each for each in targets if not DAEMON_MAY_OPEN.fullmatch(each)]
+        require(not inherited, f"the daemon, PID {pid}, has inherited {', '.join(inherited)}")
 
 
-def soak(options, folder):
-    """The exit status."""
-    installation = Installation(options.bin_folder, folder, options.factor)
-    run = Soak(installation, options)
-    began = time.monotonic()
-    try:
-        run.run()
-        say(f"passed, seed {options.seed}, {time.monotonic() - began:.0f} s: {run.summary()}")
-        return 0
-    except Violation as violation:
-        say(f"VIOLATION {time.monotonic() - began:.1f} s after the start, during \"{run.fault}\", "
-            f"seed {options.seed}, load {os.getloadavg()[0]:.1f}: {violation}")
-        keep_pages(folder)
-        return 1
-    finally:
-        run.stop()
-        installation.end()
+def keep_pages(installation):
+    for page in ("status.json", "threadreport.php", ""):
+        with open(installation.path(f"page-{page or 'main'}"), "w", encoding="utf-8") as file, \
+                contextlib.suppress(OSError, http.client.HTTPException):
+            file.write(fetch(page, 2))
 
 
-def parse_options():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("bin_folder")
-    parser.add_argument("minutes", type=float)
-    parser.add_argument("seed", type=int)
-    parser.add_argument("--factor", type=int, default=10)
-    parser.add_argument("--slowness", type=float, default=1)
-    parser.add_argument("--only", default="", choices=[each.name for each in faults.DECK])
-    parser.add_argument("--sabotage", choices=("leak", "stop"))
-    return parser.parse_args()
-
-
-def main():
-    options = parse_options()
-    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-        signal.signal(number, lambda *_: sys.exit("soak: interrupted"))
-    try:
-        refuse_what_is_in_use()
-    except Exception as error:  # pylint: disable=broad-except
-        sys.exit(f"soak: {error}")
+def main(bin_folder, minutes, seed, factor, slowness, only):
     folder = tempfile.mkdtemp(prefix="guardian-soak.")
-    say(f"seed {options.seed}, {options.minutes:g} minutes, the watchdog's time runs "
-        f"{options.factor} times as fast, in {folder}")
-    status = 1
-    try:
-        status = soak(options, folder)
-    finally:
-        if status == 0 or options.sabotage:
-            shutil.rmtree(folder)
-        else:
-            say(f"kept: {folder}")
-    sys.exit(status)
+    print(f"soak: seed {seed}, {minutes} minutes, time {factor}-fold, in {folder}")
+    with SoakInstallation(bin_folder, folder, factor) as installation:
+        if not installation.mounted:
+            print("soak: nothing can be mounted: the temporary directory is never full or unusable")
+        run = Soak(installation, int(seed), int(factor), float(slowness))
+        try:
+            run.run(float(minutes), only)
+        except Exception as failure:  # Whatever failed, the folder is kept.
+            keep_pages(installation)
+            sys.exit(f'soak: VIOLATION during "{run.story}", seed {seed}, load '
+                     f"{os.getloadavg()[0]}: {failure!r}; {run.summary()}; kept: {folder}")
+    shutil.rmtree(folder)
+    print(f"soak: passed, seed {seed}: {run.summary()}")
 
 
 if __name__ == "__main__":
-    main()
+    main(*sys.argv[1:])

@@ -1,0 +1,141 @@
+# The faults that the soak plays, as data: what is done, how it must end, and within which bound.
+
+import os
+import signal
+from typing import Callable, NamedTuple
+
+from installation import fetch, require
+
+TICK = 10  # Seconds between two rounds of the watchdog.
+LOOK = 0.5  # What the looks of a round take beyond that, by the machine's time.
+SILENCE = 60  # Without a record for that long, the pipe is opened anew.
+PIPE_DEAD = 120  # Silent for that long, the pipe has failed.
+PULSE_STILL = 72  # Unchanged for that long, the daemon is asked; a still pulse never restarts it.
+FAILURES = 6  # Failed rounds in a row before a restart.
+# Of the machine's time: what commands take on a busy machine, and the stand-in to read its orders.
+START, STOP, NOTICE = 3.0, 2.0, 1.0
+STOP_REFUSED = 15.0  # The stand-in's own patience with a stop.
+
+
+# Rounds, seconds of the watchdog's time besides, which may run fast, and of the machine's.
+class Bound(NamedTuple):
+    rounds: int
+    watchdog: float = 0
+    machine: float = 0
+
+
+class Story(NamedTuple):
+    name: str
+    steps: tuple  # Called with the run, one after the other.
+    outcome: Callable  # Called with the run and the bound; raises Failed.
+    bound: Bound
+
+
+# Steps.
+
+
+def order(*words):
+    return lambda run: run.installation.order_faults(*words)
+
+
+def send(number):
+    return lambda run: os.kill(run.pid, number)
+
+
+def click(page):
+    return lambda _: fetch(page)
+
+
+# So many rounds the same daemon goes on.
+def hold(least, most):
+    return lambda run: run.hold(run.chance.uniform(least, most))
+
+
+# So many rounds nothing is asked of anybody.
+def wait(least, most):
+    return lambda run: run.hold(run.chance.uniform(least, most), lambda: None)
+
+
+def delete_socket(run):
+    os.unlink(run.installation.path("home/mutex/vellumark$qrnd$schedulermutex"))
+
+
+# Calls the installation's operation of that name.
+def call(name):
+    return lambda run: getattr(run.installation, name)()
+
+
+# Outcomes.
+
+
+# Another daemon runs. Orders are withdrawn once the old one has ended.
+def restarted(run, bound):
+    def is_back():
+        pid = run.installation.daemon_pid()
+        if pid != run.pid:
+            run.installation.order_faults()
+        return pid not in (0, run.pid)
+    run.await_that("the daemon runs again", is_back, bound)
+    run.pid = run.installation.daemon_pid()
+    run.starts += 1
+
+
+# The daemon is asked how it is, so often, and never ended.
+def asked(times):
+    def outcome(run, bound):
+        def enquiries():
+            run.require_same_daemon()
+            return run.installation.read("home/logs/daemon.log").count("received: msgEnquireStatus")
+        before = enquiries()
+        run.await_that("the daemon is asked", lambda: enquiries() >= before + times, bound)
+        run.hold(run.chance.uniform(0, 6))
+    return outcome
+
+
+def refused(run, bound):
+    for word, answer in (("start", "Guardian Service already running."),
+                         ("status", "Guardian running and accessible via port 8900.")):
+        said = run.installation.command(word, run.seconds(bound))
+        require(answer in said, f'a second Guardian with "{word}" said: {said[:200]!r}')
+
+
+KILL = send(signal.SIGKILL)
+DEAD = Bound(1, 0, START)
+ORDERED = Bound(2, 1, STOP + START)  # A page's order is carried out after a second.
+COMMANDS = NOTICE + STOP + START
+
+STORIES = (
+    Story("killed", (KILL,), restarted, DEAD),
+    Story("crashed", (order("crash"),), restarted, Bound(1, 0, NOTICE + START)),
+    # Told to stop, terminated thrice, killed, started.
+    Story("hung", (send(signal.SIGSTOP),), restarted,
+          Bound(1 + FAILURES + 5, PIPE_DEAD, STOP_REFUSED + START)),
+    Story("mutex lost", (order("drop-mutex"),), restarted, Bound(FAILURES + 1, 0, COMMANDS)),
+    Story("mutex lost, stop ignored", (order("drop-mutex", "ignore-stop"),), restarted,
+          Bound(FAILURES + 2, 0, COMMANDS)),
+    Story("mutex lost, SIGTERM ignored", (order("drop-mutex", "ignore-term"),), restarted,
+          Bound(FAILURES + 5, 0, NOTICE + STOP_REFUSED + START)),
+    # The Guardian's patience with the stop, and the time to end it.
+    Story("mutex lost, stop hangs", (order("drop-mutex", "hang-stop"),), restarted,
+          Bound(FAILURES + 2, 0, NOTICE + 20 + 2 + START)),
+    Story("pipe lost", (order("close-pipe"),), restarted,
+          Bound(1 + FAILURES + 1, SILENCE, COMMANDS)),
+    # First come ten records, one a second; then the Guardian closes the connection.
+    Story("socket deleted", (delete_socket,), restarted,
+          Bound(2 + FAILURES + 1, SILENCE, 11 + STOP + START)),
+    # A single question could also mean that the Guardian had only missed the pulse.
+    Story("pulse frozen", (order("freeze-pulse"),), asked(3),
+          Bound(5, SILENCE + PULSE_STILL, NOTICE + 2)),
+    Story("garbage", (order("garbage"),), asked(1), Bound(3, SILENCE + PULSE_STILL, NOTICE + 2)),
+    Story("pipe mute", (order("mute-pipe"),), asked(1), Bound(3, SILENCE, NOTICE + 1)),
+    Story("start refused", (order("start-fails"), KILL, wait(1, 4), call("mend")), restarted, DEAD),
+    Story("stopped by page", (click("stopdaemon.php"),), restarted, ORDERED),
+    Story("terminated by page", (click("terminatedaemon.php"),), restarted, ORDERED),
+    Story("killed by page", (click("killdaemon.php"),), restarted, ORDERED),
+    # The output of a command is lost, and nothing else.
+    Story("temporary directory full", (call("fill_temp"), hold(1, 3), KILL), restarted, DEAD),
+    # No command can be run meanwhile.
+    Story("temporary directory unusable",
+          (call("use_up_temp"), hold(1, 2), KILL, wait(1, 3), call("mend")), restarted, DEAD),
+    Story("second Guardian", (), refused, Bound(0, 0, 5)),
+)
