@@ -33,6 +33,10 @@ class TMessageThrottle {
 // Threads: any.
 void DiagnosticMessage(std::string_view text, const TClock& clock = SystemClock()) noexcept;
 
+// As DiagnosticMessage, for lines that tell when they were written: on the error log the local
+// date-time and a blank stand before the text.
+void DatedDiagnostic(std::string_view text, const TClock& clock = SystemClock()) noexcept;
+
 // In a catch block: the exception that is being handled as the message "<where> Exception:
 // <message>".
 void DiagnosticFailure(std::string_view where, const TClock& clock = SystemClock()) noexcept;

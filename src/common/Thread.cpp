@@ -1,6 +1,5 @@
 #include "common/Thread.h"
 
-#include <signal.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -9,6 +8,7 @@
 #include "common/Exceptions.h"
 #include "common/FatalSignals.h"
 #include "common/MainThread.h"
+#include "common/SignalBlock.h"
 
 namespace guardian {
 namespace {
@@ -28,24 +28,6 @@ TThread::TExceptionHandler& ExceptionHandler() {
   static TThread::TExceptionHandler handler;
   return handler;
 }
-
-// Blocks every signal but the fatal ones for as long as it lives, so that a thread created
-// meanwhile starts so.
-class TSignalBlock {
- public:
-  TSignalBlock() noexcept {
-    sigset_t all;
-    sigfillset(&all);
-    for (const int fatal : kFatalSignals) sigdelset(&all, fatal);
-    pthread_sigmask(SIG_SETMASK, &all, &FPrevious);
-  }
-  ~TSignalBlock() { pthread_sigmask(SIG_SETMASK, &FPrevious, nullptr); }
-  TSignalBlock(const TSignalBlock&) = delete;
-  TSignalBlock& operator=(const TSignalBlock&) = delete;
-
- private:
-  sigset_t FPrevious;
-};
 
 // Zero: not asked for yet.
 thread_local std::int32_t tThreadId = 0;
@@ -72,7 +54,8 @@ void TThread::Start() {
   pthread_attr_init(&attributes);
   int error = pthread_attr_setstacksize(&attributes, FStackBytes);
   if (error == 0) {
-    const TSignalBlock block;
+    // A new thread inherits the signal mask of the thread that creates it.
+    const TSignalBlock block(AllSignalsButFatalOnes());
     error = pthread_create(&FHandle, &attributes, &TThread::Run, this);
   }
   pthread_attr_destroy(&attributes);

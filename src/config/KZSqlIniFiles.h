@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -15,7 +13,7 @@
 #include "common/KZCustomINIFile.h"
 #include "common/ThreadAnnotations.h"
 #include "config/SqlIniComponents.h"
-#include "config/SqlIniPaths.h"
+#include "config/SqlIniOpenFile.h"
 #include "diagnostics/KZCriticalSection.h"
 
 namespace guardian {
@@ -47,12 +45,12 @@ enum class TSectionCreation { No, IfMissing };
 // written copies the file to the folder "CfgBackups" beside it, when the newest backup is older
 // than a day and SQLite's integrity check of the copy is content; five are kept.
 //
-// Failures: a failure line goes to the error log while that is open, otherwise to the debug output;
-// reads then return the default, or nothing, and a write is tried three times, the file being
-// opened anew in between. Every operation throws KZException "SQLIni nil in " + its name while
-// there are no components, and besides that only what no memory means.
+// Failures: a failure line goes to the error log while that is open, otherwise to the debug output,
+// the same line at most once an hour. Reads then return the default, or nothing. A write is tried
+// three times, and the file is opened anew in between. Every operation throws KZException "SQLIni
+// nil in " + its name while there are no components; besides that, only std::bad_alloc.
 //
-// Owner: whoever keeps the settings: one store for many threads, or one each, as they like.
+// Owner: the code that keeps the settings; many threads may share one store, or have one each.
 // Threads: any thread may call anything; the lock serialises the one connection and is held while a
 // statement runs and a failure line is written. A call waits for other connections at most
 // kSqlIniBusyTimeout at a time, a write three times that; one that repairs takes as long as a dump
@@ -120,24 +118,16 @@ class TKZSQLIniFile final : public TKZCustomINIFile {
   // Whether writes edit a row without looking for it first; one that is missing is still made.
   void ForceEdit(TSqlIniEdit edit) KZ_EXCLUDES(FLock);
 
-  [[nodiscard]] const std::string& FileName() const noexcept { return FFiles.Store(); }
+  [[nodiscard]] const std::string& FileName() const noexcept { return FFile.Name(); }
 
  private:
-  // What CreateComponents creates.
+  // What CreateComponents creates beside the connection and its statements.
   struct TComponents {
-    // The list, read again when somebody has written since.
-    [[nodiscard]] const std::vector<TSqlIniSection>& Sections();
-
-    std::unique_ptr<TSqlIniComponents> Database;  // Null while the file is closed.
-    std::vector<TSqlIniSection> FSectionList;     // Emptied by own writes.
-    std::int64_t SectionListVersion = 0;          // The file's when the list was read.
     TSqlIniEdit Edit = TSqlIniEdit::LookFirst;
   };
-  using TStatements = std::function<void(TComponents& components)>;
+  using TStatements = std::function<void(TSqlIniComponents& database)>;
 
   void CheckComponentsLocked(const char* operation) const KZ_REQUIRES(FLock);
-  void Log(const std::string& line) const;
-  void LogCurrentException(const char* operation) const;
 
   // Runs statements that only read, in one transaction; a failure is logged.
   void Read(const char* operation, const TStatements& statements) KZ_EXCLUDES(FLock);
@@ -147,45 +137,23 @@ class TKZSQLIniFile final : public TKZCustomINIFile {
   bool Write(const char* operation, const TStatements& statements) KZ_EXCLUDES(FLock);
   void WriteLocked(const TStatements& statements) KZ_REQUIRES(FLock);
   void CommitLocked() KZ_REQUIRES(FLock);
-  [[nodiscard]] std::optional<std::int64_t> FindSection(TComponents& components,
+  [[nodiscard]] std::optional<std::int64_t> FindSection(TSqlIniComponents& database,
                                                         std::string_view section,
                                                         TSectionCreation creation) const;
-
-  void EnsureOpenLocked(TSqlIniBegin kind) KZ_REQUIRES(FLock);
-  void OpenLocked() KZ_REQUIRES(FLock);
-  void OpenOrRepairLocked() KZ_REQUIRES(FLock);
-  [[nodiscard]] bool ConnectLocked() KZ_REQUIRES(FLock);
-  [[nodiscard]] bool TryOpenLocked() KZ_REQUIRES(FLock);
-  void DisconnectLocked() noexcept KZ_REQUIRES(FLock);
-  void LeaveMovedFileLocked() KZ_REQUIRES(FLock);
-  void LeaveFailingFileLocked() KZ_REQUIRES(FLock);
-  // Whether another process opened the file, of which this one is a fork.
-  [[nodiscard]] bool IsForeignLocked() const KZ_REQUIRES(FLock);
 
   // What to do about the failure that is being handled. Returns whether to try again.
   [[nodiscard]] bool RecoverLocked(const char* operation) KZ_REQUIRES(FLock);
   [[nodiscard]] bool ReopenLocked(const char* operation) KZ_REQUIRES(FLock);
   [[nodiscard]] bool RepairAfterDamageLocked() KZ_REQUIRES(FLock);
-  [[nodiscard]] bool RepairIfDueLocked() KZ_REQUIRES(FLock);
-  [[nodiscard]] bool RepairLocked() KZ_REQUIRES(FLock);
 
-  void BackUpIfDueLocked() KZ_REQUIRES(FLock);
-  void BackUpLocked() KZ_REQUIRES(FLock);
+  void Log(const std::string& line) const;
 
-  const TSqlIniPaths FFiles;
-  const TSqlIniAccess FAccess;
   TClock& FClock;
   std::atomic<TDateTime> FLastCommitAt = 0;  // Atomic: read without the lock.
   TKZCriticalSection FLock{"SqlIni"};
+  TSqlIniOpenFile FFile;  // Used under the lock, but for its name and access, which never change.
   std::unique_ptr<TComponents> FComponents KZ_GUARDED_BY(FLock);
-  int FAttempts KZ_GUARDED_BY(FLock) = 0;         // Of the write that runs now.
-  pid_t FOpenedBy KZ_GUARDED_BY(FLock) = 0;       // The process that opened the file.
-  std::string FOpenFailure KZ_GUARDED_BY(FLock);  // Of the last OpenLocked.
-  std::int64_t FNextOpenTick KZ_GUARDED_BY(FLock) = 0;
-  std::int64_t FNextRepairTick KZ_GUARDED_BY(FLock) = 0;  // After one that failed.
-  std::int64_t FNextMovedCheckTick KZ_GUARDED_BY(FLock) = 0;
-  bool FChanged KZ_GUARDED_BY(FLock) = false;  // Since the last backup.
-  std::int64_t FNextBackupTick KZ_GUARDED_BY(FLock) = 0;
+  int FAttempts KZ_GUARDED_BY(FLock) = 0;  // Of the write that runs now.
 };
 
 }  // namespace guardian

@@ -68,8 +68,8 @@ void TKZLogFile::FormLineLocked(std::string_view text) {
 // A local date-time is dear to tell and to format, and lines come in bursts: one text serves a
 // second.
 const std::string& TKZLogFile::TimeTextLocked() {
-  constexpr TDateTime kMillisecondsPerDay = 86'400'000;
-  const std::int64_t second = std::llround(FClock.UtcNow() * kMillisecondsPerDay) / 1000;
+  const std::int64_t second =
+      std::llround(FClock.UtcNow() * static_cast<TDateTime>(kMillisecondsPerDay)) / 1000;
   if (second != FTimeTextSecond) {
     FTimeText = DateTimeToStr(FClock.Now());
     FTimeTextSecond = second;
