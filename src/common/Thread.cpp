@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cassert>
 #include <cstdio>
 #include <utility>
 
@@ -60,7 +61,7 @@ void TThread::Start() {
   }
   pthread_attr_destroy(&attributes);
   if (error != 0) {
-    // Nobody is to wait for a thread that never was.
+    // No caller of WaitFinished shall wait for a thread that does not exist.
     FFinished.store(true);
     FFinishedEvent.Signal();
     throw ESystemError("pthread_create", FName, error);
@@ -70,7 +71,7 @@ void TThread::Start() {
 
 void TThread::Terminate() {
   FTerminated.store(true);
-  // NOLINTNEXTLINE(clang-analyzer-optin.cplusplus.VirtualCall): whoever overrides it joins first.
+  // NOLINTNEXTLINE(clang-analyzer-optin.cplusplus.VirtualCall): overriding classes join first.
   OnTerminate();
 }
 
@@ -88,6 +89,7 @@ bool TThread::WaitFinished(std::chrono::milliseconds timeout) {
 
 void TThread::Join() {
   if (!FStarted) return;
+  assert(pthread_equal(FHandle, pthread_self()) == 0);  // It would wait for itself.
   Terminate();
   while (!WaitFinished(std::chrono::hours(1))) continue;
   // A request that ran meanwhile may have joined it.
@@ -115,7 +117,7 @@ void TThread::RunWhole() {
   FFinished.store(true);
   // The last touch of this object, which the join still waits for.
   FFinishedEvent.Signal();
-  // Who joins in the main thread waits for the queue.
+  // A join in the main thread waits for the queue.
   WakeMainThread();
 }
 

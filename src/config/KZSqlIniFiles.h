@@ -28,22 +28,22 @@ enum class TSectionCreation { No, IfMissing };
 // What is promised for a value once WriteString has returned without a failure line, and
 // TryWriteString true: it is there after kill -9 of any process, and after a power cut, as far as
 // the disk keeps what it has said to be written. A value is there whole or not at all. The file is
-// kept with a rollback journal that each commit truncates and syncs ("synchronous=FULL"): that
-// needs locks and nothing else from the file system, no memory shared with other processes, and so
-// holds on the network file systems of NAS boxes as far as those have working POSIX locks. An empty
-// "-journal" file beside the database is its ordinary state.
+// kept with a rollback journal that each commit truncates and syncs ("synchronous=FULL"). That
+// needs no memory shared with other processes, only locks; so it also holds on the network file
+// systems of NAS boxes that have working POSIX locks. An empty "-journal" file beside the database
+// is normal.
 //
 // A missing, empty or damaged file is repaired when it is opened, and a damaged one also when a
-// write meets the damage; TSqlIniRepair says what it is put together from, TSqlIniPaths which files
-// lie beside it. The order never leaves less than before: the damaged file keeps its place until a
-// checked new one takes it, then it is kept under another name; deleted settings may come back, but
-// no setting that could be read is lost. Whoever has the old file open finds the new one with its
-// next write, or after 50 ms with its next read. A database with other tables, a folder or a device
-// is left alone, and so is every file of a read-only store.
+// write meets the damage; TSqlIniRepair says from what, TSqlIniPaths which files lie beside it. The
+// order never leaves less than before: the damaged file keeps its place until a checked new one
+// takes it, and is then kept under another name; deleted settings may come back, but no setting
+// that could be read is lost. A store that has the old file open finds the new one with its next
+// write, or after 50 ms with its next read. A database with other tables, a folder or a device is
+// left alone, and so is every file of a read-only store.
 //
 // Backups: at UpdateFile, when the store is closed, and once an hour at a write, a store that has
 // written copies the file to the folder "CfgBackups" beside it, when the newest backup is older
-// than a day and SQLite's integrity check of the copy is content; five are kept.
+// than a day and SQLite's integrity check finds nothing wrong with the copy; five are kept.
 //
 // Failures: a failure line goes to the error log while that is open, otherwise to the debug output,
 // the same line at most once an hour. Reads then return the default, or nothing. A write is tried
@@ -58,8 +58,8 @@ enum class TSectionCreation { No, IfMissing };
 // Lifetime: the clock outlives it. Not usable in a process forked from the one that opened it.
 class TKZSQLIniFile final : public TKZCustomINIFile {
  public:
-  // Opens the file, or makes it. One that cannot be opened is a failure line, and is tried again by
-  // every write, and by reads once a second; a repair that failed is tried again after a minute.
+  // Opens the file, or makes it. When that fails, a failure line says why; every write, and a read
+  // once a second, tries again. A repair that failed is tried again after a minute.
   explicit TKZSQLIniFile(const std::string& fileName,
                          TSqlIniAccess access = TSqlIniAccess::ReadWrite,
                          TClock& clock = SystemClock());
@@ -107,15 +107,15 @@ class TKZSQLIniFile final : public TKZCustomINIFile {
 
   // Opens the file anew. Returns whether it is open.
   bool OpenDatabase() KZ_EXCLUDES(FLock);
-  // The next operation opens it again.
+  // Closes the file; the next operation opens it again.
   void CloseDatabase() KZ_EXCLUDES(FLock);
   // As CloseDatabase; from now on every operation throws until CreateComponents, as before a fork.
   void DestroyComponents() KZ_EXCLUDES(FLock);
   void CreateComponents() KZ_EXCLUDES(FLock);
-  // Repairs the file if that is needed. Returns whether it is whole now.
+  // Repairs the file if needed. Returns whether it is whole now.
   bool AttemptRepair() KZ_EXCLUDES(FLock);
 
-  // Whether writes edit a row without looking for it first; one that is missing is still made.
+  // Whether writes edit a row without looking for it first; a missing row is still inserted.
   void ForceEdit(TSqlIniEdit edit) KZ_EXCLUDES(FLock);
 
   [[nodiscard]] const std::string& FileName() const noexcept { return FFile.Name(); }

@@ -185,12 +185,12 @@ std::string TSqlIniRepair::FindGoodCopy() const {
 }
 
 void TSqlIniRepair::BuildReplacement(TState state, const std::string& copy) {
+  const TRemoveAtEnd dump(FFiles.Dump());
   if (state == TState::Damaged) {
     WriteDump();
   } else if (copy.empty()) {
     Log(FFiles.Store() + ": creating new SQL file");
   }
-  const TRemoveAtEnd dump(FFiles.Dump());
   TRemoveAtEnd replacement(FFiles.Replacement());
   FFiles.MakeEmptyFile(FFiles.Replacement());
   CreateTables(FFiles.Replacement(), FClock);

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <stdexcept>
 
+#include "support/ThrownMessage.h"
+
 namespace guardian {
 namespace {
 
@@ -19,26 +21,20 @@ class ESpecial : public SoftException {
   return KZException("raised");
 }
 
-std::string MessageOf(const std::function<void()>& raise) {
-  try {
-    raise();
-  } catch (...) {
-    return CurrentExceptionMessage();
-  }
-  return "nothing was raised";
-}
-
-TEST(KZExceptionTest, NamesItsMostDerivedClassAlsoThroughItsBase) {
+TEST(ExceptionsTest, TellTheirClassAndMessageWhateverTheyAre) {
   const ESpecial special("text");
   const KZException& base = special;
   EXPECT_EQ(base.ClassName(), "ESpecial");
-  EXPECT_STREQ(base.what(), "text");
-  EXPECT_EQ(KZException("").ClassName(), "KZException");
   EXPECT_EQ(ExceptionClassName(special), "ESpecial");
   EXPECT_EQ(ExceptionClassName(std::runtime_error("")), "std::runtime_error");
+  EXPECT_EQ(Demangled("no mangled name"), "no mangled name");
+  EXPECT_EQ(ESystemError("open", "/a/b", ENOENT).Message(),
+            "open /a/b: No such file or directory (errno 2)");
+  EXPECT_EQ(ThrownMessage([] { throw std::out_of_range("range"); }), "range");
+  EXPECT_EQ(ThrownMessage([] { throw 5; }), "unknown exception");
 }
 
-TEST(KZExceptionTest, KnowsWhereItWasRaised) {
+TEST(ExceptionsTest, KnowWhereTheyWereRaised) {
   const void* caller = nullptr;
   const KZException error = RaisedHere(caller);
   ASSERT_GE(error.Stack().size(), 2U);
@@ -46,16 +42,30 @@ TEST(KZExceptionTest, KnowsWhereItWasRaised) {
   EXPECT_EQ(error.Stack()[1], caller);
 }
 
-TEST(ESystemErrorTest, TellsTheOperationTheObjectAndTheSystemsText) {
-  const ESystemError error("open", "/a/b", ENOENT);
-  EXPECT_EQ(error.Message(), "open /a/b: No such file or directory (errno 2)");
-  EXPECT_EQ(error.ErrorNumber(), ENOENT);
+// Throws an exception that is not ours, from a stack that nothing else here has.
+[[gnu::noinline]] void ThrowForeign(const void*& caller) {
+  caller = __builtin_return_address(0);
+  throw std::runtime_error("foreign");
 }
 
-TEST(ExceptionMessageTest, IsTheMessageOfWhateverIsBeingHandled) {
-  EXPECT_EQ(MessageOf([] { throw SoftException("soft"); }), "soft");
-  EXPECT_EQ(MessageOf([] { throw std::out_of_range("range"); }), "range");
-  EXPECT_EQ(MessageOf([] { throw 5; }), "unknown exception");
+TEST(ExceptionsTest, DescribeAForeignThrowByItsStackAsLongAsItIsOneOfTheLastFour) {
+  for (const int later : {3, 4}) {
+    const void* caller = nullptr;
+    std::exception_ptr error;
+    try {
+      ThrowForeign(caller);
+    } catch (...) {
+      error = std::current_exception();
+    }
+    for (int i = 0; i < later; ++i) EXPECT_EQ(ThrownMessage([] { throw 5; }), "unknown exception");
+    const TExceptionDetails details = DescribeException(error);
+    EXPECT_EQ(details.ClassName + ": " + details.Message, "std::runtime_error: foreign");
+    EXPECT_FALSE(details.Soft);
+    EXPECT_EQ(details.StackOfCatcher, later == 4);
+    ASSERT_GE(details.Stack.size(), 2U);
+    EXPECT_EQ(details.Stack[1] == caller, later == 3);
+  }
+  EXPECT_TRUE(DescribeException(std::make_exception_ptr(ESpecial("soft"))).Soft);
 }
 
 }  // namespace

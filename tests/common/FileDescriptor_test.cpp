@@ -2,19 +2,19 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 
-#include "common/Cancellation.h"
-#include "common/Thread.h"
+#include "support/Crew.h"
+#include "support/Eventually.h"
+#include "support/OpenDescriptors.h"
 #include "support/TempFolder.h"
 
 namespace guardian {
 namespace {
-
-bool IsOpen(int descriptor) { return ::fcntl(descriptor, F_GETFD) != -1; }
 
 struct TPipe {
   TPipe() {
@@ -28,33 +28,51 @@ struct TPipe {
 };
 
 TEST(TFileDescriptorTest, ClosesWhatItOwnsOnce) {
+  const std::set<int> before = OpenDescriptors();
   TPipe pipe;
   const int read = pipe.Read.Get();
-  const int write = pipe.Write.Get();
   TFileDescriptor moved(std::move(pipe.Read));
   EXPECT_FALSE(pipe.Read);
-  EXPECT_TRUE(IsOpen(read));
+  EXPECT_TRUE(OpenDescriptors().contains(read));
   moved = std::move(pipe.Write);
-  EXPECT_FALSE(IsOpen(read)) << "assignment closes the old one";
-  EXPECT_EQ(moved.Release(), write);
+  EXPECT_FALSE(OpenDescriptors().contains(read)) << "assignment closes the old one";
+  const int write = moved.Release();
   moved.Close();
-  EXPECT_TRUE(IsOpen(write)) << "released";
-  ::close(write);
+  EXPECT_TRUE(OpenDescriptors().contains(write)) << "released";
+  TFileDescriptor{write}.Close();
+  EXPECT_EQ(OpenDescriptors(), before);
 }
 
-TEST(TFileDescriptorTest, WritesAndReadsMoreThanAPipeHolds) {
+std::atomic<int> interruptions = 0;
+
+// The writer's calls are short, since a pipe holds less, and interrupted by signals.
+TEST(TFileDescriptorTest, WritesAndReadsAllThroughShortAndInterruptedCalls) {
+  struct sigaction previous {};
+  struct sigaction counting {};
+  counting.sa_handler = [](int) { ++interruptions; };
+  ASSERT_EQ(::sigaction(SIGUSR1, &counting, &previous), 0);
   TPipe pipe;
   std::string sent(1'000'000, 'x');
   for (std::size_t i = 0; i < sent.size(); i += 1000) sent[i] = static_cast<char>('a' + i % 26);
+  std::atomic<pthread_t> writer = 0;
   int error = -1;
-  TFunctionThread writer("Writer", [&] {
+  TCrew crew(1, [&](int) {
+    sigset_t none;
+    sigemptyset(&none);
+    pthread_sigmask(SIG_SETMASK, &none, nullptr);
+    writer = pthread_self();
     error = WriteAll(pipe.Write.Get(), sent);
     pipe.Write.Close();
   });
-  writer.Start();
+  ASSERT_TRUE(Eventually([&] { return writer != 0; }));
+  for (int i = 1; i <= 5; ++i) {
+    pthread_kill(writer, SIGUSR1);
+    ASSERT_TRUE(Eventually([&] { return interruptions >= i; }));
+  }
   std::string received = "is replaced";
   EXPECT_EQ(ReadToEnd(pipe.Read.Get(), sent.size() + 1, received), 0);
-  writer.Join();
+  crew.Join();
+  ::sigaction(SIGUSR1, &previous, nullptr);
   EXPECT_EQ(error, 0);
   EXPECT_TRUE(received == sent);
 }
@@ -64,35 +82,15 @@ TEST(TFileDescriptorTest, ReadsNoMoreThanItIsAllowedAndTellsErrors) {
   folder.Write("file", "0123456789");
   const TFileDescriptor file(::open(folder.Path("file").c_str(), O_RDONLY | O_CLOEXEC));
   std::string text;
-  EXPECT_EQ(ReadToEnd(file.Get(), 4, text), 0);
-  EXPECT_EQ(text, "0123");
-  EXPECT_EQ(ReadToEnd(file.Get(), 6, text), 0);
-  EXPECT_EQ(text, "456789");
-  EXPECT_EQ(ReadToEnd(file.Get(), 6, text), 0);
-  EXPECT_EQ(text, "");
-
+  for (const char* expected : {"0123", "4567", "89", ""}) {
+    EXPECT_EQ(ReadToEnd(file.Get(), 4, text), 0);
+    EXPECT_EQ(text, expected);
+  }
   EXPECT_EQ(WriteAll(file.Get(), "x"), EBADF) << "open for reading only";
+  const TFileDescriptor full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
+  EXPECT_EQ(WriteAll(full.Get(), "x"), ENOSPC);
   const TFileDescriptor isFolder(::open(folder.Path().c_str(), O_RDONLY | O_CLOEXEC));
   EXPECT_EQ(ReadToEnd(isFolder.Get(), 6, text), EISDIR);
-}
-
-TEST(TCancellationTest, EndsAPollInAnotherThreadAndStaysReadable) {
-  TCancellation cancellation;
-  EXPECT_FALSE(cancellation.IsCancelled());
-  const auto poll = [&](int timeoutMs) {
-    pollfd state{.fd = cancellation.Descriptor(), .events = POLLIN, .revents = 0};
-    return ::poll(&state, 1, timeoutMs);
-  };
-  EXPECT_EQ(poll(0), 0);
-  int polled = 0;
-  TFunctionThread waiter("Waiter", [&] { polled = poll(30'000); });
-  waiter.Start();
-  cancellation.Cancel();
-  cancellation.Cancel();
-  waiter.Join();
-  EXPECT_EQ(polled, 1);
-  EXPECT_EQ(poll(0), 1);
-  EXPECT_TRUE(cancellation.IsCancelled());
 }
 
 }  // namespace

@@ -6,11 +6,12 @@
 
 #include <utility>
 
-#include "common/Exceptions.h"
-#include "common/Thread.h"
+#include "support/Crew.h"
 #include "support/Eventually.h"
 #include "support/FakeClock.h"
+#include "support/OpenDescriptors.h"
 #include "support/TempFolder.h"
+#include "support/ThrownMessage.h"
 
 namespace guardian {
 namespace {
@@ -24,50 +25,43 @@ class FileHandleTest : public testing::Test {
   [[nodiscard]] bool IsLocked() const { return ::flock(Open().Get(), LOCK_EX | LOCK_NB) != 0; }
 
   const TTempFolder FFolder;
-  TFakeClock FClock;
+  const std::set<int> FBefore = OpenDescriptors();
 };
 
 TEST_F(FileHandleTest, ClosesOnceAndRefusesWhatIsNoFileObject) {
-  TFileDescriptor file = Open();
-  const int descriptor = file.Get();
-  const TFileHandle handle = AddFileObject(std::move(file));
+  const TFileHandle handle = AddFileObject(Open());
   EXPECT_GT(handle, 1);
+  EXPECT_NE(OpenDescriptors(), FBefore);
   CloseHandle(handle);
-  EXPECT_EQ(::fcntl(descriptor, F_GETFD), -1);
+  EXPECT_EQ(OpenDescriptors(), FBefore);
+  EXPECT_GT(AddFileObject(Open()), handle) << "no number is given twice";
+  CloseHandle(handle + 1);
   CloseHandle(0);
   CloseHandle(1);
-  for (const TFileHandle bad : {handle, handle + 1, TFileHandle{-1}}) {
-    SCOPED_TRACE(bad);
-    try {
-      CloseHandle(bad);
-      ADD_FAILURE() << "closed";
-    } catch (const KZException& error) {
-      EXPECT_EQ(error.Message(), "Invalid handle passed to CloseHandle");
-    }
+  for (const TFileHandle bad : {handle, handle + 2, TFileHandle{-1}}) {
+    EXPECT_EQ(ThrownMessage([&] { CloseHandle(bad); }), "Invalid handle passed to CloseHandle");
   }
   EXPECT_THROW(static_cast<void>(AddFileObject(TFileDescriptor())), KZException);
 }
 
 TEST_F(FileHandleTest, UnlocksAtOnceAndWaitsASecondForABorrower) {
+  TFakeClock clock;
   TFileDescriptor file = Open();
   ASSERT_EQ(::flock(file.Get(), LOCK_EX | LOCK_NB), 0);
   const TFileHandle handle = AddFileObject(std::move(file));
   auto borrowed = BorrowFileObject(handle);
-  ASSERT_NE(borrowed, nullptr);
-  const int descriptor = borrowed->Get();
-  const std::int64_t start = FClock.TickCount();
-  TFunctionThread closer("Closer", [&] { CloseHandle(handle, FClock); });
-  closer.Start();
+  const std::int64_t start = clock.TickCount();
+  const TCrew closer(1, [&](int) { CloseHandle(handle, clock); });
   EXPECT_TRUE(Eventually([&] { return !IsLocked(); }));
   EXPECT_TRUE(Eventually([&] {
-    FClock.Advance(std::chrono::milliseconds(50));
+    clock.Advance(std::chrono::milliseconds(50));
     return closer.Finished();
   }));
-  EXPECT_GE(FClock.TickCount() - start, 1000);
+  EXPECT_GE(clock.TickCount() - start, 1000);
   EXPECT_EQ(BorrowFileObject(handle), nullptr);
-  EXPECT_NE(::fcntl(descriptor, F_GETFD), -1);
+  EXPECT_NE(OpenDescriptors(), FBefore);
   borrowed.reset();
-  EXPECT_EQ(::fcntl(descriptor, F_GETFD), -1);
+  EXPECT_EQ(OpenDescriptors(), FBefore);
 }
 
 }  // namespace

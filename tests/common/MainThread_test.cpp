@@ -5,92 +5,81 @@
 #include <atomic>
 #include <memory>
 #include <thread>
-#include <vector>
 
-#include "common/Exceptions.h"
-#include "common/Thread.h"
+#include "support/Crew.h"
 #include "support/Eventually.h"
+#include "support/ThrownMessage.h"
 
 namespace guardian {
 namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds kHangLimit{30'000};
-
-std::unique_ptr<TFunctionThread> InThread(std::function<void()> work) {
-  auto thread = std::make_unique<TFunctionThread>("Requester", std::move(work));
-  thread->Start();
-  return thread;
-}
-
-TEST(MainThreadTest, RunsTheRequestsOfSeveralThreadsHere) {
-  constexpr int kThreads = 4;
-  constexpr int kEach = 100;
+TEST(MainThreadTest, RunsTheRequestsOfSeveralThreadsHereAndHandsExceptionsBack) {
   int ran = 0;  // Main thread only.
-  std::vector<std::unique_ptr<TFunctionThread>> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.push_back(InThread([&] {
-      EXPECT_FALSE(IsMainThread());
-      for (int each = 0; each < kEach; ++each) {
-        EXPECT_TRUE(Synchronize([&] { ran += IsMainThread() ? 1 : 0; }));
-      }
-    }));
-  }
-  for (const auto& thread : threads) EXPECT_TRUE(thread->WaitFinished(kHangLimit));
-  EXPECT_EQ(ran, kThreads * kEach);
-}
-
-TEST(MainThreadTest, RunsARequestOfTheMainThreadAtOnce) {
-  bool ran = false;
-  EXPECT_TRUE(Synchronize([&] { ran = true; }));
-  EXPECT_TRUE(ran);
-}
-
-TEST(MainThreadTest, HandsExceptionsBackToTheRequester) {
-  std::string message;
-  const auto thread = InThread([&] {
-    try {
-      Synchronize([] { throw SoftException("from the main thread"); });
-    } catch (const SoftException& error) {
-      message = error.Message();
+  TCrew crew(4, [&](int) {
+    EXPECT_FALSE(IsMainThread());
+    for (int each = 0; each < 100; ++each) {
+      EXPECT_TRUE(Synchronize([&] { ran += IsMainThread() ? 1 : 0; }));
     }
+    EXPECT_EQ(ThrownMessage([] { Synchronize([] { throw SoftException("in main"); }); }),
+              "in main");
   });
-  EXPECT_TRUE(thread->WaitFinished(kHangLimit));
-  EXPECT_EQ(message, "from the main thread");
+  EXPECT_TRUE(Eventually([&] { return crew.Finished(); }));
+  EXPECT_EQ(ran, 400);
+  EXPECT_TRUE(Synchronize([&] { ran = -1; }));
+  EXPECT_EQ(ran, -1) << "a request of the main thread runs at once";
 }
 
 TEST(MainThreadTest, RunsRequestsAlsoWithinARequest) {
   bool innerRan = false;
-  std::unique_ptr<TFunctionThread> inner;
-  const auto outer = InThread([&] {
+  TCrew outer(1, [&](int) {
+    Synchronize([&] { InThread([&] { Synchronize([&] { innerRan = true; }); }); });
+  });
+  EXPECT_TRUE(Eventually([&] { return outer.Finished(); }));
+  EXPECT_TRUE(innerRan);
+}
+
+// A thread that asks again and again must not hold up a main thread that waits with a limit.
+TEST(MainThreadTest, RunsOnlyTheRequestsThatWaitAlready) {
+  std::unique_ptr<TCrew> second;
+  std::atomic<bool> asked = false;
+  bool ran = false;
+  TCrew first(1, [&](int) {
     Synchronize([&] {
-      inner = InThread([&] { Synchronize([&] { innerRan = true; }); });
-      EXPECT_TRUE(inner->WaitFinished(kHangLimit));
+      second = std::make_unique<TCrew>(1, [&](int) {
+        asked = true;
+        Synchronize([&] { ran = true; });
+      });
+      // Not Eventually, which would run the request.
+      while (!asked) std::this_thread::yield();
+      SystemClock().Sleep(milliseconds(20));
     });
   });
-  EXPECT_TRUE(outer->WaitFinished(kHangLimit));
-  EXPECT_TRUE(innerRan);
+  EXPECT_TRUE(CheckSynchronize(std::chrono::hours(1)));
+  EXPECT_FALSE(ran);
+  EXPECT_TRUE(Eventually([&] { return second->Finished() && first.Finished(); }));
+  EXPECT_TRUE(ran);
 }
 
 TEST(MainThreadTest, RefusesWhatWaitsAndWhatComesOnceTheQueueIsClosed) {
   bool ran = false;
-  std::atomic<bool> begun = false;
+  std::atomic<int> begun = 0;
   std::atomic<int> refused = 0;
-  const auto request = [&] {
-    begun = true;
+  const auto request = [&](int) {
+    ++begun;
     refused += Synchronize([&] { ran = true; }) ? 0 : 1;
   };
-  const auto early = InThread(request);
-  // Not Eventually, which would run the request.
-  while (!begun) std::this_thread::yield();
+  const TCrew early(2, request);
+  while (begun < 2) std::this_thread::yield();
+  SystemClock().Sleep(milliseconds(20));
   CloseMainThreadQueue();
-  const auto late = InThread(request);
-  EXPECT_TRUE(Eventually([&] { return early->Finished() && late->Finished(); }));
+  const TCrew late(1, request);
+  EXPECT_TRUE(Eventually([&] { return early.Finished() && late.Finished(); }));
   BindMainThread();
-  EXPECT_EQ(refused, 2);
+  EXPECT_EQ(refused, 3);
   EXPECT_FALSE(ran);
-  EXPECT_TRUE(InThread([] { EXPECT_TRUE(Synchronize([] {})); })->WaitFinished(kHangLimit));
+  InThread([] { EXPECT_TRUE(Synchronize([] {})); });
 }
 
 // Without the wake-up the waits would take an hour, and the test's time limit would end them.
@@ -98,9 +87,8 @@ TEST(MainThreadTest, EndsItsWaitForAWakeUpThatCameBeforeOrComesMeanwhile) {
   while (CheckSynchronize(milliseconds(0))) continue;
   WakeMainThread();
   EXPECT_FALSE(CheckSynchronize(std::chrono::hours(1)));
-  const auto thread = InThread([] { WakeMainThread(); });
+  const TCrew waker(1, [](int) { WakeMainThread(); });
   EXPECT_FALSE(CheckSynchronize(std::chrono::hours(1)));
-  EXPECT_TRUE(thread->WaitFinished(kHangLimit));
 }
 
 }  // namespace

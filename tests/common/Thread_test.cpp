@@ -4,15 +4,15 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <array>
 #include <atomic>
 
 #include "common/Exceptions.h"
+#include "common/FatalSignals.h"
 #include "common/MainThread.h"
 
 namespace guardian {
 namespace {
-
-using std::chrono::milliseconds;
 
 // Waits for its termination, and counts what happens to it.
 class TWaitingThread final : public TThread {
@@ -21,12 +21,11 @@ class TWaitingThread final : public TThread {
   ~TWaitingThread() override { Join(); }
 
   std::atomic<int> FinishedCalls = 0;
-  std::exception_ptr Failure;
 
  private:
   void Execute() override {
     while (!Terminated()) FWake.WaitFor(std::chrono::hours(1));
-    if (Failure) std::rethrow_exception(Failure);
+    throw KZException("escaped");
   }
   void OnTerminate() override { FWake.Signal(); }
   void OnFinished() override { ++FinishedCalls; }
@@ -34,26 +33,25 @@ class TWaitingThread final : public TThread {
   TKZEvent FWake{"Wake"};
 };
 
-TEST(TThreadTest, EndsWhenAskedTo) {
+TEST(TThreadTest, EndsInOrderWhenAskedToAndHandsEscapedExceptionsOn) {
+  std::string escaped;
+  TThread::SetExceptionHandler([&](const std::string& threadName, const std::exception_ptr& error) {
+    escaped = threadName + ": " + MessageOf(error);
+  });
   TWaitingThread thread;
-  EXPECT_EQ(thread.ThreadId(), 0);
+  thread.Join();
+  EXPECT_FALSE(thread.Finished()) << "it was not started";
   thread.Start();
-  EXPECT_FALSE(thread.WaitFinished(milliseconds(0)));
+  EXPECT_FALSE(thread.WaitFinished(std::chrono::milliseconds(0)));
   EXPECT_FALSE(thread.Finished());
   thread.Terminate();
-  EXPECT_TRUE(thread.WaitFinished(milliseconds(30'000)));
+  EXPECT_TRUE(thread.WaitFinished(std::chrono::hours(1)));
   EXPECT_TRUE(thread.Finished());
-  EXPECT_EQ(thread.FinishedCalls, 1);
-  EXPECT_NE(thread.ThreadId(), 0);
-  EXPECT_NE(thread.ThreadId(), CurrentThreadId());
   thread.Join();
   thread.Join();
-}
-
-TEST(TThreadTest, JoinsAThreadThatWasNotStartedAtOnce) {
-  TWaitingThread thread;
-  thread.Join();
-  EXPECT_FALSE(thread.Finished());
+  TThread::SetExceptionHandler({});
+  EXPECT_EQ(thread.FinishedCalls, 1) << "however Execute ended";
+  EXPECT_EQ(escaped, "WaitingThreadWithALongName: escaped");
 }
 
 TEST(TThreadTest, RunsSynchroniseRequestsWhileTheMainThreadJoins) {
@@ -65,37 +63,21 @@ TEST(TThreadTest, RunsSynchroniseRequestsWhileTheMainThreadJoins) {
   EXPECT_TRUE(ran);
 }
 
-TEST(TThreadTest, HandsEscapedExceptionsToTheHandlerAndEndsInOrder) {
-  std::string name;
-  std::string message;
-  TThread::SetExceptionHandler([&](const std::string& threadName, const std::exception_ptr& error) {
-    name = threadName;
-    try {
-      std::rethrow_exception(error);
-    } catch (...) {
-      message = CurrentExceptionMessage();
-    }
-  });
-  TWaitingThread thread;
-  thread.Failure = std::make_exception_ptr(KZException("escaped"));
-  thread.Start();
-  thread.Join();
-  TThread::SetExceptionHandler({});
-  EXPECT_EQ(name, "WaitingThreadWithALongName");
-  EXPECT_EQ(message, "escaped");
-  EXPECT_TRUE(thread.Finished());
-  EXPECT_EQ(thread.FinishedCalls, 1) << "however Execute ended";
-}
-
-TEST(TThreadTest, StartsWithItsStackAndWithAllSignalsBlockedButTheFatalOnes) {
+TEST(TThreadTest, StartsWithItsStacksAndWithAllSignalsBlockedButTheFatalOnes) {
   // More than any other thread here asks for: the system may hand out a used stack that is larger.
   constexpr std::size_t kStackBytes = 24 * 1'048'576;
   std::size_t stackBytes = 0;
   sigset_t blocked{};
+  stack_t signalStack{};
+  std::array<char, 16> name{};
+  std::int32_t threadId = 0;
   TFunctionThread thread(
-      "Observer",
+      "AThreadWithALongName",
       [&] {
         pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+        ::sigaltstack(nullptr, &signalStack);
+        pthread_getname_np(pthread_self(), name.data(), name.size());
+        threadId = CurrentThreadId();
         pthread_attr_t attributes;
         pthread_getattr_np(pthread_self(), &attributes);
         pthread_attr_getstacksize(&attributes, &stackBytes);
@@ -105,14 +87,16 @@ TEST(TThreadTest, StartsWithItsStackAndWithAllSignalsBlockedButTheFatalOnes) {
   thread.Start();
   thread.Join();
   EXPECT_GE(stackBytes, kStackBytes);
+  EXPECT_EQ(signalStack.ss_flags & SS_DISABLE, 0);
+  EXPECT_STREQ(name.data(), "AThreadWithALon") << "as much as the kernel keeps";
+  EXPECT_NE(threadId, CurrentThreadId());
   sigset_t ours{};
   pthread_sigmask(SIG_SETMASK, nullptr, &ours);
   for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGCHLD, SIGUSR1}) {
     EXPECT_EQ(sigismember(&blocked, signal), 1) << signal;
     EXPECT_EQ(sigismember(&ours, signal), 0) << signal;
   }
-  EXPECT_EQ(sigismember(&blocked, SIGSEGV), 0);
-  EXPECT_EQ(sigismember(&blocked, SIGABRT), 0);
+  for (const int signal : kFatalSignals) EXPECT_EQ(sigismember(&blocked, signal), 0) << signal;
 }
 
 }  // namespace
