@@ -2,12 +2,15 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <functional>
 #include <memory>
-#include <mutex>
 #include <vector>
 
+#include "common/AtEnd.h"
 #include "common/Exceptions.h"
 #include "common/MainThread.h"
+#include "common/SharedText.h"
 #include "support/Eventually.h"
 #include "support/FakeClock.h"
 
@@ -19,133 +22,76 @@ using testing::ElementsAre;
 
 class TKZTimerTest : public testing::Test {
  protected:
-  void SetUp() override { MakeTimer(milliseconds(100)); }
-  void TearDown() override { FTimer.reset(); }
-
-  void MakeTimer(milliseconds interval) {
-    FTimer = std::make_unique<TKZTimer>(
-        "TestTimer", interval, [this] { Handle(); },
-        [this](const std::exception_ptr& /*error*/) { ++FErrors; }, FClock);
-  }
-
-  // The times of the calls, from the beginning of the test, once there are that many.
-  std::vector<std::int64_t> CallsOnceThereAre(std::size_t count) {
-    EXPECT_TRUE(Eventually([&] { return Calls().size() >= count; }));
-    return Calls();
-  }
-
-  std::vector<std::int64_t> Calls() {
-    const std::lock_guard<std::mutex> lock(FLock);
-    return FCalls;
-  }
-
-  // Stops short of the moment first, so that a call that comes too early shows its time.
-  void AdvanceBy(milliseconds duration) {
+  // Stops short of the moment first, so that a call that comes too early shows its time; then waits
+  // until the handler has returned as often as that.
+  void AdvanceBy(milliseconds duration, std::size_t callsUntilThen) {
     FClock.Advance(duration - milliseconds(1));
     SystemClock().Sleep(milliseconds(5));
     FClock.Advance(milliseconds(1));
+    ASSERT_TRUE(Eventually([&] { return FReturned >= callsUntilThen; }));
+  }
+
+  void Handle() {
+    std::vector<std::int64_t> calls = FCalls.Copy();
+    calls.push_back(FClock.TickCount() - FStart);
+    FCalls.Set(calls);
+    const TAtEnd returned([&] { FReturned = calls.size(); });
+    FOnCall(calls.size());
   }
 
   TFakeClock FClock;
   const std::int64_t FStart = FClock.TickCount();
+  TShared<std::vector<std::int64_t>> FCalls;  // Times from the beginning of the test.
+  std::atomic<std::size_t> FReturned = 0;
   std::function<void(std::size_t call)> FOnCall = [](std::size_t) {};
   std::atomic<int> FErrors = 0;
-  std::atomic<std::size_t> FHandled = 0;
-  std::unique_ptr<TKZTimer> FTimer;
-
- private:
-  void Handle() {
-    std::size_t call = 0;
-    {
-      const std::lock_guard<std::mutex> lock(FLock);
-      FCalls.push_back(FClock.TickCount() - FStart);
-      call = FCalls.size();
-    }
-    FOnCall(call);
-  }
-
-  std::mutex FLock;
-  std::vector<std::int64_t> FCalls;
+  std::unique_ptr<TKZTimer> FTimer = std::make_unique<TKZTimer>(
+      "TestTimer", milliseconds(100), [this] { Handle(); },
+      [this](const std::exception_ptr& /*error*/) { ++FErrors; }, FClock);
 };
 
-TEST_F(TKZTimerTest, CountsItsPeriodFromStartToStart) {
-  FOnCall = [this](std::size_t) { FClock.Advance(milliseconds(30)); };
-  FTimer->SetEnabled(true);
-  AdvanceBy(milliseconds(100));
-  CallsOnceThereAre(1);
-  ASSERT_TRUE(Eventually([&] { return FClock.TickCount() - FStart == 130; }));
-  AdvanceBy(milliseconds(70));
-  EXPECT_THAT(CallsOnceThereAre(2), ElementsAre(100, 200));
-}
-
-TEST_F(TKZTimerTest, CallsAHandlerThatOverranAgainAtOnceButMakesUpForNothing) {
+TEST_F(TKZTimerTest, CountsFromStartToStartAndMakesUpForNothing) {
   FOnCall = [this](std::size_t call) {
-    if (call == 1) FClock.Advance(milliseconds(350));
+    if (call == 1) FClock.Advance(milliseconds(30));
+    if (call == 2) FClock.Advance(milliseconds(350));
+    if (call == 3) throw KZException("in the handler");
   };
   FTimer->SetEnabled(true);
-  AdvanceBy(milliseconds(100));
-  CallsOnceThereAre(2);
-  AdvanceBy(milliseconds(100));
-  EXPECT_THAT(CallsOnceThereAre(3), ElementsAre(100, 450, 550));
-}
-
-TEST_F(TKZTimerTest, BeginsANewPeriodWhenTheIntervalIsSet) {
-  MakeTimer(milliseconds(10'000));
-  FTimer->SetEnabled(true);
-  AdvanceBy(milliseconds(9'000));
-  FTimer->SetInterval(milliseconds(1'000));
-  AdvanceBy(milliseconds(1'000));
-  EXPECT_THAT(CallsOnceThereAre(1), ElementsAre(10'000));
-  FTimer->SetInterval(milliseconds(5'000));
-  AdvanceBy(milliseconds(5'000));
-  EXPECT_THAT(CallsOnceThereAre(2), ElementsAre(10'000, 15'000));
-}
-
-TEST_F(TKZTimerTest, IsNotPostponedByAnIntervalThatIsSetAgainAndAgain) {
-  MakeTimer(milliseconds(10'000));
-  FTimer->SetEnabled(true);
-  for (int request = 0; request < 5; ++request) {
-    FTimer->SetInterval(milliseconds(1'000));
-    AdvanceBy(milliseconds(200));
-  }
-  EXPECT_THAT(CallsOnceThereAre(1), ElementsAre(1'000));
-}
-
-TEST_F(TKZTimerTest, TakesANewIntervalAndItsEndFromItsHandler) {
-  FOnCall = [this](std::size_t call) {
-    if (call == 1) FTimer->SetInterval(milliseconds(1'000));
-    if (call == 2) FTimer->SetEnabled(false);
-    FHandled = call;
-  };
-  FTimer->SetEnabled(true);
-  AdvanceBy(milliseconds(100));
-  ASSERT_TRUE(Eventually([&] { return FHandled == 1; }));
-  AdvanceBy(milliseconds(1'000));
-  ASSERT_TRUE(Eventually([&] { return FHandled == 2; }));
-  FClock.Advance(milliseconds(50'000));
-  FTimer->SetEnabled(true);
-  AdvanceBy(milliseconds(1'000));
-  EXPECT_THAT(CallsOnceThereAre(3), ElementsAre(100, 1'100, 52'100)) << "a full new period";
-}
-
-TEST_F(TKZTimerTest, GoesOnAfterAHandlerThatRaises) {
-  FOnCall = [](std::size_t call) {
-    if (call == 1) throw KZException("in the handler");
-  };
-  FTimer->SetEnabled(true);
-  AdvanceBy(milliseconds(100));
-  ASSERT_TRUE(Eventually([&] { return FErrors == 1; }));
-  AdvanceBy(milliseconds(100));
-  EXPECT_THAT(CallsOnceThereAre(2), ElementsAre(100, 200));
+  AdvanceBy(milliseconds(100), 1);
+  AdvanceBy(milliseconds(70), 3);
+  AdvanceBy(milliseconds(100), 4);
+  EXPECT_THAT(FCalls.Copy(), ElementsAre(100, 200, 550, 650));
   EXPECT_EQ(FErrors, 1);
+}
+
+TEST_F(TKZTimerTest, BeginsANewPeriodWithAnotherIntervalAndWhenEnabled) {
+  FOnCall = [this](std::size_t call) {
+    if (call == 1) FTimer->SetInterval(milliseconds(2'000));
+    if (call == 2) FTimer->SetEnabled(false);
+  };
+  FTimer->SetEnabled(true);
+  AdvanceBy(milliseconds(90), 0);
+  for (int request = 0; request < 5; ++request) {
+    FTimer->SetInterval(milliseconds(1'000));  // Set again and again, it does not begin anew.
+    AdvanceBy(milliseconds(200), request == 4 ? 1 : 0);
+  }
+  AdvanceBy(milliseconds(2'000), 2);
+  AdvanceBy(milliseconds(50'000), 2);
+  FTimer->SetEnabled(true);
+  AdvanceBy(milliseconds(2'000), 3);
+  EXPECT_THAT(FCalls.Copy(), ElementsAre(1'090, 3'090, 55'090));
 }
 
 TEST_F(TKZTimerTest, CanBeDestroyedWhileItsHandlerWaitsForTheMainThread) {
   bool ran = false;
-  FOnCall = [&](std::size_t) { Synchronize([&] { ran = true; }); };
+  std::atomic<bool> called = false;
+  FOnCall = [&](std::size_t) {
+    called = true;
+    Synchronize([&] { ran = true; });
+  };
   FTimer->SetEnabled(true);
-  AdvanceBy(milliseconds(100));
-  CallsOnceThereAre(1);
+  FClock.Advance(milliseconds(100));
+  while (!called) SystemClock().Sleep(milliseconds(1));
   FTimer.reset();
   EXPECT_TRUE(ran);
 }
