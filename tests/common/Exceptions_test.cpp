@@ -42,31 +42,5 @@ TEST(ExceptionsTest, KnowWhereTheyWereRaised) {
   EXPECT_EQ(error.Stack()[1], caller);
 }
 
-// Throws an exception that is not ours, from a stack that nothing else here has.
-[[gnu::noinline]] void ThrowForeign(const void*& caller) {
-  caller = __builtin_return_address(0);
-  throw std::runtime_error("foreign");
-}
-
-TEST(ExceptionsTest, DescribeAForeignThrowByItsStackAsLongAsItIsOneOfTheLastFour) {
-  for (const int later : {3, 4}) {
-    const void* caller = nullptr;
-    std::exception_ptr error;
-    try {
-      ThrowForeign(caller);
-    } catch (...) {
-      error = std::current_exception();
-    }
-    for (int i = 0; i < later; ++i) EXPECT_EQ(ThrownMessage([] { throw 5; }), "unknown exception");
-    const TExceptionDetails details = DescribeException(error);
-    EXPECT_EQ(details.ClassName + ": " + details.Message, "std::runtime_error: foreign");
-    EXPECT_FALSE(details.Soft);
-    EXPECT_EQ(details.StackOfCatcher, later == 4);
-    ASSERT_GE(details.Stack.size(), 2U);
-    EXPECT_EQ(details.Stack[1] == caller, later == 3);
-  }
-  EXPECT_TRUE(DescribeException(std::make_exception_ptr(ESpecial("soft"))).Soft);
-}
-
 }  // namespace
 }  // namespace guardian

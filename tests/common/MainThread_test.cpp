@@ -31,15 +31,6 @@ TEST(MainThreadTest, RunsTheRequestsOfSeveralThreadsHereAndHandsExceptionsBack) 
   EXPECT_EQ(ran, -1) << "a request of the main thread runs at once";
 }
 
-TEST(MainThreadTest, RunsRequestsAlsoWithinARequest) {
-  bool innerRan = false;
-  TCrew outer(1, [&](int) {
-    Synchronize([&] { InThread([&] { Synchronize([&] { innerRan = true; }); }); });
-  });
-  EXPECT_TRUE(Eventually([&] { return outer.Finished(); }));
-  EXPECT_TRUE(innerRan);
-}
-
 // A thread that asks again and again must not hold up a main thread that waits with a limit.
 TEST(MainThreadTest, RunsOnlyTheRequestsThatWaitAlready) {
   std::unique_ptr<TCrew> second;

@@ -166,7 +166,7 @@ class TStoreModelTest : public TKZSQLIniFileTest {
 };
 
 TEST_F(TStoreModelTest, HoldsWhatWasWrittenAfterAnyOperationsOfTwoStores) {
-  for (int step = 0; step < 150 && !HasFailure(); ++step) {
+  for (int step = 0; step < 120 && !HasFailure(); ++step) {
     SCOPED_TRACE("seed 1, step " + std::to_string(step));
     Step();
     Check();

@@ -3,8 +3,10 @@
 #include <SQLiteCpp/Database.h>
 
 #include <algorithm>
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "config/KZSqlIniFiles.h"
 #include "support/ErrorLogInFolder.h"
@@ -23,9 +25,12 @@ class TImpatientClock final : public TFakeClock {
   }
   bool WaitUntil(TMutex& /*mutex*/, TCondition& /*condition*/, std::int64_t deadlineTick,
                  const std::function<bool()>& predicate) override {
+    if (const auto act = std::exchange(AtNextWait, nullptr)) act();
     Advance(std::chrono::milliseconds(std::max<std::int64_t>(0, deadlineTick - TickCount())));
     return predicate();
   }
+
+  std::function<void()> AtNextWait;
 };
 
 // A folder with one settings file, and the error log in another folder.
