@@ -27,18 +27,6 @@ bool Admit(std::string_view text, std::int64_t tick) {
   return process.Throttle.Admit(text, tick);
 }
 
-// Writes by the function to the error log, else to the debug output; not again within the hour.
-template <typename TWrite>
-void WriteOnce(std::string_view text, const TClock& clock, const TWrite& writeToErrorLog) noexcept {
-  try {
-    if (!Admit(text, clock.TickCount())) return;
-    if (ErrorLog().Enabled()) return writeToErrorLog();
-  } catch (...) {
-    // Lack of memory shall not cost the message.
-  }
-  DebugOutput(text);
-}
-
 }  // namespace
 
 bool TMessageThrottle::Admit(std::string_view text, std::int64_t tick) {
@@ -60,12 +48,15 @@ void TMessageThrottle::ForgetOldest() {
 }
 
 void DiagnosticMessage(std::string_view text, const TClock& clock) noexcept {
-  WriteOnce(text, clock, [&] { ErrorLog().WriteLine(text); });
-}
-
-void DatedDiagnostic(std::string_view text, const TClock& clock) noexcept {
-  WriteOnce(text, clock,
-            [&] { ErrorLog().WriteLine(DateTimeToStr(clock.Now()).append(" ").append(text)); });
+  try {
+    if (!Admit(text, clock.TickCount())) return;
+    if (ErrorLog().Enabled()) {
+      return ErrorLog().WriteLine(DateTimeToStr(clock.Now()).append(" ").append(text));
+    }
+  } catch (...) {
+    // Lack of memory shall not cost the message.
+  }
+  DebugOutput(text);
 }
 
 void DiagnosticFailure(std::string_view where, const TClock& clock) noexcept {

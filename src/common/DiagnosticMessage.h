@@ -27,15 +27,10 @@ class TMessageThrottle {
   std::map<std::string, std::int64_t, std::less<>> FAdmittedAt;
 };
 
-// Writes a message of the diagnostics as one line to the error log, to the debug output while that
-// log is closed. An identical message within one hour is dropped. Never throws; a message that
-// cannot be written is lost.
-// Threads: any.
+// Writes a message of the diagnostics as one line: to the error log, after the local date-time and
+// a blank, or to the debug output while that log is closed. An identical message within one hour is
+// dropped. Never throws; a message that cannot be written is lost. Threads: any.
 void DiagnosticMessage(std::string_view text, const TClock& clock = SystemClock()) noexcept;
-
-// As DiagnosticMessage, for lines that tell when they were written: on the error log the local
-// date-time and a blank stand before the text.
-void DatedDiagnostic(std::string_view text, const TClock& clock = SystemClock()) noexcept;
 
 // In a catch block: the exception that is being handled as the message "<where> Exception:
 // <message>".

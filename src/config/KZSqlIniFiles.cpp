@@ -97,7 +97,7 @@ void TKZSQLIniFile::CheckComponentsLocked(const char* operation) const {
   if (!FComponents) throw KZException(std::string("SQLIni nil in ") + operation);
 }
 
-void TKZSQLIniFile::Log(const std::string& line) const { DatedDiagnostic(line, FClock); }
+void TKZSQLIniFile::Log(const std::string& line) const { DiagnosticMessage(line, FClock); }
 
 void TKZSQLIniFile::Read(const char* operation, const TStatements& statements) {
   const TSqlIniLock lock(FLock);

@@ -69,7 +69,7 @@ void TSqlIniOpenFile::OpenOrRepair() {
   const std::string cannotOpen = Name() + ": This file cannot be opened.";
   switch (FPaths.StoreKind()) {
     case TSqlIniFileKind::Missing:
-      DatedDiagnostic("Config file not found: " + Name(), FClock);
+      DiagnosticMessage("Config file not found: " + Name(), FClock);
       break;
     case TSqlIniFileKind::Other:
       throw KZException(cannotOpen + " It is no regular file.");
@@ -172,7 +172,7 @@ void TSqlIniOpenFile::BackUp() noexcept {
 void TSqlIniOpenFile::LogCurrentException(const char* operation) const {
   std::string message = CurrentExceptionMessage();
   if (!Contains(message, Name())) message += " (" + Name() + ")";
-  DatedDiagnostic(std::string("TKZSQLIniFile.") + operation + " Exception: " + message, FClock);
+  DiagnosticMessage(std::string("TKZSQLIniFile.") + operation + " Exception: " + message, FClock);
 }
 
 }  // namespace guardian

@@ -13,7 +13,7 @@
 namespace guardian {
 
 // The file of one store: opens it, notices when another file has taken its place, repairs it and
-// backs it up. Failure lines are dated diagnostics (common/DiagnosticMessage.h).
+// backs it up. Failure lines are diagnostic messages (common/DiagnosticMessage.h).
 //
 // Owner: one store.
 // Threads: not shared; the store's lock serialises the calls.

@@ -130,7 +130,7 @@ bool HoldsKeys(const std::string& copy) {
 TSqlIniRepair::TSqlIniRepair(const TSqlIniPaths& files, TClock& clock)
     : FFiles(files), FClock(clock) {}
 
-void TSqlIniRepair::Log(const std::string& line) const { DatedDiagnostic(line, FClock); }
+void TSqlIniRepair::Log(const std::string& line) const { DiagnosticMessage(line, FClock); }
 
 void TSqlIniRepair::Run() {
   FFiles.MakeBackupFolder();

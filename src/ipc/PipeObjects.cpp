@@ -43,7 +43,7 @@ TValidObjects& ValidObjects() {
 }
 
 void WritePipeDiagnostic(std::string_view text) {
-  DatedDiagnostic(std::string("KZUnixPipes: ").append(text));
+  DiagnosticMessage(std::string("KZUnixPipes: ").append(text));
 }
 
 }  // namespace guardian

@@ -29,22 +29,18 @@ TEST(DiagnosticMessageTest, ForgetsTheOldestOfTooMany) {
   EXPECT_TRUE(throttle.Admit("0", 300));
 }
 
-TEST(DiagnosticMessageTest, WritesALineOnceToTheErrorLogElseToTheDebugOutput) {
+TEST(DiagnosticMessageTest, IsWrittenOnceToTheErrorLogElseToTheDebugOutput) {
   TFakeClock clock;
   const auto write = [&](const std::string& text) {
-    for (int i = 0; i < 2; ++i) {
-      EXPECT_FALSE(Guarded("Plain", clock, [&] { throw std::runtime_error(text); }));
-      DatedDiagnostic("dated " + text, clock);
-    }
+    EXPECT_FALSE(Guarded("Test", clock, [&] { throw std::runtime_error(text); }));
   };
   testing::internal::CaptureStderr();
-  write("without a log");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "Plain Exception: without a log\ndated without a log\n");
+  for (int i = 0; i < 2; ++i) write("no log");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Test Exception: no log\n");
   const TErrorLogInFolder log;
-  EXPECT_TRUE(Guarded("Plain", clock, [] {}));
-  write("with a log");
-  EXPECT_EQ(log.Text(), "Plain Exception: with a log\n2026-11-21 06:00:00 dated with a log\n");
+  for (int i = 0; i < 2; ++i) write("a log");
+  EXPECT_EQ(log.Text(), "2026-11-21 06:00:00 Test Exception: a log\n");
+  EXPECT_TRUE(Guarded("Test", clock, [] {}));
 }
 
 TEST(ErrorLogTest, GoesOnInItsFileAndInNoOther) {
