@@ -81,54 +81,40 @@ class TKZSQLIniRecoveryTest : public testing::Test {
   const std::string FPath = ::getenv("PATH");
 };
 
-TEST_F(TKZSQLIniRecoveryTest, TakesTheGoodBackupOfAFileThatIsMissingEmptyOrGarbage) {
-  struct TCase {
-    const char* Name;
-    std::function<void()> Spoil;
-    std::string KeptAs;
-  };
-  const std::string file = FFolder.File();
-  const std::vector<TCase> cases = {
-      {"missing", [&] { std::filesystem::remove(file); }, ""},
-      {"empty", [&] { FFolder.Folder.Write("x.cfg", ""); }, "CfgBackups/emptycfgfile.empty"},
-      {"garbage", [&] { FFolder.Folder.Write("x.cfg", std::string(5000, 'g')); }, "x.cfg-previous"},
-      {"short garbage", [&] { FFolder.Folder.Write("x.cfg", "[ini]\na=b\n"); }, "x.cfg-previous"},
-      {"damaged head", [&] { Overwrite(0, std::string(200, '\x55')); }, "x.cfg-previous"},
-      {"cut off", [&] { std::filesystem::resize_file(file, 4096); }, "x.cfg-previous"},
-      // Played back, it would put old pages into the new file.
-      {"missing, but for another file's journal",
-       [&] {
-         std::filesystem::remove(file);
-         std::filesystem::rename(FFolder.Folder.Path("journal"), file + "-journal");
-       },
-       ""},
-      {"no tables",
-       [&] {
-         std::filesystem::remove(file);
-         FFolder.Run("PRAGMA user_version=1");
-       },
-       "CfgBackups/emptycfgfile.empty"},
-  };
+TEST_F(TKZSQLIniRecoveryTest, TakesTheGoodBackupOfAFileThatIsEmptyGarbageOrMissing) {
   FillStore();
-  {
-    SQLite::Database writer(file, SQLite::OPEN_READWRITE);
-    writer.exec("PRAGMA cache_size=1; BEGIN; UPDATE DATA SET VALUE='uncommitted'");
-    std::filesystem::copy_file(file + "-journal", FFolder.Folder.Path("journal"));
-  }
-  FFolder.Open()->WriteString("s", "k", "v");  // Its close makes the backup.
+  const std::string file = FFolder.File();
   EXPECT_THAT(FFolder.Lines(),
               AllOf(HasSubstr("Config file not found: " + file), HasSubstr("No Backup DB Found"),
                     HasSubstr(file + ": creating new SQL file")));
-  for (const TCase& test : cases) {
-    SCOPED_TRACE(test.Name);
-    test.Spoil();
-    const std::string spoilt = FFolder.Folder.Read("x.cfg");
-    const auto store = FFolder.Open();
-    EXPECT_EQ(store->ReadString("s", "k", "default"), "v");
-    EXPECT_EQ(ReadableValues(*store), 2000);
-    EXPECT_TRUE(test.KeptAs.empty() || FFolder.Folder.Read(test.KeptAs) == spoilt);
+  SQLite::Database writer(file, SQLite::OPEN_READWRITE);
+  writer.exec("PRAGMA cache_size=1; BEGIN; UPDATE DATA SET VALUE='uncommitted'");
+  const std::string journal = FFolder.Folder.Read("x.cfg-journal");
+  writer.exec("ROLLBACK");
+  FFolder.Open()->WriteString("s", "k", "v");  // Its close makes the backup.
+  const std::string whole = FFolder.Folder.Read("x.cfg");
+  const std::string empty = "CfgBackups/emptycfgfile.empty";
+  const std::string previous = "x.cfg-previous";
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"", empty},
+      {std::string(5000, 'g'), previous},
+      {"[ini]\na=b\n", previous},
+      {std::string(200, '\x55') + whole.substr(200), previous},
+      {whole.substr(0, 4096), previous},
+  };
+  for (const auto& [content, keptAs] : cases) {
+    SCOPED_TRACE(std::to_string(content.size()) + " bytes: " + content.substr(0, 5));
+    FFolder.Folder.Write("x.cfg", content);
+    EXPECT_EQ(FFolder.Open()->ReadString("s", "k", "default"), "v");
+    EXPECT_TRUE(FFolder.Folder.Read(keptAs) == content);
     EXPECT_FALSE(FFolder.Folder.Has("x.cfg.sqlnew") || FFolder.Folder.Has("x.cfg.sqltmp"));
   }
+  // Played back, the journal of another file would put old pages into the new one.
+  std::filesystem::remove(file);
+  FFolder.Folder.Write("x.cfg-journal", journal);
+  const auto store = FFolder.Open();
+  EXPECT_EQ(store->ReadString("s", "k", "default"), "v");
+  EXPECT_EQ(ReadableValues(*store), 2000);
   EXPECT_THAT(FFolder.Lines(), AllOf(HasSubstr("Found good backup file: " + FFolder.Backup(".bak")),
                                      HasSubstr("Opening good DB that we found: " + file)));
 }
@@ -391,71 +377,50 @@ std::map<std::string, int> Reported(const TProgram& program) {
   return values;
 }
 
-// Each thread writes new keys, new values over a key of its own, and over a key that all share. Two
-// threads share a store; two have one each.
-int WriteAtOnce(const std::vector<std::string>& arguments) {
+// Four threads write until the process is killed. Two threads share a store; two have one each.
+int WriteUntilKilled(const std::vector<std::string>& arguments) {
   TKZSQLIniFile shared(arguments[0]);
   TCrew(4, [&](int index) {
-    const std::string name = arguments[1] + std::to_string(index);
     std::unique_ptr<TKZSQLIniFile> own;
     if (index >= 2) own = std::make_unique<TKZSQLIniFile>(arguments[0]);
     TKZSQLIniFile& store = own ? *own : shared;
-    for (int i = 0; i < 12; ++i) {
-      const std::string key = i % 2 == 0 ? name : name + "-" + std::to_string(i);
-      if (store.TryWriteString("s", key, std::to_string(i))) Report(key, i);
-      store.WriteString("shared", "key", name);
+    for (int i = std::stoi(arguments[2]);; ++i) {
+      const std::string key = arguments[1] + std::to_string(4 * (i % 5) + index);
+      // Values of both kinds, and long enough for pages of their own.
+      const std::string value = std::to_string(i) + (i % 3 == 0 ? std::string(3000, '.') : "");
+      Report(store.TryWriteString("s", key, value) ? key : "refused", i);
+      store.WriteString("shared", "key", key);
       if (store.ReadString("shared", "key", "").empty()) Report("lost", i);
     }
   }).Join();
   return 0;
 }
-const TRegisterChild kWriteAtOnce("SqlIniWriteAtOnce", WriteAtOnce);
-
-TEST_F(TKZSQLIniRecoveryTest, LosesNoWriteOfThreeProcessesWithFourThreads) {
-  const auto store = FFolder.Open();
-  std::vector<std::unique_ptr<TProgram>> writers;
-  for (const char* name : {"a", "b", "c"}) {
-    writers.push_back(std::make_unique<TProgram>(std::vector<std::string>{
-        "/proc/self/exe", "--child", "SqlIniWriteAtOnce", FFolder.File(), name}));
-  }
-  for (const auto& writer : writers) EXPECT_EQ(writer->Wait(std::chrono::seconds(90)), 0);
-  for (const auto& writer : writers) {
-    const auto reported = Reported(*writer);
-    EXPECT_EQ(reported.size(), 4U * 7) << writer->Output();
-    for (const auto& [key, value] : reported) {
-      EXPECT_EQ(store->ReadString("s", key, ""), std::to_string(value));
-    }
-  }
-}
-
-int WriteUntilKilled(const std::vector<std::string>& arguments) {
-  TKZSQLIniFile store(arguments[0]);
-  for (int i = std::stoi(arguments[1]);; ++i) {
-    const std::string key = "key" + std::to_string(i % 20);
-    // Of both kinds, and long enough for pages of their own.
-    const std::string value = std::to_string(i) + (i % 3 == 0 ? std::string(3000, '.') : "");
-    if (!store.TryWriteString("s", key, value)) return 1;
-    Report(key, i);
-  }
-}
 const TRegisterChild kWriteUntilKilled("SqlIniWriteUntilKilled", WriteUntilKilled);
 
-TEST_F(TKZSQLIniRecoveryTest, KeepsEveryReportedValueOfAWriterThatIsKilled) {
+TEST_F(TKZSQLIniRecoveryTest, LosesNoReportedWriteOfThreeProcessesThatAreKilled) {
   FFolder.Open()->WriteString("s", "k", "v");
   std::mt19937 random(1);
-  for (int kill = 0; kill < 15; ++kill) {
-    TProgram writer({"/proc/self/exe", "--child", "SqlIniWriteUntilKilled", FFolder.File(),
-                     std::to_string(kill * 100'000)});
-    ASSERT_TRUE(Eventually([&] { return !writer.Output().empty(); }));
-    SystemClock().Sleep(milliseconds(random() % 30));
-    writer.Signal(SIGKILL);
-    ASSERT_EQ(writer.Wait(), -SIGKILL);
+  for (int round = 0; round < 6; ++round) {
+    std::vector<std::unique_ptr<TProgram>> writers;
+    for (const char* name : {"a", "b", "c"}) {
+      writers.push_back(std::make_unique<TProgram>(
+          std::vector<std::string>{"/proc/self/exe", "--child", "SqlIniWriteUntilKilled",
+                                   FFolder.File(), name, std::to_string(round * 100'000)}));
+    }
+    for (const auto& writer : writers) {
+      ASSERT_TRUE(Eventually([&] { return Reported(*writer).size() >= 4; }));
+      SystemClock().Sleep(milliseconds(random() % 30));
+      writer->Signal(SIGKILL);
+      ASSERT_EQ(writer->Wait(), -SIGKILL);
+    }
     const auto store = FFolder.Open();
-    for (const auto& [key, value] : Reported(writer)) {
-      const std::string found = store->ReadString("s", key, "0");
-      // One more may have been written than was reported.
-      ASSERT_GE(std::stoi(found), value) << key;
-      ASSERT_EQ(found.size() > 1000, std::stoi(found) % 3 == 0) << key;
+    for (const auto& writer : writers) {
+      for (const auto& [key, value] : Reported(*writer)) {
+        const std::string found = store->ReadString("s", key, "0");
+        // One more may have been written than was reported.
+        ASSERT_GE(std::stoi(found), value) << key << " in " << writer->Output();
+        ASSERT_EQ(found.size() > 1000, std::stoi(found) % 3 == 0) << key;
+      }
     }
   }
   EXPECT_EQ(FFolder.Ask("PRAGMA integrity_check"), "ok");
