@@ -121,8 +121,7 @@ const void* KZException::Address() const noexcept {
 }
 
 ESystemError::ESystemError(const std::string& operation, const std::string& object, int errorNumber)
-    : KZException(operation + " " + object + ": " + SystemErrorText(errorNumber)),
-      FErrorNumber(errorNumber) {}
+    : KZException(operation + " " + object + ": " + SystemErrorText(errorNumber)) {}
 
 std::string SystemErrorText(int errorNumber) {
   return std::generic_category().message(errorNumber) + " (errno " + std::to_string(errorNumber) +

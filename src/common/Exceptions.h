@@ -51,11 +51,6 @@ class SoftException : public KZException {
 class ESystemError : public KZException {
  public:
   ESystemError(const std::string& operation, const std::string& object, int errorNumber);
-
-  [[nodiscard]] int ErrorNumber() const noexcept { return FErrorNumber; }
-
- private:
-  int FErrorNumber;
 };
 
 // "<system text> (errno <n>)".

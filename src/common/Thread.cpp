@@ -99,6 +99,7 @@ void TThread::Join() {
 }
 
 void TThread::SetExceptionHandler(TExceptionHandler handler) {
+  assert(IsMainThread());
   ExceptionHandler() = std::move(handler);
 }
 

@@ -57,11 +57,6 @@ void TKZTimer::SetEnabled(bool enabled) {
   FChanged.NotifyAll();
 }
 
-bool TKZTimer::Enabled() const {
-  const TMutexLock lock(FLock);
-  return FEnabled;
-}
-
 void TKZTimer::Execute(const TThread& thread) {
   while (WaitUntilDue(thread)) CallHandler();
 }

@@ -45,7 +45,6 @@ class TKZTimer {
   // Disables the timer and waits for the end of a call that is under way. Must not be called from
   // the handler.
   void Stop() KZ_EXCLUDES(FLock);
-  [[nodiscard]] bool Enabled() const KZ_EXCLUDES(FLock);
 
  private:
   class TTimerThread;
@@ -59,7 +58,7 @@ class TKZTimer {
   const THandler FHandler;
   const TErrorHandler FOnError;
   TClock& FClock;
-  mutable TMutex FLock;
+  TMutex FLock;
   TCondition FChanged;
   std::chrono::milliseconds FInterval KZ_GUARDED_BY(FLock);
   bool FEnabled KZ_GUARDED_BY(FLock) = false;
