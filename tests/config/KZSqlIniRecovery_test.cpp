@@ -400,7 +400,7 @@ const TRegisterChild kWriteUntilKilled("SqlIniWriteUntilKilled", WriteUntilKille
 TEST_F(TKZSQLIniRecoveryTest, LosesNoReportedWriteOfThreeProcessesThatAreKilled) {
   FFolder.Open()->WriteString("s", "k", "v");
   std::mt19937 random(1);
-  for (int round = 0; round < 6; ++round) {
+  for (int round = 0; round < 4; ++round) {
     std::vector<std::unique_ptr<TProgram>> writers;
     for (const char* name : {"a", "b", "c"}) {
       writers.push_back(std::make_unique<TProgram>(
