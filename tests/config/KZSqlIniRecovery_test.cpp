@@ -115,6 +115,7 @@ TEST_F(TKZSQLIniRecoveryTest, TakesTheGoodBackupOfAFileThatIsEmptyGarbageOrMissi
   const auto store = FFolder.Open();
   EXPECT_EQ(store->ReadString("s", "k", "default"), "v");
   EXPECT_EQ(ReadableValues(*store), 2000);
+  EXPECT_TRUE(FFolder.Folder.Read("x.cfg-previous-journal") == journal);
   EXPECT_THAT(FFolder.Lines(), AllOf(HasSubstr("Found good backup file: " + FFolder.Backup(".bak")),
                                      HasSubstr("Opening good DB that we found: " + file)));
 }
@@ -299,21 +300,21 @@ TEST_F(TKZSQLIniRecoveryTest, GivesEveryFileTheModeAndTheOwnerOfTheStore) {
   std::filesystem::remove_all(FFolder.Folder.Path("CfgBackups"));
   for (const std::string& file : {FFolder.Folder.Path(), FFolder.File()}) {
     ASSERT_EQ(::chown(file.c_str(), user, group), 0);
-    ASSERT_EQ(::chmod(file.c_str(), file == FFolder.File() ? 0600 : 0770), 0);
+    ASSERT_EQ(::chmod(file.c_str(), file == FFolder.File() ? 0640 : 0770), 0);
   }
   FFolder.Open()->WriteString("s", "k", "v");
   EXPECT_EQ(look("CfgBackups"), "CfgBackups 770" + of);
-  EXPECT_EQ(look("CfgBackups/x.cfg.bak"), "CfgBackups/x.cfg.bak 600" + of);
+  EXPECT_EQ(look("CfgBackups/x.cfg.bak"), "CfgBackups/x.cfg.bak 640" + of);
   FFolder.Folder.Write("x.cfg", std::string(5000, 'g'));
   UseTool("exec 3>&1; stat -L -c 'x.cfg.sqltmp %a of %u:%g' /proc/self/fd/3 >\"$0.seen\"");
   EXPECT_FALSE(FFolder.Open()->AttemptRepair());
-  EXPECT_EQ(FFolder.Folder.Read("tool/sqlite3.seen"), "x.cfg.sqltmp 600" + of + "\n");
+  EXPECT_EQ(FFolder.Folder.Read("tool/sqlite3.seen"), "x.cfg.sqltmp 640" + of + "\n");
   UseTool("echo 'ROLLBACK;'");
   FFolder.Clock.Advance(std::chrono::minutes(1));
   EXPECT_TRUE(FFolder.Open()->AttemptRepair());
   ::umask(mask);
-  EXPECT_EQ(look("x.cfg"), "x.cfg 600" + of);
-  EXPECT_EQ(look("x.cfg-previous"), "x.cfg-previous 600" + of);
+  EXPECT_EQ(look("x.cfg"), "x.cfg 640" + of);
+  EXPECT_EQ(look("x.cfg-previous"), "x.cfg-previous 640" + of);
 }
 
 // As a user who may not do everything: root may write to any file.
