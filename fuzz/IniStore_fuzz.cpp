@@ -14,6 +14,7 @@
 #include "Fuzz.h"
 #include "common/ErrorLog.h"
 #include "config/KZSqlIniFiles.h"
+#include "support/FakeClock.h"
 #include "support/TempFolder.h"
 
 namespace guardian {
@@ -32,6 +33,8 @@ class TStoreFolder {
     std::filesystem::create_directory(FFolder.Path("store"));
     FFolder.Write("store/cfg", content);
     std::filesystem::resize_file(FFolder.Path("errors.log"), 0);
+    // The failure lines of the input before may come again.
+    Clock.Advance(std::chrono::hours(2));
   }
 
   [[nodiscard]] std::string Store() const { return FFolder.Path("store/cfg"); }
@@ -50,6 +53,8 @@ class TStoreFolder {
     return names;
   }
 
+  TFakeClock Clock;
+
  private:
   const TTempFolder FFolder;
 };
@@ -63,9 +68,9 @@ void ReadEverything(TKZSQLIniFile& store) {
   }
 }
 
-void CheckReadOnly(const TStoreFolder& folder, const std::string& content) {
+void CheckReadOnly(TStoreFolder& folder, const std::string& content) {
   {
-    TKZSQLIniFile store(folder.Store(), TSqlIniAccess::ReadOnly);
+    TKZSQLIniFile store(folder.Store(), TSqlIniAccess::ReadOnly, folder.Clock);
     ReadEverything(store);
     Require(!store.TryWriteString("section", "key", "value"), "a read-only store takes a value");
     Require(store.OpenDatabase() || folder.HasLines(), "a store fails without a line");
@@ -110,20 +115,24 @@ void CheckRepaired(const TStoreFolder& folder) {
   Require(!others.executeStep(), "a repaired store has more than its tables");
 }
 
-void CheckReadWrite(const TStoreFolder& folder, const std::string& content) {
+void CheckReadWrite(TStoreFolder& folder, const std::string& content) {
   bool written = false;
   {
-    TKZSQLIniFile store(folder.Store());
+    TKZSQLIniFile store(folder.Store(), TSqlIniAccess::ReadWrite, folder.Clock);
     CheckKept(folder, content);
     ReadEverything(store);
     written = store.TryWriteString("section", "key", "value");
     Require(written || folder.HasLines(), "a write fails without a line");
   }
-  TKZSQLIniFile store(folder.Store());
+  TKZSQLIniFile store(folder.Store(), TSqlIniAccess::ReadWrite, folder.Clock);
   const bool found = store.ReadString("section", "key", "none") == "value";
   Require(found || !written || folder.HasLines(), "a value is gone without a line");
   CheckFiles(folder);
   CheckRepaired(folder);
+  if (!found || !store.AttemptRepair()) return;
+  Require(store.ReadString("section", "key", "none") == "value", "a repair loses a value");
+  Require(SQLite::Database(folder.Store()).execAndGet("PRAGMA integrity_check").getString() == "ok",
+          "a repaired store is damaged");
 }
 
 }  // namespace

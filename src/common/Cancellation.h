@@ -7,8 +7,9 @@
 namespace guardian {
 
 // A latch that tells long waits to end: set once, never cleared, and visible to poll.
-// Owner: the object whose end it announces; it must outlive whoever was given it.
+// Owner: the object whose end it announces.
 // Threads: any thread, and signal handlers, may call anything.
+// Lifetime: it outlives every wait that was given it.
 class TCancellation {
  public:
   // Throws ESystemError when the system has no descriptor left.
@@ -20,7 +21,7 @@ class TCancellation {
   void Cancel() noexcept;
   [[nodiscard]] bool IsCancelled() const noexcept { return FCancelled.load(); }
 
-  // Readable from Cancel on; borrowed for poll only, never read from.
+  // Becomes readable with Cancel. For poll only; never read from it.
   [[nodiscard]] int Descriptor() const noexcept { return FEvent.Get(); }
 
  private:

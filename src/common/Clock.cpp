@@ -12,8 +12,6 @@
 namespace guardian {
 namespace {
 
-constexpr std::int64_t kMillisecondsPerDay = 86'400'000;
-constexpr std::int64_t kUnixEpochDays = 25'569;  // 30 December 1899 to 1 January 1970.
 constexpr TDateTime kSteadyOriginDays = 10'000;  // Keeps every steady instant far above zero.
 
 std::int64_t ReadMilliseconds(clockid_t clock) noexcept {

@@ -12,11 +12,14 @@ namespace guardian {
 // Days since 30 December 1899, the fraction being the time of day. Zero means "never".
 using TDateTime = double;
 
+inline constexpr std::int64_t kMillisecondsPerDay = 86'400'000;
+inline constexpr std::int64_t kUnixEpochDays = 25'569;  // 30 December 1899 to 1 January 1970.
+
 inline constexpr TDateTime kDay = 1.0;
 inline constexpr TDateTime kMinute = 1.0 / 1440;
 inline constexpr TDateTime kSecond = 1.0 / 86400;
 
-// The one source of time. Whoever decides by time takes it by reference.
+// The one source of time. Code that decides by time takes it by reference.
 // Owner: SystemClock() is process-wide and lives as long as the process; a test owns its own.
 // Threads: any thread may call anything.
 class TClock {

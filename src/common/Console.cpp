@@ -12,7 +12,7 @@
 namespace guardian {
 namespace {
 
-// One call and no allocation: it may be the last thing that works.
+// One call and no allocation, so that it works when little else does.
 void WriteLineToStandardError(std::string_view prefix, std::string_view text) noexcept {
   const auto part = [](std::string_view piece) {
     return iovec{const_cast<char*>(piece.data()), piece.size()};

@@ -4,8 +4,8 @@
 
 namespace guardian {
 
-// Single lines on the standard streams. A stream that is closed or full loses the line, since there
-// is no better place to say so.
+// Single lines on the standard streams. A line for a stream that is closed or full is lost, since
+// there is no better place to report that.
 // Threads: any; lines of different threads do not mix.
 
 // Writes the text and a line feed to standard output in one call and flushes.

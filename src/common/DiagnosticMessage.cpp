@@ -50,7 +50,9 @@ void TMessageThrottle::ForgetOldest() {
 void DiagnosticMessage(std::string_view text, const TClock& clock) noexcept {
   try {
     if (!Admit(text, clock.TickCount())) return;
-    if (ErrorLog().Enabled()) return ErrorLog().WriteLine(text);
+    if (ErrorLog().Enabled()) {
+      return ErrorLog().WriteLine(DateTimeToStr(clock.Now()).append(" ").append(text));
+    }
   } catch (...) {
     // Lack of memory shall not cost the message.
   }

@@ -17,8 +17,8 @@ class TMessageThrottle {
   static constexpr std::int64_t kQuietMilliseconds = 3'600'000;
   static constexpr std::size_t kMaxRemembered = 256;
 
-  // True for a message that was not admitted within the hour before the tick (milliseconds). Of
-  // more than kMaxRemembered different ones the oldest are forgotten, and would be admitted again.
+  // True for a message that was not admitted within the hour before the tick (milliseconds). It
+  // remembers kMaxRemembered different messages; the oldest is forgotten first, and admitted again.
   [[nodiscard]] bool Admit(std::string_view text, std::int64_t tick);
 
  private:
@@ -27,10 +27,9 @@ class TMessageThrottle {
   std::map<std::string, std::int64_t, std::less<>> FAdmittedAt;
 };
 
-// Writes a message of the diagnostics as one line to the error log, to the debug output while that
-// log is closed. An identical message within one hour is dropped. Never throws: what cannot be
-// written is lost.
-// Threads: any.
+// Writes a message of the diagnostics as one line: to the error log, after the local date-time and
+// a blank, or to the debug output while that log is closed. An identical message within one hour is
+// dropped. Never throws; a message that cannot be written is lost. Threads: any.
 void DiagnosticMessage(std::string_view text, const TClock& clock = SystemClock()) noexcept;
 
 // In a catch block: the exception that is being handled as the message "<where> Exception:

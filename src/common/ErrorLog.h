@@ -25,7 +25,7 @@ class TErrorLog {
   [[nodiscard]] bool Open(const std::string& fileName) KZ_EXCLUDES(FLock);
   void Close() KZ_EXCLUDES(FLock);
 
-  // Closes the file and opens it again for appending, so that what was written is the file's.
+  // Closes the file and opens it again for appending, so that all written lines are in the file.
   // Returns false when it could not be opened again; the log is then closed. Does nothing, and
   // returns true, while the log is closed.
   [[nodiscard]] bool Reopen() KZ_EXCLUDES(FLock);

@@ -13,9 +13,10 @@ enum class TEventReset {
   Auto,    // One successful wait takes the signal.
 };
 
-// A named event to wait for.
-// Owner: the object that waits for it; it must outlive every waiter and signaller.
+// A named event that threads wait for.
+// Owner: the object that waits for it.
 // Threads: any thread may call anything.
+// Lifetime: it outlives every waiter and signaller; so does the clock.
 class TKZEvent {
  public:
   explicit TKZEvent(std::string name, TEventReset reset = TEventReset::Auto,

@@ -18,7 +18,7 @@ constexpr std::size_t kMaxFrames = 64;
 [[gnu::noinline]] TStackAddresses CapturedStack(std::size_t skip) {
   std::array<const void*, kMaxFrames> frames;
   const std::size_t count = CaptureStack(frames, skip + 1);
-  // Not in braces, which would take the two pointers for two addresses.
+  // In parentheses: braces would make a vector of these two pointers.
   TStackAddresses stack(frames.data(), frames.data() + count);
   return stack;
 }
@@ -31,7 +31,8 @@ struct TThrow {
   std::array<const void*, 48> Frames;
 };
 
-// The thread's last throws. More than one: what reports an exception may itself throw and catch.
+// The thread's last throws. More than one, since the report of an exception may itself throw and
+// catch.
 struct TLastThrows {
   std::array<TThrow, 4> Throws;
   std::size_t Next;
@@ -44,12 +45,12 @@ constinit thread_local TLastThrows tLastThrows{};
   tLastThrows.Next = (tLastThrows.Next + 1) % tLastThrows.Throws.size();
   noted.Object = object;
   noted.Type = type;
-  // Besides this function, the one that stands in for the C++ library's.
+  // Leaves out this function and the wrapper of the C++ library's throw.
   noted.Count = CaptureStack(noted.Frames, 2);
 }
 
-// The object is null when its address cannot be told; the type then has to do. An empty stack when
-// the throw is not known.
+// Finds the throw by the object's address or, when that is null since nobody knows it, by the type
+// alone. Returns an empty stack for an unknown throw.
 TStackAddresses StackOfThrow(const void* object, const std::type_info* type) {
   const std::size_t size = tLastThrows.Throws.size();
   for (std::size_t back = 1; back <= size; ++back) {
@@ -78,7 +79,7 @@ TExceptionDetails DetailsOf(const std::exception& error) {
 }  // namespace
 
 // The linker leads every throw here (--wrap), and the second name to the C++ library. So the stack
-// is known also of an exception that is not ours, which has lost it by the time it is caught.
+// of a foreign exception is known too; by the time it is caught, that stack is gone.
 extern "C" {
 // NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names.
 [[noreturn]] void __real___cxa_throw(void* object, std::type_info* type, void (*destroy)(void*));
@@ -120,8 +121,7 @@ const void* KZException::Address() const noexcept {
 }
 
 ESystemError::ESystemError(const std::string& operation, const std::string& object, int errorNumber)
-    : KZException(operation + " " + object + ": " + SystemErrorText(errorNumber)),
-      FErrorNumber(errorNumber) {}
+    : KZException(operation + " " + object + ": " + SystemErrorText(errorNumber)) {}
 
 std::string SystemErrorText(int errorNumber) {
   return std::generic_category().message(errorNumber) + " (errno " + std::to_string(errorNumber) +

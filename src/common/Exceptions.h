@@ -11,12 +11,11 @@ namespace guardian {
 // Return addresses, innermost first.
 using TStackAddresses = std::vector<const void*>;
 
-// Fills the array with the calling thread's return addresses, leaving out the given number of
-// callers besides itself, and returns how many there are. Async-signal-safe from its second call
-// on.
+// Fills the array with the calling thread's return addresses and returns how many there are. It
+// leaves out itself and the given number of callers. Async-signal-safe from its second call on.
 [[nodiscard]] std::size_t CaptureStack(std::span<const void*> frames, std::size_t skip) noexcept;
 
-// The readable form of a name of the linker; a name that is none stays as it is.
+// The readable form of a mangled name; any other text is returned unchanged.
 [[nodiscard]] std::string Demangled(const char* name);
 
 // The base of every exception raised here: its message, and where it was raised.
@@ -52,18 +51,13 @@ class SoftException : public KZException {
 class ESystemError : public KZException {
  public:
   ESystemError(const std::string& operation, const std::string& object, int errorNumber);
-
-  [[nodiscard]] int ErrorNumber() const noexcept { return FErrorNumber; }
-
- private:
-  int FErrorNumber;
 };
 
 // "<system text> (errno <n>)".
 [[nodiscard]] std::string SystemErrorText(int errorNumber);
 
-// The class name of any exception: KZException knows its own; of a foreign one the demangled type
-// name with its namespace.
+// The class name of any exception: a KZException's ClassName, else the demangled type name with its
+// namespace.
 [[nodiscard]] std::string ExceptionClassName(const std::exception& error);
 
 // What a report says of an exception.
@@ -71,14 +65,13 @@ struct TExceptionDetails {
   std::string ClassName;
   std::string Message;
   bool Soft = false;            // A SoftException.
-  bool StackOfCatcher = false;  // The stack is that of the call: nobody knows where it was raised.
+  bool StackOfCatcher = false;  // The place of the throw is unknown; the stack is the caller's.
   TStackAddresses Stack;
 };
 
-// The details of an exception of any kind. The stack is the one that a KZException brought along;
-// else that of the throw, when the calling thread threw it lately; else that of the calling thread
-// as it is now. With a C++ library that is linked dynamically, what the library itself throws is
-// never known from the throw.
+// The details of an exception of any kind. The stack is the KZException's own; for another
+// exception the stack of its throw, when the calling thread threw it lately; else the stack of this
+// call. The throws inside a C++ library that is linked dynamically are never known.
 [[nodiscard]] TExceptionDetails DescribeException(const std::exception_ptr& error);
 
 // The message of the exception that is being handled, whatever its type. Call it in a catch block

@@ -7,7 +7,7 @@
 namespace guardian {
 namespace {
 
-// What is not touched costs address space only.
+// Pages that are never touched cost address space only.
 constexpr std::size_t kBytes = 262'144;
 
 }  // namespace

@@ -7,7 +7,7 @@
 namespace guardian {
 
 // The signals by which a process ends for a fault of its own. No thread of ours blocks them: a
-// blocked one kills the process without its handler.
+// blocked fatal signal kills the process without running its handler.
 inline constexpr std::array kFatalSignals{SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL};
 
 // Memory for the signal handlers of the calling thread, so that they run also when the thread's

@@ -9,10 +9,12 @@
 namespace guardian {
 
 // The file objects of the process: open files that are known by a number, so that a thread other
-// than the one that opened a file can close it. A number is never given twice: closing one that has
-// been closed already is noticed and never hits another file.
-// Owner: process-wide; a file object lives from AddFileObject to CloseHandle, its file until the
-// last borrower has let go of it, too.
+// than the one that opened a file can close it. A number is never given twice, so closing a file a
+// second time is noticed and never hits another file. The Guardian itself only adds and closes
+// files; BorrowFileObject, and the wait of CloseHandle for borrowers, serve other programs of the
+// maker.
+// Owner: process-wide. A file object lives from AddFileObject to CloseHandle; its file stays open
+// until the last borrower has let go of it.
 // Threads: any thread may call anything.
 
 using TFileHandle = std::int64_t;  // Above 1 for a file object; 0 and 1 mean none.
@@ -24,8 +26,8 @@ using TFileHandle = std::int64_t;  // Above 1 for a file object; 0 and 1 mean no
 // object.
 [[nodiscard]] std::shared_ptr<const TFileDescriptor> BorrowFileObject(TFileHandle handle);
 
-// Gives free the flock that the file holds, and closes the file; 0 and 1 are ignored. Where
-// somebody has borrowed the file, waits up to a second for the last borrower, who closes it. Throws
+// Releases the flock that the file holds, and closes the file; 0 and 1 are ignored. Where the file
+// is borrowed, waits up to a second for the last borrower, whose release closes it. Throws
 // KZException "Invalid handle passed to CloseHandle" for a number that is not a file object's.
 void CloseHandle(TFileHandle handle, TClock& clock = SystemClock());
 

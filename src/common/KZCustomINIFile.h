@@ -6,8 +6,8 @@
 
 namespace guardian {
 
-// Settings as sections of named values. What a store does on failure, and from which threads it may
-// be called, stands in its own class.
+// Settings as sections of named values. The comment of each store's own class says what it does on
+// failure, and which threads may call it.
 class TKZCustomINIFile {
  public:
   TKZCustomINIFile() = default;

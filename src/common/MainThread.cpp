@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cassert>
 #include <cerrno>
 #include <cstdint>
 #include <deque>
@@ -65,8 +66,7 @@ class TMainThreadQueue {
       const TMutexLock lock(FLock);
       while (request->State == TRequestState::Waiting) FDone.Wait(FLock);
     }
-    // Taken out, so that the exception is freed here and not in the main thread, which may still
-    // hold the request.
+    // Moved out of the request, which the main thread may still hold: the exception is freed here.
     if (const std::exception_ptr error = std::exchange(request->Error, nullptr)) {
       std::rethrow_exception(error);
     }
@@ -74,8 +74,8 @@ class TMainThreadQueue {
   }
 
   bool RunPending() KZ_EXCLUDES(FLock) {
-    // Only those that wait now: whoever waits with a limit must come back although others ask on
-    // and on.
+    // Only the requests that wait now: a caller with a time limit must return even when other
+    // threads keep asking.
     std::size_t left = Waiting();
     const bool any = left > 0;
     for (; left > 0; --left) {
@@ -133,7 +133,7 @@ class TMainThreadQueue {
   TCondition FDone;
 };
 
-// Never destroyed: a detached wake-up may come as late as it likes.
+// Never destroyed: threads may still wake it while the process ends.
 TMainThreadQueue& Queue() {
   static TNeverDestroyed<TMainThreadQueue> queue;
   return *queue;
@@ -146,7 +146,10 @@ void BindMainThread() {
   Queue().Open();
 }
 
-void CloseMainThreadQueue() { Queue().Close(); }
+void CloseMainThreadQueue() {
+  assert(IsMainThread());
+  Queue().Close();
+}
 
 bool IsMainThread() noexcept { return tIsMainThread; }
 

@@ -5,19 +5,18 @@
 #include <sys/stat.h>
 
 namespace guardian {
-
 namespace {
 
 TFileDescriptor OpenLockFile(const std::string& path, int flags) {
-  // Non-blocking: a named pipe at this path must hold nobody.
+  // Non-blocking: opening a named pipe at this path must not wait for its other end.
   return TFileDescriptor(RetryOnEintr([&] {
     return ::open(path.c_str(), flags | O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW,
                   0666);
   }));
 }
 
-// Opened before it is created: in a shared folder the system may refuse to open somebody else's
-// file with the wish to create it. Twice, since another process may create it in between.
+// First opens without O_CREAT: in a shared folder the system may refuse O_CREAT for an existing
+// file of another user. Tries twice, since another process may create the file in between.
 TFileDescriptor OpenOrCreateLockFile(const std::string& path) {
   for (int tries = 0; tries < 2; ++tries) {
     if (TFileDescriptor file = OpenLockFile(path, 0); file || errno != ENOENT) return file;

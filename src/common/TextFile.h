@@ -7,14 +7,14 @@
 
 namespace guardian {
 
-// Text files of the diagnostics: write-only, close-on-exec, mode 0644 when made, lines ending in a
-// line feed. None of these throws for a failure of the file.
+// Text files of the diagnostics: write-only, close-on-exec, mode 0644 when new, each line ended by
+// a line feed. Failures of the file are return values; nothing is thrown for them.
 
 enum class TTextFileOpening {
   Append,          // To an existing file.
   AppendOrCreate,  // To an existing file, else to a new one.
   Truncate,        // To an empty file, made when missing.
-  CreateNew,       // To a file that did not exist, also not as a symbolic link.
+  CreateNew,       // To a new file; fails where a file or a symbolic link has the name.
 };
 
 // An open file, or an empty descriptor with the reason in errno.

@@ -16,7 +16,14 @@ namespace guardian {
 // The pieces between separators; always at least one, possibly empty.
 [[nodiscard]] std::vector<std::string_view> Split(std::string_view text, char separator);
 
-// ASCII letters only, whatever the locale.
+[[nodiscard]] inline bool Contains(std::string_view text, std::string_view part) {
+  return text.find(part) != std::string_view::npos;
+}
+
+// "Y" or "N".
+[[nodiscard]] constexpr const char* YesNo(bool value) { return value ? "Y" : "N"; }
+
+// The text with its ASCII letters in upper case, whatever the locale.
 [[nodiscard]] std::string ToUpper(std::string_view text);
 
 // "&", "<", ">" and the double quote as character entities; everything else as it stands.
@@ -30,7 +37,7 @@ namespace guardian {
 // path segment of a link.
 [[nodiscard]] std::string LinkEncode(std::string_view text);
 
-// Undoes percent-encoding; a "%" without two hexadecimal digits behind it stays as it stands.
+// Undoes percent-encoding; a "%" that no two hexadecimal digits follow stays as it stands.
 [[nodiscard]] std::string LinkDecode(std::string_view text);
 
 // One command-line argument for showing: in double quotes when it is empty or holds blanks, tabs

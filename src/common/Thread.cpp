@@ -1,14 +1,15 @@
 #include "common/Thread.h"
 
-#include <signal.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <cstdio>
 #include <utility>
 
 #include "common/Exceptions.h"
 #include "common/FatalSignals.h"
 #include "common/MainThread.h"
+#include "common/SignalBlock.h"
 
 namespace guardian {
 namespace {
@@ -28,24 +29,6 @@ TThread::TExceptionHandler& ExceptionHandler() {
   static TThread::TExceptionHandler handler;
   return handler;
 }
-
-// Blocks every signal but the fatal ones for as long as it lives, so that a thread created
-// meanwhile starts so.
-class TSignalBlock {
- public:
-  TSignalBlock() noexcept {
-    sigset_t all;
-    sigfillset(&all);
-    for (const int fatal : kFatalSignals) sigdelset(&all, fatal);
-    pthread_sigmask(SIG_SETMASK, &all, &FPrevious);
-  }
-  ~TSignalBlock() { pthread_sigmask(SIG_SETMASK, &FPrevious, nullptr); }
-  TSignalBlock(const TSignalBlock&) = delete;
-  TSignalBlock& operator=(const TSignalBlock&) = delete;
-
- private:
-  sigset_t FPrevious;
-};
 
 // Zero: not asked for yet.
 thread_local std::int32_t tThreadId = 0;
@@ -72,12 +55,13 @@ void TThread::Start() {
   pthread_attr_init(&attributes);
   int error = pthread_attr_setstacksize(&attributes, FStackBytes);
   if (error == 0) {
-    const TSignalBlock block;
+    // A new thread inherits the signal mask of the thread that creates it.
+    const TSignalBlock block(AllSignalsButFatalOnes());
     error = pthread_create(&FHandle, &attributes, &TThread::Run, this);
   }
   pthread_attr_destroy(&attributes);
   if (error != 0) {
-    // Nobody is to wait for a thread that never was.
+    // No caller of WaitFinished shall wait for a thread that does not exist.
     FFinished.store(true);
     FFinishedEvent.Signal();
     throw ESystemError("pthread_create", FName, error);
@@ -87,7 +71,7 @@ void TThread::Start() {
 
 void TThread::Terminate() {
   FTerminated.store(true);
-  // NOLINTNEXTLINE(clang-analyzer-optin.cplusplus.VirtualCall): whoever overrides it joins first.
+  // NOLINTNEXTLINE(clang-analyzer-optin.cplusplus.VirtualCall): overriding classes join first.
   OnTerminate();
 }
 
@@ -105,6 +89,7 @@ bool TThread::WaitFinished(std::chrono::milliseconds timeout) {
 
 void TThread::Join() {
   if (!FStarted) return;
+  assert(pthread_equal(FHandle, pthread_self()) == 0);  // It would wait for itself.
   Terminate();
   while (!WaitFinished(std::chrono::hours(1))) continue;
   // A request that ran meanwhile may have joined it.
@@ -114,6 +99,7 @@ void TThread::Join() {
 }
 
 void TThread::SetExceptionHandler(TExceptionHandler handler) {
+  assert(IsMainThread());
   ExceptionHandler() = std::move(handler);
 }
 
@@ -132,7 +118,7 @@ void TThread::RunWhole() {
   FFinished.store(true);
   // The last touch of this object, which the join still waits for.
   FFinishedEvent.Signal();
-  // Who joins in the main thread waits for the queue.
+  // A join in the main thread waits for the queue.
   WakeMainThread();
 }
 

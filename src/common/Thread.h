@@ -21,8 +21,8 @@ namespace guardian {
 inline constexpr std::size_t kThreadStackBytes = 10'485'760;
 
 // The base of every thread: a name, a stack size, a request to end, an end that can be waited for.
-// Owner: whoever creates it; destroying it asks it to end and joins it, so a derived class whose
-// Execute uses its own fields calls Join first in its destructor.
+// Owner: the object that creates it. The destructor asks the thread to end and joins it, so a
+// derived class whose Execute uses its own fields calls Join first in its own destructor.
 // Threads: Start, Join and the destructor by the owner; the rest by any thread.
 // Lifetime: what Execute uses must outlive the join.
 class TThread {

@@ -2,12 +2,11 @@
 
 namespace guardian {
 
-// One object of type T a thread, made at the thread's first Get and destroyed at the thread's end.
-// T is default-constructible and does not use its own slot while it is made.
-// Owner: the thread.
-// Threads: any; a thread reaches its own object only.
-// Lifetime: destructors of other thread-local objects may run after the object is gone; Get is
-// then null, so whatever still runs in such a thread is harmless.
+// One object of type T for each thread, made at the thread's first Get and destroyed at the
+// thread's end. T is default-constructible and does not use its own slot while it is made. Owner:
+// the thread. Threads: any; a thread reaches its own object only. Lifetime: destructors of other
+// thread-local objects may run after the object is gone; Get then returns null, so calls from them
+// are harmless.
 template <typename T>
 class TThreadSlot {
  public:
@@ -18,7 +17,7 @@ class TThreadSlot {
     return object != nullptr ? object : Make();
   }
 
-  // The calling thread's object as far as it has one, else null. Async-signal-safe.
+  // The calling thread's object if it has one, else null. Async-signal-safe.
   [[nodiscard]] static T* Peek() noexcept { return FObject; }
 
  private:

@@ -38,16 +38,11 @@ void TKZTimer::Stop() {
 
 void TKZTimer::SetInterval(std::chrono::milliseconds interval) {
   const TMutexLock lock(FLock);
-  // A period that is asked for again and again must still end.
+  // Setting the same interval again and again must not postpone the call for ever.
   if (interval == FInterval) return;
   FInterval = interval;
   FDueTick = FClock.TickCount() + interval.count();
   FChanged.NotifyAll();
-}
-
-std::chrono::milliseconds TKZTimer::Interval() const {
-  const TMutexLock lock(FLock);
-  return FInterval;
 }
 
 void TKZTimer::SetEnabled(bool enabled) {
@@ -60,11 +55,6 @@ void TKZTimer::SetEnabled(bool enabled) {
     FThread = std::move(thread);
   }
   FChanged.NotifyAll();
-}
-
-bool TKZTimer::Enabled() const {
-  const TMutexLock lock(FLock);
-  return FEnabled;
 }
 
 void TKZTimer::Execute(const TThread& thread) {

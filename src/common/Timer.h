@@ -11,16 +11,23 @@
 
 namespace guardian {
 
-// Calls its handler once an interval, on a thread of its own that bears the timer's name.
+// Calls its handler once an interval, on a thread of its own that has the timer's name:
 //
-// The period counts from the start of one call to the start of the next; a handler that takes
-// longer than the interval is called again at once, and missed calls are not made up for.
-// A changed interval and SetEnabled(true) start a full new period. What the handler throws goes to
-// the error handler, and the timer goes on. Owner: the object whose handler it calls; the
-// destructor stops it and joins the thread. It may be destroyed in the main thread while the
-// handler waits for the main thread. Threads: any thread, also the handler, may call anything but
-// Stop and the destructor, which belong to the owner. Lifetime: handlers and clock outlive the
-// timer. Created disabled; the thread starts with the first SetEnabled(true).
+//   TKZTimer timer(
+//       "GuardianTimer", std::chrono::seconds(10), [&] { service.Tick(); },
+//       [&](std::exception_ptr error) { service.Report(error); });
+//   timer.SetEnabled(true);
+//
+// It is created disabled; the thread starts with the first SetEnabled(true). The period counts from
+// the start of one call to the start of the next. A handler that takes longer than the interval is
+// called again at once, and missed calls are not made up for. A changed interval and
+// SetEnabled(true) start a full new period. What the handler throws goes to the error handler, and
+// the timer goes on.
+// Owner: the object whose handler it calls; the destructor stops it and joins the thread. It may be
+// destroyed in the main thread while the handler waits for the main thread.
+// Threads: any thread, the handler included, may call anything but Stop and the destructor, which
+// belong to the owner.
+// Lifetime: handlers and clock outlive the timer.
 class TKZTimer {
  public:
   using THandler = std::function<void()>;
@@ -33,13 +40,11 @@ class TKZTimer {
   TKZTimer& operator=(const TKZTimer&) = delete;
 
   void SetInterval(std::chrono::milliseconds interval) KZ_EXCLUDES(FLock);
-  [[nodiscard]] std::chrono::milliseconds Interval() const KZ_EXCLUDES(FLock);
   void SetEnabled(bool enabled) KZ_EXCLUDES(FLock);
 
-  // Disables the timer and waits for the end of a call that is under way; the interval may still
-  // be set, to no effect. Not from the handler.
+  // Disables the timer and waits for the end of a call that is under way. Must not be called from
+  // the handler.
   void Stop() KZ_EXCLUDES(FLock);
-  [[nodiscard]] bool Enabled() const KZ_EXCLUDES(FLock);
 
  private:
   class TTimerThread;
@@ -53,7 +58,7 @@ class TKZTimer {
   const THandler FHandler;
   const TErrorHandler FOnError;
   TClock& FClock;
-  mutable TMutex FLock;
+  TMutex FLock;
   TCondition FChanged;
   std::chrono::milliseconds FInterval KZ_GUARDED_BY(FLock);
   bool FEnabled KZ_GUARDED_BY(FLock) = false;

@@ -3,27 +3,35 @@
 #include <algorithm>
 #include <utility>
 
+#include "common/AtEnd.h"
 #include "common/Console.h"
-#include "common/ErrorLog.h"
+#include "common/DiagnosticMessage.h"
 #include "common/Exceptions.h"
-#include "config/SqlIniLock.h"
 #include "diagnostics/KZCheckpoints.h"
 
 namespace guardian {
 namespace {
 
 constexpr std::size_t kMaxBytes = 1'000'000'000;  // What SQLite takes.
+constexpr int kMaxAttempts = 3;                   // Of one write.
 
-// Takes back what a failed operation began.
-class TRollbackAtEnd {
+// Holds the lock of a store for one operation, and passes the checkpoints that show it.
+class KZ_SCOPED_CAPABILITY TSqlIniLock {
  public:
-  explicit TRollbackAtEnd(TSqlIniComponents& database) : FDatabase(database) {}
-  ~TRollbackAtEnd() { FDatabase.Rollback(); }
-  TRollbackAtEnd(const TRollbackAtEnd&) = delete;
-  TRollbackAtEnd& operator=(const TRollbackAtEnd&) = delete;
+  explicit TSqlIniLock(TKZCriticalSection& section) KZ_ACQUIRE(section) : FSection(section) {
+    KZCP::Checkpoint("SqlIni.Entering");
+    FSection.Enter();
+    KZCP::Checkpoint("SqlIni.EnterOK");
+  }
+  ~TSqlIniLock() KZ_RELEASE() {
+    FSection.Leave();
+    KZCP::Checkpoint("SqlIni.LeftOK");
+  }
+  TSqlIniLock(const TSqlIniLock&) = delete;
+  TSqlIniLock& operator=(const TSqlIniLock&) = delete;
 
  private:
-  TSqlIniComponents& FDatabase;
+  TKZCriticalSection& FSection;
 };
 
 // The name as a parameter. SQLite's tool ends a text at a zero byte.
@@ -38,7 +46,7 @@ std::string NameOf(std::string_view name) {
 }  // namespace
 
 TKZSQLIniFile::TKZSQLIniFile(const std::string& fileName, TSqlIniAccess access, TClock& clock)
-    : FFiles(fileName), FAccess(access), FClock(clock) {
+    : FClock(clock), FFile(fileName, access, clock) {
   CreateComponents();
   OpenDatabase();
 }
@@ -47,29 +55,49 @@ TKZSQLIniFile::~TKZSQLIniFile() {
   const TSqlIniLock lock(FLock);
   try {
     CheckComponentsLocked("Destroy");
-    BackUpIfDueLocked();
+    FFile.BackUpIfDue();
   } catch (const std::exception& error) {
     Log(error.what());
-    return;
   }
-  DisconnectLocked();
+}
+
+bool TKZSQLIniFile::OpenDatabase() {
+  const TSqlIniLock lock(FLock);
+  CheckComponentsLocked("OpenDatabase");
+  return FFile.TryOpen();
+}
+
+void TKZSQLIniFile::CloseDatabase() {
+  const TSqlIniLock lock(FLock);
+  CheckComponentsLocked("CloseDatabase");
+  FFile.BackUpIfDue();
+  FFile.Close();
+}
+
+void TKZSQLIniFile::DestroyComponents() {
+  const TSqlIniLock lock(FLock);
+  CheckComponentsLocked("DestroyComponents");
+  FFile.BackUpIfDue();
+  FFile.Close();
+  FComponents.reset();
+}
+
+void TKZSQLIniFile::CreateComponents() {
+  const TSqlIniLock lock(FLock);
+  if (!FComponents) FComponents = std::make_unique<TComponents>();
+}
+
+bool TKZSQLIniFile::AttemptRepair() {
+  const TSqlIniLock lock(FLock);
+  CheckComponentsLocked("AttemptRepair");
+  return FFile.Repair();
 }
 
 void TKZSQLIniFile::CheckComponentsLocked(const char* operation) const {
   if (!FComponents) throw KZException(std::string("SQLIni nil in ") + operation);
 }
 
-void TKZSQLIniFile::Log(const std::string& line) const {
-  if (!ErrorLog().Enabled()) return DebugOutput(line);
-  ErrorLog().WriteLine(DateTimeToStr(FClock.Now()).append(" ").append(line));
-}
-
-// SQLite's messages do not name the file.
-void TKZSQLIniFile::LogCurrentException(const char* operation) const {
-  std::string message = CurrentExceptionMessage();
-  if (message.find(FileName()) == std::string::npos) message += " (" + FileName() + ")";
-  Log(std::string("TKZSQLIniFile.") + operation + " Exception: " + message);
-}
+void TKZSQLIniFile::Log(const std::string& line) const { DiagnosticMessage(line, FClock); }
 
 void TKZSQLIniFile::Read(const char* operation, const TStatements& statements) {
   const TSqlIniLock lock(FLock);
@@ -77,24 +105,23 @@ void TKZSQLIniFile::Read(const char* operation, const TStatements& statements) {
   try {
     ReadLocked(statements);
   } catch (...) {
-    LogCurrentException(operation);
-    LeaveFailingFileLocked();
+    FFile.LogCurrentException(operation);
+    FFile.CloseAfterFailedRead();
   }
 }
 
 void TKZSQLIniFile::ReadLocked(const TStatements& statements) {
-  EnsureOpenLocked(TSqlIniBegin::Read);
-  TSqlIniComponents& database = *FComponents->Database;
-  const TRollbackAtEnd rollback(database);
+  TSqlIniComponents& database = FFile.Connection(TSqlIniBegin::Read);
+  const TAtEnd rollback([&database] { database.Rollback(); });
   database.Begin(TSqlIniBegin::Read);
-  statements(*FComponents);
+  statements(database);
   database.Commit();
 }
 
 bool TKZSQLIniFile::Write(const char* operation, const TStatements& statements) {
   const TSqlIniLock lock(FLock);
   CheckComponentsLocked(operation);
-  if (FAccess == TSqlIniAccess::ReadOnly) return false;
+  if (FFile.Access() == TSqlIniAccess::ReadOnly) return false;
   FAttempts = 0;
   while (true) {
     try {
@@ -104,45 +131,42 @@ bool TKZSQLIniFile::Write(const char* operation, const TStatements& statements) 
       if (!RecoverLocked(operation)) return false;
     }
   }
-  FChanged = true;
-  if (FClock.TickCount() >= FNextBackupTick) BackUpIfDueLocked();
+  FFile.NoteWritten();
   return true;
 }
 
 void TKZSQLIniFile::WriteLocked(const TStatements& statements) {
-  EnsureOpenLocked(TSqlIniBegin::Write);
-  TSqlIniComponents& database = *FComponents->Database;
-  const TRollbackAtEnd rollback(database);
+  TSqlIniComponents& database = FFile.Connection(TSqlIniBegin::Write);
+  const TAtEnd rollback([&database] { database.Rollback(); });
   database.Begin(TSqlIniBegin::Write);
   // While this waited for its turn, a repair may have put another file into the place.
   if (database.HasMoved()) throw KZException("The file was replaced meanwhile.");
-  FComponents->FSectionList.clear();
-  statements(*FComponents);
+  statements(database);
   CommitLocked();
 }
 
 void TKZSQLIniFile::CommitLocked() {
-  TSqlIniComponents* database = FComponents->Database.get();
+  TSqlIniComponents* database = FFile.Connected();
   if (database == nullptr || database->AutoCommit()) return;
   try {
     database->Commit();
   } catch (...) {
-    LogCurrentException("CommitNow");
+    FFile.LogCurrentException("CommitNow");
     throw;
   }
   FLastCommitAt = FClock.Now();
 }
 
-std::optional<std::int64_t> TKZSQLIniFile::FindSection(TComponents& components,
+std::optional<std::int64_t> TKZSQLIniFile::FindSection(TSqlIniComponents& database,
                                                        std::string_view section,
                                                        TSectionCreation creation) const {
   const std::string name = NameOf(section);
   try {
-    const auto id = components.Database->SectionId(name);
+    const auto id = database.SectionId(name);
     if (id || creation == TSectionCreation::No) return id;
-    return components.Database->InsertSection(name);
+    return database.InsertSection(name);
   } catch (...) {
-    LogCurrentException("GetSectionID");
+    FFile.LogCurrentException("GetSectionID");
     throw;
   }
 }
@@ -150,9 +174,9 @@ std::optional<std::int64_t> TKZSQLIniFile::FindSection(TComponents& components,
 std::string TKZSQLIniFile::ReadString(std::string_view section, std::string_view key,
                                       std::string_view defaultValue) {
   std::optional<std::string> value;
-  Read("ReadString", [&](TComponents& components) {
-    const auto id = FindSection(components, section, TSectionCreation::No);
-    if (id) value = components.Database->Value(*id, NameOf(key));
+  Read("ReadString", [&](TSqlIniComponents& database) {
+    const auto id = FindSection(database, section, TSectionCreation::No);
+    if (id) value = database.Value(*id, NameOf(key));
   });
   return value ? std::move(*value) : std::string(defaultValue);
 }
@@ -164,67 +188,67 @@ void TKZSQLIniFile::WriteString(std::string_view section, std::string_view key,
 
 bool TKZSQLIniFile::TryWriteString(std::string_view section, std::string_view key,
                                    std::string_view value) {
-  if (FAccess == TSqlIniAccess::ReadWrite) {
+  if (FFile.Access() == TSqlIniAccess::ReadWrite) {
     KZCP::Checkpoint(std::string("Ini Write ").append(section).append(" ").append(key));
   }
-  const bool written = Write("WriteString", [&](TComponents& components) {
+  const bool written = Write("WriteString", [&](TSqlIniComponents& database) KZ_REQUIRES(FLock) {
     if (value.size() > kMaxBytes) throw SoftException("A value is too long.");
     const std::string name = NameOf(key);
-    const auto id = FindSection(components, section, TSectionCreation::IfMissing);
-    components.Database->PutValue(id.value(), name, value, components.Edit);
+    const auto id = FindSection(database, section, TSectionCreation::IfMissing);
+    database.PutValue(id.value(), name, value, FComponents->Edit);
   });
-  if (FAccess == TSqlIniAccess::ReadWrite) KZCP::Checkpoint("Ini WriteX");
+  if (FFile.Access() == TSqlIniAccess::ReadWrite) KZCP::Checkpoint("Ini WriteX");
   return written;
 }
 
 std::vector<std::string> TKZSQLIniFile::ReadSection(std::string_view section) {
   std::vector<std::string> keys;
-  Read("ReadSection", [&](TComponents& components) {
-    const auto id = FindSection(components, section, TSectionCreation::No);
-    if (id) keys = components.Database->Keys(*id);
+  Read("ReadSection", [&](TSqlIniComponents& database) {
+    const auto id = FindSection(database, section, TSectionCreation::No);
+    if (id) keys = database.Keys(*id);
   });
   return keys;
 }
 
 std::vector<std::string> TKZSQLIniFile::ReadSections() {
   std::vector<std::string> names;
-  Read("ReadSections", [&](TComponents& components) {
-    for (const TSqlIniSection& section : components.Sections()) names.push_back(section.Name);
+  Read("ReadSections", [&](TSqlIniComponents& database) {
+    for (const TSqlIniSection& section : database.Sections()) names.push_back(section.Name);
   });
   return names;
 }
 
 std::vector<std::string> TKZSQLIniFile::ReadSectionValues(std::string_view section) {
   std::vector<std::string> lines;
-  Read("ReadSectionValues", [&](TComponents& components) {
-    const auto id = FindSection(components, section, TSectionCreation::No);
-    if (id) lines = components.Database->KeysAndValues(*id);
+  Read("ReadSectionValues", [&](TSqlIniComponents& database) {
+    const auto id = FindSection(database, section, TSectionCreation::No);
+    if (id) lines = database.KeysAndValues(*id);
   });
   return lines;
 }
 
 bool TKZSQLIniFile::ValueExists(std::string_view section, std::string_view key) {
   bool exists = false;
-  Read("ValueExists", [&](TComponents& components) {
-    const auto id = FindSection(components, section, TSectionCreation::No);
-    exists = id && components.Database->Value(*id, NameOf(key));
+  Read("ValueExists", [&](TSqlIniComponents& database) {
+    const auto id = FindSection(database, section, TSectionCreation::No);
+    exists = id && database.Value(*id, NameOf(key));
   });
   return exists;
 }
 
 void TKZSQLIniFile::DeleteKey(std::string_view section, std::string_view key) {
-  Write("DeleteKey", [&](TComponents& components) {
+  Write("DeleteKey", [&](TSqlIniComponents& database) {
     const std::string name = NameOf(key);
-    const auto id = FindSection(components, section, TSectionCreation::No);
-    if (id) components.Database->DeleteKey(*id, name);
+    const auto id = FindSection(database, section, TSectionCreation::No);
+    if (id) database.DeleteKey(*id, name);
   });
 }
 
 // The section's own row stays, and with it its number.
 void TKZSQLIniFile::EraseSection(std::string_view section) {
-  Write("EraseSection", [&](TComponents& components) {
-    const auto id = FindSection(components, section, TSectionCreation::No);
-    if (id) components.Database->EraseSection(*id);
+  Write("EraseSection", [&](TSqlIniComponents& database) {
+    const auto id = FindSection(database, section, TSectionCreation::No);
+    if (id) database.EraseSection(*id);
   });
 }
 
@@ -236,7 +260,7 @@ void TKZSQLIniFile::UpdateFile() {
   } catch (...) {
     return;  // CommitLocked has said so.
   }
-  BackUpIfDueLocked();
+  FFile.BackUpIfDue();
 }
 
 void TKZSQLIniFile::CommitNow() {
@@ -251,25 +275,24 @@ void TKZSQLIniFile::CommitNow() {
 
 std::int64_t TKZSQLIniFile::CountKeys(std::string_view section) {
   std::int64_t count = 0;
-  Read("CountKeys", [&](TComponents& components) {
-    const auto id = FindSection(components, section, TSectionCreation::No);
-    if (id) count = components.Database->CountKeys(id);
+  Read("CountKeys", [&](TSqlIniComponents& database) {
+    const auto id = FindSection(database, section, TSectionCreation::No);
+    if (id) count = database.CountKeys(id);
   });
   return count;
 }
 
 std::int64_t TKZSQLIniFile::CountKeys() {
   std::int64_t count = 0;
-  Read("CountKeys",
-       [&](TComponents& components) { count = components.Database->CountKeys(std::nullopt); });
+  Read("CountKeys", [&](TSqlIniComponents& database) { count = database.CountKeys(std::nullopt); });
   return count;
 }
 
 std::optional<std::int64_t> TKZSQLIniFile::GetSectionID(std::string_view section,
                                                         TSectionCreation creation) {
   std::optional<std::int64_t> id;
-  const TStatements find = [&](TComponents& components) {
-    id = FindSection(components, section, creation);
+  const TStatements find = [&](TSqlIniComponents& database) {
+    id = FindSection(database, section, creation);
   };
   if (creation == TSectionCreation::No) {
     Read("GetSectionID", find);
@@ -281,8 +304,7 @@ std::optional<std::int64_t> TKZSQLIniFile::GetSectionID(std::string_view section
 
 std::optional<std::string> TKZSQLIniFile::GetSectionName(std::int64_t id) {
   std::optional<std::string> name;
-  Read("GetSectionName",
-       [&](TComponents& components) { name = components.Database->SectionName(id); });
+  Read("GetSectionName", [&](TSqlIniComponents& database) { name = database.SectionName(id); });
   return name;
 }
 
@@ -292,13 +314,58 @@ void TKZSQLIniFile::ForceEdit(TSqlIniEdit edit) {
   FComponents->Edit = edit;
 }
 
-const std::vector<TSqlIniSection>& TKZSQLIniFile::TComponents::Sections() {
-  const std::int64_t version = Database->DataVersion();
-  if (FSectionList.empty() || version != SectionListVersion) {
-    FSectionList = Database->Sections();
-    SectionListVersion = version;
+bool TKZSQLIniFile::RecoverLocked(const char* operation) {
+  ++FAttempts;
+  switch (CurrentSqlIniFault()) {
+    case TSqlIniFault::ReadOnlyFile:
+      DebugOutput("Config file is read-only. Cannot save updated profile status.");
+      // The connection would stay read-only when the file no longer is.
+      FFile.Close();
+      return false;
+    case TSqlIniFault::Refused:
+      FFile.LogCurrentException(operation);
+      return false;
+    case TSqlIniFault::Damaged:
+      FFile.LogCurrentException(operation);
+      return FAttempts < kMaxAttempts && RepairAfterDamageLocked();
+    case TSqlIniFault::Empty:
+    case TSqlIniFault::Other:
+      FFile.LogCurrentException(operation);
+      return ReopenLocked(operation);
   }
-  return FSectionList;
+  return false;
+}
+
+bool TKZSQLIniFile::ReopenLocked(const char* operation) {
+  const std::string notRetrying =
+      "NOT retrying the failed operation (" + std::string(operation) + ", " + FileName();
+  if (FAttempts >= kMaxAttempts) {
+    Log(notRetrying + ") after " + std::to_string(FAttempts) + " attempts.");
+    return false;
+  }
+  if (!FFile.TryOpen()) {
+    Log(notRetrying + ") due to problems re-opening the database.");
+    return false;
+  }
+  Log("Retrying the failed operation (" + std::string(operation) + ", " + FileName() + ")");
+  return true;
+}
+
+bool TKZSQLIniFile::RepairAfterDamageLocked() {
+  Log("Trying to close and re-open the database.");
+  const char* failing = "Exception closing DB around Repair Attempt: ";
+  try {
+    FFile.Close();
+    failing = "Exception destroying components around Repair Attempt: ";
+    const TComponents kept = *FComponents;
+    FComponents.reset();
+    failing = "Exception creating components around Repair Attempt: ";
+    FComponents = std::make_unique<TComponents>(kept);
+  } catch (const std::exception& error) {
+    Log(failing + std::string(error.what()));
+    return false;
+  }
+  return FFile.RepairIfDue();
 }
 
 }  // namespace guardian

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -15,7 +13,7 @@
 #include "common/KZCustomINIFile.h"
 #include "common/ThreadAnnotations.h"
 #include "config/SqlIniComponents.h"
-#include "config/SqlIniPaths.h"
+#include "config/SqlIniOpenFile.h"
 #include "diagnostics/KZCriticalSection.h"
 
 namespace guardian {
@@ -30,29 +28,29 @@ enum class TSectionCreation { No, IfMissing };
 // What is promised for a value once WriteString has returned without a failure line, and
 // TryWriteString true: it is there after kill -9 of any process, and after a power cut, as far as
 // the disk keeps what it has said to be written. A value is there whole or not at all. The file is
-// kept with a rollback journal that each commit truncates and syncs ("synchronous=FULL"): that
-// needs locks and nothing else from the file system, no memory shared with other processes, and so
-// holds on the network file systems of NAS boxes as far as those have working POSIX locks. An empty
-// "-journal" file beside the database is its ordinary state.
+// kept with a rollback journal that each commit truncates and syncs ("synchronous=FULL"). That
+// needs no memory shared with other processes, only locks; so it also holds on the network file
+// systems of NAS boxes that have working POSIX locks. An empty "-journal" file beside the database
+// is normal.
 //
 // A missing, empty or damaged file is repaired when it is opened, and a damaged one also when a
-// write meets the damage; TSqlIniRepair says what it is put together from, TSqlIniPaths which files
-// lie beside it. The order never leaves less than before: the damaged file keeps its place until a
-// checked new one takes it, then it is kept under another name; deleted settings may come back, but
-// no setting that could be read is lost. Whoever has the old file open finds the new one with its
-// next write, or after 50 ms with its next read. A database with other tables, a folder or a device
-// is left alone, and so is every file of a read-only store.
+// write meets the damage; TSqlIniRepair says from what, TSqlIniPaths which files lie beside it. The
+// order never leaves less than before: the damaged file keeps its place until a checked new one
+// takes it, and is then kept under another name; deleted settings may come back, but no setting
+// that could be read is lost. A store that has the old file open finds the new one with its next
+// write, or after 50 ms with its next read. A database with other tables, a folder or a device is
+// left alone, and so is every file of a read-only store.
 //
 // Backups: at UpdateFile, when the store is closed, and once an hour at a write, a store that has
 // written copies the file to the folder "CfgBackups" beside it, when the newest backup is older
-// than a day and SQLite's integrity check of the copy is content; five are kept.
+// than a day and SQLite's integrity check finds nothing wrong with the copy; five are kept.
 //
-// Failures: a failure line goes to the error log while that is open, otherwise to the debug output;
-// reads then return the default, or nothing, and a write is tried three times, the file being
-// opened anew in between. Every operation throws KZException "SQLIni nil in " + its name while
-// there are no components, and besides that only what no memory means.
+// Failures: a failure line goes to the error log while that is open, otherwise to the debug output,
+// the same line at most once an hour. Reads then return the default, or nothing. A write is tried
+// three times, and the file is opened anew in between. Every operation throws KZException "SQLIni
+// nil in " + its name while there are no components; besides that, only std::bad_alloc.
 //
-// Owner: whoever keeps the settings: one store for many threads, or one each, as they like.
+// Owner: the code that keeps the settings; many threads may share one store, or have one each.
 // Threads: any thread may call anything; the lock serialises the one connection and is held while a
 // statement runs and a failure line is written. A call waits for other connections at most
 // kSqlIniBusyTimeout at a time, a write three times that; one that repairs takes as long as a dump
@@ -60,8 +58,8 @@ enum class TSectionCreation { No, IfMissing };
 // Lifetime: the clock outlives it. Not usable in a process forked from the one that opened it.
 class TKZSQLIniFile final : public TKZCustomINIFile {
  public:
-  // Opens the file, or makes it. One that cannot be opened is a failure line, and is tried again by
-  // every write, and by reads once a second; a repair that failed is tried again after a minute.
+  // Opens the file, or makes it. When that fails, a failure line says why; every write, and a read
+  // once a second, tries again. A repair that failed is tried again after a minute.
   explicit TKZSQLIniFile(const std::string& fileName,
                          TSqlIniAccess access = TSqlIniAccess::ReadWrite,
                          TClock& clock = SystemClock());
@@ -109,35 +107,27 @@ class TKZSQLIniFile final : public TKZCustomINIFile {
 
   // Opens the file anew. Returns whether it is open.
   bool OpenDatabase() KZ_EXCLUDES(FLock);
-  // The next operation opens it again.
+  // Closes the file; the next operation opens it again.
   void CloseDatabase() KZ_EXCLUDES(FLock);
   // As CloseDatabase; from now on every operation throws until CreateComponents, as before a fork.
   void DestroyComponents() KZ_EXCLUDES(FLock);
   void CreateComponents() KZ_EXCLUDES(FLock);
-  // Repairs the file if that is needed. Returns whether it is whole now.
+  // Repairs the file if needed. Returns whether it is whole now.
   bool AttemptRepair() KZ_EXCLUDES(FLock);
 
-  // Whether writes edit a row without looking for it first; one that is missing is still made.
+  // Whether writes edit a row without looking for it first; a missing row is still inserted.
   void ForceEdit(TSqlIniEdit edit) KZ_EXCLUDES(FLock);
 
-  [[nodiscard]] const std::string& FileName() const noexcept { return FFiles.Store(); }
+  [[nodiscard]] const std::string& FileName() const noexcept { return FFile.Name(); }
 
  private:
-  // What CreateComponents creates.
+  // What CreateComponents creates beside the connection and its statements.
   struct TComponents {
-    // The list, read again when somebody has written since.
-    [[nodiscard]] const std::vector<TSqlIniSection>& Sections();
-
-    std::unique_ptr<TSqlIniComponents> Database;  // Null while the file is closed.
-    std::vector<TSqlIniSection> FSectionList;     // Emptied by own writes.
-    std::int64_t SectionListVersion = 0;          // The file's when the list was read.
     TSqlIniEdit Edit = TSqlIniEdit::LookFirst;
   };
-  using TStatements = std::function<void(TComponents& components)>;
+  using TStatements = std::function<void(TSqlIniComponents& database)>;
 
   void CheckComponentsLocked(const char* operation) const KZ_REQUIRES(FLock);
-  void Log(const std::string& line) const;
-  void LogCurrentException(const char* operation) const;
 
   // Runs statements that only read, in one transaction; a failure is logged.
   void Read(const char* operation, const TStatements& statements) KZ_EXCLUDES(FLock);
@@ -147,45 +137,23 @@ class TKZSQLIniFile final : public TKZCustomINIFile {
   bool Write(const char* operation, const TStatements& statements) KZ_EXCLUDES(FLock);
   void WriteLocked(const TStatements& statements) KZ_REQUIRES(FLock);
   void CommitLocked() KZ_REQUIRES(FLock);
-  [[nodiscard]] std::optional<std::int64_t> FindSection(TComponents& components,
+  [[nodiscard]] std::optional<std::int64_t> FindSection(TSqlIniComponents& database,
                                                         std::string_view section,
                                                         TSectionCreation creation) const;
-
-  void EnsureOpenLocked(TSqlIniBegin kind) KZ_REQUIRES(FLock);
-  void OpenLocked() KZ_REQUIRES(FLock);
-  void OpenOrRepairLocked() KZ_REQUIRES(FLock);
-  [[nodiscard]] bool ConnectLocked() KZ_REQUIRES(FLock);
-  [[nodiscard]] bool TryOpenLocked() KZ_REQUIRES(FLock);
-  void DisconnectLocked() noexcept KZ_REQUIRES(FLock);
-  void LeaveMovedFileLocked() KZ_REQUIRES(FLock);
-  void LeaveFailingFileLocked() KZ_REQUIRES(FLock);
-  // Whether another process opened the file, of which this one is a fork.
-  [[nodiscard]] bool IsForeignLocked() const KZ_REQUIRES(FLock);
 
   // What to do about the failure that is being handled. Returns whether to try again.
   [[nodiscard]] bool RecoverLocked(const char* operation) KZ_REQUIRES(FLock);
   [[nodiscard]] bool ReopenLocked(const char* operation) KZ_REQUIRES(FLock);
   [[nodiscard]] bool RepairAfterDamageLocked() KZ_REQUIRES(FLock);
-  [[nodiscard]] bool RepairIfDueLocked() KZ_REQUIRES(FLock);
-  [[nodiscard]] bool RepairLocked() KZ_REQUIRES(FLock);
 
-  void BackUpIfDueLocked() KZ_REQUIRES(FLock);
-  void BackUpLocked() KZ_REQUIRES(FLock);
+  void Log(const std::string& line) const;
 
-  const TSqlIniPaths FFiles;
-  const TSqlIniAccess FAccess;
   TClock& FClock;
   std::atomic<TDateTime> FLastCommitAt = 0;  // Atomic: read without the lock.
   TKZCriticalSection FLock{"SqlIni"};
+  TSqlIniOpenFile FFile;  // Used under the lock, but for its name and access, which never change.
   std::unique_ptr<TComponents> FComponents KZ_GUARDED_BY(FLock);
-  int FAttempts KZ_GUARDED_BY(FLock) = 0;         // Of the write that runs now.
-  pid_t FOpenedBy KZ_GUARDED_BY(FLock) = 0;       // The process that opened the file.
-  std::string FOpenFailure KZ_GUARDED_BY(FLock);  // Of the last OpenLocked.
-  std::int64_t FNextOpenTick KZ_GUARDED_BY(FLock) = 0;
-  std::int64_t FNextRepairTick KZ_GUARDED_BY(FLock) = 0;  // After one that failed.
-  std::int64_t FNextMovedCheckTick KZ_GUARDED_BY(FLock) = 0;
-  bool FChanged KZ_GUARDED_BY(FLock) = false;  // Since the last backup.
-  std::int64_t FNextBackupTick KZ_GUARDED_BY(FLock) = 0;
+  int FAttempts KZ_GUARDED_BY(FLock) = 0;  // Of the write that runs now.
 };
 
 }  // namespace guardian

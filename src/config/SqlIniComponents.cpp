@@ -10,7 +10,7 @@
 #include <string>
 #include <utility>
 
-#include "config/SqlIniConnection.h"
+#include "common/AtEnd.h"
 
 namespace guardian {
 namespace {
@@ -48,21 +48,14 @@ constexpr const char* kNameLostSections =
     "INSERT OR IGNORE INTO SECTIONS (SECTIONNAME, ID) SELECT DISTINCT 'Recovered ' || SECTIONID, "
     "SECTIONID FROM DATA WHERE SECTIONID NOT IN (SELECT ID FROM SECTIONS);";
 
-// Leaves the statement ready for its next use, also when an exception passes: an unfinished one
-// would hold the file's lock.
-class TUse {
- public:
-  explicit TUse(SQLite::Statement& statement) : FStatement(statement) {}
-  ~TUse() { FStatement.tryReset(); }
-  TUse(const TUse&) = delete;
-  TUse& operator=(const TUse&) = delete;
-
- private:
-  SQLite::Statement& FStatement;
-};
+// Keep the result for the scope: it leaves the statement ready for its next use, also when an
+// exception passes. An unfinished statement would hold the file's lock.
+[[nodiscard]] auto Using(SQLite::Statement& statement) {
+  return TAtEnd([&statement] { statement.tryReset(); });
+}
 
 void Run(SQLite::Statement& statement) {
-  const TUse use(statement);
+  const auto use = Using(statement);
   statement.exec();
 }
 
@@ -87,13 +80,13 @@ class TRowBinding {
   const std::string FText;
 };
 
-// A damaged index swallows what is written without a word.
+// A damaged index can lose what is written without any error.
 [[noreturn]] void ThrowNotThere() {
   throw SQLite::Exception("database disk image is malformed: what was written is not there",
                           SQLITE_CORRUPT);
 }
 
-// What an insert of a row needs, with the functions by which the tool writes line feeds.
+// Allows what an insert of a row needs, with the functions by which the tool writes line feeds.
 int AllowRowsAlone(void* /*context*/, int action, const char* first, const char* second,
                    const char* /*database*/, const char* /*trigger*/) {
   const std::string_view table = first == nullptr ? "" : first;
@@ -105,8 +98,9 @@ int AllowRowsAlone(void* /*context*/, int action, const char* first, const char*
 
 }  // namespace
 
-TSqlIniComponents::TSqlIniComponents(const std::string& fileName, TSqlIniAccess access)
-    : IB_Connection(std::make_unique<SQLite::Database>(OpenSqlIniConnection(fileName))) {
+TSqlIniComponents::TSqlIniComponents(const std::string& fileName, TSqlIniAccess access,
+                                     TClock& clock)
+    : IB_Connection(std::make_unique<SQLite::Database>(OpenSqlIniConnection(fileName, clock))) {
   Configure(access);
   Prepare();
 }
@@ -163,6 +157,7 @@ void TSqlIniComponents::IB_GeneralScript(const std::string& statements) {
 }
 
 void TSqlIniComponents::Begin(TSqlIniBegin kind) {
+  if (kind == TSqlIniBegin::Write) FSectionList.clear();
   Run(kind == TSqlIniBegin::Write ? *FBeginWrite : *FBeginRead);
 }
 
@@ -177,7 +172,7 @@ bool TSqlIniComponents::AutoCommit() const noexcept {
 }
 
 std::optional<std::int64_t> TSqlIniComponents::SectionId(const std::string& name) {
-  const TUse use(*qrySectionByName);
+  const auto use = Using(*qrySectionByName);
   qrySectionByName->bindNoCopy(1, name);
   if (!qrySectionByName->executeStep()) return std::nullopt;
   return qrySectionByName->getColumn(0).getInt64();
@@ -185,7 +180,7 @@ std::optional<std::int64_t> TSqlIniComponents::SectionId(const std::string& name
 
 std::int64_t TSqlIniComponents::InsertSection(const std::string& name) {
   {
-    const TUse use(*IB_InsertSection);
+    const auto use = Using(*IB_InsertSection);
     IB_InsertSection->bindNoCopy(1, name);
     IB_InsertSection->exec();
   }
@@ -195,20 +190,23 @@ std::int64_t TSqlIniComponents::InsertSection(const std::string& name) {
 }
 
 std::optional<std::string> TSqlIniComponents::SectionName(std::int64_t id) {
-  const TUse use(*qrySectionByID);
+  const auto use = Using(*qrySectionByID);
   qrySectionByID->bind(1, id);
   if (!qrySectionByID->executeStep()) return std::nullopt;
   return qrySectionByID->getColumn(0).getString();
 }
 
-std::vector<TSqlIniSection> TSqlIniComponents::Sections() {
-  std::vector<TSqlIniSection> sections;
-  const TUse use(*qrySectionList);
+const std::vector<TSqlIniSection>& TSqlIniComponents::Sections() {
+  const std::int64_t version = DataVersion();
+  if (!FSectionList.empty() && version == FSectionListVersion) return FSectionList;
+  FSectionList.clear();
+  const auto use = Using(*qrySectionList);
   while (qrySectionList->executeStep()) {
     const std::int64_t id = qrySectionList->getColumn(0).getInt64();
-    if (auto name = SectionName(id)) sections.push_back({id, std::move(*name)});
+    if (auto name = SectionName(id)) FSectionList.push_back({id, std::move(*name)});
   }
-  return sections;
+  FSectionListVersion = version;
+  return FSectionList;
 }
 
 std::string TSqlIniComponents::ValueOf(SQLite::Statement& row, const TColumns& columns) {
@@ -218,7 +216,7 @@ std::string TSqlIniComponents::ValueOf(SQLite::Statement& row, const TColumns& c
 
 std::optional<std::string> TSqlIniComponents::Value(std::int64_t sectionId,
                                                     const std::string& key) {
-  const TUse use(*qryValueRead);
+  const auto use = Using(*qryValueRead);
   qryValueRead->bind(1, sectionId);
   qryValueRead->bindNoCopy(2, key);
   if (!qryValueRead->executeStep()) return std::nullopt;
@@ -228,7 +226,7 @@ std::optional<std::string> TSqlIniComponents::Value(std::int64_t sectionId,
 void TSqlIniComponents::PutValue(std::int64_t sectionId, const std::string& key,
                                  std::string_view value, TSqlIniEdit edit) {
   const auto rowExists = [&] {
-    const TUse use(*qryValueWrite);
+    const auto use = Using(*qryValueWrite);
     qryValueWrite->bind(1, sectionId);
     qryValueWrite->bindNoCopy(2, key);
     return qryValueWrite->executeStep();
@@ -240,14 +238,14 @@ void TSqlIniComponents::PutValue(std::int64_t sectionId, const std::string& key,
 
 bool TSqlIniComponents::UpdateRow(std::int64_t sectionId, const std::string& key,
                                   std::string_view value) {
-  const TUse use(*FUpdateRow);
+  const auto use = Using(*FUpdateRow);
   const TRowBinding binding(*FUpdateRow, sectionId, key, value);
   return FUpdateRow->exec() > 0;
 }
 
 void TSqlIniComponents::InsertRow(std::int64_t sectionId, const std::string& key,
                                   std::string_view value) {
-  const TUse use(*FInsertRow);
+  const auto use = Using(*FInsertRow);
   const TRowBinding binding(*FInsertRow, sectionId, key, value);
   FInsertRow->exec();
 }
@@ -265,7 +263,7 @@ void TSqlIniComponents::EraseSection(std::int64_t sectionId) {
 
 std::vector<std::string> TSqlIniComponents::Keys(std::int64_t sectionId) {
   std::vector<std::string> keys;
-  const TUse use(*qrySectionValues);
+  const auto use = Using(*qrySectionValues);
   qrySectionValues->bind(1, sectionId);
   while (qrySectionValues->executeStep()) {
     keys.push_back(qrySectionValues->getColumn(FListColumns.Name).getString());
@@ -275,7 +273,7 @@ std::vector<std::string> TSqlIniComponents::Keys(std::int64_t sectionId) {
 
 std::vector<std::string> TSqlIniComponents::KeysAndValues(std::int64_t sectionId) {
   std::vector<std::string> lines;
-  const TUse use(*qrySectionValues);
+  const auto use = Using(*qrySectionValues);
   qrySectionValues->bind(1, sectionId);
   while (qrySectionValues->executeStep()) {
     lines.push_back(qrySectionValues->getColumn(FListColumns.Name).getString() + "=" +
@@ -292,7 +290,7 @@ std::int64_t TSqlIniComponents::CountKeys(std::optional<std::int64_t> sectionId)
 }
 
 std::int64_t TSqlIniComponents::DataVersion() {
-  const TUse use(*FDataVersion);
+  const auto use = Using(*FDataVersion);
   FDataVersion->executeStep();
   return FDataVersion->getColumn(0).getInt64();
 }
@@ -310,7 +308,7 @@ void TSqlIniComponents::CheckIntegrity() {
 }
 
 void TSqlIniComponents::CopyTo(const std::string& target) {
-  SQLite::Database connection = OpenSqlIniConnection(target);
+  SQLite::Database connection = OpenSqlIniConnection(target, SystemClock());
   SQLite::Backup backup(connection, *IB_Connection);
   const int result = backup.executeStep(-1);
   if (result != SQLITE_DONE) throw SQLite::Exception(::sqlite3_errstr(result), result);

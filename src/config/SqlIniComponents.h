@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/Clock.h"
 #include "config/SqlIniConnection.h"
 
 // NOLINTNEXTLINE(readability-identifier-naming): the library's name.
@@ -38,24 +39,24 @@ struct TSqlIniSection {
 };
 
 // The connection to a settings file with its statements, each compiled once.
-// Owner: one store, or whoever looks at a copy.
-// Threads: not shared; the owner's lock serialises the calls.
-// Lifetime: a connection must not be used in a process that was forked from its own.
-//
-// Every operation throws SQLite::Exception, for which CurrentSqlIniFault and
-// CurrentExceptionMessage speak; it waits at most kSqlIniBusyTimeout for other connections.
+// Every operation throws SQLite::Exception; CurrentSqlIniFault and CurrentExceptionMessage tell
+// what it means. An operation waits at most kSqlIniBusyTimeout for other connections. Owner: one
+// store, or the function that looks at a copy. Threads: not shared; the owner's lock serialises the
+// calls. Lifetime: the clock outlives it. It must not be used in a process that was forked from its
+// own.
 class TSqlIniComponents {
  public:
   // Opens an existing file. Throws as well when the file is empty or has other tables.
-  TSqlIniComponents(const std::string& fileName, TSqlIniAccess access);
+  TSqlIniComponents(const std::string& fileName, TSqlIniAccess access,
+                    TClock& clock = SystemClock());
   ~TSqlIniComponents();
   TSqlIniComponents(const TSqlIniComponents&) = delete;
   TSqlIniComponents& operator=(const TSqlIniComponents&) = delete;
 
   void Begin(TSqlIniBegin kind);
   void Commit();
-  // Ends the transaction, if there is one, and takes back what it wrote. Never throws: what cannot
-  // be taken back now is taken back by the next one that opens the file.
+  // Ends the transaction, if there is one, and takes back what it wrote. Never throws: if it cannot
+  // take it back now, the next connection that opens the file does.
   void Rollback() noexcept;
   // False while a transaction is open.
   [[nodiscard]] bool AutoCommit() const noexcept;
@@ -64,11 +65,12 @@ class TSqlIniComponents {
   // Returns its id.
   std::int64_t InsertSection(const std::string& name);
   [[nodiscard]] std::optional<std::string> SectionName(std::int64_t id);
-  // The sections that hold a key, by their ids.
-  [[nodiscard]] std::vector<TSqlIniSection> Sections();
+  // The sections that hold a key, in the order of their ids; read again only after a write by this
+  // or another connection. Valid until the next call of any operation.
+  [[nodiscard]] const std::vector<TSqlIniSection>& Sections();
 
   [[nodiscard]] std::optional<std::string> Value(std::int64_t sectionId, const std::string& key);
-  // Reads it back, and throws when it is not there.
+  // Reads the value back, and throws when it is not there.
   void PutValue(std::int64_t sectionId, const std::string& key, std::string_view value,
                 TSqlIniEdit edit);
   void DeleteKey(std::int64_t sectionId, const std::string& key);
@@ -76,27 +78,26 @@ class TSqlIniComponents {
   [[nodiscard]] std::vector<std::string> Keys(std::int64_t sectionId);
   // Lines of the form key=value.
   [[nodiscard]] std::vector<std::string> KeysAndValues(std::int64_t sectionId);
-  // Of the section, or of all when none is given.
+  // The keys of the section, or of the whole file when no section is given.
   [[nodiscard]] std::int64_t CountKeys(std::optional<std::int64_t> sectionId);
 
-  // A number that changes when another connection has committed something.
-  [[nodiscard]] std::int64_t DataVersion();
   // True when the file's name no longer leads to the file that was opened. Never throws.
   [[nodiscard]] bool HasMoved() const noexcept;
-  // Throws KZException "database disk image is malformed" and the first finding when SQLite's own
-  // check of the whole file is not content. Takes as long as reading the file does.
+  // Runs SQLite's own check of the whole file, which takes as long as reading it does. When that
+  // finds damage, throws "database disk image is malformed: " and the first finding.
   void CheckIntegrity();
   // Copies the database, as it is at one moment, over the existing target.
   void CopyTo(const std::string& target);
-  // Makes another store's tables known, once, and outside a transaction.
+  // Makes another store's tables known. Call it once, outside a transaction.
   void Attach(const std::string& otherStore);
-  // Adds the sections and keys that the attached store has more; what both have stays as it is
-  // here. A section that only its keys are left of gets the name it has there.
+  // Adds the sections and keys that only the attached store has; what both have stays as it is
+  // here. A section whose name is lost, and only its keys are left, gets the name it has there.
   void FillFromAttached();
-  // Gives a section that only its keys are left of the name "Recovered " and its number.
+  // Gives each section whose name is lost, and only its keys are left, the name "Recovered " and
+  // its number.
   void NameLostSections();
-  // Runs an insert of a dump, and returns whether it succeeded. The line comes from a damaged file:
-  // whatever else stands in it is refused.
+  // Runs one line of a dump, and returns whether it succeeded. The line comes from a damaged file:
+  // anything but an insert of one row of a store is refused.
   [[nodiscard]] bool TryInsertRow(const std::string& line) noexcept;
 
  private:
@@ -108,6 +109,8 @@ class TSqlIniComponents {
 
   void Configure(TSqlIniAccess access);
   void Prepare();
+  // A number that changes when another connection has committed something.
+  [[nodiscard]] std::int64_t DataVersion();
   [[nodiscard]] static std::string ValueOf(SQLite::Statement& row, const TColumns& columns);
   bool UpdateRow(std::int64_t sectionId, const std::string& key, std::string_view value);
   void InsertRow(std::int64_t sectionId, const std::string& key, std::string_view value);
@@ -124,6 +127,8 @@ class TSqlIniComponents {
   // Runs ad-hoc statements.
   void IB_GeneralScript(const std::string& statements);
   // NOLINTEND(readability-identifier-naming): up to here.
+  std::vector<TSqlIniSection> FSectionList;  // Empty after an own write.
+  std::int64_t FSectionListVersion = 0;      // The DataVersion when the list was read.
   std::unique_ptr<SQLite::Statement> FUpdateRow;
   std::unique_ptr<SQLite::Statement> FInsertRow;
   std::unique_ptr<SQLite::Statement> FBeginRead;

@@ -1,8 +1,9 @@
 #pragma once
 
 #include <chrono>
-#include <memory>
 #include <string>
+
+#include "common/Clock.h"
 
 // NOLINTNEXTLINE(readability-identifier-naming): the library's name.
 namespace SQLite {
@@ -11,7 +12,7 @@ class Database;
 
 namespace guardian {
 
-// What a failure means for whoever has to go on.
+// What a failure means for the code that has to go on.
 enum class TSqlIniFault {
   ReadOnlyFile,
   Damaged,  // The file is damaged, or is no database at all.
@@ -21,30 +22,13 @@ enum class TSqlIniFault {
 };
 
 // How long a statement waits for other connections. A write holds the file for milliseconds, so
-// that dozens of writers get their turn within it; and a caller that waits for it three times, as
-// often as a write is tried, is still heard of within a minute.
+// dozens of writers get their turn within it. A write is tried three times, so its caller gets an
+// answer within a minute even when the file stays locked.
 inline constexpr std::chrono::milliseconds kSqlIniBusyTimeout{10'000};
 
-// Opens an existing file; its statements wait for other connections. Throws SQLite::Exception.
-[[nodiscard]] SQLite::Database OpenSqlIniConnection(const std::string& fileName);
-
-// Makes the tables of a store in a file that is empty. Throws SQLite::Exception.
-void CreateSqlIniTables(const std::string& fileName);
-
-// Keeps the writers of all processes away from a file, also from one that is too damaged to be
-// opened as a store; one that nobody can write to is let be. Throws SQLite::Exception when another
-// connection is writing for all of kSqlIniBusyTimeout.
-// Owner: the scope that replaces the file. Threads: not shared.
-class TSqlIniWriteBarrier {
- public:
-  explicit TSqlIniWriteBarrier(const std::string& fileName);
-  ~TSqlIniWriteBarrier();
-  TSqlIniWriteBarrier(const TSqlIniWriteBarrier&) = delete;
-  TSqlIniWriteBarrier& operator=(const TSqlIniWriteBarrier&) = delete;
-
- private:
-  std::unique_ptr<SQLite::Database> FConnection;
-};
+// Opens an existing file; its statements wait for other connections, on the clock, which outlives
+// the connection. Throws SQLite::Exception.
+[[nodiscard]] SQLite::Database OpenSqlIniConnection(const std::string& fileName, TClock& clock);
 
 // What the exception that is being handled means. Call it in a catch block only.
 [[nodiscard]] TSqlIniFault CurrentSqlIniFault() noexcept;

@@ -24,7 +24,7 @@ namespace {
 constexpr std::int64_t kSecondsBetweenBackups = 86'400;
 constexpr auto kMutexPoll = std::chrono::milliseconds(20);
 constexpr std::array<const char*, 4> kOlderEndings = {".old", ".old1", ".old2", ".old3"};
-// What SQLite keeps beside a database and plays back into whatever has the database's name.
+// The files that SQLite keeps beside a database and plays back into the file of that name.
 constexpr std::array<const char*, 2> kJournalEndings = {"-journal", "-wal"};
 
 std::optional<struct stat> Look(const std::string& name) {
@@ -46,7 +46,7 @@ bool HasContent(const std::string& name) {
   return info && info->st_size > 0;
 }
 
-// A journal has its database's name wherever that goes. An empty one is nobody's.
+// A journal must follow its database. An empty one says nothing and stays.
 void RenameJournals(const std::string& from, const std::string& to) {
   for (const char* ending : kJournalEndings) {
     if (HasContent(from + ending)) Rename(from + ending, to + ending);
@@ -68,8 +68,8 @@ void Rotate(const std::string& newest, const std::string& older) {
   RenameWithJournals(newest, older + kOlderEndings[0]);
 }
 
-// A rename is on the disk when its folder is. Not every file system can do it; those that cannot
-// have nothing to wait for.
+// A rename is on the disk when its folder is. A file system that cannot sync a folder has nothing
+// to wait for.
 void SyncFolderOf(const std::string& name) {
   const std::string folder = std::filesystem::path(name).parent_path().string();
   const TFileDescriptor descriptor(
@@ -115,13 +115,13 @@ bool TSqlIniPaths::BackupIsDue() const {
   const auto backup = Look(NewestBackup());
   const auto store = Look(FStore);
   if (!backup || !store) return true;
-  // Both times are the file system's own. A backup from the future tells nothing.
+  // Both times come from the file system's clock. A backup from the future tells nothing.
   const std::int64_t seconds = store->st_mtim.tv_sec - backup->st_mtim.tv_sec;
   return seconds >= kSecondsBetweenBackups || seconds <= -kSecondsBetweenBackups;
 }
 
 std::vector<std::string> TSqlIniPaths::Copies() const {
-  // By their names: their times are those of a clock that may have been set back.
+  // In the order of their names, not of their times, since the clock may have been set back.
   std::vector<std::string> names = {Replacement(), NewestBackup()};
   for (const char* ending : kOlderEndings) names.push_back(InBackups(ending));
   std::erase_if(names, [](const std::string& name) { return !Look(name); });
@@ -187,8 +187,8 @@ std::string TSqlIniPaths::InBackups(const std::string& ending) const {
   return JoinPath(FBackupFolder, FileNameOf(FStore)) + ending;
 }
 
-// A second name, so that the store is never without a file; where there are no second names, the
-// other name alone.
+// By a second name, so that the store is never without a file. Where the file system has no hard
+// links, by a rename.
 void TSqlIniPaths::KeepAs(const std::string& name) const {
   Remove(name);
   if (::link(FStore.c_str(), name.c_str()) == 0 || errno == ENOENT) return;

@@ -18,24 +18,26 @@ enum class TSqlIniFileKind {
   Forbidden,  // A folder on the way to it may not be entered.
 };
 
-// The files of one store, and how one takes the place of another. For the store "<folder>/<name>":
+// The files of one store, and the renames by which one takes the place of another. For the store
+// "<folder>/<name>":
 //
 //   <folder>/<name>                        the database
-//   <folder>/<name>-previous               the damaged file that a repaired one took the place of
+//   <folder>/<name>-previous               the damaged file that a repair has replaced
 //   <folder>/<name>.sqltmp                 the dump of a damaged database while it is repaired
 //   <folder>/<name>.sqlnew                 a new database until it is complete
 //   <folder>/CfgBackups/<name>.bak         the newest backup; older ones end in .old, .old1, .old2,
 //                                          .old3
 //   <folder>/CfgBackups/<name>-previous.*  older damaged files, with the same endings
 //   <folder>/CfgBackups/emptycfgfile.empty an empty file that was found in a store's place
-//   <folder>/CfgBackups/<name>.lock        held by whoever replaces the database or its backups
+//   <folder>/CfgBackups/<name>.lock        held while the database or its backups are replaced
 //
-// A database is never opened here, only named, linked and renamed: closing one, as any program does
-// after reading it, would take SQLite's locks on it away from the whole process.
-// Owner: one store. Threads: immutable after construction.
+// A database is never opened here, only named, linked and renamed: closing any descriptor of it
+// would release SQLite's locks on it for the whole process.
+// Owner: one store.
+// Threads: immutable after construction.
 class TSqlIniPaths {
  public:
-  // Follows the symbolic links of the name, so that a link stays one.
+  // Follows the symbolic links of the name, so that renames replace the file and not the link.
   explicit TSqlIniPaths(const std::string& storeName);
 
   [[nodiscard]] const std::string& Store() const noexcept { return FStore; }
@@ -59,8 +61,8 @@ class TSqlIniPaths {
   // Makes the folder of the backups; throws ESystemError.
   void MakeBackupFolder() const;
 
-  // Makes an empty file, over an older one, that the users of the store may use as they may the
-  // store, and nobody else. Throws ESystemError.
+  // Makes an empty file in the place of an older one. It gets the mode of the store and, as far as
+  // the system allows, its owner; mode 0644 when there is no store. Throws ESystemError.
   void MakeEmptyFile(const std::string& name) const;
 
   // Removes the file and its journals, if they are there.
@@ -69,11 +71,12 @@ class TSqlIniPaths {
   // Makes the new backup the newest one, and each older one the next older.
   void RotateBackups() const;
 
-  // Puts the replacement in the place of the store by one rename. The file that is there, if any,
-  // is first given its other name, and so are journals, which would be played back into the
-  // replacement. Throws ESystemError; the store is then what it was before or, on a file system
-  // without hard links, missing and the replacement among its copies.
-  void ReplaceDamaged() const;  // Or a missing one.
+  // Put the replacement in the place of the store by one rename. A file that is there first gets
+  // its other name, and so do its journals, which SQLite would play back into the replacement.
+  // Throw ESystemError. The store is then what it was before; on a file system without hard links
+  // it may be missing, and the replacement is among its copies. ReplaceDamaged also puts the
+  // replacement where there is no file.
+  void ReplaceDamaged() const;
   void ReplaceEmpty() const;
 
  private:
@@ -86,11 +89,12 @@ class TSqlIniPaths {
 };
 
 // Held while a store's file or its backups are replaced, by one thread of one process at a time.
-// Owner: the scope that replaces. Threads: not shared.
+// Owner: the scope that replaces.
+// Threads: not shared.
 class TSqlIniReplacing {
  public:
-  // Waits for whoever replaces now, at most for the given time; nothing when it is still not its
-  // turn then. Throws ESystemError when the system refuses.
+  // Waits at most for the given time until nobody else replaces; returns nothing when the time is
+  // over. Throws ESystemError when the system refuses the lock.
   [[nodiscard]] static std::optional<TSqlIniReplacing> Begin(const TSqlIniPaths& files,
                                                              TClock& clock,
                                                              std::chrono::milliseconds timeout);

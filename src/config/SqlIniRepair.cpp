@@ -1,5 +1,8 @@
 #include "config/SqlIniRepair.h"
 
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Exception.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <fstream>
@@ -7,6 +10,7 @@
 #include <string_view>
 #include <utility>
 
+#include "common/DiagnosticMessage.h"
 #include "common/Exceptions.h"
 #include "common/Texts.h"
 #include "config/SqlIniComponents.h"
@@ -15,8 +19,40 @@
 namespace guardian {
 namespace {
 
+// One script: it is run as a whole.
+// NOLINTNEXTLINE(readability-identifier-naming): the name the script is known by.
+constexpr const char* IB_CreateScript =
+    R"(/* No need to set the SQL dialect, always use the latest or default one */
+/* CREATE DB GOES HERE */
+CREATE TABLE DBVersion
+(
+   VersionNumber INTEGER
+);
+insert into DBVersion values(0101);
+/* ---------------------------------------------------------------------------- */
+/* Main Table SECTIONS */
+CREATE TABLE SECTIONS
+(
+  SECTIONNAME VARCHAR(100) NOT NULL,
+  ID INTEGER PRIMARY KEY,
+  UNIQUE (SECTIONNAME)
+);
+/* ---------------------------------------------------------------------------- */
+/* Table DATA */
+CREATE TABLE DATA
+(
+  NAME VARCHAR(200) NOT NULL,
+  VALUE VARCHAR(100),
+  BINVALUE BLOB,
+  ID INTEGER PRIMARY KEY,
+  SECTIONID INTEGER NOT NULL,
+  UNIQUE (NAME,SECTIONID),
+  FOREIGN KEY (SECTIONID) REFERENCES SECTIONS(ID) ON UPDATE CASCADE ON DELETE CASCADE
+);
+)";
+
 constexpr int kDumpTimeoutSec = 300;
-// Longer than a repair of somebody else takes.
+// Longer than a repair by another process takes.
 constexpr std::chrono::seconds kRepairWait{kDumpTimeoutSec + 10};
 // The shell's exit codes for a tool that is not there, and that may not be run.
 constexpr int kToolNotRunnable = 126;
@@ -35,8 +71,8 @@ bool IsStoreRow(std::string_view line) {
   return false;
 }
 
-// The tool goes on after any error. Only damage is a reason to take what it could read: what cannot
-// be read for a moment would be lost.
+// Throws for a line that tells of another error than damage. The tool goes on after any error, and
+// a dump that lacks what could not be read just then would lose it.
 void RequireDamage(std::string_view line) {
   constexpr std::string_view kError = "/**** ERROR: (";
   if (line.substr(0, kError.size()) != kError) return;
@@ -45,7 +81,7 @@ void RequireDamage(std::string_view line) {
   throw KZException("The dump failed: " + std::string(line));
 }
 
-// A file that is removed when the scope ends, however it ends.
+// Removes a file when the scope ends, however it ends.
 class TRemoveAtEnd {
  public:
   explicit TRemoveAtEnd(std::string name) : FName(std::move(name)) {}
@@ -61,6 +97,29 @@ class TRemoveAtEnd {
   std::string FName;
 };
 
+// Makes the tables of a store in an empty file.
+void CreateTables(const std::string& fileName, TClock& clock) {
+  SQLite::Database connection = OpenSqlIniConnection(fileName, clock);
+  connection.exec("PRAGMA page_size=2048;");
+  connection.exec("BEGIN IMMEDIATE;");
+  connection.exec(IB_CreateScript);
+  connection.exec("COMMIT;");
+}
+
+// A connection that keeps the writers of all processes away for as long as it lives, also from a
+// file that is too damaged to be opened as a store. Throws SQLite::Exception when another
+// connection is writing for all of kSqlIniBusyTimeout.
+SQLite::Database KeepWritersAway(const std::string& fileName, TClock& clock) {
+  SQLite::Database connection = OpenSqlIniConnection(fileName, clock);
+  try {
+    connection.exec("BEGIN IMMEDIATE");
+  } catch (const SQLite::Exception&) {
+    // No connection can begin to write to a file that is damaged at its head.
+    if (CurrentSqlIniFault() != TSqlIniFault::Damaged) throw;
+  }
+  return connection;
+}
+
 bool HoldsKeys(const std::string& copy) {
   return IsGoodStore(copy) &&
          TSqlIniComponents(copy, TSqlIniAccess::ReadOnly).CountKeys(std::nullopt) > 0;
@@ -68,8 +127,10 @@ bool HoldsKeys(const std::string& copy) {
 
 }  // namespace
 
-TSqlIniRepair::TSqlIniRepair(const TSqlIniPaths& files, TClock& clock, TSqlIniLog log)
-    : FFiles(files), FClock(clock), FLog(std::move(log)) {}
+TSqlIniRepair::TSqlIniRepair(const TSqlIniPaths& files, TClock& clock)
+    : FFiles(files), FClock(clock) {}
+
+void TSqlIniRepair::Log(const std::string& line) const { DiagnosticMessage(line, FClock); }
 
 void TSqlIniRepair::Run() {
   FFiles.MakeBackupFolder();
@@ -77,27 +138,27 @@ void TSqlIniRepair::Run() {
   if (!replacing) throw KZException("Another process has been replacing the file for too long.");
   const TState state = Examine();
   if (state == TState::Good) return;
-  std::optional<TSqlIniWriteBarrier> barrier;
+  std::optional<SQLite::Database> barrier;
   if (state != TState::Missing) {
     if (!FFiles.StoreIsWritable()) {
       throw KZException(FFiles.Store() + ": A file that may not be written is not repaired.");
     }
-    barrier.emplace(FFiles.Store());
+    barrier.emplace(KeepWritersAway(FFiles.Store(), FClock));
     // Somebody may have filled or mended it before the barrier stood.
     if (IsGoodStore(FFiles.Store())) return;
   }
-  // Of a damaged store it is older than what the dump will give.
+  // A replacement that is left over is older than what the dump of a damaged store will give.
   if (state != TState::Missing) TSqlIniPaths::Remove(FFiles.Replacement());
   const std::string copy = FindGoodCopy();
-  // It is the copy when somebody's repair was cut off between two renames.
+  // The replacement is the copy when a repair was cut off between two renames.
   if (copy != FFiles.Replacement()) BuildReplacement(state, copy);
   if (state == TState::Empty) {
     FFiles.ReplaceEmpty();
   } else {
     FFiles.ReplaceDamaged();
   }
-  if (state == TState::Damaged) FLog("The damaged file is kept as " + FFiles.Previous());
-  if (!copy.empty()) FLog("Opening good DB that we found: " + FFiles.Store());
+  if (state == TState::Damaged) Log("The damaged file is kept as " + FFiles.Previous());
+  if (!copy.empty()) Log("Opening good DB that we found: " + FFiles.Store());
 }
 
 TSqlIniRepair::TState TSqlIniRepair::Examine() const {
@@ -113,26 +174,26 @@ TSqlIniRepair::TState TSqlIniRepair::Examine() const {
   }
 }
 
-std::string TSqlIniRepair::FindGoodCopy() {
+std::string TSqlIniRepair::FindGoodCopy() const {
   for (const std::string& copy : FFiles.Copies()) {
     if (!HoldsKeys(copy)) continue;
-    FLog("Found good backup file: " + copy);
+    Log("Found good backup file: " + copy);
     return copy;
   }
-  FLog("No Backup DB Found");
+  Log("No Backup DB Found");
   return {};
 }
 
 void TSqlIniRepair::BuildReplacement(TState state, const std::string& copy) {
+  const TRemoveAtEnd dump(FFiles.Dump());
   if (state == TState::Damaged) {
     WriteDump();
   } else if (copy.empty()) {
-    FLog(FFiles.Store() + ": creating new SQL file");
+    Log(FFiles.Store() + ": creating new SQL file");
   }
-  const TRemoveAtEnd dump(FFiles.Dump());
   TRemoveAtEnd replacement(FFiles.Replacement());
   FFiles.MakeEmptyFile(FFiles.Replacement());
-  CreateSqlIniTables(FFiles.Replacement());
+  CreateTables(FFiles.Replacement(), FClock);
   TSqlIniComponents target(FFiles.Replacement(), TSqlIniAccess::ReadWrite);
   if (!copy.empty()) target.Attach(copy);
   // One transaction: a replacement that holds anything holds everything.
@@ -161,10 +222,10 @@ void TSqlIniRepair::WriteDump() const {
   }
 }
 
-// Every row of the tool's is one line. Rows that the tables refuse, since they are damaged or come
-// twice, are left out; so is all that would make tables, whose constraints may have been others
-// ("CONSTRAINT VALUNIQUE_NAMESECID") and stood in the way of the rows.
-void TSqlIniRepair::ImportDump(TSqlIniComponents& target) {
+// The tool writes each row as one line. Rows that the tables refuse, since they are damaged or come
+// twice, are left out. So is everything that makes tables: their constraints may have been others
+// ("CONSTRAINT VALUNIQUE_NAMESECID"), and would refuse rows.
+void TSqlIniRepair::ImportDump(TSqlIniComponents& target) const {
   std::ifstream dump(FFiles.Dump(), std::ios::binary);
   std::int64_t taken = 0;
   std::int64_t refused = 0;
@@ -176,12 +237,13 @@ void TSqlIniRepair::ImportDump(TSqlIniComponents& target) {
     if (!IsStoreRow(line)) continue;
     ++(target.TryInsertRow(line) ? taken : refused);
   }
-  // The tool says so when it stops for the damage; without a word, it was the disk that was full.
+  // The tool ends a dump by a line of its own, also when it stops for the damage. Without that line
+  // the dump was cut off, as by a full disk.
   if (last != "COMMIT;" && last.rfind("ROLLBACK;", 0) != 0) {
     throw KZException("The dump " + FFiles.Dump() + " is not complete.");
   }
-  FLog(FFiles.Store() + ": " + std::to_string(taken) + " rows could be read, " +
-       std::to_string(refused) + " were unusable");
+  Log(FFiles.Store() + ": " + std::to_string(taken) + " rows could be read, " +
+      std::to_string(refused) + " were unusable");
 }
 
 bool TakeSqlIniBackup(TSqlIniComponents& store, const TSqlIniPaths& files, TClock& clock) {

@@ -2,13 +2,13 @@
 
 #include <utility>
 
+#include "common/Texts.h"
+
 namespace guardian {
 namespace {
 
 constexpr std::int32_t kFailuresBeforeRestart = 6;
 constexpr std::int32_t kLastTerminateAttempt = 4;
-
-const char* YesNo(bool value) { return value ? "Y" : "N"; }
 
 // One round in the making.
 class TRound {

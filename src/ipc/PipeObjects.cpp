@@ -2,8 +2,7 @@
 
 #include <utility>
 
-#include "common/Clock.h"
-#include "common/ErrorLog.h"
+#include "common/DiagnosticMessage.h"
 #include "common/NeverDestroyed.h"
 #include "diagnostics/KZCheckpoints.h"
 
@@ -44,7 +43,7 @@ TValidObjects& ValidObjects() {
 }
 
 void WritePipeDiagnostic(std::string_view text) {
-  ErrorLog().WriteLine(DateTimeToStr(SystemClock().Now()).append(" KZUnixPipes: ").append(text));
+  DiagnosticMessage(std::string("KZUnixPipes: ").append(text));
 }
 
 }  // namespace guardian

@@ -64,7 +64,7 @@ class TRegistration {
   std::atomic<bool> FRegistered = true;  // Atomic: asked by any thread.
 };
 
-// Writes a line of the transport to the error log: the time, " KZUnixPipes: " and the text.
+// Writes a diagnostic message of the transport: the time, " KZUnixPipes: " and the text.
 void WritePipeDiagnostic(std::string_view text);
 
 }  // namespace guardian

@@ -20,8 +20,6 @@ namespace {
 constexpr std::string_view kTitle = "Vellumark Guardian 1.50, Build 10";
 constexpr std::string_view kBreak = "<br>";
 
-const char* YesNo(bool value) { return value ? "Y" : "N"; }
-
 // Escaped, with a break at every line feed.
 std::string EscapedLines(std::string_view text) {
   return ReplaceAll(HtmlEscape(text), "\n", kBreak);

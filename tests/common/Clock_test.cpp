@@ -20,8 +20,6 @@ TEST(TClockTest, KeepsSteadyInstantsWhenTheWallClockSteps) {
   const TDateTime steady = clock.SteadyNow();
   const TDateTime wall = clock.Now();
   EXPECT_GT(steady - 1000 * kDay, 0) << "now minus some days stays positive";
-  EXPECT_NEAR(clock.ToWallTime(steady), wall, kMillisecond);
-
   clock.Advance(std::chrono::minutes(3));
   clock.SetWall(wall + 7 * kDay);
   EXPECT_NEAR(clock.SteadyNow() - steady, 3 * kMinute, kMillisecond);
@@ -38,7 +36,7 @@ TEST(TClockTest, ReadsLocalWallTimeAndATickCountThatNeverStepsBack) {
   zone == nullptr ? ::unsetenv("TZ") : ::setenv("TZ", before.c_str(), 1);
   ::tzset();
   EXPECT_NEAR(difference, 3.5 / 24, kMinute);
-
+  EXPECT_NEAR((SystemClock().UtcNow() - 25'569) * 86'400, static_cast<double>(::time(nullptr)), 60);
   const std::int64_t tick = SystemClock().TickCount();
   SystemClock().Sleep(std::chrono::milliseconds(20));
   EXPECT_GE(SystemTickCount() - tick, 20);
@@ -60,25 +58,6 @@ TEST(TClockTest, ShowsDateTimesWithoutAmbiguityInThePlainLocales) {
   }
   std::setlocale(LC_TIME, "C");
   EXPECT_EQ(TimeOfDayToStr(cases[0].Value), "06:13:45");
-}
-
-TEST(TClockTest, ShowsDateTimesAsTheLocaleHasThem) {
-  for (const char* locale : {"en_US.UTF-8", "en_GB.UTF-8", "de_DE.UTF-8", "fr_FR.UTF-8"}) {
-    if (std::setlocale(LC_TIME, locale) == nullptr) continue;
-    std::tm parts{};
-    parts.tm_year = 126;
-    parts.tm_mon = 10;
-    parts.tm_mday = 21;
-    parts.tm_wday = 6;
-    parts.tm_hour = 6;
-    std::array<char, 100> expected{};
-    std::strftime(expected.data(), expected.size(), "%x %X", &parts);
-    const std::string text = DateTimeToStr(46347.25);
-    std::setlocale(LC_TIME, "C");
-    EXPECT_EQ(text, expected.data());
-    return;
-  }
-  GTEST_SKIP() << "no such locale is installed";
 }
 
 }  // namespace

@@ -65,24 +65,23 @@ TEST(TextsTest, MakesFileNamesSafe) {
         &SafeFileName);
 }
 
-TEST(TextsTest, FormatsByteSizes) {
-  constexpr std::uint64_t kKilo = 1024;
-  constexpr std::uint64_t kMega = kKilo * kKilo;
-  EXPECT_EQ(FormatByteSize(0), "0 Bytes");
-  EXPECT_EQ(FormatByteSize(kKilo - 1), "1023 Bytes");
-  EXPECT_EQ(FormatByteSize(kKilo), "1.0 KB");
-  EXPECT_EQ(FormatByteSize(1536), "1.5 KB");
-  EXPECT_EQ(FormatByteSize(kMega - 100), "1023.9 KB");
-  EXPECT_EQ(FormatByteSize(kMega - 1), "1.0 MB");
-  EXPECT_EQ(FormatByteSize(3 * kMega * kKilo), "3.0 GB");
+TEST(TextsTest, FormatsNumbers) {
+  constexpr std::uint64_t kMega = 1024 * 1024;
+  const std::vector<std::pair<std::uint64_t, std::string>> sizes = {
+      {0, "0 Bytes"},          {1023, "1023 Bytes"},       {1024, "1.0 KB"},
+      {1536, "1.5 KB"},        {kMega - 100, "1023.9 KB"}, {kMega - 1, "1.0 MB"},
+      {3072 * kMega, "3.0 GB"}};
+  for (const auto& [bytes, text] : sizes) EXPECT_EQ(FormatByteSize(bytes), text);
   EXPECT_EQ(FormatByteSize(std::numeric_limits<std::uint64_t>::max()), "16.0 EB");
-}
-
-TEST(TextsTest, FormatsNumbersInFixedColumns) {
   EXPECT_EQ(FormatFixed(1.005, 10, 2), "      1.00");
   EXPECT_EQ(FormatFixed(-2.5, 0, 1), "-2.5");
-  EXPECT_EQ(FormatFixed(123456, 3, 0), "123456");
   EXPECT_EQ(FormatFixed(std::numeric_limits<double>::max(), 0, 2).size(), 312U);
+}
+
+TEST(TextsTest, CutsLongTextsInTheMiddle) {
+  EXPECT_EQ(Clipped("0123456789", 10), "0123456789");
+  EXPECT_EQ(Clipped("0123456789a", 10), "01234\n... 1 bytes left out ...\n6789a");
+  EXPECT_EQ(Clipped("0123456789ab", 5), "01\n... 8 bytes left out ...\nab");
 }
 
 TEST(TextsTest, ReplacesLeftToRightWithoutSearchingAgain) {
@@ -92,21 +91,17 @@ TEST(TextsTest, ReplacesLeftToRightWithoutSearchingAgain) {
   EXPECT_EQ(ReplaceAll("xbx", "x", ""), "b");
 }
 
-TEST(TextsTest, SplitsIntoAllPieces) {
+TEST(TextsTest, SplitsAndJoins) {
   EXPECT_THAT(Split("", ','), ElementsAre(""));
   EXPECT_THAT(Split("a,,b,", ','), ElementsAre("a", "", "b", ""));
-}
-
-TEST(TextsTest, JoinsPathsByOneSlashAndTakesFileNamesOffThem) {
   EXPECT_EQ(JoinPath("/a", "b"), "/a/b");
   EXPECT_EQ(JoinPath("/a/", "/b"), "/a/b");
   EXPECT_EQ(JoinPath("/", "b"), "/b");
   EXPECT_EQ(FileNameOf("/a/b.log"), "b.log");
   EXPECT_EQ(FileNameOf("b.log"), "b.log");
   EXPECT_EQ(FileNameOf("/a/"), "");
+  EXPECT_EQ(ToUpper("az\xC3\xBC{`"), "AZ\xC3\xBC{`");
 }
-
-TEST(TextsTest, RaisesAsciiLettersOnly) { EXPECT_EQ(ToUpper("az\xC3\xBC{`"), "AZ\xC3\xBC{`"); }
 
 }  // namespace
 }  // namespace guardian

@@ -1,18 +1,34 @@
 #include "common/Thread.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
 
+#include <array>
 #include <atomic>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
 
+#include "common/AtEnd.h"
+#include "common/Event.h"
 #include "common/Exceptions.h"
+#include "common/FatalSignals.h"
 #include "common/MainThread.h"
+#include "common/SharedText.h"
+#include "common/Timer.h"
+#include "support/Crew.h"
+#include "support/Eventually.h"
+#include "support/FakeClock.h"
+#include "support/ThrownMessage.h"
 
 namespace guardian {
 namespace {
 
 using std::chrono::milliseconds;
+using testing::ElementsAre;
 
 // Waits for its termination, and counts what happens to it.
 class TWaitingThread final : public TThread {
@@ -21,12 +37,11 @@ class TWaitingThread final : public TThread {
   ~TWaitingThread() override { Join(); }
 
   std::atomic<int> FinishedCalls = 0;
-  std::exception_ptr Failure;
 
  private:
   void Execute() override {
     while (!Terminated()) FWake.WaitFor(std::chrono::hours(1));
-    if (Failure) std::rethrow_exception(Failure);
+    throw KZException("escaped");
   }
   void OnTerminate() override { FWake.Signal(); }
   void OnFinished() override { ++FinishedCalls; }
@@ -34,26 +49,25 @@ class TWaitingThread final : public TThread {
   TKZEvent FWake{"Wake"};
 };
 
-TEST(TThreadTest, EndsWhenAskedTo) {
+TEST(TThreadTest, EndsInOrderWhenAskedToAndHandsEscapedExceptionsOn) {
+  std::string escaped;
+  TThread::SetExceptionHandler([&](const std::string& threadName, const std::exception_ptr& error) {
+    escaped = threadName + ": " + MessageOf(error);
+  });
   TWaitingThread thread;
-  EXPECT_EQ(thread.ThreadId(), 0);
+  thread.Join();
+  EXPECT_FALSE(thread.Finished()) << "it was not started";
   thread.Start();
   EXPECT_FALSE(thread.WaitFinished(milliseconds(0)));
   EXPECT_FALSE(thread.Finished());
   thread.Terminate();
-  EXPECT_TRUE(thread.WaitFinished(milliseconds(30'000)));
+  EXPECT_TRUE(thread.WaitFinished(std::chrono::hours(1)));
   EXPECT_TRUE(thread.Finished());
-  EXPECT_EQ(thread.FinishedCalls, 1);
-  EXPECT_NE(thread.ThreadId(), 0);
-  EXPECT_NE(thread.ThreadId(), CurrentThreadId());
   thread.Join();
   thread.Join();
-}
-
-TEST(TThreadTest, JoinsAThreadThatWasNotStartedAtOnce) {
-  TWaitingThread thread;
-  thread.Join();
-  EXPECT_FALSE(thread.Finished());
+  TThread::SetExceptionHandler({});
+  EXPECT_EQ(thread.FinishedCalls, 1) << "however Execute ended";
+  EXPECT_EQ(escaped, "WaitingThreadWithALongName: escaped");
 }
 
 TEST(TThreadTest, RunsSynchroniseRequestsWhileTheMainThreadJoins) {
@@ -65,37 +79,21 @@ TEST(TThreadTest, RunsSynchroniseRequestsWhileTheMainThreadJoins) {
   EXPECT_TRUE(ran);
 }
 
-TEST(TThreadTest, HandsEscapedExceptionsToTheHandlerAndEndsInOrder) {
-  std::string name;
-  std::string message;
-  TThread::SetExceptionHandler([&](const std::string& threadName, const std::exception_ptr& error) {
-    name = threadName;
-    try {
-      std::rethrow_exception(error);
-    } catch (...) {
-      message = CurrentExceptionMessage();
-    }
-  });
-  TWaitingThread thread;
-  thread.Failure = std::make_exception_ptr(KZException("escaped"));
-  thread.Start();
-  thread.Join();
-  TThread::SetExceptionHandler({});
-  EXPECT_EQ(name, "WaitingThreadWithALongName");
-  EXPECT_EQ(message, "escaped");
-  EXPECT_TRUE(thread.Finished());
-  EXPECT_EQ(thread.FinishedCalls, 1) << "however Execute ended";
-}
-
-TEST(TThreadTest, StartsWithItsStackAndWithAllSignalsBlockedButTheFatalOnes) {
+TEST(TThreadTest, StartsWithItsStacksAndWithAllSignalsBlockedButTheFatalOnes) {
   // More than any other thread here asks for: the system may hand out a used stack that is larger.
   constexpr std::size_t kStackBytes = 24 * 1'048'576;
   std::size_t stackBytes = 0;
   sigset_t blocked{};
+  stack_t signalStack{};
+  std::array<char, 16> name{};
+  std::int32_t threadId = 0;
   TFunctionThread thread(
-      "Observer",
+      "AThreadWithALongName",
       [&] {
         pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+        ::sigaltstack(nullptr, &signalStack);
+        pthread_getname_np(pthread_self(), name.data(), name.size());
+        threadId = CurrentThreadId();
         pthread_attr_t attributes;
         pthread_getattr_np(pthread_self(), &attributes);
         pthread_attr_getstacksize(&attributes, &stackBytes);
@@ -105,14 +103,231 @@ TEST(TThreadTest, StartsWithItsStackAndWithAllSignalsBlockedButTheFatalOnes) {
   thread.Start();
   thread.Join();
   EXPECT_GE(stackBytes, kStackBytes);
+  EXPECT_EQ(signalStack.ss_flags & SS_DISABLE, 0);
+  EXPECT_STREQ(name.data(), "AThreadWithALon") << "as much as the kernel keeps";
+  EXPECT_NE(threadId, CurrentThreadId());
   sigset_t ours{};
   pthread_sigmask(SIG_SETMASK, nullptr, &ours);
   for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGCHLD, SIGUSR1}) {
     EXPECT_EQ(sigismember(&blocked, signal), 1) << signal;
     EXPECT_EQ(sigismember(&ours, signal), 0) << signal;
   }
-  EXPECT_EQ(sigismember(&blocked, SIGSEGV), 0);
-  EXPECT_EQ(sigismember(&blocked, SIGABRT), 0);
+  for (const int signal : kFatalSignals) EXPECT_EQ(sigismember(&blocked, signal), 0) << signal;
+}
+
+class TKZEventTest : public testing::Test {
+ protected:
+  // Two threads that wait, and how their waits ended.
+  struct TWaiters {
+    TWaiters(TKZEvent& event, milliseconds timeout)
+        : Crew(2, [this, &event, timeout](int) { ++(event.WaitFor(timeout) ? Woken : TimedOut); }) {
+    }
+    std::atomic<int> Woken = 0;
+    std::atomic<int> TimedOut = 0;
+    TCrew Crew;
+  };
+
+  TFakeClock FClock;
+};
+
+TEST_F(TKZEventTest, GivesAnAutomaticSignalToOneWaitOnly) {
+  TKZEvent event("Auto", TEventReset::Auto, FClock);
+  EXPECT_FALSE(event.WaitFor(milliseconds(0))) << "not signalled at first";
+  event.Signal();
+  event.Signal();
+  EXPECT_TRUE(event.WaitFor(milliseconds(0)));
+  EXPECT_FALSE(event.WaitFor(milliseconds(0)));
+  event.Signal();
+  event.Reset();
+  EXPECT_FALSE(event.WaitFor(milliseconds(0)));
+  TWaiters waiters(event, milliseconds(1000));
+  event.Signal();
+  ASSERT_TRUE(Eventually([&] { return waiters.Woken > 0; }));
+  // A waiter may begin late and count from then, so the time moves until it is through.
+  ASSERT_TRUE(Eventually([&] {
+    FClock.Advance(milliseconds(1000));
+    return waiters.Crew.Finished();
+  }));
+  EXPECT_EQ(waiters.Woken, 1);
+  EXPECT_EQ(waiters.TimedOut, 1);
+}
+
+TEST_F(TKZEventTest, KeepsAManualSignalForAllUntilReset) {
+  TKZEvent event("Manual", TEventReset::Manual);
+  TWaiters waiters(event, std::chrono::hours(1));
+  SystemClock().Sleep(milliseconds(20));  // So that both wait, as a rule.
+  event.Signal();
+  waiters.Crew.Join();
+  EXPECT_EQ(waiters.Woken, 2);
+  EXPECT_TRUE(event.WaitFor(milliseconds(0)));
+  event.Reset();
+  EXPECT_FALSE(event.WaitFor(milliseconds(0)));
+}
+
+// Run with the thread sanitizer, this is also the proof that no read races with the replacement.
+TEST(TSharedTextTest, ShowsEveryReaderOneWholeTextForAsLongAsItIsKept) {
+  TSharedText text("old");
+  const TSharedText::TText kept = text.Get();
+  text.Set("new");
+  EXPECT_EQ(*kept, "old");
+  EXPECT_EQ(text.Copy(), "new");
+  text.Set("a");
+  std::atomic<bool> done = false;
+  TCrew readers(3, [&](int) {
+    while (!done) {
+      const TSharedText::TText seen = text.Get();
+      EXPECT_EQ(*seen,
+                std::string(static_cast<std::size_t>(seen->front() - 'a' + 1), seen->front()));
+    }
+  });
+  for (int i = 0; i < 2000; ++i) {
+    const int letter = i % 26;
+    text.Set(std::string(static_cast<std::size_t>(letter + 1), static_cast<char>('a' + letter)));
+  }
+  done = true;
+}
+
+TEST(MainThreadTest, RunsTheRequestsOfSeveralThreadsHereAndHandsExceptionsBack) {
+  int ran = 0;  // Main thread only.
+  TCrew crew(4, [&](int) {
+    EXPECT_FALSE(IsMainThread());
+    for (int each = 0; each < 100; ++each) {
+      EXPECT_TRUE(Synchronize([&] { ran += IsMainThread() ? 1 : 0; }));
+    }
+    EXPECT_EQ(ThrownMessage([] { Synchronize([] { throw SoftException("in main"); }); }),
+              "in main");
+  });
+  EXPECT_TRUE(Eventually([&] { return crew.Finished(); }));
+  EXPECT_EQ(ran, 400);
+  EXPECT_TRUE(Synchronize([&] { ran = -1; }));
+  EXPECT_EQ(ran, -1) << "a request of the main thread runs at once";
+}
+
+// A thread that asks again and again must not hold up a main thread that waits with a limit.
+TEST(MainThreadTest, RunsOnlyTheRequestsThatWaitAlready) {
+  std::unique_ptr<TCrew> second;
+  std::atomic<bool> asked = false;
+  bool ran = false;
+  TCrew first(1, [&](int) {
+    Synchronize([&] {
+      second = std::make_unique<TCrew>(1, [&](int) {
+        asked = true;
+        Synchronize([&] { ran = true; });
+      });
+      // Not Eventually, which would run the request.
+      while (!asked) std::this_thread::yield();
+      SystemClock().Sleep(milliseconds(20));
+    });
+  });
+  while (!CheckSynchronize(std::chrono::hours(1))) continue;
+  EXPECT_FALSE(ran);
+  EXPECT_TRUE(Eventually([&] { return second->Finished() && first.Finished(); }));
+  EXPECT_TRUE(ran);
+}
+
+TEST(MainThreadTest, RefusesWhatWaitsAndWhatComesOnceTheQueueIsClosed) {
+  bool ran = false;
+  std::atomic<int> begun = 0;
+  std::atomic<int> refused = 0;
+  const auto request = [&](int) {
+    ++begun;
+    refused += Synchronize([&] { ran = true; }) ? 0 : 1;
+  };
+  const TCrew early(2, request);
+  while (begun < 2) std::this_thread::yield();
+  SystemClock().Sleep(milliseconds(20));
+  CloseMainThreadQueue();
+  const TCrew late(1, request);
+  EXPECT_TRUE(Eventually([&] { return early.Finished() && late.Finished(); }));
+  BindMainThread();
+  EXPECT_EQ(refused, 3);
+  EXPECT_FALSE(ran);
+  InThread([] { EXPECT_TRUE(Synchronize([] {})); });
+}
+
+// Without the wake-up the waits would take an hour, and the test's time limit would end them.
+TEST(MainThreadTest, EndsItsWaitForAWakeUpThatCameBeforeOrComesMeanwhile) {
+  while (CheckSynchronize(milliseconds(0))) continue;
+  WakeMainThread();
+  EXPECT_FALSE(CheckSynchronize(std::chrono::hours(1)));
+  const TCrew waker(1, [](int) { WakeMainThread(); });
+  EXPECT_FALSE(CheckSynchronize(std::chrono::hours(1)));
+}
+
+class TKZTimerTest : public testing::Test {
+ protected:
+  // Stops short of the moment first, so that a call that comes too early shows its time; then waits
+  // until the handler has returned as often as that.
+  void AdvanceBy(milliseconds duration, std::size_t callsUntilThen) {
+    FClock.Advance(duration - milliseconds(1));
+    SystemClock().Sleep(milliseconds(5));
+    FClock.Advance(milliseconds(1));
+    ASSERT_TRUE(Eventually([&] { return FReturned >= callsUntilThen; }));
+  }
+
+  void Handle() {
+    std::vector<std::int64_t> calls = FCalls.Copy();
+    calls.push_back(FClock.TickCount() - FStart);
+    FCalls.Set(calls);
+    const TAtEnd returned([&] { FReturned = calls.size(); });
+    FOnCall(calls.size());
+  }
+
+  TFakeClock FClock;
+  const std::int64_t FStart = FClock.TickCount();
+  TShared<std::vector<std::int64_t>> FCalls;  // Times from the beginning of the test.
+  std::atomic<std::size_t> FReturned = 0;
+  std::function<void(std::size_t call)> FOnCall = [](std::size_t) {};
+  std::atomic<int> FErrors = 0;
+  std::unique_ptr<TKZTimer> FTimer = std::make_unique<TKZTimer>(
+      "TestTimer", milliseconds(100), [this] { Handle(); },
+      [this](const std::exception_ptr& /*error*/) { ++FErrors; }, FClock);
+};
+
+TEST_F(TKZTimerTest, CountsFromStartToStartAndMakesUpForNothing) {
+  FOnCall = [this](std::size_t call) {
+    if (call == 1) FClock.Advance(milliseconds(30));
+    if (call == 2) FClock.Advance(milliseconds(350));
+    if (call == 3) throw KZException("in the handler");
+  };
+  FTimer->SetEnabled(true);
+  AdvanceBy(milliseconds(100), 1);
+  AdvanceBy(milliseconds(70), 3);
+  AdvanceBy(milliseconds(100), 4);
+  EXPECT_THAT(FCalls.Copy(), ElementsAre(100, 200, 550, 650));
+  EXPECT_EQ(FErrors, 1);
+}
+
+TEST_F(TKZTimerTest, BeginsANewPeriodWithAnotherIntervalAndWhenEnabled) {
+  FOnCall = [this](std::size_t call) {
+    if (call == 1) FTimer->SetInterval(milliseconds(2'000));
+    if (call == 2) FTimer->SetEnabled(false);
+  };
+  FTimer->SetEnabled(true);
+  AdvanceBy(milliseconds(90), 0);
+  for (int request = 0; request < 5; ++request) {
+    FTimer->SetInterval(milliseconds(1'000));  // Set again and again, it does not begin anew.
+    AdvanceBy(milliseconds(200), request == 4 ? 1 : 0);
+  }
+  AdvanceBy(milliseconds(2'000), 2);
+  AdvanceBy(milliseconds(50'000), 2);
+  FTimer->SetEnabled(true);
+  AdvanceBy(milliseconds(2'000), 3);
+  EXPECT_THAT(FCalls.Copy(), ElementsAre(1'090, 3'090, 55'090));
+}
+
+TEST_F(TKZTimerTest, CanBeDestroyedWhileItsHandlerWaitsForTheMainThread) {
+  bool ran = false;
+  std::atomic<bool> called = false;
+  FOnCall = [&](std::size_t) {
+    called = true;
+    Synchronize([&] { ran = true; });
+  };
+  FTimer->SetEnabled(true);
+  FClock.Advance(milliseconds(100));
+  while (!called) SystemClock().Sleep(milliseconds(1));
+  FTimer.reset();
+  EXPECT_TRUE(ran);
 }
 
 }  // namespace

@@ -2,23 +2,23 @@
 
 #include <gmock/gmock.h>
 
-#include <functional>
+#include <array>
+#include <map>
+#include <random>
 #include <string>
-#include <thread>
 #include <tuple>
 #include <vector>
 
-#include "common/Exceptions.h"
+#include "common/Thread.h"
 #include "config/SettingsFolder.h"
-#include "support/FakeClock.h"
+#include "diagnostics/KZCheckpoints.h"
+#include "support/ThrownMessage.h"
 
 namespace guardian {
 namespace {
 
 using std::string_literals::operator""s;
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 class TKZSQLIniFileTest : public testing::Test {
  protected:
@@ -29,148 +29,149 @@ TEST_F(TKZSQLIniFileTest, MakesTheTablesOfANewFile) {
   std::ignore = FFolder.Open();
   EXPECT_EQ(FFolder.Ask("SELECT VersionNumber FROM DBVersion"), "101");
   EXPECT_EQ(FFolder.Ask("PRAGMA page_size"), "2048");
-  EXPECT_EQ(FFolder.Ask("SELECT sql FROM sqlite_master WHERE name='SECTIONS'"),
-            "CREATE TABLE SECTIONS\n(\n  SECTIONNAME VARCHAR(100) NOT NULL,\n"
-            "  ID INTEGER PRIMARY KEY,\n  UNIQUE (SECTIONNAME)\n)");
-  EXPECT_EQ(FFolder.Ask("SELECT sql FROM sqlite_master WHERE name='DATA'"),
-            "CREATE TABLE DATA\n(\n  NAME VARCHAR(200) NOT NULL,\n  VALUE VARCHAR(100),\n"
-            "  BINVALUE BLOB,\n  ID INTEGER PRIMARY KEY,\n  SECTIONID INTEGER NOT NULL,\n"
-            "  UNIQUE (NAME,SECTIONID),\n  FOREIGN KEY (SECTIONID) REFERENCES SECTIONS(ID)"
-            " ON UPDATE CASCADE ON DELETE CASCADE\n)");
+  EXPECT_EQ(FFolder.Ask("SELECT group_concat(replace(sql, char(10), '')) FROM sqlite_master "
+                        "WHERE name IN ('SECTIONS', 'DATA')"),
+            "CREATE TABLE SECTIONS(  SECTIONNAME VARCHAR(100) NOT NULL,  ID INTEGER PRIMARY KEY,"
+            "  UNIQUE (SECTIONNAME)),CREATE TABLE DATA(  NAME VARCHAR(200) NOT NULL,"
+            "  VALUE VARCHAR(100),  BINVALUE BLOB,  ID INTEGER PRIMARY KEY,"
+            "  SECTIONID INTEGER NOT NULL,  UNIQUE (NAME,SECTIONID),  FOREIGN KEY (SECTIONID)"
+            " REFERENCES SECTIONS(ID) ON UPDATE CASCADE ON DELETE CASCADE)");
 }
 
 TEST_F(TKZSQLIniFileTest, KeepsShortPrintableValuesAsTextAndAllOthersAsBytes) {
-  struct TCase {
-    const char* Name;
-    std::string Value;
-    bool AsText;
-  };
-  const std::vector<TCase> cases = {
-      {"empty", "", true},
-      {"100 characters", std::string(100, 'x'), true},
-      {"101 characters", std::string(101, 'x'), false},
-      {"blank and delete", " \x7f", true},
-      {"below a blank", "a\x1f", false},
-      {"tab", "a\tb", false},
-      {"line break", "a\nb", false},
-      {"zero byte", "a\0b"s, false},
-      {"above 127", "\x80", false},
-      {"quotes", "it's \"so\"", true},
-      {"1 MiB", std::string(1'048'576, '\xfe'), false},
-  };
+  const std::vector<std::pair<std::string, bool>> cases = {{"", true},
+                                                           {std::string(100, 'x'), true},
+                                                           {std::string(101, 'x'), false},
+                                                           {" \x7f", true},
+                                                           {"a\x1f", false},
+                                                           {"a\nb", false},
+                                                           {"a\0b"s, false},
+                                                           {"\x80", false},
+                                                           {std::string(1'048'576, '\xfe'), false}};
   const auto store = FFolder.Open();
-  for (const TCase& test : cases) {
-    SCOPED_TRACE(test.Name);
-    store->WriteString("s", "k", test.AsText ? "bytes\n" : "text");
-    EXPECT_TRUE(store->TryWriteString("s", "k", test.Value));
+  for (const auto& [value, asText] : cases) {
+    SCOPED_TRACE(std::to_string(value.size()) + " bytes: " + value.substr(0, 10));
+    store->WriteString("s", "k", asText ? "bytes\n" : "text");
+    EXPECT_TRUE(store->TryWriteString("s", "k", value));
     EXPECT_EQ(FFolder.Ask("SELECT (VALUE IS NULL)||(BINVALUE IS NULL) FROM DATA"),
-              test.AsText ? "01" : "10");
-    EXPECT_EQ(store->ReadString("s", "k", "default"), test.Value);
+              asText ? "01" : "10");
+    EXPECT_TRUE(store->ReadString("s", "k", "default") == value);
   }
+  EXPECT_EQ(KZCP::CurrentCP(CurrentThreadId()), "SqlIni.LeftOK");
+  store->WriteString("s", "k", "v");
+  EXPECT_EQ(KZCP::CurrentCP(CurrentThreadId()), "Ini WriteX");
   EXPECT_THAT(FFolder.Lines(), Not(HasSubstr("Exception")));
 }
 
-TEST_F(TKZSQLIniFileTest, KeepsAwkwardNamesApart) {
-  const std::vector<std::string> names = {"",
-                                          "it's",
-                                          "\"q\"",
-                                          "a\nb",
-                                          "[x]",
-                                          "A",
-                                          "a",
-                                          "'; DROP TABLE DATA;--",
-                                          "\xff\xfe",
-                                          "%s",
-                                          ":SECTIONID",
-                                          "\xc3\xa4",
-                                          " a",
-                                          "a=b",
-                                          std::string(100'000, 'n')};
-  const auto store = FFolder.Open();
-  for (const std::string& name : names) {
-    store->WriteString(name, "key", name + "1");
-    store->WriteString("section", name, name + "2");
-  }
-  for (const std::string& name : names) {
-    EXPECT_EQ(store->ReadString(name, "key", "default"), name + "1");
-    EXPECT_EQ(store->ReadString("section", name, "default"), name + "2");
-  }
-  std::vector<std::string> sections = names;
-  sections.insert(sections.begin() + 1, "section");
-  EXPECT_EQ(store->ReadSections(), sections);
-  EXPECT_EQ(store->CountKeys("section"), static_cast<std::int64_t>(names.size()));
-}
-
-TEST_F(TKZSQLIniFileTest, RefusesNamesWithAZeroByteInAFailureLine) {
+TEST_F(TKZSQLIniFileTest, RefusesWhatItCannotStoreInAFailureLineWithoutRetrying) {
   const auto store = FFolder.Open();
   EXPECT_FALSE(store->TryWriteString("s\0t"s, "k", "v"));
   EXPECT_FALSE(store->TryWriteString("s", "k\0l"s, "v"));
   EXPECT_EQ(store->ReadString("s\0t"s, "k", "default"), "default");
+  // Refused for its length alone, so that no byte of it is read.
+  EXPECT_FALSE(store->TryWriteString("s", "k", std::string_view("v", 1'000'000'001)));
   EXPECT_EQ(store->CountKeys(), 0);
-  EXPECT_THAT(FFolder.Lines(), HasSubstr("TKZSQLIniFile.WriteString Exception: A name must not "
-                                         "hold a zero byte. (" +
-                                         FFolder.File() + ")"));
+  const std::string stamp = DateTimeToStr(FFolder.Clock.Now());
+  const std::string failure = stamp + " TKZSQLIniFile.WriteString Exception: ";
+  const std::string file = " (" + FFolder.File() + ")\n";
+  EXPECT_THAT(FFolder.Lines(), HasSubstr(failure + "A name must not hold a zero byte." + file));
+  EXPECT_THAT(FFolder.Lines(), HasSubstr(failure + "A value is too long." + file));
   EXPECT_THAT(FFolder.Lines(), Not(HasSubstr("etrying")));
 }
 
-TEST_F(TKZSQLIniFileTest, ListsSectionsAndKeys) {
-  const auto store = FFolder.Open();
-  EXPECT_THAT(store->ReadSections(), IsEmpty());
-  store->WriteString("beta", "2", "two");
-  store->WriteString("alpha", "b", "x\ny");
-  store->WriteString("beta", "10", "ten");
-  EXPECT_THAT(store->ReadSections(), ElementsAre("beta", "alpha"));
-  EXPECT_THAT(store->ReadSection("beta"), ElementsAre("10", "2"));
-  EXPECT_THAT(store->ReadSectionValues("beta"), ElementsAre("10=ten", "2=two"));
-  EXPECT_THAT(store->ReadSectionValues("alpha"), ElementsAre("b=x\ny"));
-  EXPECT_THAT(store->ReadSection("gamma"), IsEmpty());
-  EXPECT_TRUE(store->ValueExists("beta", "2"));
-  EXPECT_FALSE(store->ValueExists("alpha", "2"));
-  EXPECT_EQ(store->CountKeys(), 3);
-  EXPECT_EQ(store->CountKeys("beta"), 2);
-}
+// Random operations of two stores on one file, and maps that say what must be in it.
+class TStoreModelTest : public TKZSQLIniFileTest {
+ protected:
+  void SetUp() override {
+    for (auto& store : FStores) store = FFolder.Open();
+  }
 
-TEST_F(TKZSQLIniFileTest, KeepsTheSectionOfDeletedKeysWithoutListingIt) {
-  const auto store = FFolder.Open();
-  store->WriteString("one", "a", "1");
-  store->WriteString("one", "b", "2");
-  store->WriteString("two", "a", "3");
-  const auto id = store->GetSectionID("one", TSectionCreation::No);
-  store->DeleteKey("one", "a");
-  store->DeleteKey("none", "a");
-  EXPECT_THAT(store->ReadSection("one"), ElementsAre("b"));
-  store->EraseSection("one");
-  EXPECT_THAT(store->ReadSections(), ElementsAre("two"));
-  EXPECT_EQ(store->ReadString("two", "a", ""), "3");
-  ASSERT_TRUE(id);
-  EXPECT_EQ(store->GetSectionName(*id), "one");
-  EXPECT_EQ(store->GetSectionID("one", TSectionCreation::IfMissing), id);
-  EXPECT_EQ(store->GetSectionID("none", TSectionCreation::No), std::nullopt);
-  EXPECT_EQ(store->GetSectionName(99), std::nullopt);
-}
+  void Step() {
+    std::unique_ptr<TKZSQLIniFile>& store = FStores[FRandom() % 2];
+    const std::string section = AnyName();
+    const std::string key = AnyName();
+    const auto kind = FRandom() % 16;
+    if (kind == 0) {
+      store->EraseSection(section);
+      FKeys[section].clear();
+    } else if (kind < 4) {
+      store->DeleteKey(section, key);
+      FKeys[section].erase(key);
+    } else if (kind == 4) {
+      store->CloseDatabase();
+    } else if (kind == 5) {
+      store->DestroyComponents();
+      store->CreateComponents();
+    } else if (kind == 6) {
+      store = FFolder.Open();
+      EXPECT_TRUE(store->AttemptRepair());
+    } else {
+      if (kind < 9) store->ForceEdit(kind == 7 ? TSqlIniEdit::Forced : TSqlIniEdit::LookFirst);
+      FSections[store->GetSectionID(section, TSectionCreation::IfMissing).value()] = section;
+      if (kind == 9) return;
+      EXPECT_TRUE(store->TryWriteString(section, key, FKeys[section][key] = AnyValue()));
+    }
+  }
 
-TEST_F(TKZSQLIniFileTest, ShowsWhatAnotherStoreHasWritten) {
-  const auto one = FFolder.Open();
-  const auto two = FFolder.Open();
-  one->WriteString("s", "k", "1");
-  EXPECT_THAT(two->ReadSections(), ElementsAre("s"));
-  one->WriteString("t", "k", "2");
-  EXPECT_THAT(two->ReadSections(), ElementsAre("s", "t"));
-  two->DeleteKey("s", "k");
-  EXPECT_THAT(two->ReadSections(), ElementsAre("t"));
-  EXPECT_THAT(one->ReadSections(), ElementsAre("t"));
-}
+  void Check() {
+    TKZSQLIniFile& store = *FStores[FRandom() % 2];
+    std::vector<std::string> sections;
+    std::int64_t count = 0;
+    for (const auto& [id, section] : FSections) {
+      EXPECT_EQ(store.GetSectionID(section, TSectionCreation::No), id);
+      EXPECT_EQ(store.GetSectionName(id), section);
+      std::vector<std::string> keys;
+      std::vector<std::string> lines;
+      for (const auto& [key, value] : FKeys[section]) {
+        keys.push_back(key);
+        lines.push_back(std::string(key).append("=").append(value));
+        EXPECT_EQ(store.ReadString(section, key, "default"), value);
+      }
+      EXPECT_EQ(store.ReadSection(section), keys);
+      EXPECT_EQ(store.ReadSectionValues(section), lines);
+      EXPECT_EQ(store.CountKeys(section), static_cast<std::int64_t>(keys.size()));
+      EXPECT_EQ(store.ValueExists(section, "a"), FKeys[section].contains("a"));
+      if (!keys.empty()) sections.push_back(section);
+      count += static_cast<std::int64_t>(keys.size());
+    }
+    EXPECT_EQ(store.ReadSections(), sections);
+    EXPECT_EQ(store.CountKeys(), count);
+    EXPECT_FALSE(store.GetSectionName(99) || store.GetSectionID("none", TSectionCreation::No));
+  }
 
-TEST_F(TKZSQLIniFileTest, WaitsForAnotherWriter) {
-  const auto store = FFolder.Open();
-  SQLite::Database other(FFolder.File(), SQLite::OPEN_READWRITE);
-  other.exec("BEGIN EXCLUSIVE");
-  std::thread release([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    other.exec("COMMIT");
-  });
-  EXPECT_TRUE(store->TryWriteString("s", "k", "v"));
-  release.join();
+  std::string AnyName() {
+    static const std::vector<std::string> names = {"",
+                                                   "A",
+                                                   "a",
+                                                   " a",
+                                                   "a=b",
+                                                   "it's \"q\"\n",
+                                                   "'; DROP TABLE DATA;--",
+                                                   ":SECTIONID",
+                                                   "\xff\xfe",
+                                                   std::string(3000, 'n')};
+    return names[FRandom() % names.size()];
+  }
+
+  std::string AnyValue() {
+    std::string value(FRandom() % 4 == 0 ? FRandom() % 5000 : 98 + FRandom() % 5, 'v');
+    if (!value.empty() && FRandom() % 2 == 0) value.back() = static_cast<char>(FRandom() % 256);
+    return value;
+  }
+
+  std::mt19937 FRandom{1};
+  std::array<std::unique_ptr<TKZSQLIniFile>, 2> FStores;
+  std::map<std::int64_t, std::string> FSections;
+  std::map<std::string, std::map<std::string, std::string>> FKeys;
+};
+
+TEST_F(TStoreModelTest, HoldsWhatWasWrittenAfterAnyOperationsOfTwoStores) {
+  for (int step = 0; step < 120 && !HasFailure(); ++step) {
+    SCOPED_TRACE("seed 1, step " + std::to_string(step));
+    Step();
+    Check();
+  }
+  EXPECT_EQ(FFolder.Ask("PRAGMA integrity_check"), "ok");
   EXPECT_THAT(FFolder.Lines(), Not(HasSubstr("Exception")));
 }
 
@@ -179,60 +180,45 @@ TEST_F(TKZSQLIniFileTest, ReadsButNeverWritesAReadOnlyStore) {
   EXPECT_FALSE(FFolder.Folder.Has("x.cfg"));
   FFolder.Open()->WriteString("s", "k", "v");
   const auto store = FFolder.Open(TSqlIniAccess::ReadOnly);
-  EXPECT_FALSE(store->TryWriteString("s", "k", "w"));
-  store->DeleteKey("s", "k");
+  EXPECT_FALSE(store->TryWriteString("s", "k", "w") || store->AttemptRepair());
   store->EraseSection("s");
-  store->UpdateFile();
-  EXPECT_EQ(store->GetSectionID("t", TSectionCreation::IfMissing), std::nullopt);
+  EXPECT_FALSE(store->GetSectionID("t", TSectionCreation::IfMissing));
   EXPECT_EQ(store->ReadString("s", "k", "d"), "v");
 }
 
-TEST_F(TKZSQLIniFileTest, EditsByForceWithoutLosingANewKey) {
+TEST_F(TKZSQLIniFileTest, WaitsForOtherConnectionsForTenSecondsATry) {
   const auto store = FFolder.Open();
-  store->ForceEdit(TSqlIniEdit::Forced);
-  store->WriteString("s", "k", "1");
-  store->WriteString("s", "k", "2");
-  EXPECT_THAT(store->ReadSectionValues("s"), ElementsAre("k=2"));
+  SQLite::Database other(FFolder.File(), SQLite::OPEN_READWRITE);
+  other.exec("BEGIN IMMEDIATE");
+  const std::int64_t start = FFolder.Clock.TickCount();
+  EXPECT_FALSE(store->TryWriteString("s", "k", "v"));
+  EXPECT_NEAR(static_cast<double>(FFolder.Clock.TickCount() - start), 30'000, 100);
+  other.exec("COMMIT");
+  EXPECT_TRUE(store->TryWriteString("s", "k", "v"));
+  const std::string retrying = "etrying the failed operation (WriteString, " + FFolder.File() + ")";
+  EXPECT_THAT(FFolder.Lines(), HasSubstr("R" + retrying + "\n"));
+  EXPECT_THAT(FFolder.Lines(), HasSubstr("NOT r" + retrying + " after 3 attempts.\n"));
 }
 
 TEST_F(TKZSQLIniFileTest, CommitsEachWriteAndRemembersWhen) {
-  TFakeClock clock;
-  TKZSQLIniFile store(FFolder.File(), TSqlIniAccess::ReadWrite, clock);
-  EXPECT_EQ(store.LastCommitAt(), 0);
-  clock.Advance(std::chrono::minutes(1));
-  store.WriteString("s", "k", "v");
-  EXPECT_EQ(store.LastCommitAt(), clock.Now());
-  store.CommitNow();
-  store.UpdateFile();
+  const auto store = FFolder.Open();
+  EXPECT_EQ(store->LastCommitAt(), 0);
+  const TDateTime committed = FFolder.Clock.Now();
+  store->WriteString("s", "k", "v");
   EXPECT_EQ(FFolder.Ask("SELECT VALUE FROM DATA"), "v");
+  FFolder.Clock.Advance(std::chrono::minutes(1));
+  store->CommitNow();
+  store->UpdateFile();
+  EXPECT_EQ(store->LastCommitAt(), committed);
 }
 
 TEST_F(TKZSQLIniFileTest, RaisesInEveryOperationWithoutComponents) {
   const auto store = FFolder.Open();
   store->DestroyComponents();
-  const std::vector<std::pair<std::string, std::function<void()>>> cases = {
-      {"WriteString", [&] { store->WriteString("s", "k", "v"); }},
-      {"ReadString", [&] { std::ignore = store->ReadString("s", "k", "d"); }},
-      {"DeleteKey", [&] { store->DeleteKey("s", "k"); }},
-      {"EraseSection", [&] { store->EraseSection("s"); }},
-      {"ReadSection", [&] { std::ignore = store->ReadSection("s"); }},
-      {"ReadSections", [&] { std::ignore = store->ReadSections(); }},
-      {"ReadSectionValues", [&] { std::ignore = store->ReadSectionValues("s"); }},
-      {"ValueExists", [&] { std::ignore = store->ValueExists("s", "k"); }},
-      {"UpdateFile", [&] { store->UpdateFile(); }},
-      {"CommitNow", [&] { store->CommitNow(); }},
-  };
-  for (const auto& [name, operation] : cases) {
-    try {
-      operation();
-      ADD_FAILURE() << name << " did not raise";
-    } catch (const KZException& error) {
-      EXPECT_EQ(error.Message(), "SQLIni nil in " + name);
-    }
-  }
-  store->CreateComponents();
-  EXPECT_TRUE(store->TryWriteString("s", "k", "v"));
-  store->DestroyComponents();
+  EXPECT_EQ(ThrownMessage([&] { store->DeleteKey("s", "k"); }), "SQLIni nil in DeleteKey");
+  EXPECT_EQ(ThrownMessage([&] { std::ignore = store->CountKeys(); }), "SQLIni nil in CountKeys");
+  EXPECT_EQ(ThrownMessage([&] { store->UpdateFile(); }), "SQLIni nil in UpdateFile");
+  EXPECT_EQ(ThrownMessage([&] { store->CommitNow(); }), "SQLIni nil in CommitNow");
 }
 
 }  // namespace

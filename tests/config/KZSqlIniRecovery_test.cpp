@@ -1,211 +1,240 @@
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <csignal>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <string>
+#include <map>
+#include <random>
+#include <sstream>
 #include <tuple>
-#include <vector>
 
-#include "config/KZSqlIniFiles.h"
 #include "config/SettingsFolder.h"
 #include "support/ChildProcess.h"
+#include "support/Crew.h"
 #include "support/Program.h"
 
 namespace guardian {
 namespace {
 
+using std::chrono::milliseconds;
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
-constexpr const char* kCannotOpen = "This file cannot be opened.";
+// The user and group "nobody".
+constexpr uid_t kNobody = 65534;
 
 class TKZSQLIniRecoveryTest : public testing::Test {
  protected:
-  static std::string Key(int number) { return "key" + std::to_string(number); }
-  static std::string Value(int number) { return "value" + std::to_string(number); }
+  static bool IsReadable(TKZSQLIniFile& store, int number) {
+    const std::string text = std::to_string(number);
+    return store.ReadString("s", "key" + text, "") == "value" + text;
+  }
 
   // A store of many pages, and none of its backups.
-  void FillStore(int keys = 2000) {
+  void FillStore() {
+    std::filesystem::remove(FFolder.File());
+    std::filesystem::remove_all(FFolder.Folder.Path("CfgBackups"));
     std::ignore = FFolder.Open();
     FFolder.Run(
         "PRAGMA synchronous=OFF; INSERT INTO SECTIONS VALUES('s',1);"
-        "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i+1 FROM n WHERE i<" +
-        std::to_string(keys - 1) +
-        ") INSERT INTO DATA SELECT 'key'||i,'value'||i,NULL,i+1,1 FROM n");
-    std::filesystem::remove_all(FFolder.Folder.Path("CfgBackups"));
+        "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i+1 FROM n WHERE i<1999)"
+        "INSERT INTO DATA SELECT 'key'||i,'value'||i,NULL,i+1,1 FROM n");
   }
 
   // As a disk does that loses a sector. The store is closed.
-  void Overwrite(const std::string& file, std::streamoff from, const std::string& bytes) {
-    std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
+  void Overwrite(std::streamoff from, const std::string& bytes) {
+    std::fstream stream(FFolder.File(), std::ios::in | std::ios::out | std::ios::binary);
     stream.seekp(from).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
   }
 
-  // The file offset of one of the pages that hold the rows of the table. That of key0 is read when
-  // a file is opened.
-  std::streamoff LeafOf(const std::string& table, int number) {
-    return 2048 * (std::stol(FFolder.Ask("SELECT pageno FROM dbstat WHERE name='" + table +
-                                         "' AND pagetype='leaf' ORDER BY path LIMIT 1 OFFSET " +
-                                         std::to_string(number))) -
-                   1);
+  // Damages one of the pages that hold the rows of the table. That of key0 is read when a file is
+  // opened.
+  void DamageLeaf(const std::string& table, int number) {
+    const long page = std::stol(FFolder.Ask("SELECT pageno FROM dbstat WHERE name='" + table +
+                                            "' AND pagetype='leaf' ORDER BY path LIMIT 1 OFFSET " +
+                                            std::to_string(number)));
+    Overwrite(2048 * (page - 1), std::string(2048, '\x0f'));
   }
 
-  [[nodiscard]] std::string FirstUnreadableKey(TKZSQLIniFile& store) {
-    int number = 0;
-    while (store.ReadString("s", Key(number), "") == Value(number)) ++number;
-    return Key(number);
-  }
-
-  int ReadableValues(TKZSQLIniFile& store, int keys = 2000) {
+  static int ReadableValues(TKZSQLIniFile& store) {
     int readable = 0;
-    for (int i = 0; i < keys; ++i) readable += store.ReadString("s", Key(i), "") == Value(i);
+    for (int i = 0; i < 2000; ++i) readable += IsReadable(store, i) ? 1 : 0;
     return readable;
   }
 
+  // Puts a shell script in the place of SQLite's tool.
+  void UseTool(const std::string& script) {
+    std::filesystem::create_directory(FFolder.Folder.Path("tool"));
+    FFolder.Folder.Write("tool/sqlite3", "#!/bin/sh\n" + script);
+    ::chmod(FFolder.Folder.Path("tool/sqlite3").c_str(), 0755);
+    ::setenv("PATH", (FFolder.Folder.Path("tool:") + FPath).c_str(), 1);
+  }
+  void UseRealTool() { ::setenv("PATH", FPath.c_str(), 1); }
+  void TearDown() override { UseRealTool(); }
+
   TSettingsFolder FFolder;
+  const std::string FPath = ::getenv("PATH");
 };
 
-TEST_F(TKZSQLIniRecoveryTest, MakesAMissingFileAndSaysSo) {
-  std::ignore = FFolder.Open();
-  EXPECT_THAT(FFolder.Lines(), HasSubstr("Config file not found: " + FFolder.File()));
-  EXPECT_THAT(FFolder.Lines(), HasSubstr("No Backup DB Found"));
-  EXPECT_THAT(FFolder.Lines(), HasSubstr(FFolder.File() + ": creating new SQL file"));
-}
-
-TEST_F(TKZSQLIniRecoveryTest, TakesTheGoodBackupOfAFileThatIsMissingEmptyOrGarbage) {
-  struct TCase {
-    const char* Name;
-    std::function<void()> Spoil;
-    std::string KeptAs;
-  };
+TEST_F(TKZSQLIniRecoveryTest, TakesTheGoodBackupOfAFileThatIsEmptyGarbageOrMissing) {
+  FillStore();
   const std::string file = FFolder.File();
-  const std::vector<TCase> cases = {
-      {"missing", [&] { std::filesystem::remove(file); }, ""},
-      {"empty", [&] { FFolder.Folder.Write("x.cfg", ""); }, "CfgBackups/emptycfgfile.empty"},
-      {"garbage", [&] { FFolder.Folder.Write("x.cfg", std::string(5000, 'g')); }, "x.cfg-previous"},
-      {"short garbage", [&] { FFolder.Folder.Write("x.cfg", "[ini]\na=b\n"); }, "x.cfg-previous"},
-      {"damaged head", [&] { Overwrite(file, 0, std::string(200, '\x55')); }, "x.cfg-previous"},
-      {"cut off", [&] { std::filesystem::resize_file(file, 4096); }, "x.cfg-previous"},
-      {"no tables",
-       [&] {
-         std::filesystem::remove(file);
-         FFolder.Run("PRAGMA user_version=1");
-       },
-       "CfgBackups/emptycfgfile.empty"},
-  };
+  EXPECT_THAT(FFolder.Lines(),
+              AllOf(HasSubstr("Config file not found: " + file), HasSubstr("No Backup DB Found"),
+                    HasSubstr(file + ": creating new SQL file")));
+  SQLite::Database writer(file, SQLite::OPEN_READWRITE);
+  writer.exec("PRAGMA cache_size=1; BEGIN; UPDATE DATA SET VALUE='uncommitted'");
+  const std::string journal = FFolder.Folder.Read("x.cfg-journal");
+  writer.exec("ROLLBACK");
   FFolder.Open()->WriteString("s", "k", "v");  // Its close makes the backup.
-  for (const TCase& test : cases) {
-    SCOPED_TRACE(test.Name);
-    test.Spoil();
-    const std::string spoilt = FFolder.Folder.Read("x.cfg");
-    const auto store = FFolder.Open();
-    EXPECT_EQ(store->ReadString("s", "k", "default"), "v");
-    if (!test.KeptAs.empty()) {
-      EXPECT_EQ(FFolder.Folder.Read(test.KeptAs), spoilt);
-    }
-    EXPECT_FALSE(FFolder.Folder.Has("x.cfg.sqlnew"));
-    EXPECT_FALSE(FFolder.Folder.Has("x.cfg.sqltmp"));
+  const std::string whole = FFolder.Folder.Read("x.cfg");
+  const std::string empty = "CfgBackups/emptycfgfile.empty";
+  const std::string previous = "x.cfg-previous";
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"", empty},
+      {std::string(5000, 'g'), previous},
+      {"[ini]\na=b\n", previous},
+      {std::string(200, '\x55') + whole.substr(200), previous},
+      {whole.substr(0, 4096), previous},
+  };
+  for (const auto& [content, keptAs] : cases) {
+    SCOPED_TRACE(std::to_string(content.size()) + " bytes: " + content.substr(0, 5));
+    FFolder.Folder.Write("x.cfg", content);
+    EXPECT_EQ(FFolder.Open()->ReadString("s", "k", "default"), "v");
+    EXPECT_TRUE(FFolder.Folder.Read(keptAs) == content);
+    EXPECT_FALSE(FFolder.Folder.Has("x.cfg.sqlnew") || FFolder.Folder.Has("x.cfg.sqltmp"));
   }
-  EXPECT_THAT(FFolder.Lines(), HasSubstr("Found good backup file: " + FFolder.Backup(".bak")));
-  EXPECT_THAT(FFolder.Lines(), HasSubstr("Opening good DB that we found"));
+  // Played back, the journal of another file would put old pages into the new one.
+  std::filesystem::remove(file);
+  FFolder.Folder.Write("x.cfg-journal", journal);
+  const auto store = FFolder.Open();
+  EXPECT_EQ(store->ReadString("s", "k", "default"), "v");
+  EXPECT_EQ(ReadableValues(*store), 2000);
+  EXPECT_TRUE(FFolder.Folder.Read("x.cfg-previous-journal") == journal);
+  EXPECT_THAT(FFolder.Lines(), AllOf(HasSubstr("Found good backup file: " + FFolder.Backup(".bak")),
+                                     HasSubstr("Opening good DB that we found: " + file)));
 }
 
 TEST_F(TKZSQLIniRecoveryTest, LeavesAloneWhatIsNoStore) {
   std::filesystem::create_directory(FFolder.File());
-  {
-    const auto store = FFolder.Open();
-    EXPECT_FALSE(store->TryWriteString("s", "k", "v"));
-    EXPECT_EQ(store->ReadString("s", "k", "d"), "d");
-  }
+  EXPECT_FALSE(FFolder.Open()->TryWriteString("s", "k", "v"));
   std::filesystem::remove(FFolder.File());
   FFolder.Run("CREATE TABLE DATA (Something); INSERT INTO DATA VALUES(7)");
   EXPECT_FALSE(FFolder.Open()->TryWriteString("s", "k", "v"));
   EXPECT_EQ(FFolder.Ask("SELECT Something FROM DATA"), "7");
-  EXPECT_THAT(FFolder.Lines(), HasSubstr(kCannotOpen));
-  EXPECT_THAT(FFolder.Lines(), HasSubstr("NOT retrying the failed operation"));
-  EXPECT_THAT(FFolder.Lines(), HasSubstr(") due to problems re-opening the database."));
-  EXPECT_FALSE(TKZSQLIniFile("", TSqlIniAccess::ReadWrite).TryWriteString("s", "k", "v"));
+  EXPECT_THAT(FFolder.Lines(),
+              AllOf(HasSubstr(": This file cannot be opened."),
+                    HasSubstr("NOT retrying the failed operation (WriteString, " + FFolder.File() +
+                              ") due to problems re-opening the database.")));
   EXPECT_FALSE(TKZSQLIniFile(FFolder.Folder.Path("no/x.cfg")).TryWriteString("s", "k", "v"));
   EXPECT_FALSE(FFolder.Folder.Has("CfgBackups"));
 }
 
-TEST_F(TKZSQLIniRecoveryTest, SavesTheReadableRowsWhenAWriteMeetsDamage) {
-  FillStore();
-  Overwrite(FFolder.File(), LeafOf("DATA", 5), std::string(2048, '\x0f'));
-  const auto store = FFolder.Open();
-  const int before = ReadableValues(*store);
-  ASSERT_GT(before, 1000);
-  ASSERT_LT(before, 2000);
-  const std::string key = FirstUnreadableKey(*store);
-  EXPECT_TRUE(store->TryWriteString("s", key, "new"));
-  EXPECT_EQ(store->ReadString("s", key, ""), "new");
-  EXPECT_GE(ReadableValues(*store), before);
-  EXPECT_EQ(FFolder.Ask("PRAGMA integrity_check"), "ok");
-  EXPECT_TRUE(FFolder.Folder.Has("x.cfg-previous"));
-  EXPECT_THAT(FFolder.Lines(), HasSubstr("Trying to close and re-open the database."));
-  EXPECT_THAT(FFolder.Lines(), HasSubstr("The damaged file is kept as "));
+TEST_F(TKZSQLIniRecoveryTest, SavesTheReadableRowsAndFillsTheRestFromTheBackup) {
+  for (const bool withBackup : {false, true}) {
+    SCOPED_TRACE(withBackup);
+    FillStore();
+    if (withBackup) FFolder.Open()->WriteString("gone", "k", "in the backup only");
+    FFolder.Run("UPDATE DATA SET VALUE='newer' WHERE NAME='key1999'");
+    DamageLeaf("DATA", 5);
+    DamageLeaf("SECTIONS", 0);
+    const auto store = FFolder.Open();
+    // The section is still found by its index; a write to a lost key meets the damage.
+    int lost = 0;
+    while (IsReadable(*store, lost)) ++lost;
+    EXPECT_TRUE(store->TryWriteString("s", "key" + std::to_string(lost), "new"));
+    EXPECT_EQ(store->ReadString("s", "key" + std::to_string(lost), ""), "new");
+    EXPECT_EQ(ReadableValues(*store), withBackup ? 1998 : 0);
+    EXPECT_EQ(store->ReadString(withBackup ? "s" : "Recovered 1", "key1999", ""), "newer");
+    EXPECT_EQ(store->ReadString("gone", "k", "d"), withBackup ? "in the backup only" : "d");
+    EXPECT_EQ(FFolder.Ask("PRAGMA integrity_check"), "ok");
+  }
+  EXPECT_THAT(FFolder.Lines(), AllOf(HasSubstr("Trying to close and re-open the database."),
+                                     HasSubstr("The damaged file is kept as ")));
 }
 
-TEST_F(TKZSQLIniRecoveryTest, FillsWhatCannotBeReadFromTheBackupAndKeepsTheNewerRest) {
+// What the tool can do wrong, and what it may have to say of a damaged file. Only damage is a
+// reason to take what it could read; otherwise nothing on the disk may change.
+TEST_F(TKZSQLIniRecoveryTest, TakesADumpThatStoppedForDamageAndNoOther) {
+  const std::string rows =
+      "cat <<'END'\nBEGIN TRANSACTION;\nINSERT INTO SECTIONS VALUES('s',1);\n"
+      "INSERT INTO DATA VALUES('k',replace('a\\nb','\\n',char(10)),NULL,1,1);\n"
+      "INSERT INTO DATA VALUES('l','w',NULL,2,1); DELETE FROM DATA;\n"
+      "INSERT INTO DATA VALUES((SELECT SECTIONNAME FROM SECTIONS),'',NULL,3,1);\nEND\n";
+  const auto stopped = [&](const std::string& error) {
+    return rows + "echo '/**** ERROR: (" + error + ") text *****/'\necho 'ROLLBACK; -- errors'\n";
+  };
+  const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
+      {"fails at once", "exit 3", "x.cfg.sqltmp is not complete."},
+      {"is killed in the middle", rows + "kill -9 $$", "x.cfg.sqltmp is not complete."},
+      {"stops without a word", rows, "x.cfg.sqltmp is not complete."},
+      {"cannot be run", "exit 126", "The dump was not made, exit code 126"},
+      {"is missing", "exit 127", "The dump was not made, exit code 127"},
+      {"meets a busy file", stopped("5"), "The dump failed: /**** ERROR: (5) text *****/"},
+      {"meets a read error", stopped("10"), "The dump failed: "},
+      {"is out of disk", stopped("13"), "The dump failed: "},
+      {"meets an unknown error", stopped("111"), "The dump failed: "},
+      {"meets damage", stopped("11") + "exit 1", ""},
+      {"finds no database", stopped("26") + "exit 1", ""},
+      {"ends well", rows + "echo 'COMMIT;'", ""},
+  };
   FillStore();
-  FFolder.Open()->WriteString("gone", "k", "in the backup only");
-  FFolder.Run("UPDATE DATA SET VALUE='newer' WHERE NAME='key1999'");
-  Overwrite(FFolder.File(), LeafOf("DATA", 5), std::string(2048, '\x0f'));
-  Overwrite(FFolder.File(), LeafOf("SECTIONS", 0), std::string(2048, '\x0f'));
-  const auto store = FFolder.Open();
-  EXPECT_TRUE(store->AttemptRepair());
-  EXPECT_EQ(ReadableValues(*store), 1999);
-  EXPECT_EQ(store->ReadString("s", "key1999", ""), "newer");
-  EXPECT_EQ(store->ReadString("gone", "k", ""), "in the backup only");
+  DamageLeaf("DATA", 3);
+  const std::string damaged = FFolder.Folder.Read("x.cfg");
+  for (const auto& [name, script, failure] : cases) {
+    SCOPED_TRACE(name);
+    UseTool(script);
+    const auto store = FFolder.Open();
+    EXPECT_EQ(store->AttemptRepair(), failure.empty());
+    EXPECT_THAT(FFolder.Lines(), HasSubstr(failure));
+    EXPECT_FALSE(FFolder.Folder.Has("x.cfg.sqlnew") || FFolder.Folder.Has("x.cfg.sqltmp"));
+    EXPECT_EQ(FFolder.Folder.Read(failure.empty() ? "x.cfg-previous" : "x.cfg"), damaged);
+    EXPECT_EQ(FFolder.Folder.Has("x.cfg-previous"), failure.empty());
+    if (failure.empty()) {
+      EXPECT_THAT(store->ReadSectionValues("s"), ElementsAre("k=a\nb", "l=w"));
+      std::filesystem::rename(FFolder.File() + "-previous", FFolder.File());
+    }
+  }
+  UseRealTool();
+  EXPECT_TRUE(FFolder.Open()->AttemptRepair()) << "by the real tool";
+  EXPECT_THAT(FFolder.Lines(), HasSubstr(": 2 rows could be read, 2 were unusable"));
 }
 
-TEST_F(TKZSQLIniRecoveryTest, NamesTheSectionsOfWhichOnlyKeysAreLeft) {
-  FillStore(10);
-  Overwrite(FFolder.File(), LeafOf("SECTIONS", 0), std::string(2048, '\x0f'));
+TEST_F(TKZSQLIniRecoveryTest, LooksAndTriesAgainAfterItsIntervals) {
+  const auto expectOnceAfter = [&](milliseconds interval, const std::function<bool()>& done) {
+    FFolder.Clock.Advance(interval - milliseconds(1));
+    EXPECT_FALSE(done()) << interval.count();
+    FFolder.Clock.Advance(milliseconds(1));
+    EXPECT_TRUE(done()) << interval.count();
+  };
+  const auto other = FFolder.Open();
+  other->WriteString("s", "k", "v");
   const auto store = FFolder.Open();
-  EXPECT_TRUE(store->AttemptRepair());
-  EXPECT_EQ(store->ReadString("Recovered 1", Key(3), ""), Value(3));
-}
-
-TEST_F(TKZSQLIniRecoveryTest, ChangesNothingWhenTheToolIsMissing) {
-  FillStore();
-  Overwrite(FFolder.File(), LeafOf("DATA", 5), std::string(2048, '\x0f'));
-  const std::string path = ::getenv("PATH");
-  const std::string before = FFolder.Folder.Read("x.cfg");
-  ::setenv("PATH", "/nowhere", 1);
-  const auto store = FFolder.Open();
-  EXPECT_FALSE(store->AttemptRepair());
-  ::setenv("PATH", path.c_str(), 1);
-  store->CloseDatabase();
-  EXPECT_EQ(FFolder.Folder.Read("x.cfg"), before);
-  EXPECT_FALSE(FFolder.Folder.Has("x.cfg-previous"));
-  EXPECT_THAT(FFolder.Lines(), HasSubstr("TKZSQLIniFile.AttemptRepair Exception: "));
-  EXPECT_TRUE(store->AttemptRepair());
-}
-
-TEST_F(TKZSQLIniRecoveryTest, FollowsAFileThatAnotherStoreHasReplaced) {
-  FillStore();
-  const auto one = FFolder.Open();
-  const auto two = FFolder.Open();
-  EXPECT_EQ(two->ReadString("s", Key(1), ""), Value(1));
-  one->CloseDatabase();
-  two->CloseDatabase();
-  Overwrite(FFolder.File(), LeafOf("DATA", 5), std::string(2048, '\x0f'));
-  EXPECT_TRUE(two->OpenDatabase());
-  EXPECT_TRUE(one->AttemptRepair());
-  EXPECT_TRUE(two->TryWriteString("s", "after", "v"));
-  EXPECT_EQ(one->ReadString("s", "after", ""), "v");
-  EXPECT_EQ(TSettingsFolder::AskOf(FFolder.File() + "-previous",
-                                   "SELECT COUNT(*) FROM DATA WHERE NAME='after'"),
-            "0");
+  const auto reads = [&](const std::string& value) {
+    return [&store, value] { return store->ReadString("s", "k", "d") == value; };
+  };
+  EXPECT_TRUE(reads("v")());
+  std::filesystem::rename(FFolder.File(), FFolder.Folder.Path("away"));
+  std::filesystem::create_directory(FFolder.File());
+  expectOnceAfter(milliseconds(50), reads("d"));
+  std::filesystem::remove(FFolder.File());
+  std::filesystem::rename(FFolder.Folder.Path("away"), FFolder.File());
+  expectOnceAfter(milliseconds(1'000), reads("v"));
+  EXPECT_FALSE(FFolder.Folder.Has("CfgBackups/x.cfg.bak"));
+  expectOnceAfter(std::chrono::hours(1), [&] {
+    store->WriteString("s", "l", "w");
+    return FFolder.Folder.Has("CfgBackups/x.cfg.bak");
+  });
+  Overwrite(0, std::string(200, '\x55'));
+  std::filesystem::create_directory(FFolder.File() + ".sqlnew");  // It stops the repair.
+  EXPECT_FALSE(store->OpenDatabase());
+  std::filesystem::remove(FFolder.File() + ".sqlnew");
+  expectOnceAfter(std::chrono::minutes(1), [&] { return store->OpenDatabase(); });
 }
 
 TEST_F(TKZSQLIniRecoveryTest, KeepsTheValuesOfAFileThatIsDeletedUnderAnOpenStore) {
@@ -213,73 +242,84 @@ TEST_F(TKZSQLIniRecoveryTest, KeepsTheValuesOfAFileThatIsDeletedUnderAnOpenStore
   store->WriteString("s", "k", "v");
   std::filesystem::remove(FFolder.File());
   EXPECT_TRUE(store->TryWriteString("s", "l", "w"));
-  EXPECT_EQ(store->ReadString("s", "k", ""), "v");
-  EXPECT_EQ(FFolder.Open()->ReadString("s", "k", ""), "v");
+  SQLite::Database other(FFolder.File(), SQLite::OPEN_READWRITE);
+  other.exec("BEGIN EXCLUSIVE");
+  FFolder.Clock.AtNextWait = [&] {
+    std::filesystem::remove(FFolder.File());
+    other.exec("COMMIT");
+  };
+  EXPECT_TRUE(store->TryWriteString("s", "m", "x"));
+  EXPECT_THAT(FFolder.Open()->ReadSectionValues("s"), ElementsAre("k=v", "l=w", "m=x"));
 }
 
-// Played back, it would put old pages into the file that was put together anew.
-TEST_F(TKZSQLIniRecoveryTest, PlaysNoJournalOfAnotherFileBack) {
-  FillStore();
-  {
-    SQLite::Database writer(FFolder.File(), SQLite::OPEN_READWRITE);
-    writer.exec("PRAGMA cache_size=1; BEGIN; UPDATE DATA SET VALUE='uncommitted'");
-    std::filesystem::copy_file(FFolder.File() + "-journal", FFolder.Folder.Path("journal"));
-  }
-  FFolder.Open()->WriteString("s", "k", "v");
-  std::filesystem::remove(FFolder.File());
-  std::filesystem::rename(FFolder.Folder.Path("journal"), FFolder.File() + "-journal");
-  const auto store = FFolder.Open();
-  EXPECT_EQ(store->ReadString("s", "k", ""), "v");
-  EXPECT_EQ(ReadableValues(*store), 2000);
-  EXPECT_GT(std::filesystem::file_size(FFolder.File() + "-previous-journal"), 0U);
-  EXPECT_EQ(FFolder.Ask("PRAGMA integrity_check"), "ok");
-}
-
-TEST_F(TKZSQLIniRecoveryTest, KeepsFiveBackupsADayApart) {
-  for (int day = 1; day <= 7; ++day) {
-    FFolder.Open()->WriteString("s", "day", std::to_string(day));
-    FFolder.Open()->WriteString("s", "later", std::to_string(day));
-    const auto made = std::filesystem::last_write_time(FFolder.Backup(".bak"));
-    std::filesystem::last_write_time(FFolder.Backup(".bak"), made - std::chrono::hours(24));
-  }
-  std::vector<std::string> days;
+TEST_F(TKZSQLIniRecoveryTest, KeepsFiveGoodBackupsADayApart) {
+  int number = 0;
+  const auto writeAfter = [&](std::chrono::seconds age) {
+    if (number > 0) {
+      const auto written = std::filesystem::last_write_time(FFolder.File());
+      std::filesystem::last_write_time(FFolder.Backup(".bak"), written - age);
+    }
+    FFolder.Open()->WriteString("s", "number", std::to_string(++number));
+  };
+  constexpr std::chrono::seconds kDay(86'400);
+  for (int day = 1; day <= 6; ++day) writeAfter(day % 2 == 0 ? kDay : -kDay - kDay / 2);
+  writeAfter(-kDay / 2);
+  writeAfter(kDay - std::chrono::seconds(60));
+  std::vector<std::string> numbers;
   for (const char* ending : {".bak", ".old", ".old1", ".old2", ".old3"}) {
-    days.push_back(
-        TSettingsFolder::AskOf(FFolder.Backup(ending), "SELECT VALUE FROM DATA WHERE NAME='day'"));
+    numbers.push_back(TSettingsFolder::AskOf(FFolder.Backup(ending), "SELECT VALUE FROM DATA"));
   }
-  EXPECT_THAT(days, ElementsAre("7", "6", "5", "4", "3"));
-}
+  EXPECT_THAT(numbers, ElementsAre("6", "5", "4", "3", "2"));
 
-TEST_F(TKZSQLIniRecoveryTest, TakesNoBackupOfADamagedFile) {
-  FillStore();
-  FFolder.Open()->WriteString("t", "k", "v");
-  std::filesystem::last_write_time(
-      FFolder.Backup(".bak"),
-      std::filesystem::file_time_type::clock::now() - std::chrono::hours(48));
-  Overwrite(FFolder.File(), LeafOf("DATA", 5), std::string(2048, '\x0f'));
-  FFolder.Open()->WriteString("t", "k", "w");
-  EXPECT_FALSE(FFolder.Folder.Has("CfgBackups/x.cfg.old"));
-  EXPECT_EQ(TSettingsFolder::AskOf(FFolder.Backup(".bak"), "PRAGMA integrity_check"), "ok");
+  FFolder.Run(
+      "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i+1 FROM n WHERE i<999)"
+      "INSERT INTO DATA SELECT 'key'||i,'value'||i,NULL,i+9,1 FROM n");
+  DamageLeaf("DATA", 5);
+  writeAfter(kDay);
+  EXPECT_EQ(TSettingsFolder::AskOf(FFolder.Backup(".bak"), "SELECT VALUE FROM DATA"), "6");
   EXPECT_THAT(FFolder.Lines(), HasSubstr("TKZSQLIniFile.BackUp Exception: "));
 }
 
-TEST_F(TKZSQLIniRecoveryTest, GivesEveryFileTheModeOfTheStore) {
-  FFolder.Open()->WriteString("s", "k", "v");
-  std::filesystem::remove_all(FFolder.Folder.Path("CfgBackups"));
-  ::chmod(FFolder.File().c_str(), 0600);
-  FFolder.Open()->WriteString("s", "k", "w");
-  FFolder.Folder.Write("x.cfg", "garbage");
-  EXPECT_EQ(FFolder.Open()->ReadString("s", "k", ""), "w");
-  for (const std::string& file : {FFolder.File(), FFolder.Backup(".bak")}) {
+TEST_F(TKZSQLIniRecoveryTest, GivesEveryFileTheModeAndTheOwnerOfTheStore) {
+  const auto look = [&](const std::string& name) {
     struct stat info {};
-    ASSERT_EQ(::stat(file.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0600U) << file;
+    if (::stat(FFolder.Folder.Path(name).c_str(), &info) != 0) return name + " is missing";
+    char text[50];
+    std::snprintf(text, sizeof(text), " %o of %u:%u", info.st_mode & 07777, info.st_uid,
+                  info.st_gid);
+    return name + text;
+  };
+  // Only root may give files away.
+  const uid_t user = ::geteuid() == 0 ? kNobody : ::geteuid();
+  const gid_t group = ::geteuid() == 0 ? kNobody : ::getegid();
+  const std::string of = " of " + std::to_string(user) + ":" + std::to_string(group);
+  const mode_t mask = ::umask(0);
+  std::ignore = FFolder.Open();
+  EXPECT_THAT(look("x.cfg"), HasSubstr("x.cfg 644 of"));
+  EXPECT_THAT(look("CfgBackups/x.cfg.lock"), HasSubstr(" 666 of"));
+  std::filesystem::remove_all(FFolder.Folder.Path("CfgBackups"));
+  for (const std::string& file : {FFolder.Folder.Path(), FFolder.File()}) {
+    ASSERT_EQ(::chown(file.c_str(), user, group), 0);
+    ASSERT_EQ(::chmod(file.c_str(), file == FFolder.File() ? 0640 : 0770), 0);
   }
+  FFolder.Open()->WriteString("s", "k", "v");
+  EXPECT_EQ(look("CfgBackups"), "CfgBackups 770" + of);
+  EXPECT_EQ(look("CfgBackups/x.cfg.bak"), "CfgBackups/x.cfg.bak 640" + of);
+  FFolder.Folder.Write("x.cfg", std::string(5000, 'g'));
+  UseTool("exec 3>&1; stat -L -c 'x.cfg.sqltmp %a of %u:%g' /proc/self/fd/3 >\"$0.seen\"");
+  EXPECT_FALSE(FFolder.Open()->AttemptRepair());
+  EXPECT_EQ(FFolder.Folder.Read("tool/sqlite3.seen"), "x.cfg.sqltmp 640" + of + "\n");
+  UseTool("echo 'ROLLBACK;'");
+  FFolder.Clock.Advance(std::chrono::minutes(1));
+  EXPECT_TRUE(FFolder.Open()->AttemptRepair());
+  ::umask(mask);
+  EXPECT_EQ(look("x.cfg"), "x.cfg 640" + of);
+  EXPECT_EQ(look("x.cfg-previous"), "x.cfg-previous 640" + of);
 }
 
 // As a user who may not do everything: root may write to any file.
 int AsOrdinaryUser(const std::vector<std::string>& arguments) {
-  if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) return 1;
+  if (::geteuid() == 0 && (::setgid(kNobody) != 0 || ::setuid(kNobody) != 0)) return 1;
   TKZSQLIniFile store(arguments.front());
   std::fprintf(stderr, "read %s\n", store.ReadString("s", "k", "nothing").c_str());
   store.WriteString("s", "k", "one");
@@ -300,8 +340,7 @@ TEST_F(TKZSQLIniRecoveryTest, ReadsAFileItMayNotWriteAndFailsOnOneItMayNotRead) 
   };
   const std::string message = "Config file is read-only. Cannot save updated profile status.\n";
   EXPECT_EQ(outputAt(0444), "read v\n" + message + message + "read v\n");
-  const std::string denied = "Cannot open" + FFolder.File() + ": Permission Denied\n";
-  EXPECT_THAT(outputAt(0200), HasSubstr(denied));
+  EXPECT_THAT(outputAt(0200), HasSubstr("Cannot open" + FFolder.File() + ": Permission Denied\n"));
 }
 
 int OnFullDisk(const std::vector<std::string>& arguments) {
@@ -319,22 +358,92 @@ TEST_F(TKZSQLIniRecoveryTest, KeepsTheOldValueWhenTheDiskIsFull) {
   TProgram child({"/proc/self/exe", "--child", "SqlIniFullDisk", FFolder.File()});
   EXPECT_EQ(child.Wait(), 0) << child.Output();
   EXPECT_THAT(child.Output(), HasSubstr("TKZSQLIniFile.WriteString Exception: "));
-  EXPECT_THAT(child.Output(), HasSubstr("Retrying the failed operation"));
-  EXPECT_THAT(child.Output(), HasSubstr("NOT retrying the failed operation"));
   EXPECT_EQ(FFolder.Open()->ReadString("s", "k", ""), "w");
 }
 
-TEST_F(TKZSQLIniRecoveryTest, RepairsAFileWithAnyName) {
-  const std::string file = FFolder.Folder.Path("it's $HOME \"x\" `y`\n;.cfg");
-  { TKZSQLIniFile(file).WriteString("s", "k", "v"); }
-  std::filesystem::remove_all(FFolder.Folder.Path("CfgBackups"));
-  // The index of the names alone, so that the tool has to read the row.
-  const auto page = std::stol(TSettingsFolder::AskOf(
-      file, "SELECT rootpage FROM sqlite_master WHERE name='sqlite_autoindex_DATA_1'"));
-  Overwrite(file, 2048 * (page - 1), std::string(2048, '\x0f'));
-  TKZSQLIniFile store(file);
-  EXPECT_TRUE(store.TryWriteString("s", "l", "w"));
-  EXPECT_EQ(store.ReadString("s", "k", ""), "v");
+// Says on standard output, which is a file, what has been written; one call, so that a kill leaves
+// no half line.
+void Report(const std::string& key, int value) {
+  const std::string line = "+ " + key + " " + std::to_string(value) + "\n";
+  if (::write(STDOUT_FILENO, line.data(), line.size()) < 0) std::abort();
+}
+
+// The last value of each key that was reported. Whatever else the program has said is a failure.
+std::map<std::string, int> Reported(const TProgram& program) {
+  std::map<std::string, int> values;
+  std::istringstream lines(program.Output());
+  std::string mark;
+  std::string key;
+  while (lines >> mark >> key >> values[key]) EXPECT_EQ(mark, "+") << program.Output();
+  return values;
+}
+
+// Four threads write until the process is killed. Two threads share a store; two have one each.
+int WriteUntilKilled(const std::vector<std::string>& arguments) {
+  TKZSQLIniFile shared(arguments[0]);
+  TCrew(4, [&](int index) {
+    std::unique_ptr<TKZSQLIniFile> own;
+    if (index >= 2) own = std::make_unique<TKZSQLIniFile>(arguments[0]);
+    TKZSQLIniFile& store = own ? *own : shared;
+    for (int i = std::stoi(arguments[2]);; ++i) {
+      const std::string key = arguments[1] + std::to_string(4 * (i % 5) + index);
+      // Values of both kinds, and long enough for pages of their own.
+      const std::string value = std::to_string(i) + (i % 3 == 0 ? std::string(3000, '.') : "");
+      Report(store.TryWriteString("s", key, value) ? key : "refused", i);
+      store.WriteString("shared", "key", key);
+      if (store.ReadString("shared", "key", "").empty()) Report("lost", i);
+    }
+  }).Join();
+  return 0;
+}
+const TRegisterChild kWriteUntilKilled("SqlIniWriteUntilKilled", WriteUntilKilled);
+
+TEST_F(TKZSQLIniRecoveryTest, LosesNoReportedWriteOfThreeProcessesThatAreKilled) {
+  FFolder.Open()->WriteString("s", "k", "v");
+  std::mt19937 random(1);
+  for (int round = 0; round < 4; ++round) {
+    std::vector<std::unique_ptr<TProgram>> writers;
+    for (const char* name : {"a", "b", "c"}) {
+      writers.push_back(std::make_unique<TProgram>(
+          std::vector<std::string>{"/proc/self/exe", "--child", "SqlIniWriteUntilKilled",
+                                   FFolder.File(), name, std::to_string(round * 100'000)}));
+    }
+    for (const auto& writer : writers) {
+      ASSERT_TRUE(Eventually([&] { return Reported(*writer).size() >= 4; }));
+      SystemClock().Sleep(milliseconds(random() % 30));
+      writer->Signal(SIGKILL);
+      ASSERT_EQ(writer->Wait(), -SIGKILL);
+    }
+    const auto store = FFolder.Open();
+    for (const auto& writer : writers) {
+      for (const auto& [key, value] : Reported(*writer)) {
+        const std::string found = store->ReadString("s", key, "0");
+        // One more may have been written than was reported.
+        ASSERT_GE(std::stoi(found), value) << key << " in " << writer->Output();
+        ASSERT_EQ(found.size() > 1000, std::stoi(found) % 3 == 0) << key;
+      }
+    }
+  }
+  EXPECT_EQ(FFolder.Ask("PRAGMA integrity_check"), "ok");
+  EXPECT_THAT(FFolder.Lines(), Not(HasSubstr("Exception")));
+}
+
+TEST_F(TKZSQLIniRecoveryTest, RefusesAStoreThatWasOpenedBeforeAFork) {
+  auto store = FFolder.Open();
+  store->WriteString("s", "k", "v");
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const bool refused = !store->TryWriteString("s", "k", "w") && !store->OpenDatabase() &&
+                         store->ReadString("s", "k", "d") == "d";
+    store.reset();  // It has changed, yet the child takes no backup.
+    ::_exit(refused ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_THAT(FFolder.Lines(), HasSubstr("The file was opened before a fork."));
+  EXPECT_FALSE(FFolder.Folder.Has("CfgBackups/x.cfg.bak"));
+  EXPECT_TRUE(store->TryWriteString("s", "k", "x"));
 }
 
 }  // namespace

@@ -2,52 +2,68 @@
 
 #include <SQLiteCpp/Database.h>
 
+#include <algorithm>
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
-#include "common/Clock.h"
-#include "common/ErrorLog.h"
 #include "config/KZSqlIniFiles.h"
+#include "support/ErrorLogInFolder.h"
+#include "support/FakeClock.h"
 #include "support/TempFolder.h"
 
 namespace guardian {
+
+// A clock that is at the end of each wait at once. Each begins a day after the one before, so that
+// no message of an earlier test is withheld from a later one.
+class TImpatientClock final : public TFakeClock {
+ public:
+  TImpatientClock() {
+    static int made = 0;
+    Advance(std::chrono::hours(24) * ++made);
+  }
+  bool WaitUntil(TMutex& /*mutex*/, TCondition& /*condition*/, std::int64_t deadlineTick,
+                 const std::function<bool()>& predicate) override {
+    if (const auto act = std::exchange(AtNextWait, nullptr)) act();
+    Advance(std::chrono::milliseconds(std::max<std::int64_t>(0, deadlineTick - TickCount())));
+    return predicate();
+  }
+
+  std::function<void()> AtNextWait;
+};
 
 // A folder with one settings file, and the error log in another folder.
 // Owner: the test. Threads: the main thread's.
 class TSettingsFolder {
  public:
-  TSettingsFolder() { [[maybe_unused]] const bool open = ErrorLog().Open(FLog.Path("errors.log")); }
-  ~TSettingsFolder() { ErrorLog().Close(); }
-  TSettingsFolder(const TSettingsFolder&) = delete;
-  TSettingsFolder& operator=(const TSettingsFolder&) = delete;
-
   [[nodiscard]] std::string File() const { return Folder.Path("x.cfg"); }
   [[nodiscard]] std::string Backup(const std::string& ending) const {
     return Folder.Path("CfgBackups/x.cfg" + ending);
   }
 
   [[nodiscard]] std::unique_ptr<TKZSQLIniFile> Open(
-      TSqlIniAccess access = TSqlIniAccess::ReadWrite) const {
-    return std::make_unique<TKZSQLIniFile>(File(), access);
+      TSqlIniAccess access = TSqlIniAccess::ReadWrite) {
+    return std::make_unique<TKZSQLIniFile>(File(), access, Clock);
   }
 
   // The first column of the first row, by a connection of its own.
   [[nodiscard]] std::string Ask(const std::string& query) const { return AskOf(File(), query); }
   [[nodiscard]] static std::string AskOf(const std::string& file, const std::string& query) {
-    SQLite::Database connection(file, SQLite::OPEN_READWRITE, 5000);
-    return connection.execAndGet(query).getString();
+    return SQLite::Database(file, SQLite::OPEN_READWRITE, 5000).execAndGet(query).getString();
   }
   void Run(const std::string& statements) const {
     SQLite::Database(File(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE, 5000).exec(statements);
   }
 
   // The failure lines so far.
-  [[nodiscard]] std::string Lines() const { return FLog.Read("errors.log"); }
+  [[nodiscard]] std::string Lines() const { return FLog.Text(); }
 
   TTempFolder Folder;
+  TImpatientClock Clock;
 
  private:
-  TTempFolder FLog;
+  TErrorLogInFolder FLog;
 };
 
 }  // namespace guardian

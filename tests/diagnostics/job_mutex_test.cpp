@@ -263,8 +263,9 @@ TEST_F(TJobMutexTest, IsUnregisteredByHandleOrNumber) {
   FRegistry.Unregister(123'456, 2);
   FRegistry.Unregister(0, 99);
   EXPECT_THAT(Entries(), ElementsAre(open));
-  EXPECT_EQ(FErrorLog.Text(),
-            "Unable to unregister mutex #123456\nKnown Job Mutex List:\nB.mutex\n\n");
+  const std::string now = DateTimeToStr(FClock.Now());
+  EXPECT_EQ(FErrorLog.Text(), now + " Unable to unregister mutex #123456\n" + now +
+                                  " Known Job Mutex List:\nB.mutex\n\n");
   EXPECT_FALSE(FRegistry.ReportNeeded);
 
   const TFileHandle openHandle = open->Info.Handle;

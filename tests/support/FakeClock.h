@@ -12,7 +12,7 @@ namespace guardian {
 // Time that moves by Advance alone. Wall and steady time can be moved apart.
 // Threads: any. Whoever waits on it looks at the time every millisecond of real time, so a waiter
 // may come and go at any moment.
-class TFakeClock final : public TClock {
+class TFakeClock : public TClock {
  public:
   TDateTime Now() const override { return FWall.load(); }
   TDateTime UtcNow() const override { return FWall.load(); }

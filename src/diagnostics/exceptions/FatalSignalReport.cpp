@@ -180,7 +180,6 @@ void AddPlace(TSignalText& text, std::uintptr_t code) noexcept {
 
 // In UTC, since the C library takes locks for the local time.
 void AddUtcTime(TSignalText& text) noexcept {
-  constexpr std::int64_t kUnixEpochDays = 25'569;
   constexpr int kSecondsPerDay = 86'400;
   const auto seconds = std::llround(SystemClock().UtcNow() * kSecondsPerDay);
   const std::chrono::year_month_day date{

@@ -21,8 +21,6 @@
 namespace guardian {
 namespace {
 
-constexpr std::int64_t kMillisecondsPerDay = 86'400'000;
-
 std::int64_t Milliseconds(TDateTime days) {
   return std::llround(days * static_cast<double>(kMillisecondsPerDay));
 }

@@ -69,8 +69,8 @@ void TKZLogFile::FormLineLocked(std::string_view text) {
 // Local time is slow to compute and format, and lines come in bursts. So the text is made once for
 // each second.
 const std::string& TKZLogFile::TimeTextLocked() {
-  constexpr TDateTime kMillisecondsPerDay = 86'400'000;
-  const std::int64_t second = std::llround(FClock.UtcNow() * kMillisecondsPerDay) / 1000;
+  const std::int64_t second =
+      std::llround(FClock.UtcNow() * static_cast<TDateTime>(kMillisecondsPerDay)) / 1000;
   if (second != FTimeTextSecond) {
     FTimeText = DateTimeToStr(FClock.Now());
     FTimeTextSecond = second;

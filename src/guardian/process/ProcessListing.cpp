@@ -8,10 +8,6 @@
 namespace guardian {
 namespace {
 
-bool Contains(std::string_view text, std::string_view part) {
-  return text.find(part) != std::string_view::npos;
-}
-
 bool IsOptionError(std::string_view output) {
   return Contains(output, "unsupported option") || Contains(output, "invalid option") ||
          Contains(output, "unrecognized option");

@@ -21,6 +21,7 @@
 #include "common/Cancellation.h"
 #include "common/Clock.h"
 #include "common/NeverDestroyed.h"
+#include "common/SignalBlock.h"
 #include "diagnostics/KZCriticalSection.h"
 
 namespace guardian {
@@ -81,23 +82,6 @@ class TSpawnSetup {
 
   posix_spawn_file_actions_t Actions;
   posix_spawnattr_t Attributes;
-};
-
-// Blocks every signal of this thread for a scope, so that no handler of ours runs in a forked
-// child.
-class TSignalBlock {
- public:
-  TSignalBlock() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &FBefore);
-  }
-  ~TSignalBlock() { pthread_sigmask(SIG_SETMASK, &FBefore, nullptr); }
-  TSignalBlock(const TSignalBlock&) = delete;
-  TSignalBlock& operator=(const TSignalBlock&) = delete;
-
- private:
-  sigset_t FBefore;
 };
 
 // The child of a fork: other threads may have held any lock, so only async-signal-safe calls are
@@ -173,7 +157,8 @@ int TShellChild::Spawn(const std::vector<std::string>& arguments, int output) {
 int TShellChild::Fork(const std::vector<std::string>& arguments) {
   TAbandonedChildren::Instance().ReapEnded();
   const std::vector<char*> pointers = Pointers(arguments);
-  const TSignalBlock block;
+  // No handler of ours runs in the forked child.
+  const TSignalBlock block(AllSignals());
   const pid_t pid = ::fork();
   if (pid == -1) return errno;
   if (pid == 0) ReplaceWithProgram(pointers.data());
