@@ -18,6 +18,7 @@
 #include <system_error>
 #include <vector>
 
+#include "common/AtEnd.h"
 #include "common/Cancellation.h"
 #include "common/Clock.h"
 #include "common/NeverDestroyed.h"
@@ -31,7 +32,7 @@ using std::chrono::milliseconds;
 constexpr milliseconds kRound(50);      // Between looks at the size of the output.
 constexpr milliseconds kPollRound(10);  // Where nothing tells of the child's end.
 
-// The arguments as exec takes them; lives as long as the texts.
+// The arguments as exec takes them; valid as long as the texts.
 std::vector<char*> Pointers(const std::vector<std::string>& arguments) {
   std::vector<char*> pointers;
   pointers.reserve(arguments.size() + 1);
@@ -42,7 +43,7 @@ std::vector<char*> Pointers(const std::vector<std::string>& arguments) {
   return pointers;
 }
 
-// What posix_spawn is to do in the child.
+// The instructions for posix_spawn.
 class TSpawnSetup {
  public:
   TSpawnSetup() {
@@ -83,23 +84,6 @@ class TSpawnSetup {
   posix_spawnattr_t Attributes;
 };
 
-// Blocks every signal of this thread for a scope, so that no handler of ours runs in a forked
-// child.
-class TSignalBlock {
- public:
-  TSignalBlock() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &FBefore);
-  }
-  ~TSignalBlock() { pthread_sigmask(SIG_SETMASK, &FBefore, nullptr); }
-  TSignalBlock(const TSignalBlock&) = delete;
-  TSignalBlock& operator=(const TSignalBlock&) = delete;
-
- private:
-  sigset_t FBefore;
-};
-
 // The child of a fork: other threads may have held any lock, so only async-signal-safe calls are
 // made. Descriptors that are not close-on-exec are closed where the kernel has a call for it.
 [[noreturn]] void ReplaceWithProgram(char* const* arguments) noexcept {
@@ -113,8 +97,8 @@ class TSignalBlock {
   ::_exit(127);
 }
 
-// Children that even SIGKILL did not end in time, as when they wait for a dead disk; they become
-// zombies of ours whenever they do end.
+// Children that even SIGKILL did not end in time, as when they wait for a dead disk. Each becomes a
+// zombie of this process once it does end.
 // Owner: process-wide. Threads: any.
 class TAbandonedChildren {
  public:
@@ -138,8 +122,8 @@ class TAbandonedChildren {
   std::vector<pid_t> FPids KZ_GUARDED_BY(FLock);
 };
 
-// Whether a line of /proc/<pid>/stat is that of a living member of the group. The name in it may
-// hold anything, so the fields are counted from its last parenthesis.
+// Whether the text of a /proc/<pid>/stat shows a living member of the group. The program's name in
+// it may hold anything, so the fields are counted from the last parenthesis.
 bool IsLivingMember(const std::string& stat, pid_t group) {
   const std::size_t name = stat.rfind(')');
   if (name == std::string::npos || name + 4 > stat.size()) return false;
@@ -158,6 +142,7 @@ TShellChild::~TShellChild() {
 }
 
 int TShellChild::Spawn(const std::vector<std::string>& arguments, int output) {
+  FThread.Check();
   TAbandonedChildren::Instance().ReapEnded();
   TSpawnSetup setup;
   if (const int error = setup.Prepare(output); error != 0) return error;
@@ -171,13 +156,19 @@ int TShellChild::Spawn(const std::vector<std::string>& arguments, int output) {
 }
 
 int TShellChild::Fork(const std::vector<std::string>& arguments) {
+  FThread.Check();
   TAbandonedChildren::Instance().ReapEnded();
   const std::vector<char*> pointers = Pointers(arguments);
-  const TSignalBlock block;
+  // No handler of this process may run in the child.
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  const TAtEnd restore([&before] { pthread_sigmask(SIG_SETMASK, &before, nullptr); });
   const pid_t pid = ::fork();
   if (pid == -1) return errno;
   if (pid == 0) ReplaceWithProgram(pointers.data());
-  // In both processes: whichever comes first, the group is there before anybody signals it.
+  // Parent and child both call setpgid, so that the group exists before either goes on.
   ::setpgid(pid, pid);
   FPid = pid;
   return 0;
@@ -185,6 +176,7 @@ int TShellChild::Fork(const std::vector<std::string>& arguments) {
 
 void TShellChild::Wait(TShellEnding& ending, const std::function<std::uint64_t()>& outputBytes,
                        const TCancellation* cancellation) {
+  FThread.Check();
   while (FPid != 0) {
     const bool isBeingEnded = ending.Reason() != TShellEnd::Exited;
     if (HasEnded() && (FLost || !isBeingEnded || !GroupIsAlive())) return Reap();
@@ -214,7 +206,7 @@ bool TShellChild::HasEnded() {
   return FEnded;
 }
 
-// True also where the processes cannot be seen: the group then gets its full time and SIGKILL.
+// True also where /proc cannot be read: the group then gets its full time and SIGKILL.
 bool TShellChild::GroupIsAlive() const {
   std::error_code error;
   std::filesystem::directory_iterator entries("/proc", error);
@@ -232,8 +224,8 @@ bool TShellChild::GroupIsAlive() const {
 
 void TShellChild::SignalGroup(int number) const noexcept { ::kill(-FPid, number); }
 
-// A zombie or a cancellation that is under way stays readable for ever and would make the wait a
-// spin.
+// Does not poll the handle of a zombie nor a cancellation that has happened: both stay readable for
+// ever, and the wait would become a spin.
 void TShellChild::Pause(const TShellEnding& ending, const TCancellation* cancellation) const {
   const bool tellsOfEnd = FEnded || FPidHandle;
   const bool listens = cancellation != nullptr && !cancellation->IsCancelled();
