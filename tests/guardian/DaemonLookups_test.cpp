@@ -12,10 +12,7 @@ namespace guardian {
 namespace {
 
 TEST(DaemonPathTest, IsFoundBesideTheGuardianInEveryLayout) {
-  const struct {
-    const char* Own;
-    const char* Daemon;
-  } cases[] = {
+  const std::map<std::string, std::string> daemons = {
       {"/usr/local/bin/VellumarkGuardian", "/usr/local/bin/VellumarkCL"},
       {"/share/.qpkg/VellumarkGuardian/VellumarkGuardian", "/share/.qpkg/VellumarkCL/VellumarkCL"},
       {"/opt/VellumarkGuardian/bin/VellumarkGuardian", "/opt/Vellumark/bin/VellumarkCL"},
@@ -24,7 +21,7 @@ TEST(DaemonPathTest, IsFoundBesideTheGuardianInEveryLayout) {
       {"/x/VellumarkGuardian/VellumarkGuardian/VellumarkGuardian",
        "/x/Vellumark/VellumarkCL/VellumarkCL"},
   };
-  for (const auto& [own, daemon] : cases) EXPECT_EQ(DaemonPathBeside(own), daemon) << own;
+  for (const auto& [own, daemon] : daemons) EXPECT_EQ(DaemonPathBeside(own), daemon);
 }
 
 TEST(DaemonConfDirTest, FollowsTheLayoutOfTheBox) {

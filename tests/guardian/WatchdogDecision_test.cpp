@@ -94,9 +94,14 @@ TEST_F(WatchdogDecisionTest, AStillPulseMakesItAskAndNeverRestart) {
   }
 }
 
-TEST_F(WatchdogDecisionTest, ADeadDaemonIsStartedInEachRoundAndNothingElseIsCounted) {
-  FSeen.MutexOK = FSeen.PipeOK = FSeen.ServiceOK = false;
-  for (int round = 1; round <= 20; ++round) {
+TEST_F(WatchdogDecisionTest, ADeadDaemonIsStartedAndALostMutexAsksForTheTimer) {
+  FSeen.MutexOK = false;
+  EXPECT_THAT(RoundAt(10),
+              ElementsAre("log: Status: Mutex=N Service=Y Pipe=Y Pulse: 0", "send msgStartTimer",
+                          "error 1/16: Mutex not OK - start timer command sent to service.",
+                          "log: Mutex failure counter = 1"));
+  FSeen.PipeOK = FSeen.ServiceOK = false;
+  for (int round = 2; round <= 20; ++round) {
     EXPECT_THAT(RoundAt(10 * round),
                 ElementsAre("log: Status: Mutex=N Service=N Pipe=N Pulse: 0",
                             "error 1/16: Service not running - need to start service.", "start"));
@@ -120,14 +125,6 @@ TEST_F(WatchdogDecisionTest, ALostPipeEscalatesFromTheSixthRoundOn) {
   FSeen.PipeOK = true;
   EXPECT_THAT(RoundAt(310), IsEmpty());
   EXPECT_EQ(FState.RestartAttempts + FState.PipeFailures, 0);
-}
-
-TEST_F(WatchdogDecisionTest, ALostMutexAsksForTheTimerAtOnce) {
-  FSeen.MutexOK = false;
-  EXPECT_THAT(RoundAt(10),
-              ElementsAre("log: Status: Mutex=N Service=Y Pipe=Y Pulse: 0", "send msgStartTimer",
-                          "error 1/16: Mutex not OK - start timer command sent to service.",
-                          "log: Mutex failure counter = 1"));
 }
 
 TEST(FreshProcessCheckTest, IsSkippedOnlyWhenAllWasWell) {

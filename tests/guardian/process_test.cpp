@@ -12,6 +12,7 @@
 #include "guardian/ProcessTestSupport.h"
 #include "guardian/process/ShellChild.h"
 #include "guardian/process/ShellCommand.h"
+#include "guardian/process/ShellEnding.h"
 #include "support/Crew.h"
 #include "support/SettingsBackup.h"
 #include "support/ThrownMessage.h"
@@ -30,6 +31,46 @@ TShellCommand Command(const std::string& line) {
   command.CommandLine = line;
   command.Timeout = std::chrono::seconds(kHangLimitSec);
   return command;
+}
+
+// Asked every millisecond, the ending takes each step in exactly the millisecond of its limit.
+TEST(ShellEndingTest, TakesEachStepAtItsLimit) {
+  constexpr std::int64_t kNever = 100'000;
+  constexpr std::uint64_t kMost = 134'217'728;
+  const struct {
+    int TimeoutMs;
+    std::uint64_t OutputBytes;
+    std::int64_t CancelledAt;
+    std::int64_t AsleepAt;  // For an hour.
+    const char* Steps;
+    TShellEnd Reason;
+  } cases[] = {
+      {500, kMost, kNever, kNever, "terminate 500, kill 2500, give up 4500, ", TShellEnd::TimedOut},
+      {9'000, kMost, kNever, kNever, "", TShellEnd::Exited},
+      {500, kMost + 1, kNever, kNever, "terminate 0, kill 2000, give up 4000, ",
+       TShellEnd::TooMuchOutput},
+      {9'000, 0, 50, kNever, "terminate 50, kill 550, give up 850, ", TShellEnd::Cancelled},
+      {0, 0, 100, kNever, "terminate 0, kill 600, give up 900, ", TShellEnd::TimedOut},
+      {0, 0, 1900, kNever, "terminate 0, kill 2000, give up 2300, ", TShellEnd::TimedOut},
+      {0, 0, 2100, kNever, "terminate 0, kill 2000, give up 2400, ", TShellEnd::TimedOut},
+      {5'000, 0, kNever, 300, "terminate 3604000, kill 3606000, ", TShellEnd::TimedOut},
+  };
+  for (const auto& expected : cases) {
+    SCOPED_TRACE(expected.Steps);
+    TShellEnding ending(std::chrono::milliseconds(expected.TimeoutMs), 0);
+    std::string steps;
+    for (std::int64_t round = 0; round < 8'000; ++round) {
+      constexpr const char* kNames[] = {"", "terminate ", "kill ", "give up "};
+      const std::int64_t now = round < expected.AsleepAt ? round : round + 3'599'999;
+      const auto action = ending.Decide(now, expected.OutputBytes, round >= expected.CancelledAt);
+      if (action != TShellAction::Wait) {
+        steps += kNames[static_cast<int>(action)] + std::to_string(now) + ", ";
+      }
+      if (action == TShellAction::GiveUp) break;
+    }
+    EXPECT_EQ(steps, expected.Steps);
+    EXPECT_EQ(ending.Reason(), expected.Reason);
+  }
 }
 
 // Whether this process has a child, running or not yet reaped.
@@ -125,22 +166,30 @@ TEST_P(ProcessRunnersTest, ReturnsOutputAndStatusOfTheShellUnderAnySignals) {
   ::signal(SIGALRM, before);
 }
 
+// Looks without a shell, since some shells clear the mask that they are started with.
 TEST_P(ProcessRunnersTest, ChildStartsCleanWhateverTheParentHolds) {
-  const TFileDescriptor low(::open("/dev/null", O_RDONLY));
+  const TFileDescriptor low(::open("/dev/null", O_RDWR));
   const TFileDescriptor high(::fcntl(low.Get(), F_DUPFD, 500));
-  ASSERT_GE(high.Get(), 500);
   sigset_t all;
   sigset_t before;
   sigfillset(&all);
   ASSERT_EQ(pthread_sigmask(SIG_SETMASK, &all, &before), 0);
   const auto oldPipe = ::signal(SIGPIPE, SIG_IGN);
-  const auto oldHangup = ::signal(SIGHUP, SIG_IGN);
-  const TRun run = RunLine(R"({ grep -E "SigBlk|SigIgn" /proc/self/status; ls /proc/self/fd; })");
+  const std::string fd = "/proc/self/fd/";
+  const std::vector<std::string> programs[] = {
+      {"/bin/grep", "-qE", "SigBlk:.0+$", "/proc/self/status"},
+      {"/bin/grep", "-qE", "SigIgn:.0+$", "/proc/self/status"},
+      {"/usr/bin/test", "!", "-e", fd + "500", "-a", "!", "-e", fd + std::to_string(low.Get())}};
+  for (const std::vector<std::string>& program : programs) {
+    TShellChild child;
+    ASSERT_EQ(GetParam() ? child.Fork(program) : child.Spawn(program, low.Get()), 0);
+    TShellEnding ending(std::chrono::seconds(kHangLimitSec), SystemTickCount());
+    child.Wait(
+        ending, [] { return std::uint64_t{0}; }, nullptr);
+    EXPECT_EQ(child.ExitCode(), 0) << program[2];
+  }
   ::signal(SIGPIPE, oldPipe);
-  ::signal(SIGHUP, oldHangup);
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  // Descriptor 3 is the folder that ls reads.
-  EXPECT_EQ(run.Output, "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n0\n1\n2\n3\n");
 }
 
 TEST_P(ProcessRunnersTest, DoesNotWaitForBackgroundProcess) {
@@ -251,22 +300,18 @@ TEST_F(ProcessTest, DoesNotWaitForAFileThatIsLeased) {
 }
 
 TEST_F(ProcessTest, FailsWithoutTempFile) {
-  FWork.Write("file", "");
-  for (const char* name : {"missing", "file"}) {
-    SCOPED_TRACE(name);
-    Settings().TempDirectory.Set(FWork.Path(name));
+  for (const char* name : {"missing", "/dev/null"}) {
+    const std::string folder = FWork.Path(name);
+    Settings().TempDirectory.Set(name[0] == '/' ? name : folder);
     TRun run;
     EXPECT_THAT(ThrownMessage([&] {
-                  RunShellCmdWithOutput(run.Output, "touch '" + FWork.Path("ran") + "'",
-                                        kHangLimitSec, true, "", run.ExitCode);
+                  RunShellCmdWithOutput(run.Output, "touch " + folder, 60, true, "", run.ExitCode);
                 }),
-                MatchesRegex("Error executing touch .*/ran' >\"" + FWork.Path(name) +
-                             "/.*: No.* directory \\(errno 20?\\)"));
-    EXPECT_EQ(run.Output, "");
-    EXPECT_EQ(run.ExitCode, -1);
+                MatchesRegex("Error executing touch .* >\"/.*: No.* directory \\(errno 20?\\)"));
     EXPECT_THAT(KZCP::CurrentCP(CurrentThreadId()), StartsWith("errno: 2"));
+    EXPECT_EQ(run.Output + std::to_string(run.ExitCode), "-1");
     EXPECT_EQ(RunLine("true").ExitCode, -1);
-    EXPECT_FALSE(FWork.Has("ran"));
+    EXPECT_TRUE(std::filesystem::is_empty(FWork.Path()));
   }
 }
 
