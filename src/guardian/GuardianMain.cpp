@@ -13,6 +13,7 @@
 #include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exception_report.h"
 #include "guardian/GuardianService.h"
+#include "guardian/RunCommand.h"
 #include "guardian/SystemLog.h"
 #include "guardian/Units.h"
 #include "guardian/process.h"
@@ -25,23 +26,6 @@ namespace guardian {
 namespace {
 
 constexpr const char* kGuardianAddress = "localhost:8900/";
-
-TShellOutcome RunCommand(const std::string& commandLine, int timeoutSec,
-                         const TCancellation& stopping) {
-  constexpr int kNotEnded = -1;
-  TShellOutcome outcome;
-  int exitCode = 0;
-  try {
-    RunShellCmdWithOutput(outcome.Output, commandLine, timeoutSec, true, "", exitCode, &stopping);
-    if (exitCode == kNotEnded && !stopping.IsCancelled()) {
-      outcome.Problem = "Ended after " + std::to_string(timeoutSec) +
-                        " seconds or for too much output: " + commandLine;
-    }
-  } catch (const KZException& error) {
-    outcome.Problem = error.Message();
-  }
-  return outcome;
-}
 
 void RunGuardian(TClock& clock) {
   BindMainThread();

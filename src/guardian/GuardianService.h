@@ -13,19 +13,13 @@
 #include "guardian/DaemonControl.h"
 #include "guardian/DaemonLookups.h"
 #include "guardian/DaemonProcess.h"
+#include "guardian/RunCommand.h"
 #include "guardian/WatchdogDecision.h"
 #include "ipc/scheduler_client.h"
 #include "webstatus/ActivityLog.h"
 #include "webstatus/GuardianControl.h"
 
 namespace guardian {
-
-// The result of a shell command.
-struct TShellOutcome {
-  std::string Output;
-  // A line for the log when the command could not be run or had to be ended; otherwise empty.
-  std::string Problem;
-};
 
 // What the service sees of the machine. Everything outlives the service.
 struct TGuardianSurroundings {

@@ -1,11 +1,14 @@
-#include "guardian/SystemLog.h"
-
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <string>
 
 #include "common/Cancellation.h"
+#include "common/Settings.h"
+#include "guardian/RunCommand.h"
+#include "guardian/SystemLog.h"
+#include "support/SettingsBackup.h"
 #include "support/TempFolder.h"
 
 namespace guardian {
@@ -35,6 +38,21 @@ TEST(SystemLogTest, GivesTheFirstToolItsPlainArgumentsAlsoWhileTheProcessStops) 
   install("write_log", "exec sleep 100");
   stopping.Cancel();
   EXPECT_EQ(told(TSystemLogKind::Information), "[" + kNasty + "][4]");
+}
+
+TEST(RunCommandTest, SaysWhyACommandDidNotEndByItself) {
+  const TSettingsBackup settings;
+  TCancellation stopping;
+  const auto problem = [&](int timeoutSec) {
+    return RunCommand("echo said; sleep 0.1", timeoutSec, stopping).Problem;
+  };
+  EXPECT_EQ(problem(60), "");
+  EXPECT_EQ(RunCommand("echo said", 60, stopping).Output, "said\n");
+  EXPECT_EQ(problem(0), "Ended after 0 seconds or for too much output: echo said; sleep 0.1");
+  Settings().TempDirectory.Set("/missing");
+  EXPECT_THAT(problem(60), testing::StartsWith("Error executing echo said; sleep 0.1 >"));
+  stopping.Cancel();
+  EXPECT_EQ(problem(60), "");
 }
 
 }  // namespace
