@@ -33,16 +33,12 @@ inline constexpr int kHangLimitSec = 60;  // Bounds failure only.
 // The exit code of a child that this machine does not let run.
 inline constexpr int kNotAllowedHere = 77;
 
-// From now on the system call fails in this process, as on a machine that lacks or forbids it; with
-// a first argument only the calls that pass it. Returns whether that could be arranged.
-inline bool MakeCallFail(long number, int error, std::uint32_t firstArgument = 0) {
-  const auto offset = [](std::size_t bytes) { return static_cast<std::uint32_t>(bytes); };
-  const std::uint8_t skipArgument = firstArgument == 0 ? 2 : 0;
+// From now on the system call fails in this process, as on a machine that lacks or forbids it.
+// Returns whether that could be arranged.
+inline bool MakeCallFail(long number, int error) {
   sock_filter filter[] = {
-      {BPF_LD | BPF_W | BPF_ABS, 0, 0, offset(offsetof(seccomp_data, nr))},
-      {BPF_JMP | BPF_JEQ | BPF_K, skipArgument, 3, static_cast<std::uint32_t>(number)},
-      {BPF_LD | BPF_W | BPF_ABS, 0, 0, offset(offsetof(seccomp_data, args))},
-      {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, firstArgument},
+      {BPF_LD | BPF_W | BPF_ABS, 0, 0, static_cast<std::uint32_t>(offsetof(seccomp_data, nr))},
+      {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, static_cast<std::uint32_t>(number)},
       {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(error)},
       {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
   };
