@@ -216,7 +216,8 @@ TEST_P(ProcessRunnersTest, CancellationEndsTheWholeGroupButNotWhatLeftIt) {
 
 TEST_P(ProcessRunnersTest, TimeoutEndsCommandAndACancelledOneDoesNotStart) {
   for (const int timeoutSec : {0, -5}) EXPECT_EQ(RunLine("sleep 300", "", timeoutSec).ExitCode, -1);
-  TShellCommand command = Command("touch \"" + FWork.Path("started") + "\"");
+  TShellCommand command = Command("true");
+  command.TempFileName = FWork.Path("started");
   TCancellation cancellation;
   cancellation.Cancel();
   command.Cancellation = &cancellation;
@@ -232,6 +233,11 @@ TEST_F(ProcessTest, RunsAProgramWithoutAShell) {
   EXPECT_TRUE(std::filesystem::exists(file));
   EXPECT_EQ(RunProgram({"/bin/sh", "-c", "kill -TERM $$"}, 60), 143);
   EXPECT_EQ(RunProgram({"/bin/sleep", "300"}, 0), -1);
+  const TFileDescriptor input(::dup(STDIN_FILENO));
+  const TFileDescriptor other(::open("/proc/self/exe", O_RDONLY));
+  ::dup2(other.Get(), STDIN_FILENO);
+  EXPECT_EQ(RunProgram({"/usr/bin/test", "/proc/self/fd/0", "-ef", "/dev/null"}, 60), 0);
+  ::dup2(input.Get(), STDIN_FILENO);
   EXPECT_EQ(RunProgram({FWork.Path("missing")}, 60), -1);
 }
 
