@@ -155,6 +155,7 @@ TEST_F(GuardianServiceTest, NeverRunsItselfAsTheDaemon) {
   FFakes.Files.Files = {{kConf, std::string("daemon=") + kOwnPath}};
   EXPECT_EQ(ThrownMessage([&] { TickAfter(0); }),
             "The daemon's path is the Guardian's own: /opt/guard/VellumarkGuardian");
+  EXPECT_EQ(FService.Status().Watchdog.Rounds, 1) << "shown although a step failed";
 }
 
 TEST_F(GuardianServiceTest, StartsADeadDaemonAndLooksAgainAtOnce) {
