@@ -113,6 +113,9 @@ TEST_F(GuardianServiceTest, TakesTheDirectoriesFromTheHandshake) {
   EXPECT_EQ(Settings().LogDirectory.Copy(), "/l");
   EXPECT_THAT(DetailedLog(), HasSubstr("<br>Guardian started, v1.50<br>"));
   EXPECT_THAT(ShortLog(), EndsWith("  INFO: Guardian Service Started"));
+  EXPECT_EQ(SchedulerMutexPath(), "/m/vellumark$qrnd$schedulermutex") << "the pipe directory";
+  Start(std::string(1'000'000, 'x'));
+  EXPECT_LE(FService.Status().InitialOutput->size(), kShownOutputBytes + 100);
 }
 
 TEST_F(GuardianServiceTest, FallsBackToTheTempPathWithoutAMutexPathAndCountsNoFailures) {
