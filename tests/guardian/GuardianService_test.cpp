@@ -100,6 +100,7 @@ class GuardianServiceTest : public testing::Test {
 };
 
 TEST_F(GuardianServiceTest, TakesTheDirectoriesFromTheHandshake) {
+  SetPipeDirectory("/old");
   EXPECT_EQ(Start("TMP=/t\nMUTEX=/m\nLOGS=/l\n"),
             "Vellumark Guardian (Silent Mode)\n"
             "Initial Output: TMP=/t\nMUTEX=/m\nLOGS=/l\n\n\n"
