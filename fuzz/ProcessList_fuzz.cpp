@@ -37,6 +37,14 @@ std::string PlainPid(std::string_view listing) {
   return {};
 }
 
+// Whether ps refused its options, or answered with the zero that stands for that too.
+bool IsRefusal(std::string_view columns) {
+  for (const char* part : {"unsupported option", "invalid option", "unrecognized option"}) {
+    if (columns.find(part) != std::string_view::npos) return true;
+  }
+  return columns == "0";
+}
+
 void CheckListing(std::string_view columns, std::string_view plain) {
   int commands = 0;
   const TShell shell = [&](const std::string& commandLine, int timeoutSec) {
@@ -48,6 +56,7 @@ void CheckListing(std::string_view columns, std::string_view plain) {
   TFakeClock clock;
   TDaemonProcess process(shell, clock);
   const bool running = process.Check(TProcessCheck::Force);
+  Require(commands == (IsRefusal(columns) ? 2 : 1), "another number of commands");
   const std::string pid = PlainPid(commands == 2 ? plain : columns);
   Require(process.Pid() == pid, "another process id");
   Require(running == !pid.empty(), "running and process id do not agree");

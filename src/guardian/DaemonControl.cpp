@@ -74,6 +74,7 @@ void TDaemonControl::Announce(const std::string& text) {
 
 std::string TDaemonControl::Execute(TDaemonAction action, const std::string& commandLine,
                                     int timeoutSec) {
+  FTickThread.Check();
   TCommandTally& tally = FTallies.at(static_cast<std::size_t>(action));
   ++tally.Total;
   tally.LastAt = FClock.SteadyNow();

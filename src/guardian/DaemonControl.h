@@ -6,7 +6,7 @@
 #include <string>
 
 #include "common/Clock.h"
-
+#include "common/ThreadChecker.h"
 #include "guardian/DaemonProcess.h"
 #include "guardian/process/ProcessListing.h"
 #include "webstatus/ActivityLog.h"
@@ -15,33 +15,34 @@
 namespace guardian {
 
 // The command that ends a hung daemon at this restart attempt: "kill -9" while the process id is
-// known, now and then or without one "killall", plain and forced in turns.
+// known; without one, and at every other attempt from the eleventh on, "killall", plain and forced
+// in turns.
 [[nodiscard]] std::string KillCommand(const std::string& pid, std::int32_t attempt);
 
-// The commands of one kind that were run.
+// How often one kind of command was run.
 struct TCommandTally {
   std::int64_t Total = 0;
-  TDateTime LastAt = 0;  // An instant of TClock::SteadyNow; zero for never.
+  TDateTime LastAt = 0;  // An instant of TClock::SteadyNow; zero means never.
 };
 using TCommandTallies = std::array<TCommandTally, kDaemonActions>;  // By TDaemonAction.
 
-// The actions upon the daemon's process. Each runs shell commands and logs what they printed; none
-// judges whether it helped, which is for the next look at the process list.
-// Owner: the guardian service. Threads: the timer thread. Blocks for as long as its commands take.
+// The actions upon the daemon's process. Each runs shell commands and logs what they printed. None
+// judges whether it helped: the next look at the process list does.
+// Owner: the guardian service.
+// Threads: the timer thread; each action blocks for as long as its commands take.
 // Lifetime: everything it is given outlives it.
 class TDaemonControl {
  public:
-  // The daemon's path is asked for afresh at each use; the path function may throw, which ends the
-  // action.
+  // The path function is called at each use of the daemon's path. What it throws ends the action.
   TDaemonControl(TShell shell, std::function<std::string()> daemonPath, TDaemonProcess& process,
                  TActivityLog& log, TClock& clock);
   TDaemonControl(const TDaemonControl&) = delete;
   TDaemonControl& operator=(const TDaemonControl&) = delete;
 
-  // True once the command was run, at most 30 seconds.
+  // Runs the command for at most 30 seconds, then returns true, whether or not it succeeded.
   bool StartDaemon();
 
-  // At most 20 seconds each command.
+  // Each command runs for at most 20 seconds.
   void StopDaemon();
   void TerminateDaemon();
   void KillDaemon(std::int32_t attempt);
@@ -57,6 +58,7 @@ class TDaemonControl {
   TDaemonProcess& FProcess;
   TActivityLog& FLog;
   TClock& FClock;
+  TThreadChecker FTickThread;
   TCommandTallies FTallies;
 };
 

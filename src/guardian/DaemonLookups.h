@@ -7,13 +7,13 @@
 
 namespace guardian {
 
-// The part of the file system that the start-up look-ups see.
-// Threads: any thread may call anything of the real one.
+// What the look-ups before the first check see of the file system.
+// Threads: any thread may call anything of the machine's file system.
 class TFileSystemView {
  public:
   virtual ~TFileSystemView() = default;
 
-  // True for anything but a directory; false also when it cannot be looked at.
+  // Whether something other than a directory is there; false also when it cannot be looked at.
   [[nodiscard]] virtual bool FileExists(const std::string& path) const = 0;
   [[nodiscard]] virtual bool DirectoryExists(const std::string& path) const = 0;
 
@@ -26,13 +26,15 @@ class TFileSystemView {
 
 inline constexpr std::string_view kDaemonName = "VellumarkCL";
 
-// The daemon's path as it follows from the Guardian's own, whether a file is there or not: the same
-// folder, or the sister folder of a package layout.
+// Derives the daemon's path from the Guardian's own: the same folder, or the sister folder of a
+// package layout. Does not look whether a file is there.
 [[nodiscard]] std::string DaemonPathBeside(std::string_view ownPath);
 
 struct TDaemonConfDir {
   std::string Directory;
-  bool IsAppData = false;  // Taken from the app-store data directory.
+  // The app-store data directory is there. Kept for the maker's other programs; the Guardian itself
+  // uses the directory alone.
+  bool IsAppData = false;
 };
 
 // The directory that holds "VellumarkCL.conf" for a Guardian at this path.
@@ -43,18 +45,18 @@ struct TDaemonConfDir {
 [[nodiscard]] const TDaemonConfDir& DaemonConfDir();
 [[nodiscard]] const std::string& GetDaemonConfDir();
 
-// The values of all "daemon=" lines of a configuration text, untrimmed and in order; the last one
-// counts. Lines end with LF or CR LF.
+// The values of all "daemon=" lines of a configuration text, untrimmed and in order; the caller
+// uses the last. Lines end with LF or CR LF.
 [[nodiscard]] std::vector<std::string> DaemonPathsInConf(std::string_view text);
 
-// What the daemon answered to "/PATHS". An item that it did not name is absent.
+// The directories that the daemon named in its answer to "/PATHS".
 struct TDaemonPaths {
   std::optional<std::string> Temp;
   std::optional<std::string> Mutex;
   std::optional<std::string> Logs;
 };
 
-// Lines end with LF only: a CR stays part of the value.
+// The last line of each kind counts. Lines end with LF only: a CR stays part of the value.
 [[nodiscard]] TDaemonPaths ParseDaemonPaths(std::string_view output);
 
 }  // namespace guardian

@@ -10,6 +10,7 @@ TDaemonProcess::TDaemonProcess(TShell shell, TClock& clock)
     : FShell(std::move(shell)), FClock(clock) {}
 
 bool TDaemonProcess::Check(TProcessCheck mode) {
+  FTickThread.Check();
   constexpr int kPsTimeoutSec = 5;
   const bool fresh = FLastCheckAt > FClock.SteadyNow() - kMinute;
   if (mode == TProcessCheck::Cached && fresh) return FSeenRunning;

@@ -5,6 +5,7 @@
 
 #include "common/Clock.h"
 #include "common/SharedText.h"
+#include "common/ThreadChecker.h"
 #include "guardian/process/ProcessListing.h"
 
 namespace guardian {
@@ -16,7 +17,8 @@ enum class TProcessCheck {
 
 // Whether the daemon's process runs, as the process list shows it.
 // Owner: the guardian service.
-// Threads: Check, ForgetCheck and ForgetPid by the timer thread; the published texts by any.
+// Threads: the timer thread calls Check, ForgetCheck and ForgetPid; any thread reads the texts and
+// the time of the last listing.
 // Lifetime: shell and clock outlive it.
 class TDaemonProcess {
  public:
@@ -24,19 +26,25 @@ class TDaemonProcess {
   TDaemonProcess(const TDaemonProcess&) = delete;
   TDaemonProcess& operator=(const TDaemonProcess&) = delete;
 
-  // Returns whether the daemon runs. Blocks for at most twice 5 seconds.
+  // Returns whether the daemon runs. Blocks for at most 10 seconds.
   bool Check(TProcessCheck mode);
 
   // Makes the next Check read afresh.
-  void ForgetCheck() { FLastCheckAt = 0; }
+  void ForgetCheck() {
+    FTickThread.Check();
+    FLastCheckAt = 0;
+  }
 
-  // For a process that is known to be gone.
-  void ForgetPid() { FPid.Set({}); }
+  // Makes Pid empty, when the process is known to be gone.
+  void ForgetPid() {
+    FTickThread.Check();
+    FPid.Set({});
+  }
 
   // Empty when the daemon is not running.
   [[nodiscard]] std::string Pid() const { return FPid.Copy(); }
 
-  // The raw text of the last listing, clipped to kShownOutputBytes.
+  // The text of the last listing as ps printed it, clipped to kShownOutputBytes.
   [[nodiscard]] TSharedText::TText LastListing() const { return FLastListing.Get(); }
 
   // When it was taken, an instant of TClock::SteadyNow; zero before the first.
@@ -45,12 +53,17 @@ class TDaemonProcess {
  private:
   const TShell FShell;
   TClock& FClock;
+
+  // Timer thread only.
+  TThreadChecker FTickThread;
   TDateTime FLastCheckAt = 0;
   bool FSeenRunning = false;
   TPsOptions FPsOptions = TPsOptions::Columns;
+
+  // Written by the timer thread, read by pages.
   TSharedText FPid;
   TSharedText FLastListing;
-  std::atomic<TDateTime> FLastListingAt = 0;  // Atomic: pages read it.
+  std::atomic<TDateTime> FLastListingAt = 0;
 };
 
 }  // namespace guardian

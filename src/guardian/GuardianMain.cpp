@@ -5,21 +5,20 @@
 #include <string_view>
 #include <utility>
 
+#include "common/AtEnd.h"
 #include "common/Console.h"
 #include "common/Exceptions.h"
 #include "common/MainThread.h"
 #include "common/Settings.h"
-#include "common/Texts.h"
-#include "config/KZSqlIniFiles.h"
 #include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exception_report.h"
-#include "diagnostics/job_mutex.h"
 #include "guardian/GuardianService.h"
+#include "guardian/RunCommand.h"
 #include "guardian/SystemLog.h"
+#include "guardian/Units.h"
 #include "guardian/process.h"
 #include "ipc/KZCustomApplication.h"
-#include "ipc/KZMessages.h"
-#include "ipc/KZUnixPipes.h"
+#include "ipc/scheduler_client.h"
 #include "webstatus/HttpClient.h"
 #include "webstatus/WebStatusServer.h"
 
@@ -28,64 +27,9 @@ namespace {
 
 constexpr const char* kGuardianAddress = "localhost:8900/";
 
-TShellOutcome RunCommand(const std::string& commandLine, int timeoutSec,
-                         const TCancellation& stopping) {
-  constexpr int kNotEnded = -1;
-  TShellOutcome outcome;
-  int exitCode = 0;
-  try {
-    RunShellCmdWithOutput(outcome.Output, commandLine, timeoutSec, true, "", exitCode, &stopping);
-    if (exitCode == kNotEnded && !stopping.IsCancelled()) {
-      outcome.Problem = "Ended after " + std::to_string(timeoutSec) +
-                        " seconds or for too much output: " + commandLine;
-    }
-  } catch (const KZException& error) {
-    outcome.Problem = error.Message();
-  }
-  return outcome;
-}
-
-// Null before the log folder is known.
-std::unique_ptr<TKZCustomINIFile> OpenReportStore() {
-  const std::string folder = Settings().LogDirectory.Copy();
-  if (folder.empty()) return nullptr;
-  return std::make_unique<TKZSQLIniFile>(JoinPath(folder, "VellumarkGuardian.cfg"));
-}
-
-// Starts what lies below the service and stops it in the opposite order, on every path.
-class TUnits {
- public:
-  TUnits() {
-    KZCP::Init();
-    StartExceptionReports({.Heading = "Vellumark Guardian 1.50", .OpenStore = &OpenReportStore});
-    StartMessages();
-    SetMessageExceptionReporter([](const std::exception_ptr& error, const std::string& title) {
-      HandleException(error, TLogToFiles::Yes, title);
-    });
-    StartPipes();
-  }
-  ~TUnits() {
-    StopPipes();
-    StopMessages();
-    SetMessageExceptionReporter({});
-    StopExceptionReports();
-    KZCP::Fini(&CheckMutexesAtTermination);
-  }
-  TUnits(const TUnits&) = delete;
-  TUnits& operator=(const TUnits&) = delete;
-};
-
-// The calling thread is the main one for as long as this lives.
-class TMainThreadBinding {
- public:
-  TMainThreadBinding() { BindMainThread(); }
-  ~TMainThreadBinding() { CloseMainThreadQueue(); }
-  TMainThreadBinding(const TMainThreadBinding&) = delete;
-  TMainThreadBinding& operator=(const TMainThreadBinding&) = delete;
-};
-
 void RunGuardian(TClock& clock) {
-  const TMainThreadBinding mainThread;
+  BindMainThread();
+  const TAtEnd closeQueue([] { CloseMainThreadQueue(); });
   TKZCustomApplication application;
   application.Initialize();
   const TUnits units;
@@ -124,7 +68,7 @@ void RunGuardian(TClock& clock) {
   KZCP::Checkpoint("WebStatSrv.finidone");
 }
 
-// Whether something listens where the Guardian does; a Guardian that hangs does.
+// Whether something listens on the Guardian's port, be it a Guardian that hangs.
 bool PortIsTaken() {
   try {
     (void)HttpGet(std::string(kGuardianAddress) + "status.php", std::chrono::seconds(1));
@@ -136,7 +80,7 @@ bool PortIsTaken() {
   }
 }
 
-// The Guardian answers the page that ends it before it ends.
+// Waits until the port is free, since the Guardian answers the request to end before it ends.
 bool GuardianEnds() {
   constexpr std::chrono::milliseconds kRound{50};
   constexpr std::int64_t kLimitMs = 30'000;

@@ -15,7 +15,7 @@ inline constexpr int kExitNotRunning = 3;
 // "start" makes the process a daemon unless a Guardian answers already; "stop" and "status" ask
 // the running one; anything else runs the Guardian in the foreground, until it is told to end.
 // The watchdog decides by the clock, which outlives the call.
-// Main thread, before any other thread exists.
+// Threads: the main thread, before any other thread exists.
 //
 // "status" is kExitNotRunning when no Guardian answers. "stop" is kExitOk when none runs or the
 // running one has ended, for which it waits up to 30 seconds, otherwise kExitFailed. All else is
@@ -25,8 +25,8 @@ inline constexpr int kExitNotRunning = 3;
 enum class TQueryOutput { AnswerOnly, AnswerOrFailure };
 
 // Asks the Guardian on port 8900 of this machine for a page, for at most 60 seconds, and prints
-// its answer; with AnswerOrFailure also a line when there is none. Returns whether the answer says
-// that the Guardian is running. Starts no thread. Never throws for a failed query.
+// its answer; with AnswerOrFailure also a line when there is no answer. Returns whether the answer
+// says that the Guardian is running. Starts no thread. Never throws for a failed query.
 bool QueryGuardian(const std::string& page, TQueryOutput output);
 
 }  // namespace guardian

@@ -1,11 +1,13 @@
 #include "guardian/GuardianService.h"
 
+#include <cassert>
 #include <chrono>
 #include <exception>
 #include <utility>
 
 #include "common/Console.h"
 #include "common/Exceptions.h"
+#include "common/MainThread.h"
 #include "common/Settings.h"
 #include "common/Texts.h"
 #include "diagnostics/exception_report.h"
@@ -40,11 +42,12 @@ TGuardianService::TGuardianService(TGuardianSurroundings surroundings)
 TGuardianService::~TGuardianService() = default;
 
 void TGuardianService::Start() {
+  assert(IsMainThread());
   const auto logException = [this] {
     AddToLog("Exception starting guardian: " + HtmlEscape(CurrentExceptionMessage()));
   };
   PrintLine("Vellumark Guardian (Silent Mode)");
-  // On its own: a daemon that cannot be asked is watched all the same.
+  // Has a guard of its own, so that a daemon that cannot be asked is watched all the same.
   try {
     RequestDaemonPaths();
   } catch (...) {
@@ -53,6 +56,7 @@ void TGuardianService::Start() {
   try {
     FWatchdog.LastPulseAt = FSurroundings.Clock->SteadyNow();
     FStartedAt = FWatchdog.LastPulseAt;
+    FTickThread.Detach();
     FTimer.SetInterval(kTickInterval);
     FTimer.SetEnabled(true);
     AddToLog("Guardian started, v1.50");
@@ -63,6 +67,7 @@ void TGuardianService::Start() {
 }
 
 void TGuardianService::Stop() {
+  assert(IsMainThread());
   FActivityLog.AddInfoEntry(1, 17, "Guardian Service Stopped");
   try {
     FTimer.Stop();
@@ -73,12 +78,14 @@ void TGuardianService::Stop() {
 }
 
 void TGuardianService::Pause() {
+  assert(IsMainThread());
   FTimer.SetEnabled(false);
   AddToLog("Guardian Service PAUSED");
   FActivityLog.AddInfoEntry(1, 17, "Guardian Service PAUSED");
 }
 
 bool TGuardianService::Continue() {
+  assert(IsMainThread());
   FTimer.SetEnabled(true);
   AddToLog("Guardian Service CONTINUED");
   FActivityLog.AddInfoEntry(1, 16, "Guardian Service CONTINUED");
@@ -92,6 +99,7 @@ void TGuardianService::Tick() {
 }
 
 void TGuardianService::CarryOutRequests() {
+  FTickThread.Check();
   if (FStartRequested.exchange(false)) FControl.StartDaemon();
   if (FStopRequested.exchange(false)) FControl.StopDaemon();
   if (FTerminateRequested.exchange(false)) FControl.TerminateDaemon();
@@ -99,10 +107,11 @@ void TGuardianService::CarryOutRequests() {
 }
 
 void TGuardianService::CheckStatus() {
+  FTickThread.Check();
   const TObservation seen = Observe();
   const std::vector<TStep> steps = DecideRound(seen, FWatchdog);
   ++FRounds;
-  // Also before the steps: one of them may take half a minute, or throw.
+  // Recorded before the steps too, because one of them may take half a minute, or throw.
   RecordRound(seen);
   for (const TStep& step : steps) CarryOut(step);
   RecordRound(seen);
@@ -124,7 +133,7 @@ TObservation TGuardianService::Observe() {
   seen.MutexPathKnown = FMutexPathReceived && !FMutexPathMissing;
   seen.Pulse = FScheduler->Pulse();
   seen.Pid = FDaemonProcess.Pid();
-  // The looks may have taken seconds: the judgement is of the moment in which it is made.
+  // Taken last: the checks above may have taken seconds.
   seen.Now = FSurroundings.Clock->SteadyNow();
   seen.WallNow = FSurroundings.Clock->Now();
   return seen;
@@ -164,16 +173,22 @@ void TGuardianService::CarryOut(const TStep& step) {
   }
 }
 
+bool TGuardianService::SendPipeCommand(TSyncCommMessages command) {
+  FTickThread.Check();
+  return FScheduler->SendCommand(command);
+}
+
 std::string TGuardianService::GetDaemonPath() {
+  FTickThread.Check();
   std::string path = DaemonPathBeside(FSurroundings.OwnPath);
-  // Shown also when what follows fails.
+  // Set at once, so that pages show it also when the configuration cannot be read.
   FDaemonPath.Set(path);
   if (!FSurroundings.Files->FileExists(path)) {
     ReadDaemonConf();
     if (!FDaemonPathFromConf.empty()) path = FDaemonPathFromConf;
   }
   FDaemonPath.Set(path);
-  // As with a Guardian's file that was given another name: each would start the next one.
+  // So it is when the Guardian's file was renamed: each Guardian would start the next one.
   if (path == FSurroundings.OwnPath) {
     throw KZException("The daemon's path is the Guardian's own: " + path);
   }

@@ -8,23 +8,18 @@
 
 #include "common/Clock.h"
 #include "common/SharedText.h"
+#include "common/ThreadChecker.h"
 #include "common/Timer.h"
 #include "guardian/DaemonControl.h"
 #include "guardian/DaemonLookups.h"
 #include "guardian/DaemonProcess.h"
+#include "guardian/RunCommand.h"
 #include "guardian/WatchdogDecision.h"
 #include "ipc/scheduler_client.h"
 #include "webstatus/ActivityLog.h"
 #include "webstatus/GuardianControl.h"
 
 namespace guardian {
-
-// The end of a shell command: what it printed, and a line for the log when it could not be run or
-// had to be ended.
-struct TShellOutcome {
-  std::string Output;
-  std::string Problem;
-};
 
 // What the service sees of the machine. Everything outlives the service.
 struct TGuardianSurroundings {
@@ -38,7 +33,7 @@ struct TGuardianSurroundings {
   TClock* Clock = &SystemClock();
 };
 
-// What the last round of the watchdog left behind, for the pages.
+// The state after the last round of the watchdog, for the pages.
 struct TRoundRecord {
   TObservation Seen;
   TWatchdogState State;
@@ -53,43 +48,45 @@ class TService {};
 // The watchdog: keeps the daemon alive on a timer of 10 seconds.
 //
 // Owner: the entry; one a process.
-// Threads: Start, Stop, Pause and Continue by the main thread; the tick and all shell commands
-// after Start run on the timer's thread, whose fields are marked so. Status and the requests are
-// for the HTTP threads, AddToLog for any; they take no lock that a tick holds while it works.
-// Lifetime: outlives the web status server that was given it. Stop waits for a tick that is under
-// way, so whoever runs the shell commands ends a running one first.
+// Threads: the main thread calls Start, Stop, Pause and Continue. The tick, and all shell commands
+// after Start, run on the timer's thread, which owns the fields that are marked so. The HTTP
+// threads call Status and the requests, any thread AddToLog; these take no lock that a tick holds
+// while it works. Lifetime: outlives the web status server that was given it. Stop waits for a
+// running tick, so the owner ends a shell command that is under way first.
 class TGuardianService final : public TService, public TGuardianControl {
  public:
   explicit TGuardianService(TGuardianSurroundings surroundings);
   ~TGuardianService() override;
 
-  // Asks the daemon for its directories, for up to 600 seconds, and starts the timer. A failure is
-  // a line in the log.
+  // Asks the daemon for its directories, for at most 600 seconds, and starts the timer. A failure
+  // is a line in the log.
   void Start();
   void Stop();
 
   void Pause();
-  // Returns true: the timer runs again.
+  // Returns true always.
   bool Continue();
 
-  // One round of the watchdog; the timer's handler. Throws what a step throws.
+  // The timer's handler: carries out the requests, then checks the status. Throws what a step
+  // throws. Timer thread.
   void Tick();
 
-  // The last step of a round: looks at the daemon, judges and acts.
+  // Looks at the daemon, judges and acts. Throws what a step throws. Timer thread.
   void CheckStatus();
 
   // Appends an HTML line to the detailed log.
   void AddToLog(std::string_view text) { FActivityLog.AddDetailEntry(text); }
 
-  // Whether the daemon's process runs, by the process list.
+  // Whether the daemon's process runs, by the process list. Timer thread.
   bool IsDaemonRunning(TProcessCheck mode) { return FDaemonProcess.Check(mode); }
 
-  // Sends the daemon one message over its scheduler pipe; returns whether it was sent.
-  bool SendPipeCommand(TSyncCommMessages command) { return FScheduler->SendCommand(command); }
+  // Sends the daemon one message over its scheduler pipe; returns whether it was sent. Timer
+  // thread.
+  bool SendPipeCommand(TSyncCommMessages command);
 
-  // The daemon's executable, derived from the own path, or from the configuration when no file is
-  // there. Start and timer thread. Throws ESystemError when the configuration cannot be read,
-  // KZException when the path is the Guardian's own.
+  // The path of the daemon's executable: derived from the Guardian's own path, or taken from the
+  // configuration when no file is there. Throws ESystemError when the configuration cannot be read,
+  // KZException when the path is the Guardian's own. Start, then timer thread.
   std::string GetDaemonPath();
 
   [[nodiscard]] TGuardianStatus Status() const override;
@@ -115,7 +112,8 @@ class TGuardianService final : public TService, public TGuardianControl {
   TDaemonControl FControl;
   const std::unique_ptr<TScheduler> FScheduler;
 
-  // Start and timer thread only; the timer's thread begins after Start has written them.
+  // Used by Start, then by the timer thread alone, which begins after Start has written them.
+  TThreadChecker FTickThread;
   bool FConfRead = false;
   std::string FDaemonPathFromConf;
   bool FLastServiceOK = false;
@@ -130,15 +128,18 @@ class TGuardianService final : public TService, public TGuardianControl {
   TSharedText FHandshakeOutput;
   TSharedText FStatusLine;
   TShared<TRoundRecord> FLastRound;
-  std::atomic<TDateTime> FStartedAt = 0;         // Of TClock::SteadyNow.
-  std::atomic<bool> FMutexPathReceived = false;  // Atomics: independent flags that pages read,
+  std::atomic<TDateTime> FStartedAt = 0;  // An instant of TClock::SteadyNow.
+  std::atomic<bool> FMutexPathReceived = false;
   std::atomic<bool> FMutexPathMissing = false;
-  std::atomic<bool> FStartRequested = false;  // or set.
+
+  // Set by pages, cleared by the timer thread.
+  std::atomic<bool> FStartRequested = false;
   std::atomic<bool> FStopRequested = false;
   std::atomic<bool> FTerminateRequested = false;
   std::atomic<bool> FKillRequested = false;
 
-  TKZTimer FTimer;  // Last: its thread uses all the others.
+  // The last field: its thread uses all the others.
+  TKZTimer FTimer;
 };
 
 }  // namespace guardian

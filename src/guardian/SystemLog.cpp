@@ -44,7 +44,7 @@ const char* SynologKind(TSystemLogKind kind) {
 
 bool IsThere(const std::string& tool) { return ::access(tool.c_str(), X_OK) == 0; }
 
-// Empty where no tool is there.
+// The tool's argument vector; empty on a machine without such a tool.
 std::vector<std::string> ToolCommand(std::string_view message, TSystemLogKind kind,
                                      const TSystemLogTools& tools) {
   constexpr const char* kPlainTextEvent = "0x11100000";
@@ -57,7 +57,8 @@ std::vector<std::string> ToolCommand(std::string_view message, TSystemLogKind ki
   return {};
 }
 
-// The last entries of all are written while the process is stopping already.
+// The process writes its last entries while it is stopping, so the cancellation must not refuse
+// them.
 int RunTool(const std::vector<std::string>& command, const TCancellation& stopping) {
   constexpr int kTimeoutSec = 5;
   constexpr int kStoppingTimeoutSec = 1;

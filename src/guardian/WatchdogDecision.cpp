@@ -10,7 +10,7 @@ namespace {
 constexpr std::int32_t kFailuresBeforeRestart = 6;
 constexpr std::int32_t kLastTerminateAttempt = 4;
 
-// One round in the making.
+// The judgement of one round; each function adds its steps.
 class TRound {
  public:
   TRound(const TObservation& seen, TWatchdogState& state) : FSeen(seen), FState(state) {}
@@ -66,7 +66,7 @@ class TRound {
 
   void WatchPulse() {
     if (!AllOK()) {
-      FState.LastPulseAt = FSeen.Now;  // None is expected.
+      FState.LastPulseAt = FSeen.Now;  // No pulse is expected.
       return;
     }
     if (FSeen.Pulse != FState.LastSeenPulse) {
@@ -78,8 +78,8 @@ class TRound {
     JudgeStillPulse();
   }
 
-  // The shortest time is tested first, so the two below it never act: a still pulse makes the
-  // Guardian ask, never restart. That is meant so and stays.
+  // The shortest time is tested first, so the two longer ones never act: a still pulse makes the
+  // Guardian ask, never restart. This is deliberate and stays.
   void JudgeStillPulse() {
     if (PulseOlderThan(1.2)) {
       Log("Pulse change over 1.2 minutes ago, last pulse was at:" + Shown(FState.LastPulseAt));

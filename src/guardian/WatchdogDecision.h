@@ -9,10 +9,10 @@
 
 namespace guardian {
 
-// What one round of the watchdog saw. Instants are of TClock::SteadyNow, but for WallNow.
+// What one round of the watchdog saw. Instants are of TClock::SteadyNow, except for WallNow.
 struct TObservation {
   TDateTime Now = 0;
-  TDateTime WallNow = 0;  // The same moment by the local wall clock.
+  TDateTime WallNow = 0;  // The same moment on the local wall clock.
   bool MutexOK = false;
   bool PipeOK = false;
   bool PipeJustConnected = false;
@@ -24,12 +24,15 @@ struct TObservation {
 
 // What the watchdog keeps from round to round.
 struct TWatchdogState {
-  TDateTime LastStatusLogAt = 0;  // Zero: log the status at the next round.
+  TDateTime LastStatusLogAt = 0;  // Zero: log the status in the next round.
   TDateTime LastPulseAt = 0;
   std::int64_t LastSeenPulse = 0;
-  std::int32_t RestartAttempts = 0;  // Consecutive rounds in which a restart was needed.
-  std::int32_t MutexFailures = 0;    // Consecutive rounds with the check failed and the daemon
-  std::int32_t PipeFailures = 0;     // running.
+
+  // Consecutive rounds in which a restart was needed.
+  std::int32_t RestartAttempts = 0;
+  // Rounds since the check last succeeded in which it failed while the daemon's process ran.
+  std::int32_t MutexFailures = 0;
+  std::int32_t PipeFailures = 0;
 };
 
 enum class TStepKind {
@@ -44,7 +47,7 @@ enum class TStepKind {
   KillDaemon,
 };
 
-// One thing to do; Text, Category and Event belong to the entries, Command to SendCommand.
+// One thing to do. Category and Event are set for entries only, Command for SendCommand only.
 struct TStep {
   TStepKind Kind = TStepKind::Log;
   std::string Text;
@@ -53,11 +56,11 @@ struct TStep {
   TSyncCommMessages Command = TSyncCommMessages::msgNone;
 };
 
-// Whether the process list must be read afresh: any doubt now or in the round before.
+// Whether the process list must be read afresh: something failed now or in the round before.
 [[nodiscard]] bool NeedsFreshProcessCheck(bool mutexOK, bool pipeOK, bool lastServiceOK);
 
-// The judgement of one round: updates the state and returns what is to be done, in order. Knows
-// neither clock nor shell nor socket.
+// Judges one round: updates the state and returns what is to be done, in order. Knows neither clock
+// nor shell nor socket.
 [[nodiscard]] std::vector<TStep> DecideRound(const TObservation& seen, TWatchdogState& state);
 
 }  // namespace guardian

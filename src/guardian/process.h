@@ -10,38 +10,45 @@ namespace guardian {
 class TCancellation;
 
 // Runs the command line by "/bin/sh", in a process group of its own, and waits for the shell to
-// end, at most timeoutSec seconds (none when 0 or less); time in which this process itself stood
-// still, as on a sleeping machine, does not count. What the shell leaves running in the background
-// is not waited for and not touched.
+// end, for at most timeoutSec seconds (not at all when 0 or less). Time in which this process
+// itself stood still, as on a sleeping machine, does not count. Processes that the shell leaves in
+// the background are not waited for and not touched.
+//
+//   std::string output;
+//   int exitCode = 0;
+//   RunShellCmdWithOutput(output, "df -k /", 5, false, "", exitCode);
+//   if (exitCode == 0) Show(output);
 //
 // A command that outlives its time, or writes more than 128 MiB, is ended: its process group gets
 // SIGTERM, two seconds later SIGKILL. Cancellation does the same with half a second between, so
 // that the call returns within a second; a run that is cancelled before it starts does not start.
-// What left the group by setsid stays alive.
+// A process that left the group by setsid stays alive.
 //
 // output: everything that the command wrote to standard output and standard error, at most 16 MiB,
-// also of a command that was ended. What the last command wrote stands last; in front of it what
-// the other commands of the line wrote.
-// exitCode: the shell's own status; 128 + signal when a signal ended it; -1 when the command could
-// not be run or was ended here.
-// tempFileName: the file that catches the last command's output, emptied first and left in place;
-// empty for one in Settings().TempDirectory that is removed before the return. A temp directory
-// that would break out of double quotes gives way to "/tmp"; a given name that would is refused.
+// also of a command that was ended. The output of the last command of the line stands behind that
+// of all others.
+// exitCode: the shell's status; 128 + signal when a signal ended it; -1 when the command could not
+// be run or was ended here.
+// tempFileName: the file that catches the last command's output; it is emptied first and left in
+// place. When empty, a file in Settings().TempDirectory is used and removed before the return. For
+// a temp directory that would break out of double quotes "/tmp" is used; such a file name is
+// refused.
 //
 // A command that could not be run (no temporary file, no process, no shell) gives an empty output
 // and exit code -1; with raiseOnFailure it throws KZException "Error executing " + the command
 // line, the temporary file and the system's reason. A command that fails inside the shell is no
 // failure. With Settings().PlainSystemCall the shell is forked instead of spawned: it then keeps
 // this process's standard handles, so that only the last command's output is caught, and a missing
-// shell is exit code 127. Threads: any; blocks as said. The cancellation must outlive the call.
+// shell is exit code 127. The cancellation must outlive the call.
+// Threads: any; blocks as said.
 void RunShellCmdWithOutput(std::string& output, const std::string& commandLine, int timeoutSec,
                            bool raiseOnFailure, const std::string& tempFileName, int& exitCode,
                            const TCancellation* cancellation = nullptr);
 
-// Runs a program, by its path in the first argument, without a shell; nothing in the arguments is
-// interpreted. Standard input and output are "/dev/null". It is waited for and ended as a shell
-// command is. Returns its exit code; 128 + signal when a signal ended it; -1 when it could not be
-// run or was ended here. Never throws for a failed run. Threads: any; blocks as said above.
+// Runs the program whose path is the first argument, without a shell; nothing in the arguments is
+// interpreted. Standard input, output and error are "/dev/null". It is waited for and ended as a
+// shell command is. Returns its exit code; 128 + signal when a signal ended it; -1 when it could
+// not be run or was ended here. Never throws for a failed run. Threads: any; blocks as said above.
 [[nodiscard]] int RunProgram(const std::vector<std::string>& arguments, int timeoutSec,
                              const TCancellation* cancellation = nullptr);
 

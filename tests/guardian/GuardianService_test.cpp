@@ -4,272 +4,302 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
-#include "common/Event.h"
-#include "common/Exceptions.h"
+#include "common/Mutex.h"
 #include "common/Settings.h"
-#include "guardian/FakeFileSystem.h"
-#include "guardian/FakeShell.h"
-#include "support/FakeClock.h"
+#include "guardian/FakeSurroundings.h"
+#include "support/Eventually.h"
+#include "support/SettingsBackup.h"
+#include "support/ThrownMessage.h"
 
 namespace guardian {
 namespace {
 
 using std::chrono::milliseconds;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
-using testing::Not;
+using testing::IsEmpty;
+using testing::MatchesRegex;
 
-constexpr const char* kOwnPath = "/opt/guard/VellumarkGuardian";
-constexpr const char* kDaemon = "/opt/guard/VellumarkCL";
+// Commands are written with their time-outs.
+const std::string kDaemon = "/opt/guard/VellumarkCL";
+const std::string kAskPaths = kDaemon + " /PATHS @600";
+const std::string kStart = kDaemon + " start @30";
+const std::string kStop = kDaemon + " stop @20";
+const std::string kPs = R"(ps -ef --columns 1000 | grep -e "[V]ellumarkCL" -e "[o]ption" @5)";
+const std::string kPlainPs = R"(ps -ef | grep "[V]ellumarkCL" @5)";
 
-class TFakeScheduler final : public TScheduler {
- public:
-  explicit TFakeScheduler(TLog log) : FLog(std::move(log)) {}
-  bool IsSchedulerRunning() override { return MutexOK; }
-  TPipeCheck CheckSchedulerPipe() override { return {.Ok = PipeOK}; }
-  bool SendCommand(TSyncCommMessages command) override {
-    FLog("Sending command " + NameOf(command));
-    Sent.push_back(command);
-    return true;
-  }
-  std::int64_t Pulse() const noexcept override { return Now; }
+// 9 is "kill -9", k "killall" and K "killall -9" of the attempts from 0 on.
+std::string KillCommands(const std::string& pid) {
+  const std::map<std::string, char> kinds = {
+      {"kill -9 42", '9'}, {"killall VellumarkCL", 'k'}, {"killall -9 VellumarkCL", 'K'}};
+  std::string commands;
+  for (int attempt = 0; attempt < 20; ++attempt) commands += kinds.at(KillCommand(pid, attempt));
+  return commands;
+}
 
-  bool MutexOK = true;
-  bool PipeOK = true;
-  std::int64_t Now = 0;
-  std::vector<TSyncCommMessages> Sent;
-
- private:
-  const TLog FLog;
-};
+TEST(KillCommandTest, AlternatesAsItAlwaysDid) {
+  EXPECT_EQ(KillCommands("42"), "99999999999k9K9k9K9k");
+  EXPECT_EQ(KillCommands(""), "kKKkkKKkkKKkkKKkkKKk");
+}
 
 class GuardianServiceTest : public testing::Test {
  protected:
-  GuardianServiceTest() {
-    Settings().MutexDirectory.Set("");
-    Settings().LogDirectory.Set("");
-    FFiles.Files[kDaemon] = "";
-    FService = std::make_unique<TGuardianService>(TGuardianSurroundings{
-        .Shell =
-            [this](const std::string& line, int timeoutSec) {
-              TShellOutcome outcome = FShell.Run(line, timeoutSec);
-              FCommandRun.Signal();
-              return outcome;
-            },
-        .MakeScheduler =
-            [this](TScheduler::TLog log) {
-              auto scheduler = std::make_unique<TFakeScheduler>(std::move(log));
-              FScheduler = scheduler.get();
-              return scheduler;
-            },
-        .SystemLog = [](std::string_view, TSystemLogKind) {},
-        .OwnPath = kOwnPath,
-        .ConfDir = "/etc",
-        .Files = &FFiles,
-        .Clock = &FClock,
-    });
+  // Returns what the start prints.
+  std::string Start(const std::string& handshake) {
+    FAnswers[kAskPaths] = {handshake, {}};
+    testing::internal::CaptureStdout();
+    FService.Start();
+    return testing::internal::GetCapturedStdout();
   }
 
-  void Handshake(const std::string& answer) {
-    FShell.Answer(std::string(kDaemon) + " /PATHS", {answer, {}});
-    FService->Start();
+  // One round, so many milliseconds after the last; returns the commands that it ran.
+  std::vector<std::string> TickAfter(int ms) {
+    FFakes.Clock.Advance(milliseconds(ms));
+    TakeRun();
+    FService.Tick();
+    return TakeRun();
   }
 
-  std::string DetailedLog() const { return *FService->Status().DetailedLog; }
+  // The commands since the last call.
+  std::vector<std::string> TakeRun() KZ_EXCLUDES(FLock) {
+    const TMutexLock lock(FLock);
+    return std::exchange(FRun, {});
+  }
 
-  TFakeClock FClock;
-  TFakeShell FShell;
-  TFakeFileSystem FFiles;
-  TKZEvent FCommandRun{"CommandRun"};
-  TFakeScheduler* FScheduler = nullptr;
-  std::unique_ptr<TGuardianService> FService;
+  // The first command of the timer's next tick.
+  std::string TimerRunsAfter(int ms) {
+    std::vector<std::string> run = TakeRun();
+    FFakes.Clock.Advance(milliseconds(ms));
+    EXPECT_TRUE(Eventually([&] { return !(run = TakeRun()).empty(); }));
+    return run.at(0);
+  }
+
+  void DaemonRunsAs(const std::string& pid) {
+    FAnswers[kPs] = {"root " + pid + " VellumarkCL", {}};
+  }
+  std::string DetailedLog() const { return *FService.Status().DetailedLog; }
+  std::string ShortLog() const { return *FService.Status().ActivityLog; }
+
+  const TSettingsBackup FSettings;
+  const bool FCleared = (Settings().MutexDirectory.Set(""), Settings().LogDirectory.Set(""), true);
+  TFakeSurroundings FFakes;
+  std::map<std::string, TShellOutcome> FAnswers;
+  TMutex FLock;
+  std::vector<std::string> FRun KZ_GUARDED_BY(FLock);
+  TGuardianService FService{FFakes.Make([this](const std::string& line, int timeoutSec) {
+    const std::string command = line + " @" + std::to_string(timeoutSec);
+    const TMutexLock lock(FLock);
+    FRun.push_back(command);
+    return FAnswers[command];
+  })};
 };
 
 TEST_F(GuardianServiceTest, TakesTheDirectoriesFromTheHandshake) {
-  testing::internal::CaptureStdout();
-  Handshake("TMP=/t\nMUTEX=/m\nLOGS=/l\n");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+  SetPipeDirectory("/old");
+  EXPECT_EQ(Start("TMP=/t\nMUTEX=/m\nLOGS=/l\n"),
             "Vellumark Guardian (Silent Mode)\n"
             "Initial Output: TMP=/t\nMUTEX=/m\nLOGS=/l\n\n\n"
             "TMP=/t\nMUTEX=/m\nLOGS=/l\n");
-  EXPECT_THAT(FShell.TakeCommands(), ElementsAre(std::string(kDaemon) + " /PATHS @600"));
-  const TGuardianStatus status = FService->Status();
-  EXPECT_TRUE(status.GotPaths);
-  EXPECT_FALSE(status.GetPathsError);
+  EXPECT_THAT(TakeRun(), ElementsAre(kAskPaths));
+  const TGuardianStatus status = FService.Status();
+  EXPECT_TRUE(status.GotPaths && !status.GetPathsError && status.DaemonPathExists);
   EXPECT_EQ(status.DaemonTempPath, "/t");
   EXPECT_EQ(status.MutexPath, "/m/vellumark$qrnd$schedulermutex");
-  EXPECT_EQ(*Settings().LogDirectory.Get(), "/l");
+  EXPECT_EQ(status.DaemonPath, kDaemon);
+  EXPECT_EQ(Settings().LogDirectory.Copy(), "/l");
   EXPECT_THAT(DetailedLog(), HasSubstr("<br>Guardian started, v1.50<br>"));
-  EXPECT_THAT(*status.ActivityLog, HasSubstr("  INFO: Guardian Service Started"));
+  EXPECT_THAT(ShortLog(), EndsWith("  INFO: Guardian Service Started"));
+  EXPECT_EQ(SchedulerMutexPath(), "/m/vellumark$qrnd$schedulermutex") << "the pipe directory";
+  Start(std::string(1'000'000, 'x'));
+  EXPECT_LE(FService.Status().InitialOutput->size(), kShownOutputBytes + 100);
 }
 
-TEST_F(GuardianServiceTest, FallsBackToTheTempPathWithoutAMutexPath) {
-  Handshake("TMP=/t\nMUTEX=\n");
-  const TGuardianStatus status = FService->Status();
-  EXPECT_FALSE(status.GotPaths);
-  EXPECT_TRUE(status.GetPathsError);
+TEST_F(GuardianServiceTest, FallsBackToTheTempPathWithoutAMutexPathAndCountsNoFailures) {
+  Start("TMP=/t\nMUTEX=\n");
+  FService.Pause();
+  const TGuardianStatus status = FService.Status();
+  EXPECT_TRUE(!status.GotPaths && status.GetPathsError);
   EXPECT_EQ(*status.InitialOutput,
             "TMP=/t\nMUTEX=\n\nWARNING: Mutex Path Not Received from VellumarkCL\n");
-  EXPECT_EQ(*Settings().MutexDirectory.Get(), "/t");
+  EXPECT_EQ(Settings().MutexDirectory.Copy(), "/t");
+  FFakes.Scheduler->MutexOK = false;
+  DaemonRunsAs("5");
+  for (int round = 0; round < 10; ++round) EXPECT_THAT(TickAfter(1'000), ElementsAre(kPs));
 }
 
 TEST_F(GuardianServiceTest, WatchesADaemonThatCannotBeAsked) {
-  FFiles.Files.clear();
-  FFiles.Unreadable.insert("/etc/VellumarkCL.conf");
-  FService->Start();
+  FFakes.Files.Files = {{kConf, "unreadable"}};
+  Start("");
   EXPECT_THAT(DetailedLog(), HasSubstr("Exception starting guardian: open /etc/VellumarkCL.conf: "
                                        "Permission denied (errno 13)"));
   EXPECT_THAT(DetailedLog(), HasSubstr("Guardian started, v1.50"));
-
-  FClock.Advance(milliseconds(10'000));
-  ASSERT_TRUE(FCommandRun.WaitFor(milliseconds(10'000)));
-  EXPECT_EQ(FShell.TakeCommands().front(), std::string(kPsWithColumns) + " @5");
+  EXPECT_EQ(TimerRunsAfter(10'000), kPs);
 }
 
 TEST_F(GuardianServiceTest, TakesTheDaemonPathFromTheConfigurationOnlyWhenNoneIsBeside) {
-  EXPECT_EQ(FService->GetDaemonPath(), kDaemon);
-  FFiles.Files.clear();
-  FFiles.Files["/etc/VellumarkCL.conf"] = "daemon=/one\ndaemon=/two words\n";
+  EXPECT_EQ(FService.GetDaemonPath(), kDaemon);
+  FFakes.Files.Files = {{kConf, "daemon=/one\ndaemon=/two words\n"}};
   testing::internal::CaptureStdout();
-  EXPECT_EQ(FService->GetDaemonPath(), "/two words");
-  FFiles.Files["/etc/VellumarkCL.conf"] = "daemon=/three\n";
-  EXPECT_EQ(FService->GetDaemonPath(), "/two words");
+  EXPECT_EQ(FService.GetDaemonPath(), "/two words");
+  FFakes.Files.Files[kConf] = "daemon=/three\n";
+  EXPECT_EQ(FService.GetDaemonPath(), "/two words");
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "Reading config file /etc/VellumarkCL.conf\n"
             "Daemon path from conf: /one\nDaemon path from conf: /two words\n");
+  EXPECT_EQ(FService.Status().DaemonPath, "/two words");
+  EXPECT_FALSE(FService.Status().DaemonPathExists);
 }
 
 TEST_F(GuardianServiceTest, NeverRunsItselfAsTheDaemon) {
-  FFiles.Files.clear();
-  FFiles.Files["/etc/VellumarkCL.conf"] = std::string("daemon=") + kOwnPath + "\n";
-  FService->Start();
-  EXPECT_THROW(FService->Tick(), KZException);
-  EXPECT_THAT(FShell.TakeCommands(), ElementsAre(std::string(kPsWithColumns) + " @5"));
-  EXPECT_THAT(DetailedLog(), HasSubstr("<br>Exception starting guardian: The daemon's path is the "
-                                       "Guardian's own: /opt/guard/VellumarkGuardian<br>"));
+  FFakes.Files.Files = {{kConf, std::string("daemon=") + kOwnPath}};
+  EXPECT_EQ(ThrownMessage([&] { TickAfter(0); }),
+            "The daemon's path is the Guardian's own: /opt/guard/VellumarkGuardian");
+  EXPECT_EQ(FService.Status().Watchdog.Rounds, 1) << "shown although a step failed";
 }
 
 TEST_F(GuardianServiceTest, StartsADeadDaemonAndLooksAgainAtOnce) {
-  FShell.Answer(std::string(kDaemon) + " start", {"<started> & well", {}});
-  FService->Tick();
-  EXPECT_THAT(FShell.TakeCommands(), ElementsAre(std::string(kPsWithColumns) + " @5",
-                                                 std::string(kDaemon) + " start @30"));
-  EXPECT_THAT(DetailedLog(), HasSubstr("<br>Attempting to start daemon in /opt/guard/VellumarkCL"));
-  EXPECT_THAT(DetailedLog(), HasSubstr("<br>Executed /opt/guard/VellumarkCL start, Result: "
-                                       "&lt;started&gt; &amp; well"));
-  EXPECT_THAT(*FService->Status().ActivityLog,
-              HasSubstr("  ERROR: Service not running - need to start service."));
-  EXPECT_THAT(*FService->Status().ActivityLog,
-              HasSubstr("  INFO: Starting service/daemon in /opt/guard/VellumarkCL"));
-
-  FShell.Answer(kPsWithColumns, {"root 5 VellumarkCL", {}});
-  FService->Tick();
-  EXPECT_THAT(FShell.TakeCommands(), ElementsAre(std::string(kPsWithColumns) + " @5"));
+  FAnswers[kStart] = {"<out>", "Error executing: no <shell>"};
+  EXPECT_THAT(TickAfter(0), ElementsAre(kPs, kStart));
+  EXPECT_THAT(DetailedLog(), EndsWith("<br>Error executing: no &lt;shell&gt;<br>Executed " +
+                                      kDaemon + " start, Result: &lt;out&gt;"));
+  EXPECT_THAT(ShortLog(), HasSubstr("  ERROR: Service not running - need to start service."));
+  EXPECT_THAT(ShortLog(), EndsWith("  INFO: Starting service/daemon in " + kDaemon));
+  FAnswers[kStart] = {std::string(1'000'000, 'x'), {}};
+  TickAfter(0);
+  EXPECT_LT(DetailedLog().size(), 20'000U);
+  DaemonRunsAs("5");
+  EXPECT_THAT(TickAfter(0), ElementsAre(kPs));
+  EXPECT_THAT(TickAfter(0), IsEmpty());
 }
 
-TEST_F(GuardianServiceTest, AHealthyDaemonCostsOneProcessListAMinute) {
-  FShell.Answer(kPsWithColumns, {"root 5 VellumarkCL", {}});
-  FService->Tick();
-  FShell.TakeCommands();
-  for (int tick = 0; tick < 5; ++tick) {
-    FClock.Advance(milliseconds(10'000));
-    FService->Tick();
-  }
-  EXPECT_THAT(FShell.TakeCommands(), testing::IsEmpty());
-  FClock.Advance(milliseconds(10'001));
-  FService->Tick();
-  EXPECT_THAT(FShell.TakeCommands(), ElementsAre(std::string(kPsWithColumns) + " @5"));
-  EXPECT_THAT(*FService->Status().StatusText, HasSubstr(": MutexOK=Y, PipeStatusOK=Y, "
-                                                        "ServiceOK=Y, PID=5"));
-  FScheduler->MutexOK = false;
-  FService->Tick();
-  EXPECT_THAT(FShell.TakeCommands(), ElementsAre(std::string(kPsWithColumns) + " @5"));
+TEST_F(GuardianServiceTest, AHealthyDaemonCostsOneProcessListAMinuteOfSteadyTime) {
+  FAnswers[kPs] = {"error: unsupported option", {}};
+  FAnswers[kPlainPs] = {"root 5 VellumarkCL" + std::string(1'000'000, 'x'), {}};
+  EXPECT_THAT(TickAfter(0), ElementsAre(kPs, kPlainPs));
+  EXPECT_EQ(FService.Status().ProcessListTime, FFakes.Clock.Now());
+  EXPECT_LE(FService.Status().ProcessList->size(), kShownOutputBytes + 100);
+  EXPECT_THAT(TickAfter(50'000), IsEmpty());
+  FFakes.Clock.SetWall(FFakes.Clock.Now() + 1);
+  EXPECT_THAT(TickAfter(9'999), IsEmpty());
+  FFakes.Clock.SetWall(FFakes.Clock.Now() - 2);
+  EXPECT_THAT(TickAfter(2), ElementsAre(kPlainPs));
+  EXPECT_THAT(*FService.Status().StatusText,
+              EndsWith(": MutexOK=Y, PipeStatusOK=Y, ServiceOK=Y, PID=5"));
+  FFakes.Scheduler->PipeOK = false;
+  EXPECT_THAT(TickAfter(0), ElementsAre(kPlainPs));
 }
 
-TEST_F(GuardianServiceTest, RestartsAHungDaemonStepByStep) {
-  FShell.Answer(kPsWithColumns, {"root 5 VellumarkCL", {}});
-  Handshake("MUTEX=/m\n");
-  FScheduler->MutexOK = false;
-  FShell.TakeCommands();
+TEST_F(GuardianServiceTest, RestartsAHungDaemonStepByStepAndCountsIt) {
+  DaemonRunsAs("5");
+  Start("MUTEX=/m\n");
+  FService.Pause();
+  FFakes.Clock.Advance(milliseconds(4'000));
+  EXPECT_FALSE(FService.Status().Watchdog.CheckAgeSec);
+  FFakes.Scheduler->MutexOK = FFakes.Scheduler->PipeOK = false;
+  FFakes.Scheduler->LastPulse = 9;
   std::vector<std::string> commands;
-  for (int tick = 0; tick < 11; ++tick) {
-    FService->Tick();
-    for (const std::string& command : FShell.TakeCommands()) {
-      if (!command.starts_with("ps ")) commands.push_back(command);
-    }
+  for (int tick = 0; tick < 12; ++tick) {
+    FFakes.Scheduler->PipeOK = tick >= 10;
+    const auto run = TickAfter(1'000);
+    commands.insert(commands.end(), run.begin() + 1, run.end());
   }
-  EXPECT_THAT(commands, ElementsAre(std::string(kDaemon) + " stop @20", "kill 5 @20", "kill 5 @20",
-                                    "kill 5 @20", "kill -9 5 @20", "kill -9 5 @20"));
-  EXPECT_EQ(FScheduler->Sent.size(), 11U);
-  EXPECT_THAT(DetailedLog(), HasSubstr("<br>Sending command msgStartTimer<br>"));
-  EXPECT_THAT(*FService->Status().ActivityLog,
-              HasSubstr("  ERROR: Need to restart Vellumark_Service<br>"));
+  EXPECT_THAT(commands, ElementsAre(kStop, "kill 5 @20", "kill 5 @20", "kill 5 @20",
+                                    "kill -9 5 @20", "kill -9 5 @20", "kill -9 5 @20"));
+  EXPECT_EQ(FFakes.Scheduler->Sent,
+            std::vector<TSyncCommMessages>(12, TSyncCommMessages::msgStartTimer));
+  EXPECT_THAT(ShortLog(), HasSubstr("  ERROR: Need to restart Vellumark_Service<br>"));
+
+  FFakes.Clock.Advance(milliseconds(500));
+  const TWatchdogReading seen = FService.Status().Watchdog;
+  EXPECT_EQ(std::tie(seen.MutexOK, seen.PipeOK, seen.ServiceOK, seen.Pid, seen.Pulse, seen.Rounds),
+            std::make_tuple(false, true, true, "5", 9, 12));
+  EXPECT_EQ(std::tie(seen.Restarts, seen.RestartAttempts, seen.MutexFailures, seen.PipeFailures),
+            std::make_tuple(1, 7, 12, 0));
+  const auto& [start, stop, terminate, kill] = seen.Actions;
+  EXPECT_EQ(std::tie(start.Total, stop.Total, terminate.Total, kill.Total),
+            std::make_tuple(0, 1, 3, 3));
+  EXPECT_FALSE(start.LastAgeSec);
+  const double ages[] = {*seen.CheckAgeSec, seen.PulseAgeSec, *kill.LastAgeSec, *stop.LastAgeSec,
+                         seen.UptimeSec};
+  EXPECT_THAT(ages, testing::Pointwise(testing::DoubleNear(0.01), {0.5, 0.5, 0.5, 6.5, 16.5}));
 }
 
-TEST_F(GuardianServiceTest, KeepsItsLogsWithinTheirLimitForHoursOfFailures) {
-  FScheduler->PipeOK = false;
-  for (int tick = 0; tick < 2160; ++tick) {
-    FClock.Advance(milliseconds(10'000));
-    FService->Tick();
-    FShell.TakeCommands();
-    ASSERT_LE(DetailedLog().size(), kActivityLogLimit);
+TEST_F(GuardianServiceTest, TellsTheSystemLogOfAnErrorEveryTenMinutes) {
+  std::size_t told = 0;
+  for (const int afterMs : {0, 599'999, 1, 1, 1}) {
+    TickAfter(afterMs);
+    told = told * 10 + FFakes.SystemLog.size();
   }
-  EXPECT_LE(FService->Status().ActivityLog->size(), kActivityLogLimit);
-  EXPECT_GT(FService->Status().ActivityLog->size(), kActivityLogLimit - 1000);
+  EXPECT_EQ(told, 11122U) << "told again one millisecond after exactly ten minutes";
+  EXPECT_EQ(FFakes.SystemLog[0], "Service not running - need to start service.");
 }
 
-TEST_F(GuardianServiceTest, SaysWhyACommandCouldNotBeRun) {
-  FShell.Answer(std::string(kDaemon) + " start", {{}, "Error executing: no <shell>"});
-  FService->Tick();
-  EXPECT_THAT(DetailedLog(), HasSubstr("<br>Error executing: no &lt;shell&gt;<br>"));
+TEST_F(GuardianServiceTest, CarriesEachRequestOutOnce) {
+  DaemonRunsAs("5");
+  TickAfter(0);
+  FService.RequestKill();
+  FService.RequestTerminate();
+  FService.RequestStop();
+  FService.RequestStart();
+  EXPECT_THAT(TickAfter(0), ElementsAre(kStart, kStop, "kill 5 @20", "kill -9 5 @20", kPs));
+  EXPECT_THAT(ShortLog(), MatchesRegex(".*INFO: Trying to stop the service normally.<br>.*"
+                                       "INFO: Trying to terminate the service.<br>.*"
+                                       "INFO: Trying to kill the service."));
+  EXPECT_THAT(DetailedLog(), HasSubstr("<br>Executed kill -9 5, Result: <br>Status"));
+  EXPECT_THAT(TickAfter(0), IsEmpty());
 }
 
-TEST_F(GuardianServiceTest, CarriesARequestOutAfterOneSecondAndOnce) {
-  FShell.Answer(kPsWithColumns, {"root 5 VellumarkCL", {}});
-  FService->Tick();
-  FService->RequestStart();
-  FService->RequestStop();
-  FService->RequestTerminate();
-  FService->RequestKill();
-  FShell.TakeCommands();
-  FService->Tick();
-  EXPECT_THAT(FShell.TakeCommands(),
-              ElementsAre(std::string(kDaemon) + " start @30", std::string(kDaemon) + " stop @20",
-                          "kill 5 @20", "kill -9 5 @20", std::string(kPsWithColumns) + " @5"));
-  FService->Tick();
-  EXPECT_THAT(FShell.TakeCommands(), testing::IsEmpty());
-  Handshake("MUTEX=/m\n");
-  FShell.TakeCommands();
-  FCommandRun.Reset();
-  FService->RequestStart();
-  FClock.Advance(milliseconds(1'000));
-  ASSERT_TRUE(FCommandRun.WaitFor(milliseconds(10'000)));
-  EXPECT_EQ(FShell.TakeCommands().front(), std::string(kDaemon) + " start @30");
+TEST_F(GuardianServiceTest, KillsByNameAtOnceWhenThePidIsGone) {
+  for (const char* answer : {"sh: kill: (42) - No such process", "NO SUCH PROCESS"}) {
+    DaemonRunsAs("42");
+    TickAfter(60'001);
+    FAnswers["kill -9 42 @20"] = {answer, {}};
+    FService.RequestKill();
+    EXPECT_THAT(TickAfter(0), ElementsAre("kill -9 42 @20", "killall VellumarkCL @20"));
+    FService.RequestTerminate();
+    EXPECT_THAT(TickAfter(0), IsEmpty());
+    EXPECT_THAT(DetailedLog(), HasSubstr("terminate the service.<br>No PID known to terminate"));
+  }
+}
+
+TEST_F(GuardianServiceTest, ARequestIsCarriedOutASecondLaterAndThenTheTimerIsSlowAgain) {
+  const auto rounds = [this] { return FService.Status().Watchdog.Rounds; };
+  Start("MUTEX=/m\n");
+  FService.RequestStop();
+  EXPECT_EQ(TimerRunsAfter(1'000), kStop);
+  EXPECT_TRUE(Eventually([&] { return rounds() == 1; }));
+  for (int second = 1; second <= 10; ++second) {
+    EXPECT_EQ(rounds(), 1) << second;
+    FFakes.Clock.Advance(milliseconds(1'000));
+    CheckSynchronize(milliseconds(3));  // Time for a tick that must not come.
+  }
+  EXPECT_TRUE(Eventually([&] { return rounds() == 2; }));
 }
 
 TEST_F(GuardianServiceTest, TicksOnlyBetweenContinueAndPause) {
-  Handshake("MUTEX=/m\n");
-  FService->Pause();
-  FShell.TakeCommands();
-  FClock.Advance(milliseconds(60'000));
-  EXPECT_TRUE(FService->Continue());
-  FCommandRun.Reset();
-  EXPECT_THAT(FShell.TakeCommands(), testing::IsEmpty());
-  FClock.Advance(milliseconds(10'000));
-  EXPECT_TRUE(FCommandRun.WaitFor(milliseconds(10'000)));
+  Start("MUTEX=/m\n");
+  FService.Pause();
   EXPECT_THAT(DetailedLog(), HasSubstr("<br>Guardian Service PAUSED<br>"));
-  EXPECT_THAT(*FService->Status().ActivityLog, HasSubstr("  INFO: Guardian Service CONTINUED"));
+  EXPECT_THAT(ShortLog(), EndsWith("  INFO: Guardian Service PAUSED"));
+  TakeRun();
+  FFakes.Clock.Advance(milliseconds(60'000));
+  EXPECT_TRUE(FService.Continue());
+  EXPECT_THAT(ShortLog(), EndsWith("  INFO: Guardian Service CONTINUED"));
+  EXPECT_THAT(TakeRun(), IsEmpty());
+  EXPECT_EQ(TimerRunsAfter(10'000), kPs);
 
-  FService->Stop();
-  EXPECT_TRUE(DetailedLog().ends_with("<br>Guardian stopped, v1.50"));
-  FShell.TakeCommands();
-  FService->RequestStart();
-  FClock.Advance(milliseconds(60'000));
-  EXPECT_THAT(FShell.TakeCommands(), testing::IsEmpty());
+  FService.Stop();
+  EXPECT_THAT(DetailedLog(), EndsWith("<br>Guardian stopped, v1.50"));
+  EXPECT_THAT(ShortLog(), HasSubstr("  INFO: Guardian Service Stopped"));
+  TakeRun();
+  FService.RequestStart();
+  FFakes.Clock.Advance(milliseconds(60'000));
+  EXPECT_THAT(TakeRun(), IsEmpty());
 }
 
 }  // namespace

@@ -2,26 +2,18 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <memory>
 #include <stdexcept>
 #include <string>
 
-#include "common/MainThread.h"
 #include "common/Settings.h"
-#include "diagnostics/KZCheckpoints.h"
-#include "diagnostics/exception_report.h"
-#include "diagnostics/logs/ExceptionsLog.h"
-#include "guardian/FakeFileSystem.h"
-#include "guardian/GuardianService.h"
+#include "guardian/FakeSurroundings.h"
+#include "guardian/Units.h"
 #include "ipc/KZCustomApplication.h"
 #include "ipc/KZMessages.h"
 #include "ipc/PipeThreads.h"
 #include "support/Eventually.h"
-#include "support/FakeClock.h"
+#include "support/SettingsBackup.h"
 #include "support/TempFolder.h"
-#include "webstatus/HttpClient.h"
-#include "webstatus/HttpServer.h"
 
 namespace guardian {
 
@@ -35,146 +27,65 @@ using testing::HasSubstr;
 // What is thrown in a thread of the Guardian's leaves a report, and the thread goes on.
 class OuterHandlersTest : public testing::Test {
  protected:
-  OuterHandlersTest() {
-    Settings().LogDirectory.Set(FFolder.Path());
-    KZCP::Init();
-    StartExceptionReports();
-    StartMessages();
-    SetMessageExceptionReporter([](const std::exception_ptr& error, const std::string& title) {
-      HandleException(error, TLogToFiles::Yes, title);
-    });
-  }
-  ~OuterHandlersTest() override {
-    StopMessages();
-    SetMessageExceptionReporter({});
-    StopExceptionReports();
-    KZCP::Fini();
-    Settings().LogDirectory.Set("");
+  void ExpectReport(const std::string& where) const {
+    const auto log = [this] { return FFolder.Read("_Exceptions.log"); };
+    const std::string item = "\nWhere: " + where + ", CP: ";
+    EXPECT_TRUE(Eventually([&] { return log().find(item) != std::string::npos; }));
+    EXPECT_THAT(log(), HasSubstr("Vellumark Guardian 1.50"));
+    EXPECT_THAT(log(), HasSubstr("Exception std::runtime_error: on purpose\n"));
+    EXPECT_TRUE(FFolder.Has("VellumarkGuardian.cfg")) << "the store of the reports' throttle";
   }
 
-  // Runs the main thread until there are that many reports with the where-text.
-  bool Reported(const std::string& where, int times) const {
-    return Eventually([&] {
-      CheckSynchronize(std::chrono::milliseconds(5));
-      const std::string log = Log();
-      int found = 0;
-      for (std::size_t at = log.find("Where: " + where + ", CP: "); at != std::string::npos;
-           at = log.find("Where: " + where + ", CP: ", at + 1)) {
-        ++found;
-      }
-      return found >= times;
-    });
-  }
-  std::string Log() const {
-    return FFolder.Read(ExceptionsLogName().substr(FFolder.Path().size() + 1));
-  }
-  void ExpectPlaceOfFault() const {
-    EXPECT_THAT(Log(), HasSubstr("Exception std::runtime_error: on purpose\n"));
-    EXPECT_THAT(Log(), HasSubstr("FailOnPurpose("));
-  }
-
+  const TSettingsBackup FSettings;
   const TTempFolder FFolder;
+  const bool FSet = (Settings().LogDirectory.Set(FFolder.Path()), true);
   TKZCustomApplication FApplication;
-};
-
-class TThrowingReceiver final : public TKZMessageReceiverClass {
- public:
-  void WndMethod(TKZMessage& /*message*/) override {
-    ++Calls;
-    FailOnPurpose();
-  }
-  int Calls = 0;
-};
-
-class TThrowingScheduler final : public TScheduler {
- public:
-  bool IsSchedulerRunning() override {
-    FailOnPurpose();
-    return false;
-  }
-  TPipeCheck CheckSchedulerPipe() override { return {}; }
-  bool SendCommand(TSyncCommMessages /*command*/) override { return false; }
-  std::int64_t Pulse() const noexcept override { return 0; }
+  TUnits FUnits;
+  std::atomic<int> FCalls = 0;
 };
 
 TEST_F(OuterHandlersTest, ReportTheDeliveryOfMessages) {
-  TThrowingReceiver receiver;
+  struct TReceiver final : TKZMessageReceiverClass {
+    void WndMethod(TKZMessage& /*message*/) override {
+      ++Calls;
+      FailOnPurpose();
+    }
+    int Calls = 0;
+  } receiver;
   PostMessage(receiver, 1, 0, 0, 0);
   PostMessage(receiver, 1, 0, 0, 0);
-  EXPECT_TRUE(Reported("Processing KZMsg", 2));
-  EXPECT_TRUE(CallInMainThread([] { FailOnPurpose(); }));
-  EXPECT_TRUE(Reported("Processing KZMsg", 3));
-  EXPECT_EQ(receiver.Calls, 2);
-  ExpectPlaceOfFault();
-}
-
-TEST_F(OuterHandlersTest, ReportTheWatchdogTick) {
-  TFakeClock clock;
-  TFakeFileSystem files;
-  TGuardianService service({
-      .Shell = [](const std::string&, int) { return TShellOutcome(); },
-      .MakeScheduler =
-          [](const TScheduler::TLog&) { return std::make_unique<TThrowingScheduler>(); },
-      .SystemLog = [](std::string_view, TSystemLogKind) {},
-      .OwnPath = "/opt/guard/VellumarkGuardian",
-      .ConfDir = "/etc",
-      .Files = &files,
-      .Clock = &clock,
-  });
-  service.Start();
-  for (int tick = 1; tick <= 2; ++tick) {
-    clock.Advance(std::chrono::seconds(10));
-    EXPECT_TRUE(Reported("Watchdog tick", tick));
-  }
-  EXPECT_THAT(*service.Status().DetailedLog, HasSubstr("Exception in watchdog tick: on purpose"));
-  service.Stop();
-  ExpectPlaceOfFault();
-}
-
-TEST_F(OuterHandlersTest, ReportThePagesOfTheHttpServer) {
-  THttpServerOptions options;
-  options.OnError = [](const std::exception_ptr& error) {
-    HandleException(error, TLogToFiles::Yes, "HTTP server");
-  };
-  THttpServer server(
-      [](const THttpRequest& request) {
-        if (request.Path == "/fault") FailOnPurpose();
-        THttpResponse response;
-        response.Body = "fine";
-        return response;
-      },
-      options);
-  server.Activate(0);
-  const std::string address = "localhost:" + std::to_string(server.Port());
-  EXPECT_ANY_THROW((void)HttpGet(address + "/fault", std::chrono::seconds(30)));
-  EXPECT_TRUE(Reported("HTTP server", 1));
-  EXPECT_EQ(HttpGet(address + "/", std::chrono::seconds(30)).Body, "fine");
-  ExpectPlaceOfFault();
+  EXPECT_TRUE(Eventually([&] { return receiver.Calls == 2; }));
+  ExpectReport("Processing KZMsg");
+  EXPECT_THAT(FFolder.Read("_Exceptions.log"), HasSubstr("FailOnPurpose("));
 }
 
 TEST_F(OuterHandlersTest, ReportTheThreadsOfThePipes) {
-  StartPipes();
-  {
-    const std::string path = FFolder.Path("pipe");
-    int accepted = 0;
-    TPipeListenThread listener("test", path, [&](const TFileDescriptor&) {
-      // Raised here, carried to the thread that listens.
-      if (++accepted == 1) FailOnPurpose();
-    });
-    listener.AfterConstruction();
-    const auto connect = [&] {
-      return Eventually([&] { return static_cast<bool>(TryConnect(path)); });
-    };
-    ASSERT_TRUE(connect());
-    EXPECT_TRUE(Reported("serve a client of " + path, 1));
-    ASSERT_TRUE(connect());
-    EXPECT_TRUE(Eventually([&] {
-      CheckSynchronize(std::chrono::milliseconds(5));
-      return accepted >= 2;
-    }));
+  const std::string path = FFolder.Path("pipe");
+  TPipeListenThread listener("test", path, [&](const TFileDescriptor&) {
+    if (++FCalls == 1) FailOnPurpose();
+  });
+  listener.AfterConstruction();
+  for (int client = 1; client <= 2; ++client) {
+    EXPECT_TRUE(Eventually([&] { return static_cast<bool>(TryConnect(path)); }));
+    EXPECT_TRUE(Eventually([&] { return FCalls >= client; }));
   }
-  StopPipes();
-  EXPECT_THAT(Log(), HasSubstr("Exception std::runtime_error: on purpose\n"));
+  ExpectReport("serve a client of " + path);
+}
+
+TEST_F(OuterHandlersTest, ReportTheWatchdogTick) {
+  TFakeSurroundings fakes;
+  TGuardianService service(fakes.Make([&](const std::string&, int) -> TShellOutcome {
+    if (++FCalls > 1) FailOnPurpose();
+    return {};
+  }));
+  service.Start();
+  for (int tick = 1; tick <= 2; ++tick) {
+    fakes.Clock.Advance(std::chrono::seconds(10));
+    EXPECT_TRUE(Eventually([&] { return FCalls > tick; }));
+  }
+  ExpectReport("Watchdog tick");
+  service.Stop();
+  EXPECT_THAT(*service.Status().DetailedLog, HasSubstr("Exception in watchdog tick: on purpose"));
 }
 
 }  // namespace

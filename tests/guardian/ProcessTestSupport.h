@@ -1,50 +1,44 @@
 #pragma once
 
-#include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
 #include <sys/types.h>
 
-#include <algorithm>
-#include <chrono>
+#include <cerrno>
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <string>
 #include <vector>
 
-#include "common/Clock.h"
+#include "common/Console.h"
+#include "common/Settings.h"
+#include "common/Thread.h"
+#include "diagnostics/KZCheckpoints.h"
 #include "guardian/process.h"
+#include "support/ChildProcess.h"
 #include "support/Eventually.h"
 #include "support/OpenDescriptors.h"
+#include "support/TempFolder.h"
+
+// What the tests of commands and of the daemon's birth share, with the includes that both need.
 
 namespace guardian {
 
 inline constexpr int kHangLimitSec = 60;  // Bounds failure only.
+// The exit code of a child that this machine does not let run.
+inline constexpr int kNotAllowedHere = 77;
 
-inline std::string OwnPath() { return std::filesystem::read_symlink("/proc/self/exe").string(); }
-
-// A zombie that nobody reaps yet counts as gone.
-inline bool IsAlive(pid_t pid) {
-  std::string stat;
-  std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/stat"), stat);
-  return !stat.empty() && stat.find(") Z ") == std::string::npos;
-}
-
-// From now on the system call fails in this process, as on a machine that lacks or forbids it; with
-// a first argument only the calls that pass it. Returns whether that could be arranged.
-inline bool MakeCallFail(long number, int error, std::uint32_t firstArgument = 0) {
-  const auto offset = [](std::size_t bytes) { return static_cast<std::uint32_t>(bytes); };
-  const std::uint8_t skipArgument = firstArgument == 0 ? 2 : 0;
+// From now on the system call fails in this process, as on a machine that lacks or forbids it.
+// Returns whether that could be arranged.
+inline bool MakeCallFail(long number, int error) {
   sock_filter filter[] = {
-      {BPF_LD | BPF_W | BPF_ABS, 0, 0, offset(offsetof(seccomp_data, nr))},
-      {BPF_JMP | BPF_JEQ | BPF_K, skipArgument, 3, static_cast<std::uint32_t>(number)},
-      {BPF_LD | BPF_W | BPF_ABS, 0, 0, offset(offsetof(seccomp_data, args))},
-      {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, firstArgument},
+      {BPF_LD | BPF_W | BPF_ABS, 0, 0, static_cast<std::uint32_t>(offsetof(seccomp_data, nr))},
+      {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, static_cast<std::uint32_t>(number)},
       {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(error)},
       {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
   };
@@ -54,14 +48,21 @@ inline bool MakeCallFail(long number, int error, std::uint32_t firstArgument = 0
 }
 
 struct TRun {
-  std::string Output;
+  std::string Output = "left over";
   int ExitCode = 99;
 };
 
-inline TRun RunLine(const std::string& commandLine, const std::string& tempFileName = "") {
-  TRun run{"left over", 99};
-  RunShellCmdWithOutput(run.Output, commandLine, kHangLimitSec, false, tempFileName, run.ExitCode);
+inline TRun RunLine(const std::string& commandLine, const std::string& tempFileName = "",
+                    int timeoutSec = kHangLimitSec) {
+  TRun run;
+  RunShellCmdWithOutput(run.Output, commandLine, timeoutSec, false, tempFileName, run.ExitCode);
   return run;
+}
+
+// Runs a registered child function of this program; its standard output goes to the named file.
+inline TRun RunChild(const std::string& arguments, const std::string& outputFile = "") {
+  const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+  return RunLine("'" + self + "' --child " + arguments, outputFile);
 }
 
 }  // namespace guardian

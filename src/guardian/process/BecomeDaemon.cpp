@@ -36,8 +36,8 @@ void TraceDebugHook(std::string_view text) {
   if (debugHook != 0) PrintLine(std::string(text) + std::to_string(debugHook));
 }
 
-// Goes on in the child. The parent leaves by _exit: its buffers, its at-exit functions and its
-// objects are the child's now.
+// Returns true in the child. The parent ends by _exit: its buffers, its at-exit functions and its
+// objects belong to the child now.
 bool ContinueInChild() {
   std::fflush(nullptr);
   const pid_t child = ::fork();
@@ -69,7 +69,7 @@ int HighestDescriptorToClose() {
   return static_cast<int>(std::clamp<rlim_t>(highest, kLeastHighestDescriptor, INT_MAX));
 }
 
-// The numbers of the open descriptors; nothing when /proc is not mounted.
+// The open descriptors; nothing when /proc is not mounted.
 std::optional<std::vector<int>> OpenDescriptors() {
   DIR* const folder = ::opendir("/proc/self/fd");
   if (folder == nullptr) return std::nullopt;
@@ -86,8 +86,8 @@ std::optional<std::vector<int>> OpenDescriptors() {
   return descriptors;
 }
 
-// Both included. Kernels before 5.9 have no close_range; trying each number of a limit of a million
-// takes them noticeable time, so there the open ones are looked up.
+// Closes the descriptors from first to last, both included. Kernels before 5.9 have no close_range;
+// trying a million numbers takes noticeable time, so there the open descriptors are looked up.
 void CloseDescriptors(int first, int last) {
   if (::close_range(static_cast<unsigned>(first), static_cast<unsigned>(last), 0) == 0) return;
   if (const auto open = OpenDescriptors()) {
@@ -100,8 +100,8 @@ void CloseDescriptors(int first, int last) {
   for (int number = first; number <= std::min(last, kHighestTried); ++number) ::close(number);
 }
 
-// The standard handles are inherited by children, so here and below no descriptor is close-on-exec.
-// All of 0 to 2 being closed, each call yields the next of them.
+// Children inherit the standard handles, so these are not close-on-exec. Descriptors 0 to 2 are
+// closed, so each call gives the next of them.
 void OpenNullHandles() {
   const int null = ::open("/dev/null", O_RDWR, 0666);
   for (int copies = 0; null >= 0 && copies < 2; ++copies) {
@@ -109,9 +109,9 @@ void OpenNullHandles() {
   }
 }
 
-// The file is bound to the number of standard output rather than opened anew as a stream, so that a
-// failure leaves the old output to print on. It is created for root alone to write, whatever the
-// file-creation mask.
+// Copies the file's descriptor over standard output instead of opening the stream anew, so that
+// after a failure the old output can still be printed on. Only root may write to a new file,
+// although the file-creation mask is 0.
 void SendOutputToDaemonLog() {
   std::fflush(stdout);
   const TFileDescriptor file(

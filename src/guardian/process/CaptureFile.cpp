@@ -24,7 +24,7 @@ TCaptureFile::~TCaptureFile() {
 
 int TCaptureFile::Make(const std::string& folder) { return MakeUnique(folder, O_CLOEXEC); }
 
-// Memory costs half as much time as a file; kernels before 3.17 have only the latter.
+// A file in memory costs half as much time as one on disk; kernels before 3.17 have none.
 int TCaptureFile::MakeNameless(const std::string& folder) {
   FName = "nameless";
   FFile = TFileDescriptor(::memfd_create("kzshell", MFD_CLOEXEC | MFD_ALLOW_SEALING));
@@ -63,8 +63,8 @@ std::uint64_t TCaptureFile::SizeBytes() const noexcept {
   return static_cast<std::uint64_t>(status.st_size);
 }
 
-// The descriptor of a nameless file is the one that was handed to the child, whose writing has
-// moved the position.
+// Starts at the beginning of the file: the child wrote through the same open file, which moved its
+// position.
 int TCaptureFile::AppendTo(std::string& text, std::size_t maxBytes) const {
   if (SizeBytes() == 0 || text.size() >= maxBytes) return 0;
   if (::lseek(FFile.Get(), 0, SEEK_SET) < 0) return errno;

@@ -9,7 +9,8 @@
 namespace guardian {
 
 // A file that catches what a shell command writes.
-// Owner: one run of a command. Threads: not shared.
+// Owner: one run of a command.
+// Threads: not shared.
 // Lifetime: the destructor removes the file if this object made it.
 class TCaptureFile {
  public:
@@ -18,33 +19,34 @@ class TCaptureFile {
   TCaptureFile(const TCaptureFile&) = delete;
   TCaptureFile& operator=(const TCaptureFile&) = delete;
 
-  // Each opens the file, once per object, and returns 0 or the error number; Name() is then the
-  // name that was tried.
+  // Make, MakeNameless and Open each open the file; one of them is called, once per object. They
+  // return 0 or the error number, and Name() is then the name that was tried.
 
-  // A new file in the folder, with the extension ".txt", for this user alone.
+  // Makes a new file in the folder, with the extension ".txt" and mode 0600.
   [[nodiscard]] int Make(const std::string& folder);
 
-  // A file that nobody else can open by a name, in memory, or in the folder where the system has no
-  // such thing; what is written to it is always appended.
+  // Makes an unnamed file: one in memory, or a removed one in the folder where the kernel has no
+  // files in memory. Every write to it appends.
   [[nodiscard]] int MakeNameless(const std::string& folder);
 
-  // The file of that name, emptied; made, for this user alone, when it is missing.
+  // Empties the file of that name; makes it, with mode 0600, when it is missing. EINVAL for a name
+  // that cannot stand in double quotes.
   [[nodiscard]] int Open(const std::string& name);
 
   [[nodiscard]] const std::string& Name() const noexcept { return FName; }
 
-  // For one call, or for handing it to a child.
+  // Borrowed, for one call or for a child's standard output; -1 when not open.
   [[nodiscard]] int Descriptor() const noexcept { return FFile.Get(); }
 
-  // Makes every write that would enlarge the file fail, for all who hold it. Only files in memory
-  // can do it; others go on growing.
+  // Makes every write that would enlarge the file fail, in every process that holds it. Only a file
+  // in memory can do this; any other goes on growing.
   void StopGrowth() noexcept;
 
-  // 0 when not open.
+  // 0 when the file is not open or not a regular file.
   [[nodiscard]] std::uint64_t SizeBytes() const noexcept;
 
-  // Appends the contents, at most so much of them that the text has maxBytes, to the text. Returns
-  // 0 or the error number; what had been read is then appended.
+  // Appends the contents to the text, until the text has maxBytes. Returns 0 or the error number;
+  // what had been read before the error is appended too.
   [[nodiscard]] int AppendTo(std::string& text, std::size_t maxBytes) const;
 
  private:
@@ -53,7 +55,7 @@ class TCaptureFile {
 
   std::string FName;
   TFileDescriptor FFile;
-  bool FIsOurs = false;  // Made here and still under its name.
+  bool FIsOurs = false;  // The file was made here and still has its name.
 };
 
 // Whether the name can stand in a shell line between plain double quotes.

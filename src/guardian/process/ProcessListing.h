@@ -10,21 +10,21 @@ namespace guardian {
 // Runs one shell command line for at most the given seconds and returns all it printed.
 using TShell = std::function<std::string(const std::string& commandLine, int timeoutSec)>;
 
-// Of a command's output more than this is not kept for showing: a command that floods must not
-// flood the pages.
+// At most this much of a command's output is kept for the pages, so that a command that floods does
+// not flood them.
 inline constexpr std::size_t kShownOutputBytes = 65'536;
 
-// What the system's ps understands.
+// The options that the system's ps understands.
 enum class TPsOptions { Columns, Plain };
 
 struct TProcessListing {
   std::string Text;
-  // Plain once ps has refused "--columns"; pass it to the next call.
+  // Plain once ps has refused "--columns". The caller passes it to the next call.
   TPsOptions Options = TPsOptions::Columns;
 };
 
-// The lines of the process list that name the daemon, and an option error of ps. Runs one or two
-// commands, each for at most the given seconds.
+// Returns the lines of the process list that name the daemon, and the error line of a ps that
+// refuses its options. Runs one or two commands, each for at most the given seconds.
 [[nodiscard]] TProcessListing ListDaemonProcesses(const TShell& shell, int timeoutSec,
                                                   TPsOptions options);
 

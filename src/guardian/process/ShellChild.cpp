@@ -18,6 +18,7 @@
 #include <system_error>
 #include <vector>
 
+#include "common/AtEnd.h"
 #include "common/Cancellation.h"
 #include "common/Clock.h"
 #include "common/NeverDestroyed.h"
@@ -32,7 +33,7 @@ using std::chrono::milliseconds;
 constexpr milliseconds kRound(50);      // Between looks at the size of the output.
 constexpr milliseconds kPollRound(10);  // Where nothing tells of the child's end.
 
-// The arguments as exec takes them; lives as long as the texts.
+// The arguments as exec takes them; valid as long as the texts.
 std::vector<char*> Pointers(const std::vector<std::string>& arguments) {
   std::vector<char*> pointers;
   pointers.reserve(arguments.size() + 1);
@@ -43,7 +44,7 @@ std::vector<char*> Pointers(const std::vector<std::string>& arguments) {
   return pointers;
 }
 
-// What posix_spawn is to do in the child.
+// The instructions for posix_spawn.
 class TSpawnSetup {
  public:
   TSpawnSetup() {
@@ -97,8 +98,8 @@ class TSpawnSetup {
   ::_exit(127);
 }
 
-// Children that even SIGKILL did not end in time, as when they wait for a dead disk; they become
-// zombies of ours whenever they do end.
+// Children that even SIGKILL did not end in time, as when they wait for a dead disk. Each becomes a
+// zombie of this process once it does end.
 // Owner: process-wide. Threads: any.
 class TAbandonedChildren {
  public:
@@ -122,8 +123,8 @@ class TAbandonedChildren {
   std::vector<pid_t> FPids KZ_GUARDED_BY(FLock);
 };
 
-// Whether a line of /proc/<pid>/stat is that of a living member of the group. The name in it may
-// hold anything, so the fields are counted from its last parenthesis.
+// Whether the text of a /proc/<pid>/stat shows a living member of the group. The program's name in
+// it may hold anything, so the fields are counted from the last parenthesis.
 bool IsLivingMember(const std::string& stat, pid_t group) {
   const std::size_t name = stat.rfind(')');
   if (name == std::string::npos || name + 4 > stat.size()) return false;
@@ -142,6 +143,7 @@ TShellChild::~TShellChild() {
 }
 
 int TShellChild::Spawn(const std::vector<std::string>& arguments, int output) {
+  FThread.Check();
   TAbandonedChildren::Instance().ReapEnded();
   TSpawnSetup setup;
   if (const int error = setup.Prepare(output); error != 0) return error;
@@ -155,6 +157,7 @@ int TShellChild::Spawn(const std::vector<std::string>& arguments, int output) {
 }
 
 int TShellChild::Fork(const std::vector<std::string>& arguments) {
+  FThread.Check();
   TAbandonedChildren::Instance().ReapEnded();
   const std::vector<char*> pointers = Pointers(arguments);
   // No handler of ours runs in the forked child.
@@ -162,7 +165,7 @@ int TShellChild::Fork(const std::vector<std::string>& arguments) {
   const pid_t pid = ::fork();
   if (pid == -1) return errno;
   if (pid == 0) ReplaceWithProgram(pointers.data());
-  // In both processes: whichever comes first, the group is there before anybody signals it.
+  // Parent and child both call setpgid, so that the group exists before either goes on.
   ::setpgid(pid, pid);
   FPid = pid;
   return 0;
@@ -170,6 +173,7 @@ int TShellChild::Fork(const std::vector<std::string>& arguments) {
 
 void TShellChild::Wait(TShellEnding& ending, const std::function<std::uint64_t()>& outputBytes,
                        const TCancellation* cancellation) {
+  FThread.Check();
   while (FPid != 0) {
     const bool isBeingEnded = ending.Reason() != TShellEnd::Exited;
     if (HasEnded() && (FLost || !isBeingEnded || !GroupIsAlive())) return Reap();
@@ -199,7 +203,7 @@ bool TShellChild::HasEnded() {
   return FEnded;
 }
 
-// True also where the processes cannot be seen: the group then gets its full time and SIGKILL.
+// True also where /proc cannot be read: the group then gets its full time and SIGKILL.
 bool TShellChild::GroupIsAlive() const {
   std::error_code error;
   std::filesystem::directory_iterator entries("/proc", error);
@@ -217,8 +221,8 @@ bool TShellChild::GroupIsAlive() const {
 
 void TShellChild::SignalGroup(int number) const noexcept { ::kill(-FPid, number); }
 
-// A zombie or a cancellation that is under way stays readable for ever and would make the wait a
-// spin.
+// Does not poll the handle of a zombie nor a cancellation that has happened: both stay readable for
+// ever, and the wait would become a spin.
 void TShellChild::Pause(const TShellEnding& ending, const TCancellation* cancellation) const {
   const bool tellsOfEnd = FEnded || FPidHandle;
   const bool listens = cancellation != nullptr && !cancellation->IsCancelled();

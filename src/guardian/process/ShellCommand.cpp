@@ -17,15 +17,15 @@ namespace {
 
 constexpr std::size_t kMaxOutputBytes = 16'777'216;
 
-// What one run writes to. The redirection at the end of the line covers the last command alone, and
-// it empties its file at a moment that cannot be known; so the shell and the other commands write
-// to a file of their own, where neither that nor the last command's output can overwrite them.
+// The files that one run writes to. The redirection at the end of the line covers the last command
+// alone, and the shell empties that file at a moment that cannot be known. So the shell and the
+// other commands of the line write to a second file.
 struct TShellFiles {
   TCaptureFile LastCommand;
   TCaptureFile Shell;
 
-  // The bytes written so far. A command that wrote too much is ended, yet may take its time over
-  // it: until then it must not fill the memory.
+  // The bytes written so far. A command that wrote too much is ended, which may take some seconds;
+  // meanwhile it must not fill the memory.
   [[nodiscard]] std::uint64_t Watch() noexcept {
     const std::uint64_t size = LastCommand.SizeBytes() + Shell.SizeBytes();
     if (size > kMaxShellFileBytes) Shell.StopGrowth();
@@ -49,9 +49,8 @@ int StartShell(const TShellCommand& command, const TShellFiles& files, TShellChi
   const std::string line = command.CommandLine + " >\"" + files.LastCommand.Name() + "\" 2>&1";
   if (Settings().ShellTrace) KZCP::Checkpoint("Shell Cmd: " + line);
   KZCP::Checkpoint("Exec: " + command.CommandLine + " >\"" + files.LastCommand.Name() + "\"");
-  // The simple runner is the one that has no file for the shell itself; the switch may have
-  // changed.
-  const std::vector<std::string> arguments = {command.ShellPath, "-c", line};
+  const std::vector<std::string> arguments = {"/bin/sh", "-c", line};
+  // Only the simple runner has no file for the shell. The switch itself may have changed meanwhile.
   if (files.Shell.Descriptor() < 0) return child.Fork(arguments);
   return child.Spawn(arguments, files.Shell.Descriptor());
 }

@@ -7,7 +7,7 @@ namespace {
 
 constexpr std::int64_t kLongestRoundMs = 1000;
 constexpr std::int64_t kGraceMs = 2000;
-// Together below the second within which the process must be able to stop.
+// The two together stay below the second within which the process must be able to stop.
 constexpr std::int64_t kCancelledGraceMs = 500;
 constexpr std::int64_t kCancelledGiveUpMs = 300;
 

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "common/Exceptions.h"
+#include "guardian/GuardianService.h"
+#include "support/FakeClock.h"
+
+namespace guardian {
+
+// A file system of a few named files and folders.
+class TFakeFileSystem final : public TFileSystemView {
+ public:
+  bool FileExists(const std::string& path) const override { return Files.contains(path); }
+  bool DirectoryExists(const std::string& path) const override {
+    return Directories.contains(path);
+  }
+  std::string ReadText(const std::string& path) const override {
+    if (Files.at(path) == "unreadable") throw ESystemError("open", path, EACCES);
+    return Files.at(path);
+  }
+
+  std::map<std::string, std::string> Files;
+  std::set<std::string> Directories;
+};
+
+class TFakeScheduler final : public TScheduler {
+ public:
+  bool IsSchedulerRunning() override { return MutexOK; }
+  TPipeCheck CheckSchedulerPipe() override { return {.Ok = PipeOK}; }
+  bool SendCommand(TSyncCommMessages command) override {
+    Sent.push_back(command);
+    return true;
+  }
+  std::int64_t Pulse() const noexcept override { return LastPulse; }
+
+  bool MutexOK = true;
+  bool PipeOK = true;
+  std::int64_t LastPulse = 0;
+  std::vector<TSyncCommMessages> Sent;
+};
+
+inline constexpr const char* kOwnPath = "/opt/guard/VellumarkGuardian";
+inline constexpr const char* kConf = "/etc/VellumarkCL.conf";
+
+// A machine on which the daemon lies beside the Guardian. It outlives the service that it is given
+// to; what the service calls in its timer's thread is read when no tick can run.
+struct TFakeSurroundings {
+  TGuardianSurroundings Make(
+      std::function<TShellOutcome(const std::string& commandLine, int timeoutSec)> shell) {
+    Files.Files["/opt/guard/VellumarkCL"] = "";
+    return {.Shell = std::move(shell),
+            .MakeScheduler =
+                [this](const TScheduler::TLog&) {
+                  auto scheduler = std::make_unique<TFakeScheduler>();
+                  Scheduler = scheduler.get();
+                  return scheduler;
+                },
+            .SystemLog =
+                [this](std::string_view message, TSystemLogKind kind) {
+                  if (kind != TSystemLogKind::Information) SystemLog.emplace_back(message);
+                },
+            .OwnPath = kOwnPath,
+            .ConfDir = "/etc",
+            .Files = &Files,
+            .Clock = &Clock};
+  }
+
+  TFakeClock Clock;
+  TFakeFileSystem Files;
+  TFakeScheduler* Scheduler = nullptr;
+  std::vector<std::string> SystemLog;
+};
+
+}  // namespace guardian
