@@ -4,8 +4,10 @@
 
 #include "common/Clock.h"
 #include "common/ErrorLog.h"
+#include "common/Exceptions.h"
 #include "common/NeverDestroyed.h"
 #include "diagnostics/KZCheckpoints.h"
+#include "diagnostics/exception_report.h"
 
 namespace guardian {
 
@@ -45,6 +47,11 @@ TValidObjects& ValidObjects() {
 
 void WritePipeDiagnostic(std::string_view text) {
   ErrorLog().WriteLine(DateTimeToStr(SystemClock().Now()).append(" KZUnixPipes: ").append(text));
+}
+
+void ReportPipeException(const std::string& where) {
+  WritePipeDiagnostic(where + ": " + CurrentExceptionMessage());
+  HandleException(std::current_exception(), TLogToFiles::Yes, where);
 }
 
 }  // namespace guardian
