@@ -52,32 +52,6 @@ TEST(TWriteQueueTest, IsAQueueOfFramesThatLosesItsOldestAtALimit) {
   }
 }
 
-// The wait is so long that a single lost wake-up fails the test.
-TEST(TWriteQueueTest, WakesItsWriterForEachFrameAndForTheEnd) {
-  constexpr int kFrames = 2000;
-  TWriteQueue queue;
-  std::atomic<int> written = 0;
-  std::atomic<bool> ended = false;
-  const TCrew writer(1, [&](int) {
-    while (!ended) {
-      if (const auto write = queue.Dequeue()) {
-        ++written;
-      } else if (!ended) {
-        queue.WaitForData(seconds(60));
-      }
-    }
-  });
-  for (int i = 0; i < kFrames; ++i) {
-    queue.Append("frame");
-    // Now and then the writer has come to its wait.
-    ASSERT_TRUE(i % 20 > 0 || Eventually([&] { return written > i; }));
-  }
-  EXPECT_TRUE(Eventually([&] { return written == kFrames; }));
-  ended = true;
-  queue.Wake();
-  EXPECT_TRUE(Eventually([&] { return writer.Finished(); }));
-}
-
 TEST(TBufferPoolTest, KeepsBuffersUpToItsLimits) {
   constexpr std::size_t kNewCapacity = std::string().capacity();
   TBufferPool pool;
