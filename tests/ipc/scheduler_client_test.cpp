@@ -15,7 +15,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-TSyncCommRecord Record(TSchedulerActions action, std::int64_t pulse) {
+std::string Record(TSchedulerActions action, std::int64_t pulse) {
   TSyncCommRecord record{};
   record.SchedulerAction = static_cast<std::uint8_t>(action);
   record.Pulse = pulse;
@@ -23,11 +23,11 @@ TSyncCommRecord Record(TSchedulerActions action, std::int64_t pulse) {
   record.FirstText.Set("<first>");
   record.SecondText.Set("<second>");
   record.DetailText.Set("<detail>");
-  return record;
+  return RecordBytes(record);
 }
 
 std::string Running(std::int64_t pulse) {
-  return RecordBytes(Record(TSchedulerActions::tsaSchedulerRunning, pulse));
+  return Record(TSchedulerActions::tsaSchedulerRunning, pulse);
 }
 
 // The client against a real server of this process. Checks run on a thread of their own, as the
@@ -97,8 +97,8 @@ TEST_F(SchedulerClientTest, TakesTheSchedulerForRunningOnlyWhileItsMutexIsHeld) 
 
 TEST_F(SchedulerClientTest, LogsRecordsByTheirActionAndCountsTheRest) {
   FScheduler.HandleMessage(Running(-77));
-  FScheduler.HandleMessage(RecordBytes(Record(TSchedulerActions::tsaStatusUpdate, 5)) +
-                           RecordBytes(Record(TSchedulerActions::tsaProgress, 6)));
+  FScheduler.HandleMessage(Record(TSchedulerActions::tsaStatusUpdate, 5) +
+                           Record(TSchedulerActions::tsaProgress, 6));
   EXPECT_THAT(
       TakeLog(),
       ElementsAre("Scheduler Msg: tsaSchedulerRunning &lt;first&gt; &lt;second&gt;: &lt;detail&gt; "
