@@ -114,7 +114,7 @@ TEST_F(KZMessagesTest, LeavesTheMainThreadItsOtherWorkInAFlood) {
   constexpr std::size_t kEnough = 5'000'000;
   TRecorder flood;
   bool otherWork = false;
-  const TCrew crew(1, [&](int) { Synchronize([&] { otherWork = true; }); });
+  const TCrew crew = AskMainThread([&] { otherWork = true; });
   flood.OnMessage = [&](const TKZMessage& message) {
     if (!otherWork && flood.Received.size() < kEnough) flood.Post(message.WParam + 1);
   };
@@ -168,7 +168,7 @@ TEST_F(KZMessagesTest, CountsDeliveriesAndTheirTimeInTheQueue) {
 // Were wake-ups lost, each call would wait for half a second.
 TEST_F(KZMessagesTest, RunsTheCallsOfSeveralThreadsInTheMainThread) {
   constexpr int kThreads = 4;
-  constexpr int kEach = 200;
+  constexpr int kEach = 100;
   int ran = 0;  // Main thread only.
   std::atomic<int> returned = 0;
   const TCrew crew(kThreads, [&](int) {

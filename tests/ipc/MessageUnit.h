@@ -36,6 +36,17 @@ class TUnitsTest : public testing::Test {
   const TTempFolder FFolder;
 };
 
+// A thread that asks the main thread to run the function, and is at it when this returns.
+inline TCrew AskMainThread(const std::function<void()>& function) {
+  std::atomic<bool> asking = false;
+  TCrew crew(1, [&asking, function](int) {
+    asking = true;
+    Synchronize(function);
+  });
+  while (!asking) SystemClock().Sleep(std::chrono::milliseconds(1));
+  return crew;
+}
+
 // Keeps what it received, and does with it what the test says.
 class TRecorder : public TKZMessageReceiverClass {
  public:
