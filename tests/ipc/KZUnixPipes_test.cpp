@@ -329,12 +329,15 @@ TEST_F(KZUnixPipesTest, StopsReadingAFloodUntilItIsDelivered) {
 TEST_F(KZUnixPipesTest, ASlowReaderLosesItsOldestFrames) {
   const TFileDescriptor reader = ServeAndConnectRaw();
   const std::string payload(1'000'000, 'p');
+  int sent = 0;
+  FServer->OnPipeSent = [&](auto&&...) { ++sent; };
   for (int i = 0; i < 1000; ++i) {
     FServer->Write(FServer->Clients(1), payload);
     FServer->LimitWriteQueues(3);
   }
   FServer->SetActive(false);
   EXPECT_TRUE(Eventually([&] { return PipeCounters().ServerPipes == 0; }));
+  EXPECT_EQ(sent, 0) << "none was written whole";
 }
 
 // The world sees a socket that every user may connect to and a lock that is held, and children
