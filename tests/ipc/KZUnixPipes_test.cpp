@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <random>
 #include <set>
 
@@ -35,12 +34,6 @@ std::string Frame(std::string_view payload) {
   std::string frame;
   AppendFrame(frame, payload);
   return frame;
-}
-
-// What was written to the file since the last call.
-std::string ReadOn(std::ifstream& file) {
-  file.clear();
-  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 class KZUnixPipesTest : public TUnitsTest {
@@ -380,7 +373,7 @@ TEST_F(KZUnixPipesTest, SaysWhyItCannotListenOrAcceptAndGoesOn) {
   // Without descriptors clients wait until there are some.
   ServeAndConnect();
   TPipeClient last;
-  std::ifstream file(log.Folder().Path("error.log"));
+  const TFileDescriptor file(::open(log.Folder().Path("error.log").c_str(), O_RDONLY | O_CLOEXEC));
   std::string text;
   const std::string refused = " KZUnixPipes: accept on " + FSocketPath + ": Too many open files";
   rlimit limit{};
@@ -393,7 +386,10 @@ TEST_F(KZUnixPipesTest, SaysWhyItCannotListenOrAcceptAndGoesOn) {
     ::setrlimit(RLIMIT_NOFILE, &one);
     EXPECT_TRUE(last.Connect(0));
     EXPECT_FALSE(TPipeClient().Connect(0));
-    EXPECT_TRUE(Eventually([&] { return (text += ReadOn(file)).find(refused) != text.npos; }));
+    EXPECT_TRUE(Eventually([&] {
+      ::lseek(file.Get(), 0, SEEK_SET);
+      return ReadToEnd(file.Get(), 1'000'000, text) == 0 && text.find(refused) != text.npos;
+    }));
   }
   EXPECT_TRUE(Eventually([&] { return FServer->ClientCount() == 2; }));
   EXPECT_TRUE(FClient->Connected()) << "a second of silence is no end";
