@@ -231,13 +231,12 @@ TEST_F(KZUnixPipesTest, ALateNoticeDoesNotTouchANewerConnection) {
 TEST_F(KZUnixPipesTest, MayBeDisconnectedAndFreedInItsOwnEvents) {
   ServeAndConnect();
   FClient->Disconnect(TWait::Yes);
-  FServer->OnPipeConnect = [&](auto&, std::int64_t pipe) {
-    for (int i = 0; i < 5; ++i) FServer->Write(pipe, "go");
-  };
+  ASSERT_TRUE(Eventually([&] { return FDisconnects == 1; }));
+  std::int64_t pipe = 0;
+  FServer->OnPipeConnect = [&](auto&, std::int64_t connected) { pipe = connected; };
   int threadsLeft = 0;
   for (int round = 0; round < 60; ++round) {
     auto client = std::make_unique<TPipeClient>();
-    ASSERT_TRUE(client->Connect(0));
     const auto free = [&](auto&&...) {
       client.reset();
       threadsLeft += PipeCounters().ClientPipeThreads;
@@ -247,8 +246,12 @@ TEST_F(KZUnixPipesTest, MayBeDisconnectedAndFreedInItsOwnEvents) {
       if (round % 3 < 2) return free();
       client->Disconnect(TWait::Yes);
     };
+    pipe = 0;
+    ASSERT_TRUE(client->Connect(0));
+    ASSERT_TRUE(Eventually([&] { return pipe != 0; }));
+    for (int i = 0; i < 100; ++i) FServer->Write(pipe, "go");
     // The wait runs the events that have come meanwhile.
-    SystemClock().Sleep(milliseconds(round % 2));
+    SystemClock().Sleep(milliseconds(round % 4));
     if (round % 3 == 1) client->Disconnect(TWait::Yes);
     ASSERT_TRUE(Eventually([&] { return client == nullptr; })) << round;
   }
@@ -392,6 +395,7 @@ TEST_F(KZUnixPipesTest, SaysWhyItCannotListenOrAcceptAndGoesOn) {
     }));
   }
   EXPECT_TRUE(Eventually([&] { return FServer->ClientCount() == 2; }));
+  SleepSynchronizing(milliseconds(100));
   EXPECT_TRUE(FClient->Connected()) << "a second of silence is no end";
 }
 
