@@ -1,5 +1,7 @@
 #include "ipc/BufferPool.h"
 
+#include <cstddef>
+#include <iterator>
 #include <utility>
 
 namespace guardian {
@@ -16,6 +18,15 @@ std::unique_ptr<std::string> TBufferPool::Take() {
     }
   }
   return std::make_unique<std::string>();
+}
+
+std::vector<std::unique_ptr<std::string>> TBufferPool::TakeHalf() {
+  const TMutexLock lock(FLock);
+  const auto from = FBuffers.begin() + static_cast<std::ptrdiff_t>(FBuffers.size() / 2);
+  std::vector<std::unique_ptr<std::string>> half(std::make_move_iterator(from),
+                                                 std::make_move_iterator(FBuffers.end()));
+  FBuffers.erase(from, FBuffers.end());
+  return half;
 }
 
 void TBufferPool::Give(std::unique_ptr<std::string> buffer) noexcept {

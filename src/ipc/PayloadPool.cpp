@@ -3,7 +3,10 @@
 namespace guardian {
 
 std::unique_ptr<std::string> TPayloadPool::Take(std::string_view bytes) {
-  std::unique_ptr<std::string> buffer = FBuffers.Take();
+  if (FTaken.empty()) FTaken = FBuffers.TakeHalf();
+  if (FTaken.empty()) FTaken.push_back(std::make_unique<std::string>());
+  std::unique_ptr<std::string> buffer = std::move(FTaken.back());
+  FTaken.pop_back();
   buffer->assign(bytes);
   FUndelivered.fetch_add(buffer->size() + kMessageCost);
   return buffer;

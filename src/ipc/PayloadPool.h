@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "common/Event.h"
 #include "ipc/BufferPool.h"
@@ -16,7 +17,7 @@ namespace guardian {
 // The payloads of one connection that are on their way to its owner: counts their bytes, so that a
 // flood can be held back, and uses their buffers again.
 // Owner: shared by the connection and by every payload, which may outlive the connection.
-// Threads: any.
+// Threads: Take by the connection's reader alone, the rest by any.
 class TPayloadPool {
  public:
   // More than this much undelivered stops the reading. Each message counts its bytes and
@@ -39,6 +40,7 @@ class TPayloadPool {
 
  private:
   TBufferPool FBuffers;
+  std::vector<std::unique_ptr<std::string>> FTaken;  // The reader's share of the buffers.
   std::atomic<std::size_t> FUndelivered = 0;  // Atomic: the reader adds, the owner subtracts.
   TKZEvent FRoomEvent{"PayloadRoom"};
 };
