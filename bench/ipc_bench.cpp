@@ -177,7 +177,8 @@ void PipeRecords(benchmark::State& state) {
   constexpr int kBursts = 10;
   TPipe pipe;
   const std::string record(kSyncCommRecordBytes, 'r');
-  const std::string frame = BuildFrame(record);
+  std::string frame;
+  AppendFrame(frame, record);
   int sockets[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets) != 0) std::abort();
   CompareRates(

@@ -16,7 +16,7 @@ namespace {
 
 // Atomic: read by any thread and by the signal handlers.
 std::atomic<TKZCustomApplication*> gApplication = nullptr;
-// Atomic, and apart from the object, so that a thread may ask while the object goes away.
+// Atomic, and outside the object, so that a thread may ask while the object is being freed.
 std::atomic<TApplicationState> gState = TApplicationState::Absent;
 
 static_assert(std::atomic<TKZCustomApplication*>::is_always_lock_free &&
@@ -38,17 +38,19 @@ TKZCustomApplication::TKZCustomApplication() {
 }
 
 TKZCustomApplication::~TKZCustomApplication() {
+  assert(IsMainThread());
   FSignals.clear();
   gState.store(TApplicationState::Absent);
   gApplication.store(nullptr);
 }
 
 void TKZCustomApplication::Initialize() {
+  assert(IsMainThread());
   if (!FSignals.empty()) return;
   FSignals.emplace_back(SIGINT, &TerminateOnSignal);
   FSignals.emplace_back(SIGTERM, &TerminateOnSignal);
   FSignals.emplace_back(SIGPIPE, SIG_IGN);
-  // Inherited as ignored, it would take the exit codes of all children away.
+  // If it were ignored, as a parent may leave it, the exit codes of all children would be lost.
   FSignals.emplace_back(SIGCHLD, SIG_DFL);
 }
 
@@ -77,7 +79,7 @@ void TKZCustomApplication::Run() {
       CheckSynchronize(kRound);
     } catch (...) {
       HandleException(std::current_exception(), TLogToFiles::Yes, "Main loop");
-      // What fails at once, and again and again, must not fill the log.
+      // A failure that comes again and again must not fill the log.
       SystemClock().Sleep(kPauseAfterFailure);
     }
   }

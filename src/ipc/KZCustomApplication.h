@@ -14,35 +14,35 @@ enum class TApplicationState { Absent, Running, Terminating };
 // Owner: the entry, which creates it and frees it at its end; at most one exists at a time.
 // Threads: the main thread creates it, destroys it and calls Initialize and Run; any thread, and
 // signal handlers, may call the rest.
-// Lifetime: outlives every thread that calls CurrentApplication(); whoever may still run later asks
-// ApplicationState() instead.
+// Lifetime: outlives every thread that calls CurrentApplication(); a thread that may still run
+// later asks ApplicationState() instead.
 class TKZCustomApplication {
  public:
   // Throws KZException when there is an application already, ESystemError when the system has no
-  // descriptor left.
+  // more descriptors.
   TKZCustomApplication();
 
-  // Gives the signals back what they did before Initialize.
+  // Restores what the signals did before Initialize.
   ~TKZCustomApplication();
   TKZCustomApplication(const TKZCustomApplication&) = delete;
   TKZCustomApplication& operator=(const TKZCustomApplication&) = delete;
 
-  // Makes SIGINT and SIGTERM call Terminate and ignores SIGPIPE; other signals are left alone.
-  // Throws ESystemError.
+  // Makes SIGINT and SIGTERM call Terminate, ignores SIGPIPE and gives SIGCHLD its default; other
+  // signals are left alone. Throws ESystemError.
   void Initialize();
 
   // Runs synchronise requests until Terminate is called; returns at once when it was.
   void Run();
 
-  // Ends Run, for good: there is no way back. Async-signal-safe.
+  // Ends Run for good; there is no way back. Async-signal-safe.
   void Terminate() noexcept;
   [[nodiscard]] bool Terminated() const noexcept { return FStopping.IsCancelled(); }
 
-  // Cancelled by Terminate; for waits that are to end with the application.
+  // Cancelled by Terminate, for waits that are to end with the application.
   [[nodiscard]] const TCancellation& Stopping() const noexcept { return FStopping; }
 
  private:
-  // A signal's disposition for as long as it lives; the previous one comes back afterwards.
+  // Sets a signal's disposition, and restores the previous one at its end.
   class TSignalDisposition {
    public:
     TSignalDisposition(int signalNumber, void (*handler)(int));

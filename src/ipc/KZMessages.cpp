@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/AtEnd.h"
 #include "common/Clock.h"
 #include "common/ErrorLog.h"
 #include "common/Exceptions.h"
@@ -30,30 +31,32 @@ class TMessageDeliveryThread final : public TKZThread {
   void OnTerminate() override;
 };
 
-// What the unit is made of. It is never freed: a thread that posts or waits too late finds the
-// lists closed.
+// The unit's parts. They are never freed: a thread that posts or waits too late finds the lists
+// closed.
 //
 // Each StartMessages begins a new generation. A synchronous call belongs to the generation it began
 // in, so that a restart of the unit does not make it wait for a message that was dropped.
 struct TMessageUnit {
-  TMessageList GMsgList{"GMsgList"};
-  TMessageList GDoneList{"GDoneList"};
+  TMessageList GMsgList;
+  TMessageList GDoneList;
   TKZEvent GMsgEvent{"GMsgEvent"};
   TKZEvent GDoneEvent{"GDoneEvent"};
 
   // Atomics: each is read by any thread and none depends on another.
-  std::atomic<std::uint64_t> Generation = 0;          // The last one started; 0 for none.
-  std::atomic<std::uint64_t> ShutDownGeneration = 0;  // The last one whose shutdown has begun.
+  std::atomic<std::uint64_t> Generation = 0;          // The last generation started; 0 for none.
+  std::atomic<std::uint64_t> ShutDownGeneration = 0;  // The last whose shutdown has begun.
   std::atomic<int> SynchronousCalls = 0;              // In progress.
   std::atomic<bool> DeliveryStopped = false;
   std::atomic<std::int64_t> Delivered = 0;
   std::atomic<std::int64_t> LatencySumMs = 0;
 
-  // Main thread only.
-  TMessageChain Used;   // Delivered, to be given back to GMsgList.
-  TMessageChain Batch;  // Taken off GMsgList and not delivered yet; older than all that is there.
+  // Main thread only. Used are delivered wrappers, to be given back to GMsgList. Batch was taken
+  // off GMsgList and is not delivered yet; it is older than all that is in the list. LeftThreads
+  // did not end in time.
+  TMessageChain Used;
+  TMessageChain Batch;
   std::unique_ptr<TMessageDeliveryThread> DeliveryThread;
-  std::vector<std::unique_ptr<TMessageDeliveryThread>> LeftThreads;  // Did not end in time.
+  std::vector<std::unique_ptr<TMessageDeliveryThread>> LeftThreads;
   TMessageExceptionReporter Reporter;
 };
 
@@ -94,8 +97,8 @@ std::unique_ptr<TMessageWrapper> NewWrapper() {
 // Returns whether the message was taken.
 //
 // The event is signalled for the first message of an empty list only. That is enough: the signal
-// stays until the delivery thread takes it, which then has the whole list delivered; where it may
-// not deliver, it looks again after its longest wait or when the delivery is resumed.
+// stays until the delivery thread takes it, which then has the whole list delivered. When delivery
+// is stopped, that thread looks again after its longest wait or when delivery is resumed.
 bool Enqueue(TMessageUnit& unit, std::unique_ptr<TMessageWrapper> wrapper) {
   wrapper->PostTime = SystemTickCount();
   const TMessageList::TAppended appended = unit.GMsgList.Append(wrapper);
@@ -114,7 +117,7 @@ void CountDelivered(TMessageUnit& unit, const TMessageWrapper& wrapper) {
                           std::memory_order_relaxed);
 }
 
-// Call it in a catch block only.
+// In a catch block.
 void ReportException(TMessageUnit& unit) {
   ErrorLog().WriteLine("EXCEPTION Processing KZMsg: " + CurrentExceptionMessage());
   if (!unit.Reporter) return;
@@ -125,35 +128,29 @@ void ReportException(TMessageUnit& unit) {
   }
 }
 
-void RunReported(TMessageUnit& unit, const std::function<void()>& callback) {
+// Runs the step; what it throws is reported and goes no further.
+template <typename TStep>
+void RunReported(TMessageUnit& unit, const TStep& step) {
   try {
-    callback();
+    step();
   } catch (...) {
     ReportException(unit);
   }
 }
 
-// The receiver may be gone afterwards.
-void CallReceiver(TMessageUnit& unit, TMessageWrapper& wrapper) {
-  try {
-    wrapper.Receiver->WndMethod(wrapper.Message);
-  } catch (...) {
-    ReportException(unit);
-  }
-}
-
-// The call is finished after it is in the list: a caller that finds it finished also finds the
-// wrapper, unless the unit was stopped.
+// Finishes the call only after its wrapper is in the list: a caller that finds the call finished
+// also finds the wrapper, unless the unit was stopped.
 void HandBack(TMessageUnit& unit, std::unique_ptr<TMessageWrapper> wrapper) {
   const std::shared_ptr<TSynchronousCall> call = wrapper->Call;
-  // Refused when the unit was stopped meanwhile.
+  // The list refuses it when the unit was stopped meanwhile.
   static_cast<void>(unit.GDoneList.Append(wrapper));
   call->Finish();
   unit.GDoneEvent.Signal();
 }
 
 void Recycle(TMessageUnit& unit, std::unique_ptr<TMessageWrapper> wrapper) {
-  wrapper->Payload.reset();
+  // The deleter goes too, since it keeps the pool of a connection that may have ended.
+  if (wrapper->Payload) wrapper->Payload = TMessagePayload();
   if (unit.Used.Count() < TMessageList::kMaxSpares) unit.Used.Append(std::move(wrapper));
 }
 
@@ -165,14 +162,15 @@ void Deliver(TMessageUnit& unit, std::unique_ptr<TMessageWrapper> wrapper) {
     HandBack(unit, std::move(wrapper));
     return;
   }
-  CallReceiver(unit, *wrapper);
+  // The receiver may be gone afterwards.
+  RunReported(unit, [&] { wrapper->Receiver->WndMethod(wrapper->Message); });
   Recycle(unit, std::move(wrapper));
 }
 
-// One run of ProcessMessages. What was queued when it began is delivered whatever it takes; what
-// comes meanwhile, only until the turn is over, so that a flood of messages leaves the main thread
-// its other work. The delivery thread then asks for the next turn: the first message behind the
-// last refill has signalled its event.
+// One run of ProcessMessages. What was queued when it began is delivered however long that takes.
+// What comes meanwhile is delivered only until the turn is over, so that a flood of messages leaves
+// the main thread its other work. The delivery thread then asks for the next turn: the first
+// message after the last refill has signalled its event.
 class TDeliveryTurn {
  public:
   explicit TDeliveryTurn(TMessageUnit& unit) : FUnit(unit) {}
@@ -202,18 +200,6 @@ class TDeliveryTurn {
   bool FRefilled = false;
 };
 
-// A call in progress, for as long as it lives.
-class TCallCount {
- public:
-  explicit TCallCount(TMessageUnit& unit) : FUnit(unit) { ++FUnit.SynchronousCalls; }
-  ~TCallCount() { --FUnit.SynchronousCalls; }
-  TCallCount(const TCallCount&) = delete;
-  TCallCount& operator=(const TCallCount&) = delete;
-
- private:
-  TMessageUnit& FUnit;
-};
-
 bool TakeIfFinished(TMessageUnit& unit, const TSynchronousCall& call) {
   const bool finished = call.Finished();
   const TMessageChain found = unit.GDoneList.TakeIf(
@@ -221,8 +207,8 @@ bool TakeIfFinished(TMessageUnit& unit, const TSynchronousCall& call) {
   return finished || !found.Empty();
 }
 
-// All callers share the event, and a signal wakes only one of them. One that was woken for nothing
-// hands the signal on and stands back for a moment, so as not to take it again itself.
+// All callers share the event, and a signal wakes only one of them. A caller that was woken for
+// nothing signals the next one and sleeps 1 ms, or it would receive its own signal.
 void HandSignalOn(TMessageUnit& unit) {
   if (unit.GDoneList.Empty()) return;
   unit.GDoneEvent.Signal();
@@ -269,7 +255,7 @@ void EndDeliveryThread(TMessageUnit& unit) {
   if (unit.DeliveryThread->Finished()) unit.DeliveryThread.reset();
 }
 
-// With the lists closed there is nothing left for it to do, whenever it comes to see that.
+// Gives up a thread that did not end in time. It finds the lists closed, whenever it looks.
 void LeaveDeliveryThread(TMessageUnit& unit) {
   if (!unit.DeliveryThread) return;
   unit.DeliveryThread->Terminate();
@@ -358,7 +344,8 @@ bool CallInMainThread(std::function<void()> method) {
   KZCP::Checkpoint("BSy1");
   bool ran = false;
   {
-    const TCallCount count(unit);
+    ++unit.SynchronousCalls;
+    const TAtEnd leave([&] { --unit.SynchronousCalls; });
     const auto call = std::make_shared<TSynchronousCall>(std::move(method));
     auto wrapper = std::make_unique<TMessageWrapper>();
     wrapper->Call = call;
@@ -405,6 +392,7 @@ TMessageStatistics MessageStatistics() noexcept {
 }
 
 void SetMessageExceptionReporter(TMessageExceptionReporter reporter) {
+  assert(IsMainThread());
   Unit().Reporter = std::move(reporter);
 }
 

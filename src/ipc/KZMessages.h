@@ -24,9 +24,9 @@ struct TKZMessage {
 // The base of every object that receives posted messages.
 // Owner: anyone, but destroyed in the main thread, unless nothing was ever posted to it.
 // Threads: WndMethod runs in the main thread, one message at a time, in the order of posting.
-// Lifetime: outlives whoever posts to it; messages still queued for it are dropped when it goes. A
-// derived class whose destructor lets the main thread deliver (it waits with synchronise running)
-// calls RemoveMessagesFor first and keeps its posters from posting more.
+// Lifetime: outlives the threads that post to it; messages still queued for it are dropped when it
+// goes. A derived class whose destructor lets the main thread deliver (it waits with synchronise
+// running) calls RemoveMessagesFor first and keeps its posters from posting more.
 class TKZMessageReceiverClass {
  public:
   TKZMessageReceiverClass() = default;
@@ -34,13 +34,13 @@ class TKZMessageReceiverClass {
   TKZMessageReceiverClass(const TKZMessageReceiverClass&) = delete;
   TKZMessageReceiverClass& operator=(const TKZMessageReceiverClass&) = delete;
 
-  // What it throws is logged and reported; the messages behind are delivered all the same.
+  // What it throws is logged and reported; later messages are delivered all the same.
   virtual void WndMethod(TKZMessage& message) = 0;
 };
 
-// Starts the unit: messages are taken and delivered until StopMessages. Main thread; the
-// application object exists by then, else the delivery thread ends after its first round. Does
-// nothing when the unit is started. Throws ESystemError, and the unit is then not started.
+// Starts the unit: messages are taken and delivered until StopMessages. Does nothing when the unit
+// is started. Throws ESystemError, and the unit is then not started. Main thread, after the
+// application object was created; without it the delivery thread ends after its first round.
 void StartMessages();
 
 // Stops the unit: synchronous calls return, at most about a second is spent on that, then the
@@ -48,8 +48,8 @@ void StartMessages();
 // synchronise requests meanwhile. Main thread, and not from within a message.
 void StopMessages();
 
-// Queues a message for the receiver. Never blocks beyond the list's lock. Dropped silently while
-// the unit is not started. Any thread.
+// Queues a message for the receiver. Never blocks beyond the list's lock. Drops the message
+// silently while the unit is not started. Any thread.
 void PostMessage(TKZMessageReceiverClass& receiver, std::uint32_t msg, std::int64_t wParam,
                  std::int64_t lParam, std::int64_t result);
 
@@ -85,12 +85,12 @@ void ResumeDelivery();
 // Since StartMessages.
 struct TMessageStatistics {
   std::int64_t Delivered = 0;
-  std::int64_t LatencySumMs = 0;  // Time in the queue, of all delivered ones together.
+  std::int64_t LatencySumMs = 0;  // Time in the queue, of all delivered messages together.
 };
 [[nodiscard]] TMessageStatistics MessageStatistics() noexcept;
 
 // Sets what reports an exception that escaped a receiver or a callback, besides the line in the
-// error log; an empty one reports nothing. Main thread.
+// error log; an empty function reports nothing. Main thread.
 using TMessageExceptionReporter =
     std::function<void(std::exception_ptr error, const std::string& title)>;
 void SetMessageExceptionReporter(TMessageExceptionReporter reporter);
@@ -102,7 +102,7 @@ enum class TThreadCreation {
 
 // The base of worker threads: a thread with an exit code, which releases its checkpoint record at
 // its end.
-// Owner: whoever gets it from CreateThread.
+// Owner: the caller of CreateThread.
 // Threads: as TThread; the exit code may be set by the thread itself and read by any.
 // Lifetime: as TThread; a derived class calls Join in its destructor.
 class TKZThread : public TThread {
@@ -124,10 +124,11 @@ class TKZThread : public TThread {
 
  private:
   const TThreadCreation FCreation;
-  std::atomic<int> FExitCode = 0;  // Atomic: set by the thread, read by whoever waits for it.
+  std::atomic<int> FExitCode = 0;  // Atomic: set by the thread, read by those who wait for it.
 };
 
-// Creates a thread and starts it, if it is to be. Throws ESystemError when it cannot be started.
+// Creates a thread and starts it unless it is to be suspended. Throws ESystemError when it cannot
+// be started.
 template <typename TThreadClass, typename... TArguments>
 std::unique_ptr<TThreadClass> CreateThread(TArguments&&... arguments) {
   auto thread = std::make_unique<TThreadClass>(std::forward<TArguments>(arguments)...);

@@ -52,11 +52,6 @@ TMessageChain TMessageList::Close() {
   return std::move(FChain);
 }
 
-bool TMessageList::Exists() const {
-  const TMutexLock lock(FLock);
-  return FOpen;
-}
-
 bool TMessageList::Empty() const {
   const TMutexLock lock(FLock);
   return FChain.Empty();
@@ -84,7 +79,7 @@ TMessageChain TMessageList::TakeIf(const std::function<bool(const TMessageWrappe
 
 void TMessageList::PutBack(TMessageChain chain) {
   const TMutexLock lock(FLock);
-  // A list that was closed meanwhile holds nothing; the chain is then freed by the caller's scope.
+  // A list that was closed meanwhile holds nothing; the chain is then freed with the parameter.
   if (!FOpen) return;
   chain.Append(std::move(FChain));
   FChain = std::move(chain);

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <string>
 #include <utility>
 
 #include "common/Mutex.h"
@@ -13,21 +12,22 @@
 
 namespace guardian {
 
-// What the two sides of a synchronous call agree on: either the main thread begins it, and then
-// the caller waits for its end whatever happens, or the caller abandons it, and then it never runs.
-// Threads: any.
+// A synchronous call, of which the two sides agree: either the main thread begins it, and then the
+// caller waits for its end whatever happens, or the caller abandons it, and then it never runs.
+// Owner: shared by the caller and the message.
+// Threads: Begin, RunCallback and Finish by the main thread, the rest by the caller.
 class TSynchronousCall {
  public:
   explicit TSynchronousCall(std::function<void()> callback) : FCallback(std::move(callback)) {}
 
-  // Main thread, once begun.
+  // Between Begin and Finish.
   void RunCallback() const { FCallback(); }
 
-  // Main thread; false when the caller has gone.
+  // False when the caller has gone.
   [[nodiscard]] bool Begin() noexcept { return Leave(TState::Queued, TState::Running); }
   void Finish() noexcept { FState.store(TState::Finished); }
 
-  // The caller; false when the call has begun.
+  // False when the call has begun.
   [[nodiscard]] bool Abandon() noexcept { return Leave(TState::Queued, TState::Abandoned); }
   [[nodiscard]] bool Finished() const noexcept { return FState.load() == TState::Finished; }
 
@@ -41,7 +41,8 @@ class TSynchronousCall {
 };
 
 // One queued message: for a receiver, or a synchronous call.
-// Owner: the list that holds it, or whoever took it off. Threads: one at a time.
+// Owner: the list that holds it, or the function that took it off.
+// Threads: one at a time.
 struct TMessageWrapper {
   TMessageWrapper* Next = nullptr;
   TKZMessage Message;
@@ -53,9 +54,8 @@ struct TMessageWrapper {
   [[nodiscard]] bool Synchronous() const noexcept { return Call != nullptr; }
 };
 
-// A queue of wrappers without a lock, linked through Next, so that adding one allocates nothing.
-// Owner: whoever drains it; it frees what it still holds.
-// Threads: not shared.
+// A queue of wrappers without a lock, linked through Next, so that adding a wrapper allocates
+// nothing. Frees at its end the wrappers that it still holds. Threads: not shared.
 class TMessageChain {
  public:
   TMessageChain() noexcept = default;
@@ -78,10 +78,10 @@ class TMessageChain {
   void Append(std::unique_ptr<TMessageWrapper> wrapper) noexcept;
   void Append(TMessageChain chain) noexcept;
 
-  // The oldest one; null when there is none.
+  // The oldest wrapper; null when there is none.
   [[nodiscard]] std::unique_ptr<TMessageWrapper> TakeFirst() noexcept;
 
-  // All that the predicate chooses; the others keep their order.
+  // Takes all that the predicate chooses; the others keep their order.
   [[nodiscard]] TMessageChain TakeIf(const std::function<bool(const TMessageWrapper&)>& chosen);
 
  private:
@@ -95,40 +95,35 @@ class TMessageChain {
 // A chain that threads share. It exists from Open to Close only: outside it takes nothing in and
 // holds nothing.
 //
-// Wrappers that have been used can be given back to it. Whoever appends gets one of them in return,
-// under the same lock, so that under load hardly anything is allocated.
-// Owner: the message unit, which never frees it, so that a late caller finds it closed, not gone.
-// Threads: any. The lock is held for a few pointers and never while a message is freed.
+// It also keeps used wrappers, and each Append hands one of them out. They share the chain's lock
+// and links, so that a message under load costs one lock and no allocation. Owner: the message
+// unit, which never frees it, so that a late caller finds it closed, not gone. Threads: any. The
+// lock is held for a few pointers and never while a message is freed.
 class TMessageList {
  public:
   enum class TAppended { Refused, AsFirst, AsFurther };
 
-  // The most that is kept of used wrappers.
+  // More used wrappers than this are not kept.
   static constexpr std::size_t kMaxSpares = 1024;
 
-  explicit TMessageList(std::string name) : FName(std::move(name)) {}
-
   void Open() KZ_EXCLUDES(FLock);
+  // Returns what the list held.
   [[nodiscard]] TMessageChain Close() KZ_EXCLUDES(FLock);
-  [[nodiscard]] bool Exists() const KZ_EXCLUDES(FLock);
   [[nodiscard]] bool Empty() const KZ_EXCLUDES(FLock);
 
-  // Leaves a used wrapper in the place of the appended one, or null; refused, and the wrapper left
-  // as it is, when the list does not exist.
+  // Appends the wrapper and puts a used one, or null, in its place. When the list does not exist it
+  // refuses, and the wrapper stays as it is.
   [[nodiscard]] TAppended Append(std::unique_ptr<TMessageWrapper>& wrapper) KZ_EXCLUDES(FLock);
 
-  // The chain given is of used wrappers, which hold nothing any more.
+  // Takes the whole chain, and gives the list used wrappers, which hold nothing any more, to keep.
   [[nodiscard]] TMessageChain TakeAll(TMessageChain used) KZ_EXCLUDES(FLock);
   [[nodiscard]] TMessageChain TakeIf(const std::function<bool(const TMessageWrapper&)>& chosen)
       KZ_EXCLUDES(FLock);
 
-  // Puts in front again what TakeAll gave.
+  // Puts what TakeAll gave in front again.
   void PutBack(TMessageChain chain) KZ_EXCLUDES(FLock);
 
-  [[nodiscard]] const std::string& Name() const noexcept { return FName; }
-
  private:
-  const std::string FName;
   mutable TMutex FLock;
   bool FOpen KZ_GUARDED_BY(FLock) = false;
   TMessageChain FChain KZ_GUARDED_BY(FLock);

@@ -10,37 +10,37 @@
 #include <vector>
 
 #include "common/Event.h"
-#include "common/Mutex.h"
+#include "ipc/BufferPool.h"
 
 namespace guardian {
 
-// The payloads of one connection that are on their way to its owner: how much they are, so that a
-// flood can be held back, and their buffers, so that the allocator need not be asked for each.
-// Owner: shared by the connection and by every payload, which may outlive it.
-// Threads: any; buffers are taken by the connection's reader alone.
+// The payloads of one connection that are on their way to its owner: counts their bytes, so that a
+// flood can be held back, and uses their buffers again.
+// Owner: shared by the connection and by every payload, which may outlive the connection.
+// Threads: Take by the connection's reader alone, the rest by any.
 class TPayloadPool {
  public:
-  TPayloadPool();
-  TPayloadPool(const TPayloadPool&) = delete;
-  TPayloadPool& operator=(const TPayloadPool&) = delete;
+  // More than this much undelivered stops the reading. Each message counts its bytes and
+  // kMessageCost, since without that a flood of empty frames would count nothing.
+  static constexpr std::size_t kMaxUndelivered = 16'777'216;
+  static constexpr std::size_t kMessageCost = 256;
 
-  // A buffer with a copy of the bytes, counted as undelivered until Give.
-  [[nodiscard]] std::unique_ptr<std::string> Take(std::string_view bytes) KZ_EXCLUDES(FLock);
+  // A buffer with a copy of the bytes, which counts as undelivered until Give.
+  [[nodiscard]] std::unique_ptr<std::string> Take(std::string_view bytes);
 
-  // The buffer was delivered, or dropped.
-  void Give(std::unique_ptr<std::string> buffer) noexcept KZ_EXCLUDES(FLock);
+  // Takes back the buffer of a message that was delivered or dropped.
+  void Give(std::unique_ptr<std::string> buffer) noexcept;
 
   // True while so much is undelivered that no more is to be read.
-  [[nodiscard]] bool IsFull() const noexcept;
+  [[nodiscard]] bool IsFull() const noexcept { return FUndelivered.load() > kMaxUndelivered; }
 
-  // Waits until it is no longer full, Wake is called or the time is over.
+  // Waits until the pool is no longer full, Wake is called or the time is over.
   void WaitForRoom(std::chrono::milliseconds timeout) { FRoomEvent.WaitFor(timeout); }
   void Wake() { FRoomEvent.Signal(); }
 
  private:
-  TMutex FLock;
-  std::vector<std::unique_ptr<std::string>> FSpare KZ_GUARDED_BY(FLock);
-  std::vector<std::unique_ptr<std::string>> FTaken;  // The reader's share of the spare ones.
+  TBufferPool FBuffers;
+  std::vector<std::unique_ptr<std::string>> FTaken;  // The reader's share of the buffers.
   std::atomic<std::size_t> FUndelivered = 0;  // Atomic: the reader adds, the owner subtracts.
   TKZEvent FRoomEvent{"PayloadRoom"};
 };
@@ -49,7 +49,7 @@ class TPayloadPool {
 struct TPayloadDeleter {
   TPayloadDeleter() noexcept = default;
   explicit TPayloadDeleter(std::shared_ptr<TPayloadPool> pool) noexcept : Pool(std::move(pool)) {}
-  // For a payload of no pool; implicit, so that std::make_unique will do.
+  // For a payload without a pool. Implicit, so that std::make_unique will do.
   TPayloadDeleter(std::default_delete<std::string> /*plain*/) noexcept {}
 
   void operator()(std::string* buffer) const noexcept {

@@ -6,12 +6,6 @@
 
 namespace guardian {
 
-std::string BuildFrame(std::string_view payload) {
-  std::string frame;
-  AppendFrame(frame, payload);
-  return frame;
-}
-
 void AppendFrame(std::string& text, std::string_view payload) {
   THeaderRec header;
   std::memcpy(header.Tag, kFrameTag.data(), sizeof(header.Tag));
@@ -20,11 +14,6 @@ void AppendFrame(std::string& text, std::string_view payload) {
   std::memcpy(bytes.data(), &header, sizeof(header));
   text.reserve(text.size() + payload.size() + kFrameOverhead);
   text.append(bytes.data(), bytes.size()).append(payload).append(kFrameTrailer);
-}
-
-void TFrameParser::Feed(std::string_view bytes, const TSink& sink) {
-  std::copy(bytes.begin(), bytes.end(), Room(bytes.size()).begin());
-  Filled(bytes.size(), sink);
 }
 
 // The text only grows, so that room is made once and not with every read.
@@ -43,8 +32,8 @@ void TFrameParser::Filled(std::size_t bytes, const TSink& sink) {
 
 TFrameParser::TStep TFrameParser::TakeFrame(const TSink& sink) {
   const std::string_view rest = std::string_view(FBytes).substr(FStart, Buffered());
-  // One byte more than the shortest frame, so that a frame without payload waits for what follows
-  // it; the other end counts on neither more nor less.
+  // One byte more than the shortest frame is needed, so that a frame without payload waits for what
+  // follows it; the other end counts on exactly that.
   if (rest.size() <= kFrameOverhead) return TStep::NeedMore;
   THeaderRec header;
   std::memcpy(&header, rest.data(), sizeof(header));
@@ -57,8 +46,8 @@ TFrameParser::TStep TFrameParser::TakeFrame(const TSink& sink) {
   return TStep::Took;
 }
 
-// Moves the rest to the front only when at least as many bytes before it are done with, so that
-// each byte is moved a constant number of times at most.
+// Moves the rest to the front only when the waste before it is at least as long, so that each byte
+// is moved a constant number of times at most.
 void TFrameParser::Compact() {
   constexpr std::size_t kKeptBytes = 65'536;
   if (FStart < Buffered()) return;

@@ -3,8 +3,10 @@
 #include <utility>
 
 #include "common/DiagnosticMessage.h"
+#include "common/Exceptions.h"
 #include "common/NeverDestroyed.h"
 #include "diagnostics/KZCheckpoints.h"
+#include "diagnostics/exception_report.h"
 
 namespace guardian {
 
@@ -44,6 +46,11 @@ TValidObjects& ValidObjects() {
 
 void WritePipeDiagnostic(std::string_view text) {
   DiagnosticMessage(std::string("KZUnixPipes: ").append(text));
+}
+
+void ReportPipeException(const std::string& where) {
+  WritePipeDiagnostic(where + ": " + CurrentExceptionMessage());
+  HandleException(std::current_exception(), TLogToFiles::Yes, where);
 }
 
 }  // namespace guardian

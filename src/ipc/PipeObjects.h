@@ -10,9 +10,9 @@
 
 namespace guardian {
 
-// The transport objects that are alive: clients, servers, threads, queues. Whoever may come after
-// an object's end asks here first.
-// Owner: process-wide, see ValidObjects(). Threads: any.
+// The transport objects that are alive: clients, servers, threads, queues. An operation that may
+// run after its object's end asks here first. Owner: process-wide, see ValidObjects(). Threads:
+// any.
 class TValidObjects {
  public:
   void Register(const void* object, std::string name) KZ_EXCLUDES(FLock);
@@ -25,7 +25,7 @@ class TValidObjects {
   // Misses since the start of the process.
   [[nodiscard]] std::int64_t Misses() const noexcept { return FMisses.load(); }
 
-  // "ValidObjects still contains <count> pointers: <names>", or empty when there is none.
+  // "ValidObjects still contains <count> pointers: <names>", or empty when no object is left.
   [[nodiscard]] std::string Leftovers() KZ_EXCLUDES(FLock);
 
  private:
@@ -34,10 +34,11 @@ class TValidObjects {
   std::atomic<std::int64_t> FMisses = 0;  // Atomic: read without the lock.
 };
 
-// The one object; never freed, since threads may ask until the very end.
+// The one registry; never freed, since threads may ask until the very end.
 [[nodiscard]] TValidObjects& ValidObjects();
 
-// An object's entry in the registry, for as long as this lives.
+// Keeps an object registered for as long as it lives itself.
+// Threads: IsValid by any, the rest by the object's owner.
 class TRegistration {
  public:
   TRegistration(const void* object, std::string name) : FObject(object) {
@@ -47,14 +48,13 @@ class TRegistration {
   TRegistration(const TRegistration&) = delete;
   TRegistration& operator=(const TRegistration&) = delete;
 
-  // Takes the object out already now.
+  // Takes the object out of the registry now.
   void End() {
     FRegistered.store(false);
     ValidObjects().Unregister(FObject);
   }
 
-  // ValidObjects().IsValid for an object that is still there to be asked, without the registry's
-  // lock while it is registered.
+  // As ValidObjects().IsValid, without the registry's lock while the object is registered.
   [[nodiscard]] bool IsValid(std::string_view context) const {
     return FRegistered.load() || ValidObjects().IsValid(FObject, context);
   }
@@ -66,5 +66,8 @@ class TRegistration {
 
 // Writes a diagnostic message of the transport: the time, " KZUnixPipes: " and the text.
 void WritePipeDiagnostic(std::string_view text);
+
+// In a catch block: writes such a line, "<where>: <message>", and reports the exception.
+void ReportPipeException(const std::string& where);
 
 }  // namespace guardian

@@ -1,19 +1,20 @@
 #pragma once
 
-#include <functional>
+#include <cstdint>
 #include <memory>
 #include <string>
 
-#include "common/Cancellation.h"
 #include "common/Mutex.h"
 #include "ipc/KZMessages.h"
-#include "ipc/KZUnixPipes.h"
 #include "ipc/PipeConnection.h"
+#include "ipc/PipeEndpoint.h"
 
 namespace guardian {
 
 // Reads or writes one connection and posts to its owner; counted in PipeCounters while it runs.
-// Owner: TPipeWorkers, which outlives it. Threads: as TKZThread.
+// Owner: TPipeWorkers.
+// Threads: as TKZThread.
+// Lifetime: connection and owner outlive it.
 class TPipeThread : public TKZThread {
  public:
   enum class TRole { Reader, Writer };
@@ -24,7 +25,6 @@ class TPipeThread : public TKZThread {
 
  private:
   void Execute() override;
-  void Work();
   void Read();
   void Write();
   void ReportEnd() noexcept;
@@ -51,8 +51,9 @@ class TPipeServerThread final : public TPipeThread {
 };
 
 // A connection with its reader and its writer.
-// Owner: shared by the client or server and by whoever waits for the threads; the last one joins
-// them. Threads: Start and the destructor by the owner, never by one of the two threads.
+// Owner: shared by the client or server and by those who wait for the threads; the last holder
+// joins them.
+// Threads: any but the two threads themselves.
 class TPipeWorkers {
  public:
   TPipeWorkers(TFileDescriptor socket, TPipeSide side, const std::string& pipeName,
@@ -65,7 +66,7 @@ class TPipeWorkers {
   // reported.
   void Start() KZ_EXCLUDES(FStartLock);
 
-  // Ends the connection and waits for both threads. Not in one of them.
+  // Ends the connection and waits for both threads.
   void EndAndJoin() KZ_EXCLUDES(FStartLock);
 
   [[nodiscard]] TPipeConnection& Connection() const noexcept { return *FConnection; }
@@ -78,35 +79,5 @@ class TPipeWorkers {
   std::unique_ptr<TPipeThread> FReader;
   std::unique_ptr<TPipeThread> FWriter;
 };
-
-// Listens on a socket file and hands every connection to the server, in the main thread.
-// Owner: TPipeServer. Threads: as TKZThread; the destructor joins while synchronise requests run.
-class TPipeListenThread final : public TKZThread {
- public:
-  using TOnAccepted = std::function<void(TFileDescriptor socket)>;
-
-  TPipeListenThread(std::string pipeName, std::string path, TOnAccepted onAccepted);
-  ~TPipeListenThread() override { Join(); }
-
- private:
-  void Execute() override;
-  void OnTerminate() override { FStopping.Cancel(); }
-  [[nodiscard]] TFileDescriptor Listen() const;
-  void AcceptAll(int listener) const;
-  void AcceptOne(int listener) const;
-  void RemoveSocketFile() const;
-  void PauseAfterFailure() const;
-  bool WaitForClient(int listener) const;
-
-  const TRegistration FRegistration{this, "PipeListenThread"};
-  const std::string FPipeName;
-  const std::string FPath;
-  const TOnAccepted FOnAccepted;
-  TCancellation FStopping;
-};
-
-// One try to connect to a socket file, without blocking. Returns an empty descriptor, and errno
-// tells why, when nobody takes the connection.
-[[nodiscard]] TFileDescriptor TryConnect(const std::string& path);
 
 }  // namespace guardian

@@ -12,7 +12,8 @@
 
 namespace guardian {
 
-// A text field of the wire: a length byte and 255 bytes; what stands behind the length is ignored.
+// A text field of the wire: a length byte and 255 bytes, of which those beyond the length are
+// ignored.
 struct TShortText {
   std::uint8_t Length;
   std::array<char, 255> Characters;
@@ -20,7 +21,7 @@ struct TShortText {
   // Stays valid as long as the field.
   [[nodiscard]] std::string_view Text() const noexcept { return {Characters.data(), Length}; }
 
-  // Keeps the first 255 bytes of the text; the bytes behind it become zero.
+  // Keeps the first 255 bytes of the text; the rest of the field becomes zero.
   void Set(std::string_view text) noexcept;
 };
 
@@ -105,8 +106,8 @@ static_assert(offsetof(TSyncCommRecord, Text12) == 2953);
 // The bytes of a command: all zero but the command itself.
 [[nodiscard]] std::string CommandRecord(TSyncCommMessages command);
 
-// Cuts the next record off a payload. Nothing when the bytes left are no whole number of records;
-// such a rest is to be ignored.
+// Cuts the next record off a payload. Returns nothing when the bytes left are no whole number of
+// records; such a rest is to be ignored.
 [[nodiscard]] std::optional<TSyncCommRecord> TakeRecord(std::string_view& payload);
 
 // The record's bytes as they travel.

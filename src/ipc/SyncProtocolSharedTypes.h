@@ -5,7 +5,8 @@
 
 namespace guardian {
 
-// What the two ends of the scheduler pipe say to each other. Each travels as one byte, its ordinal.
+// The commands and actions that the two ends of the scheduler pipe send each other. Each travels as
+// one byte, its ordinal.
 
 enum class TSyncCommMessages : std::uint8_t {
   msgNone,
@@ -64,7 +65,7 @@ enum class TSchedulerActions : std::uint8_t {
 
 enum class TSchedulerType : std::uint8_t { stInternal, stBackground, stService };
 
-// The name in log lines; "?" and the number for an ordinal that has none.
+// The name in log lines; "?" and the number for an ordinal without a name.
 [[nodiscard]] std::string NameOf(TSyncCommMessages message);
 [[nodiscard]] std::string NameOf(TSchedulerActions action);
 

@@ -1,8 +1,10 @@
 #include "ipc/scheduler_client.h"
 
+#include <cassert>
 #include <utility>
 
 #include "common/Exceptions.h"
+#include "common/MainThread.h"
 #include "common/NamedMutex.h"
 #include "common/Texts.h"
 #include "ipc/KZMessages.h"
@@ -72,7 +74,8 @@ bool TSchedulerClient::HeardSince(TDateTime now, double minutes) const {
   return FLastMessageAt >= now - minutes * kMinute;
 }
 
-// A pipe client lives in the main thread. False when the application ends meanwhile.
+// Makes the client in the main thread, where it has to live. False when the application ends
+// meanwhile.
 bool TSchedulerClient::EnsureClient() {
   if (FClient) return true;
   CallInMainThread([this] {
@@ -112,15 +115,16 @@ bool TSchedulerClient::SendCommand(TSyncCommMessages command) {
 }
 
 void TSchedulerClient::HandleDisconnect() {
+  assert(IsMainThread());
   FLog("Scheduler Pipe Disconnected");
   FLastMessageAt = FClock.SteadyNow();
 }
 
 void TSchedulerClient::HandleMessage(std::string_view payload) {
+  assert(IsMainThread());
   FLastMessageAt = FClock.SteadyNow();
   while (const auto record = TakeRecord(payload)) {
-    // Beyond the burst records are counted only: what they say is not looked at until the pipe is
-    // opened again.
+    // Further records are only counted; they are not looked at until the pipe is opened again.
     if (++FMessagesReceived <= kBurst) LogRecord(*record);
   }
 }

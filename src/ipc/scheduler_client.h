@@ -14,7 +14,7 @@
 
 namespace guardian {
 
-// The name of the daemon's scheduler mutex, and, unless it is told otherwise, of its pipe.
+// The name of the daemon's scheduler mutex and, unless the settings say otherwise, of its pipe.
 inline constexpr const char* kSchedulerMutexName = "vellumark$qrnd$schedulermutex";
 
 // The pipe directory, "/" and the mutex name.
@@ -29,24 +29,24 @@ struct TPipeCheck {
 // Threads: the watchdog's thread; the pulse may be read by any.
 class TScheduler {
  public:
-  // Takes one HTML line; what came from the daemon is escaped in it. Any thread.
+  // Takes one HTML line, in which the daemon's own texts are escaped. Any thread.
   using TLog = std::function<void(std::string_view line)>;
 
   virtual ~TScheduler() = default;
 
   // Whether somebody holds the scheduler mutex. Any other failure to take it counts as no, and is
-  // logged when it is another one than the time before.
+  // logged when it differs from the last one.
   [[nodiscard]] virtual bool IsSchedulerRunning() = 0;
 
   // Whether the scheduler was heard of lately. Connects when it was not, for at most 1.5 seconds,
   // and asks a connected daemon that is silent for its status.
   [[nodiscard]] virtual TPipeCheck CheckSchedulerPipe() = 0;
 
-  // Sends one command; connects first where needed, for at most 5.5 seconds. Returns whether it is
-  // on its way.
+  // Sends one command; connects first where needed, for at most 5.5 seconds. Returns whether the
+  // command is on its way.
   virtual bool SendCommand(TSyncCommMessages command) = 0;
 
-  // The last one that a running scheduler sent.
+  // The last pulse that a running scheduler sent.
   [[nodiscard]] virtual std::int64_t Pulse() const noexcept = 0;
 };
 
@@ -55,9 +55,9 @@ class TScheduler {
 // It listens in bursts: after ten records with fresh pulses it closes the pipe and opens it again
 // when the last message is a minute old.
 // Owner: the guardian service; created and destroyed in the main thread.
-// Threads: CheckSchedulerPipe, IsSchedulerRunning and SendCommand by the watchdog's thread; the
-// handlers run in the main thread; the pulse may be read by any. The pipe client is made, on first
-// need, in the main thread.
+// Threads: CheckSchedulerPipe, IsSchedulerRunning and SendCommand by one thread at a time, the
+// watchdog's; the handlers run in the main thread; the pulse may be read by any. The pipe client is
+// made in the main thread when it is first needed.
 // Lifetime: clock, cancellation and log outlive it; it outlives the watchdog's thread.
 class TSchedulerClient final : public TScheduler {
  public:
@@ -96,7 +96,7 @@ class TSchedulerClient final : public TScheduler {
   std::atomic<TDateTime> FLastMessageAt = 0;  // An instant of TClock::SteadyNow.
   std::atomic<int> FMessagesReceived = 0;     // Since the last reset.
   std::atomic<std::int64_t> FPulse = 0;
-  // Set once by the watchdog's thread, in the main thread and while the former waits for it.
+  // Set once, in the main thread, while the watchdog's thread waits for that.
   std::unique_ptr<TPipeClient> FClient;
 };
 

@@ -1,120 +1,67 @@
 #include "ipc/KZCustomApplication.h"
 
-#include <poll.h>
-#include <signal.h>
-#include <unistd.h>
+#include <gtest/gtest.h>
 
 #include "common/Exceptions.h"
-#include "ipc/MessageUnit.h"
-#include "support/ChildProcess.h"
-#include "support/Program.h"
+#include "common/MainThread.h"
+#include "support/Crew.h"
+#include "support/Eventually.h"
 
 namespace guardian {
 namespace {
 
-bool IsReadable(int descriptor) {
-  pollfd state{.fd = descriptor, .events = POLLIN, .revents = 0};
-  return ::poll(&state, 1, 0) == 1;
-}
-
-void (*HandlerOf(int signalNumber))(int) {
+struct sigaction ActionOf(int signalNumber) {
   struct sigaction action {};
   ::sigaction(signalNumber, nullptr, &action);
-  return action.sa_handler;
+  return action;
 }
 
-TEST(TKZCustomApplicationTest, IsTheOneApplicationWhileItExists) {
-  EXPECT_EQ(CurrentApplication(), nullptr);
-  EXPECT_EQ(ApplicationState(), TApplicationState::Absent);
-  {
+TEST(TKZCustomApplicationTest, RunsRequestsUntilAnyThreadTerminatesIt) {
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(CurrentApplication(), nullptr);
+    EXPECT_EQ(ApplicationState(), TApplicationState::Absent);
     TKZCustomApplication application;
+    EXPECT_THROW(TKZCustomApplication(), KZException) << "the only one";
     EXPECT_EQ(CurrentApplication(), &application);
     EXPECT_EQ(ApplicationState(), TApplicationState::Running);
-    EXPECT_THROW(TKZCustomApplication(), KZException);
-    EXPECT_EQ(CurrentApplication(), &application);
-    EXPECT_EQ(ApplicationState(), TApplicationState::Running);
+    bool ran = false;
+    const TCrew crew(1, [&](int) {
+      Synchronize([&] { ran = !application.Terminated(); });
+      application.Terminate();
+    });
+    application.Run();
+    EXPECT_TRUE(ran);
+    EXPECT_TRUE(application.Stopping().IsCancelled());
+    EXPECT_EQ(ApplicationState(), TApplicationState::Terminating);
   }
-  EXPECT_EQ(CurrentApplication(), nullptr);
-  EXPECT_EQ(ApplicationState(), TApplicationState::Absent);
 }
 
-TEST(TKZCustomApplicationTest, RunsRequestsUntilTerminatedByAnyThread) {
-  TKZCustomApplication application;
-  EXPECT_FALSE(IsReadable(application.Stopping().Descriptor()));
-  bool ran = false;
-  const TCrew crew(1, [&](int) {
-    Synchronize([&] { ran = true; });
-    application.Terminate();
-  });
-  application.Run();
-  EXPECT_TRUE(ran);
-  EXPECT_TRUE(application.Terminated());
-  EXPECT_EQ(ApplicationState(), TApplicationState::Terminating);
-  EXPECT_TRUE(application.Stopping().IsCancelled());
-  EXPECT_TRUE(IsReadable(application.Stopping().Descriptor()));
-  application.Run();  // Returns at once: there is no way back.
-}
-
-// Without the wake-up the wait would take an hour, and the test's time limit would end it.
+// Without the wake-up each round would take ten seconds.
 TEST(TKZCustomApplicationTest, WakesTheMainThreadWhenItTerminates) {
-  TKZCustomApplication application;
-  while (CheckSynchronize(std::chrono::milliseconds(0))) continue;
-  application.Terminate();
-  EXPECT_FALSE(CheckSynchronize(std::chrono::hours(1)));
-}
-
-TEST(TKZCustomApplicationTest, GivesTheSignalsBack) {
-  const auto hangup = HandlerOf(SIGHUP);
-  const auto interrupt = HandlerOf(SIGINT);
-  const auto terminate = HandlerOf(SIGTERM);
-  const auto pipe = HandlerOf(SIGPIPE);
-  {
+  int rounds = 0;
+  EXPECT_TRUE(Eventually([&] {
     TKZCustomApplication application;
-    application.Initialize();
-    application.Initialize();
-    EXPECT_EQ(HandlerOf(SIGHUP), hangup);
-    EXPECT_NE(HandlerOf(SIGINT), interrupt);
-    EXPECT_NE(HandlerOf(SIGTERM), terminate);
-    EXPECT_EQ(HandlerOf(SIGPIPE), SIG_IGN);
-  }
-  EXPECT_EQ(HandlerOf(SIGINT), interrupt);
-  EXPECT_EQ(HandlerOf(SIGTERM), terminate);
-  EXPECT_EQ(HandlerOf(SIGPIPE), pipe);
-}
-
-// Runs an application and sends its own process the signal from another thread, once the loop runs.
-// Exit code 0 when the loop ended by it, 1 when it was ended otherwise.
-int RunApplicationAndSignal(const std::vector<std::string>& arguments) {
-  const int signalNumber = std::stoi(arguments.at(0));
-  BindMainThread();
-  TKZCustomApplication application;
-  application.Initialize();
-  bool endedBySignal = true;
-  TFunctionThread sender("Sender", [&] {
-    Synchronize([] {});
-    ::kill(::getpid(), signalNumber);
-    if (signalNumber != SIGPIPE) return;
-    Synchronize([&] { endedBySignal = application.Terminated(); });
     application.Terminate();
-  });
-  sender.Start();
-  application.Run();
-  sender.Join();
-  return endedBySignal ? 0 : 1;
+    CheckSynchronize(std::chrono::seconds(10));
+    return ++rounds == 10;
+  }));
 }
 
-const TRegisterChild kSignalChild("application-signal", &RunApplicationAndSignal);
-
-TEST(TKZCustomApplicationTest, EndsItsLoopOnInterruptAndTerminateAndIgnoresABrokenPipe) {
-  const auto exitCodeAfter = [](int signalNumber) {
-    TProgram program(
-        {"/proc/self/exe", "--child", "application-signal", std::to_string(signalNumber)});
-    return program.Wait();
-  };
-  EXPECT_EQ(exitCodeAfter(SIGINT), 0);
-  EXPECT_EQ(exitCodeAfter(SIGTERM), 0);
-  EXPECT_EQ(exitCodeAfter(SIGPIPE), 1);
-  EXPECT_EQ(exitCodeAfter(SIGHUP), -SIGHUP);
+TEST(TKZCustomApplicationTest, EndsOnSignalsAndGivesThemBack) {
+  ::signal(SIGCHLD, SIG_IGN);
+  for (const int ending : {SIGINT, SIGTERM}) {
+    TKZCustomApplication application;
+    for (int i = 0; i < 2; ++i) application.Initialize();
+    EXPECT_EQ(ActionOf(SIGHUP).sa_handler, SIG_DFL);
+    EXPECT_EQ(ActionOf(SIGCHLD).sa_handler, SIG_DFL) << "children are reaped";
+    EXPECT_NE(ActionOf(ending).sa_flags & SA_RESTART, 0);
+    ::raise(SIGPIPE);
+    EXPECT_FALSE(application.Terminated());
+    ::raise(ending);
+    EXPECT_TRUE(application.Terminated());
+  }
+  for (const int each : {SIGINT, SIGTERM, SIGPIPE}) EXPECT_EQ(ActionOf(each).sa_handler, SIG_DFL);
+  EXPECT_EQ(::signal(SIGCHLD, SIG_DFL), SIG_IGN);
 }
 
 }  // namespace

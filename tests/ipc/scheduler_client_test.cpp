@@ -1,18 +1,11 @@
 #include "ipc/scheduler_client.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <memory>
-#include <string>
-#include <vector>
+#include <utility>
 
 #include "common/Mutex.h"
 #include "common/NamedMutex.h"
 #include "ipc/MessageUnit.h"
 #include "support/FakeClock.h"
-#include "support/TempFolder.h"
 
 namespace guardian {
 namespace {
@@ -22,51 +15,47 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-std::string Running(std::int64_t pulse, const std::string& first = "First") {
+std::string Record(TSchedulerActions action, std::int64_t pulse) {
   TSyncCommRecord record{};
-  record.SchedulerAction = static_cast<std::uint8_t>(TSchedulerActions::tsaSchedulerRunning);
+  record.SchedulerAction = static_cast<std::uint8_t>(action);
   record.Pulse = pulse;
-  record.FirstText.Set(first);
-  record.SecondText.Set("Second");
-  record.DetailText.Set("Detail");
+  record.StatusText.Set("<state>");
+  record.FirstText.Set("<first>");
+  record.SecondText.Set("<second>");
+  record.DetailText.Set("<detail>");
   return RecordBytes(record);
+}
+
+std::string Running(std::int64_t pulse) {
+  return Record(TSchedulerActions::tsaSchedulerRunning, pulse);
 }
 
 // The client against a real server of this process. Checks run on a thread of their own, as the
 // watchdog's do, while the main thread runs its queue.
-class SchedulerClientTest : public testing::Test {
+class SchedulerClientTest : public TUnitsTest {
  protected:
   SchedulerClientTest() {
-    StartMessages();
-    StartPipes();
-    SetPipeDirectory(FFolder.Path());
-    FServer = std::make_unique<TPipeServer>();
-    FServer->SetPipeName(kSchedulerMutexName);
-    FServer->OnPipeMessage = [this](auto&, std::int64_t, std::string_view payload) {
+    FServer.SetPipeName(kSchedulerMutexName);
+    FServer.OnPipeConnect = [this](auto&, std::int64_t pipe) { FServer.Write(pipe, FGreeting); };
+    FServer.OnPipeMessage = [this](auto&, std::int64_t, std::string_view payload) {
       FCommands.emplace_back(payload);
     };
-    FScheduler = std::make_unique<TSchedulerClient>(
-        kSchedulerMutexName, [this](std::string_view line) { Log(line); }, FApplication.Stopping(),
-        FClock);
-  }
-  ~SchedulerClientTest() override {
-    FScheduler.reset();
-    FServer.reset();
-    StopPipes();
-    StopMessages();
   }
 
   void Serve() {
-    FServer->SetActive(true);
+    FServer.SetActive(true);
     ASSERT_TRUE(Eventually([&] { return FFolder.Has(kSchedulerMutexName); }));
   }
 
   TPipeCheck Check() {
     TPipeCheck check;
-    TFunctionThread watchdog("watchdog", [&] { check = FScheduler->CheckSchedulerPipe(); });
-    watchdog.Start();
-    watchdog.Join();
+    InThread([&] { check = FScheduler.CheckSchedulerPipe(); });
     return check;
+  }
+  bool Send(TSyncCommMessages command) {
+    bool sent = false;
+    InThread([&] { sent = FScheduler.SendCommand(command); });
+    return sent;
   }
 
   void Log(std::string_view line) {
@@ -78,77 +67,78 @@ class SchedulerClientTest : public testing::Test {
     return std::exchange(FLines, {});
   }
 
-  TKZCustomApplication FApplication;
-  const TTempFolder FFolder;
   TFakeClock FClock;
   TMutex FLock;
   std::vector<std::string> FLines;
   std::vector<std::string> FCommands;
-  std::unique_ptr<TPipeServer> FServer;
-  std::unique_ptr<TSchedulerClient> FScheduler;
+  std::string FGreeting;
+  TPipeServer FServer;
+  TSchedulerClient FScheduler{kSchedulerMutexName, [this](std::string_view line) { Log(line); },
+                              FApplication->Stopping(), FClock};
 };
 
 TEST_F(SchedulerClientTest, TakesTheSchedulerForRunningOnlyWhileItsMutexIsHeld) {
-  EXPECT_FALSE(FScheduler->IsSchedulerRunning());
+  EXPECT_FALSE(FScheduler.IsSchedulerRunning());
   {
     const TNamedMutex held = TNamedMutex::Create(FFolder.Path(kSchedulerMutexName));
-    EXPECT_TRUE(FScheduler->IsSchedulerRunning());
+    EXPECT_TRUE(FScheduler.IsSchedulerRunning());
   }
-  EXPECT_FALSE(FScheduler->IsSchedulerRunning());
-  SetPipeDirectory(FFolder.Path("missing"));
-  EXPECT_FALSE(FScheduler->IsSchedulerRunning());
+  EXPECT_FALSE(FScheduler.IsSchedulerRunning());
+
+  const std::string missing = FFolder.Path("a<b");
+  for (const auto& directory : {missing, missing, FFolder.Path(), missing}) {
+    SetPipeDirectory(directory);
+    EXPECT_FALSE(FScheduler.IsSchedulerRunning());
+  }
+  const std::string line = "Scheduler mutex cannot be looked at: " + FFolder.Path("a&lt;b/") +
+                           kSchedulerMutexName + ".lock: No such file or directory (errno 2)";
+  EXPECT_THAT(TakeLog(), ElementsAre(line, line)) << "once until it changes";
 }
 
-TEST_F(SchedulerClientTest, LogsRecordsByTheirAction) {
-  FScheduler->HandleMessage(Running(77, "<First>"));
-  TSyncCommRecord status{};
-  status.SchedulerAction = static_cast<std::uint8_t>(TSchedulerActions::tsaStatusUpdate);
-  status.StatusText.Set("State");
-  status.SecondText.Set("Second");
-  status.Pulse = 5;
-  TSyncCommRecord progress = status;
-  progress.SchedulerAction = static_cast<std::uint8_t>(TSchedulerActions::tsaProgress);
-  FScheduler->HandleMessage(RecordBytes(status) + RecordBytes(progress));
+TEST_F(SchedulerClientTest, LogsRecordsByTheirActionAndCountsTheRest) {
+  FScheduler.HandleMessage(Running(-77));
+  FScheduler.HandleMessage(Record(TSchedulerActions::tsaStatusUpdate, 5) +
+                           Record(TSchedulerActions::tsaProgress, 6));
   EXPECT_THAT(
       TakeLog(),
-      ElementsAre("Scheduler Msg: tsaSchedulerRunning &lt;First&gt; Second: Detail Pulse: 77",
-                  "Scheduler Msg: tsaStatusUpdate State Second",
-                  "Scheduler Msg: tsaProgress  Second: "));
-  EXPECT_EQ(FScheduler->Pulse(), 77);
-  FScheduler->HandleMessage(Running(1) + Running(2) + "x");
+      ElementsAre("Scheduler Msg: tsaSchedulerRunning &lt;first&gt; &lt;second&gt;: &lt;detail&gt; "
+                  "Pulse: -77",
+                  "Scheduler Msg: tsaStatusUpdate &lt;state&gt; &lt;second&gt;",
+                  "Scheduler Msg: tsaProgress &lt;first&gt; &lt;second&gt;: &lt;detail&gt;"));
+  EXPECT_EQ(FScheduler.Pulse(), -77);
+  FScheduler.HandleMessage(Running(1) + Running(2) + "x");
   EXPECT_THAT(TakeLog(), IsEmpty());
-  EXPECT_EQ(FScheduler->Pulse(), 77);
 }
 
 TEST_F(SchedulerClientTest, ClosesThePipeAfterTenRecordsAndOpensItWhenTheyAreAMinuteOld) {
   Serve();
-  FServer->OnPipeConnect = [this](auto&, std::int64_t pipe) {
-    std::string records;
-    for (int i = 1; i <= 12; ++i) records += Running(i);
-    FServer->Write(pipe, records);
-  };
+  for (int i = 1; i <= 9; ++i) FGreeting += Running(i);
   const TPipeCheck first = Check();
   EXPECT_TRUE(first.Ok && first.JustConnected);
-  ASSERT_TRUE(Eventually([&] { return FScheduler->Pulse() == 10; }));
-  EXPECT_THAT(TakeLog(), SizeIs(11)) << "the opening and ten records of twelve";
+  ASSERT_TRUE(Eventually([&] { return FScheduler.Pulse() == 9; }));
+  EXPECT_TRUE(Check().Ok);
+  EXPECT_THAT(TakeLog(), SizeIs(10)) << "the opening and nine records: not yet closed";
 
+  FServer.Write(FServer.Clients(0), Running(10) + Running(11) + Running(12));
+  ASSERT_TRUE(Eventually([&] { return FScheduler.Pulse() == 10; }));
+  EXPECT_THAT(TakeLog(), SizeIs(1)) << "the tenth";
   const TPipeCheck second = Check();
   EXPECT_TRUE(second.Ok && !second.JustConnected);
-  ASSERT_TRUE(Eventually([&] { return FLines.size() == 2; }));
+  ASSERT_TRUE(Eventually([&] { return FServer.ClientCount() == 0 && FLines.size() == 2; }));
   EXPECT_THAT(TakeLog(),
               ElementsAre("10 messages received, closing pipe.", "Scheduler Pipe Disconnected"));
-  FClock.Advance(milliseconds(59'000));
+  FClock.Advance(milliseconds(59'999));
   EXPECT_TRUE(Check().Ok);
   EXPECT_THAT(TakeLog(), IsEmpty());
-  FClock.Advance(milliseconds(2'000));
+  FClock.Advance(milliseconds(2));
   EXPECT_TRUE(Check().JustConnected);
 }
 
 TEST_F(SchedulerClientTest, AsksASilentDaemonAndGivesUpAfterTwoMinutes) {
   Serve();
-  FServer->OnPipeConnect = [this](auto&, std::int64_t pipe) { FServer->Write(pipe, Running(1)); };
+  FGreeting = Running(1);
   ASSERT_TRUE(Check().JustConnected);
-  ASSERT_TRUE(Eventually([&] { return FScheduler->Pulse() == 1; }));
+  ASSERT_TRUE(Eventually([&] { return FScheduler.Pulse() == 1; }));
   TakeLog();
   struct TCase {
     int AgeMs;
@@ -157,13 +147,14 @@ TEST_F(SchedulerClientTest, AsksASilentDaemonAndGivesUpAfterTwoMinutes) {
   };
   int age = 0;
   for (const TCase& c :
-       {TCase{61'000, true, false}, TCase{65'900, true, false}, TCase{67'000, true, true},
-        TCase{119'900, true, true}, TCase{121'000, false, true}}) {
+       {TCase{59'999, true, false}, TCase{60'001, true, false}, TCase{65'999, true, false},
+        TCase{66'001, true, true}, TCase{119'999, true, true}, TCase{120'001, false, true}}) {
     SCOPED_TRACE(c.AgeMs);
     FClock.SetWall(FClock.Now() - 1);  // A wall clock that is set back changes nothing.
-    FClock.Advance(milliseconds(c.AgeMs - age));
-    age = c.AgeMs;
-    EXPECT_EQ(Check().Ok, c.Ok);
+    FClock.Advance(milliseconds(c.AgeMs - std::exchange(age, c.AgeMs)));
+    const TPipeCheck check = Check();
+    EXPECT_EQ(check.Ok, c.Ok);
+    EXPECT_FALSE(check.JustConnected);
     EXPECT_EQ(TakeLog(), c.Asked ? std::vector<std::string>{"Sending command msgEnquireStatus"}
                                  : std::vector<std::string>{});
   }
@@ -171,21 +162,43 @@ TEST_F(SchedulerClientTest, AsksASilentDaemonAndGivesUpAfterTwoMinutes) {
   EXPECT_TRUE(FCommands[0] == CommandRecord(TSyncCommMessages::msgEnquireStatus));
 }
 
-TEST_F(SchedulerClientTest, SaysThatACommandCannotBeSent) {
-  bool sent = true;
-  TFunctionThread watchdog(
-      "watchdog", [&] { sent = FScheduler->SendCommand(TSyncCommMessages::msgStartTimer); });
-  watchdog.Start();
-  watchdog.Join();
-  EXPECT_FALSE(sent);
+TEST_F(SchedulerClientTest, ConnectsForACommandAndSaysWhenItCannotBeSent) {
+  EXPECT_FALSE(Send(TSyncCommMessages::msgStartTimer));
   EXPECT_THAT(TakeLog(), ElementsAre("Sending command msgStartTimer", "Error connecting pipe",
                                      "Error sending command msgStartTimer"));
   EXPECT_FALSE(Check().Ok);
+  Serve();
+  TakeLog();
+  EXPECT_TRUE(Send(TSyncCommMessages::msgStopAll));
+  EXPECT_THAT(TakeLog(), ElementsAre("Sending command msgStopAll"));
+  EXPECT_TRUE(Eventually([&] { return FCommands.size() == 1; }));
+  FServer.SetActive(false);
+  ASSERT_TRUE(Eventually([&] { return FLines.size() == 1; }));
+  FClock.Advance(milliseconds(60'001));
+
+  SetPipeDirectory(std::string(100, 'd'));
+  TakeLog();
+  EXPECT_FALSE(Check().Ok);
+  EXPECT_THAT(TakeLog(), ElementsAre("Opening pipe connection to service",
+                                     "Scheduler pipe cannot be opened: "
+                                     "Length(FullPipeName)+1&gt;sizeof(FSockAddr.sun_path)"));
 }
 
-TEST_F(SchedulerClientTest, EndsWhileItWaitsForTheMainThreadOrForAConnection) {
-  FApplication.Terminate();
-  EXPECT_FALSE(Check().Ok);
+TEST_F(SchedulerClientTest, DropsAMessageOfMoreThanSixteenMebibytes) {
+  Serve();
+  FGreeting = Running(2);
+  FGreeting.resize(5229 * kSyncCommRecordBytes);
+  ASSERT_TRUE(Check().JustConnected);
+  ASSERT_TRUE(Eventually([&] {
+    FServer.Write(FServer.Clients(0), Running(3));
+    return FScheduler.Pulse() != 0;
+  }));
+  EXPECT_EQ(FScheduler.Pulse(), 3);
+}
+
+TEST_F(SchedulerClientTest, MakesNoClientOnceTheApplicationEnds) {
+  FApplication->Terminate();
+  InThread([&] { EXPECT_FALSE(FScheduler.CheckSchedulerPipe().Ok); });
 }
 
 }  // namespace
