@@ -1,36 +1,49 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <filesystem>
-#include <iterator>
-#include <set>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
 #include "common/FileDescriptor.h"
-#include "support/OpenDescriptors.h"
 
 namespace guardian {
 
 inline constexpr int kHangLimitMs = 30'000;  // Bounds a failure only.
 
-inline sockaddr_in LoopbackAddress(std::uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+// The loopback address of the family, padded with zeros.
+inline sockaddr_in6 LoopbackAddress(std::uint16_t port, int family = AF_INET) {
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;
+  address.sin6_port = htons(port);
+  address.sin6_addr = in6addr_loopback;
+  if (family == AF_INET6) return address;
+  const sockaddr_in v4{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+  address = {};
+  std::memcpy(&address, &v4, sizeof(v4));
   return address;
+}
+
+// A listening socket, also beside connections that have just ended; none when the port is taken.
+// Port 0 takes any free one.
+inline TFileDescriptor ListenOnLoopback(std::uint16_t port, int family = AF_INET) {
+  TFileDescriptor socket(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const int on = 1;
+  ::setsockopt(socket.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  const sockaddr_in6 address = LoopbackAddress(port, family);
+  const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+  const bool isBound = ::bind(socket.Get(), generic, sizeof(address)) == 0;
+  if (!isBound || ::listen(socket.Get(), 1) != 0) socket.Close();
+  return socket;
 }
 
 struct TRawReply {
@@ -43,7 +56,7 @@ struct TRawReply {
   }
 };
 
-// A client that sends whatever it is told to, well-formed or not.
+// A client that sends any bytes, well-formed or not.
 class TRawClient {
  public:
   // Throws when the connect fails. The receive buffer's size is the system's when 0.
@@ -55,13 +68,13 @@ class TRawClient {
     }
     const int on = 1;
     ::setsockopt(FSocket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-    const sockaddr_in address = LoopbackAddress(port);
+    const sockaddr_in6 address = LoopbackAddress(port);
     if (::connect(FSocket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address))) {
       throw std::runtime_error("connect: " + std::to_string(errno));
     }
   }
 
-  // A peer that has gone loses the bytes, and the next read tells.
+  // When the peer has gone, the bytes are lost and the next read shows it.
   void Send(std::string_view bytes) {
     while (!bytes.empty()) {
       const ssize_t sent = ::send(FSocket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -71,8 +84,8 @@ class TRawClient {
     }
   }
 
-  // The head of the next answer; empty when the connection ended instead. Throws when something
-  // else stands in its place.
+  // The head of the next answer; empty when the connection ended instead. Throws when the bytes
+  // are not an answer.
   TRawReply ReadHead() {
     constexpr std::string_view kEnd = "\r\n\r\n";
     while (FInput.find(kEnd) == std::string::npos) {
@@ -82,7 +95,7 @@ class TRawClient {
     return {Take(FInput.find(kEnd) + kEnd.size()), ""};
   }
 
-  // What there is of the body that the head announces.
+  // The body that the head announces, or as much of it as comes before the end.
   void ReadBody(TRawReply& reply) {
     const std::size_t at = reply.Head.find("Content-Length: ");
     if (at == std::string::npos) return;
@@ -108,9 +121,9 @@ class TRawClient {
     return Take(FInput.size());
   }
 
-  // Whether the connection ended by a reset, by which an answer may get lost.
+  // Whether the connection ended by a reset, which may lose an answer.
   [[nodiscard]] bool WasReset() const {
-    int error = 0;  // Behind an orderly end a reset shows here alone.
+    int error = 0;  // After an orderly end a reset shows only here.
     socklen_t length = sizeof(error);
     ::getsockopt(FSocket.Get(), SOL_SOCKET, SO_ERROR, &error, &length);
     return FReset || error != 0;
@@ -122,7 +135,7 @@ class TRawClient {
     return ::poll(&waited, 1, timeoutMs) == 1;
   }
 
-  // Closes so that the peer is told of it by a reset.
+  // Closes by a reset.
   void Reset() {
     const linger atOnce{1, 0};
     ::setsockopt(FSocket.Get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof(atOnce));
@@ -152,9 +165,5 @@ class TRawClient {
   std::string FInput;
   bool FReset = false;
 };
-
-inline std::ptrdiff_t CountThreads() {
-  return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
-}
 
 }  // namespace guardian
