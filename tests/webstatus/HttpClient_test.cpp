@@ -127,16 +127,15 @@ TEST(HttpClientTest, ReadsAnswersOrTellsWhyItFailed) {
     const std::string failure = "HTTP GET " + host + "/status.php: ";
     const std::string outcome = Outcome(host + "/status.php", item.Timeout);
     EXPECT_THAT(outcome, HasSubstr(item.Outcome));
-    EXPECT_EQ(outcome.starts_with(failure), !item.Outcome.starts_with("200 ") &&
-                                                !item.Outcome.starts_with("399 "));
+    EXPECT_EQ(outcome.starts_with(failure),
+              !item.Outcome.starts_with("200 ") && !item.Outcome.starts_with("399 "));
     if (item.After == TAfterReply::CloseAtOnce) continue;
     EXPECT_EQ(server.Request(),
               "GET /status.php HTTP/1.1\r\nHost: " + host + "\r\nConnection: close\r\n\r\n");
     EXPECT_EQ(server.Leaks(), 0);
   }
   const std::string deaf = [] { return TCannedServer("", TAfterReply::Hold).HostAndPort(); }();
-  EXPECT_EQ(Outcome(deaf),
-            "Unreachable: HTTP GET " + deaf + ": Connection refused (errno 111)");
+  EXPECT_EQ(Outcome(deaf), "Unreachable: HTTP GET " + deaf + ": Connection refused (errno 111)");
   EXPECT_EQ(OpenDescriptors(), descriptors);
 }
 

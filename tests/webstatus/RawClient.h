@@ -95,13 +95,15 @@ class TRawClient {
     return {Take(FInput.find(kEnd) + kEnd.size()), ""};
   }
 
-  // The body that the head announces, or as much of it as comes before the end.
-  void ReadBody(TRawReply& reply) {
+  // Reads on in the body that the head announces, to its end, for so many bytes or to the end of
+  // the connection, whichever comes first.
+  void ReadBody(TRawReply& reply, std::size_t bytes = std::string::npos) {
     const std::size_t at = reply.Head.find("Content-Length: ");
     if (at == std::string::npos) return;
     const std::size_t length = std::stoul(reply.Head.substr(at + 16));
-    while (FInput.size() < length && ReadSome()) continue;
-    reply.Body = Take(std::min(length, FInput.size()));
+    const std::size_t wanted = std::min(length - reply.Body.size(), bytes);
+    while (FInput.size() < wanted && ReadSome()) continue;
+    reply.Body += Take(std::min(wanted, FInput.size()));
   }
 
   TRawReply ReadReply() {
