@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -20,30 +19,28 @@ namespace guardian {
 
 inline constexpr int kHangLimitMs = 30'000;  // Bounds a failure only.
 
-// The loopback address of the family, padded with zeros.
-inline sockaddr_in6 LoopbackAddress(std::uint16_t port, int family = AF_INET) {
-  sockaddr_in6 address{};
-  address.sin6_family = AF_INET6;
-  address.sin6_port = htons(port);
-  address.sin6_addr = in6addr_loopback;
-  if (family == AF_INET6) return address;
-  const sockaddr_in v4{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-  address = {};
-  std::memcpy(&address, &v4, sizeof(v4));
-  return address;
+inline sockaddr_in LoopbackAddress(std::uint16_t port) {
+  return {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
 }
 
 // A listening socket, also beside connections that have just ended; none when the port is taken.
 // Port 0 takes any free one.
-inline TFileDescriptor ListenOnLoopback(std::uint16_t port, int family = AF_INET) {
-  TFileDescriptor socket(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+inline TFileDescriptor ListenOnLoopback(std::uint16_t port) {
+  TFileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const int on = 1;
   ::setsockopt(socket.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-  const sockaddr_in6 address = LoopbackAddress(port, family);
+  const sockaddr_in address = LoopbackAddress(port);
   const auto* generic = reinterpret_cast<const sockaddr*>(&address);
   const bool isBound = ::bind(socket.Get(), generic, sizeof(address)) == 0;
   if (!isBound || ::listen(socket.Get(), 1) != 0) socket.Close();
   return socket;
+}
+
+inline std::uint16_t PortOf(const TFileDescriptor& socket) {
+  sockaddr_in address{};
+  socklen_t length = sizeof(address);
+  ::getsockname(socket.Get(), reinterpret_cast<sockaddr*>(&address), &length);
+  return ntohs(address.sin_port);
 }
 
 struct TRawReply {
@@ -59,6 +56,9 @@ struct TRawReply {
 // A client that sends any bytes, well-formed or not.
 class TRawClient {
  public:
+  // The end of a connection that somebody else has made.
+  explicit TRawClient(TFileDescriptor socket) : FSocket(std::move(socket)) {}
+
   // Throws when the connect fails. The receive buffer's size is the system's when 0.
   explicit TRawClient(std::uint16_t port, int receiveBufferBytes = 0)
       : FSocket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -68,7 +68,7 @@ class TRawClient {
     }
     const int on = 1;
     ::setsockopt(FSocket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-    const sockaddr_in6 address = LoopbackAddress(port);
+    const sockaddr_in address = LoopbackAddress(port);
     if (::connect(FSocket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address))) {
       throw std::runtime_error("connect: " + std::to_string(errno));
     }
@@ -84,15 +84,20 @@ class TRawClient {
     }
   }
 
-  // The head of the next answer; empty when the connection ended instead. Throws when the bytes
-  // are not an answer.
-  TRawReply ReadHead() {
+  // The text up to the next empty line; nothing when the connection ends before.
+  std::string ReadToEmptyLine() {
     constexpr std::string_view kEnd = "\r\n\r\n";
     while (FInput.find(kEnd) == std::string::npos) {
       if (!ReadSome()) return {};
     }
-    if (!FInput.starts_with("HTTP/1.1 ")) throw std::runtime_error("no answer: " + FInput);
-    return {Take(FInput.find(kEnd) + kEnd.size()), ""};
+    return Take(FInput.find(kEnd) + kEnd.size());
+  }
+
+  // The head of the next answer. Throws when the bytes are not an answer.
+  TRawReply ReadHead() {
+    TRawReply reply{ReadToEmptyLine(), ""};
+    if (reply.Head.empty() || reply.Head.starts_with("HTTP/1.1 ")) return reply;
+    throw std::runtime_error("no answer: " + reply.Head);
   }
 
   // Reads on in the body that the head announces, to its end, for so many bytes or to the end of
@@ -110,6 +115,12 @@ class TRawClient {
     TRawReply reply = ReadHead();
     ReadBody(reply);
     return reply;
+  }
+
+  // The body of the connection's last answer and whatever follows it.
+  std::string ReadLastBody() {
+    const std::string body = ReadReply().Body;
+    return body + ReadToEnd();
   }
 
   TRawReply Get(const std::string& target) {

@@ -16,7 +16,9 @@
 namespace guardian {
 namespace {
 
-using testing::ElementsAre;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Matcher;
 using testing::StartsWith;
 
 TSharedText::TText Text(const std::string& text) {
@@ -44,6 +46,20 @@ class TFakeGuardian final : public TGuardianControl {
       .InitialOutput = Text("TMP=<t>\nLOGS=\n"),
       .ActivityLog = Text("<br>short"),
       .DetailedLog = Text("<br>detailed"),
+      .Watchdog = {true,
+                   false,
+                   true,
+                   2.5,
+                   "4711",
+                   99,
+                   61.25,
+                   360,
+                   2,
+                   1,
+                   7,
+                   6,
+                   {{{3, 0.5}, {4, {}}, {5, 1.0}, {8, 9.0}}},
+                   3600},
   };
   std::string Requests;
 };
@@ -65,14 +81,27 @@ class StatusPagesTest : public testing::Test {
     return BuildPage(request, {FHasGuardian ? &FGuardian : nullptr,
                                [this] { FGuardian.Requests += "end "; }, FPort});
   }
-  std::string Get(const std::string& path) {
-    const THttpResponse response = Answer(path);
+  std::string Get(const std::string& path, const std::string& site = "") {
+    const THttpResponse response = Answer(path, site);
     std::string text = response.Body;
     for (const auto& piece : response.Tail) text += *piece;
     return text;
   }
 
+  // The bytes that the HTTP server would stream; else the page.
+  std::string Streamed(const std::string& path) {
+    const THttpResponse response = Answer(path);
+    std::string text;
+    if (!response.File) return response.Body;
+    EXPECT_EQ(::fcntl(response.File.Get(), F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(ReadToEnd(response.File.Get(), 1 << 20, text), 0);
+    EXPECT_EQ(response.FileSize, text.size());
+    EXPECT_EQ(response.ContentType + response.Body, "text/plain");
+    return text;
+  }
+
   const TSettingsBackup FBackup;
+  const TTempFolder FFolder;
   TFakeGuardian FGuardian;
   bool FHasGuardian = true;
   std::optional<std::uint16_t> FPort = 8900;
@@ -90,26 +119,24 @@ const std::string kHead =
 TEST_F(StatusPagesTest, AnswersShortPagesByteForByte) {
   const struct {
     const char* Path;
-    std::string Start;
+    Matcher<std::string> Text;
     const char* Type = "text/html";
   } cases[] = {
-      {"/status.php", "Guardian running and accessible via port 8900. "},
+      {"/status.php", std::string("Guardian running and accessible via port 8900. ")},
       {"/nosuchpage.php", kHead},
       {"/Status.php", kHead},
       {"/status.php/", kHead},
-      {"/threadreport.php", "Thread Report<br>-----------------<br>"},
-      {"/status.json", "{\"version\":\"1.50\"", "application/json"},
-      {"/metrics", "# TYPE vellumark_guardian_build info\n",
+      {"/threadreport.php", StartsWith("Thread Report<br>-----------------<br>")},
+      {"/status.json", StartsWith("{\"version\":\"1.50\""), "application/json"},
+      {"/metrics", StartsWith("# TYPE vellumark_guardian_build info\n"),
        "application/openmetrics-text; version=1.0.0; charset=utf-8"},
       {"/logfiles.php", kHead + "Log Files in Reverse Order<br><br>EXCPTION: open folder "
                                 "/no/such/&lt;folder&gt;: No such file or directory (errno 2)"},
   };
   for (const auto& item : cases) {
-    const bool isShort = item.Start.starts_with("Guardian") || item.Start == kHead;
-    EXPECT_THAT(Get(item.Path), isShort ? testing::Matcher<std::string>(item.Start)
-                                        : testing::Matcher<std::string>(StartsWith(item.Start)));
-    EXPECT_EQ(Answer(item.Path).ContentType, item.Type);
+    EXPECT_THAT(Get(item.Path), item.Text);
     EXPECT_EQ(Answer(item.Path, "cross-site").Status, 200);
+    EXPECT_EQ(Answer(item.Path).ContentType, item.Type);
   }
   FPort.reset();
   EXPECT_EQ(Get("/status.php"), "Guardian running. ");
@@ -122,191 +149,202 @@ TEST_F(StatusPagesTest, LeavesEachControlRequestToTheGuardianAndActsForNobodyEls
     const char* Path;
     const char* Answer;
     const char* Request;
+    const char* WithoutGuardian = "Guardian already freed";
   } pages[] = {
       {"/startdaemon.php", "VellumarkCL will be started", "start "},
       {"/stopdaemon.php", "VellumarkCL will be asked to stop.", "stop "},
       {"/terminatedaemon.php", "STOP signal will be sent to VellumarkCL", "terminate "},
       {"/killdaemon.php", "KILL signal will be sent to VellumarkCL", "kill "},
-      {"/terminateguardian.php", "Guardian stopped.", "end "},
+      {"/terminateguardian.php", "Guardian stopped.", "end ", "Guardian stopped."},
   };
+  std::string requests;
   for (const auto& page : pages) {
     SCOPED_TRACE(page.Path);
     FHasGuardian = true;
     for (const char* const site : {"", "same-origin", "none"}) {
       EXPECT_EQ(Answer(page.Path, site).Body, page.Answer);
-      EXPECT_EQ(std::exchange(FGuardian.Requests, ""), page.Request);
+      EXPECT_EQ(FGuardian.Requests, requests += page.Request);
     }
     EXPECT_EQ(Answer(page.Path, "", "HEAD").Body, page.Answer);
-    const THttpResponse refused = Answer(page.Path, "cross-site");
-    EXPECT_EQ(refused.Status, 403);
-    EXPECT_EQ(refused.Body, "Refused: the request comes from another site.");
-    EXPECT_EQ(FGuardian.Requests, "");
+    EXPECT_EQ(Answer(page.Path, "cross-site").Status, 403);
+    EXPECT_EQ(Get(page.Path, "cross-site"), "Refused: the request comes from another site.");
     FHasGuardian = false;
-    const bool isEnd = std::string_view(page.Request) == "end ";
-    EXPECT_EQ(Get(page.Path), isEnd ? page.Answer : "Guardian already freed");
-    EXPECT_EQ(std::exchange(FGuardian.Requests, ""), isEnd ? page.Request : "");
+    EXPECT_EQ(Answer(page.Path, "", "HEAD").Body, page.WithoutGuardian);
+    EXPECT_EQ(FGuardian.Requests, requests);
   }
-}
-
-// The main page, from the texts that depend on the state.
-std::string MainPage(const std::string& daemon, const std::string& paths,
-                     const std::string& processes, const std::string& logs) {
-  return kHead + daemon +
-         "<table style=\"width:1000px\"><tr><th style=\"width:1000px;text-align:left\">Additional "
-         "Information</th></tr></table><br>Temp Path: /tmp&amp;<br>Command Line: &quot;/opt/"
-         "Vellumark Guardian&quot; &lt;word&gt; <br><br>MEMORY<br><br>" +
-         paths + "Log Path: /no/such/&lt;folder&gt;<br><br>" + processes +
-         "<a HREF=\"logfiles.php\">Click here to see the log files</a>.<br><br>"
-         "<a HREF=\"threadreport.php\">Click here to see the thread report</a>.<br><br><br>"
-         "<a HREF=\"startdaemon.php\">Click here to start the VellumarkCL daemon</a>.<br><br>"
-         "<a HREF=\"stopdaemon.php\">Click here to stop the VellumarkCL daemon gracefully</a>."
-         "<br><br><a HREF=\"terminatedaemon.php\">Click here to send a STOP signal to the "
-         "VellumarkCL daemon</a>.<br><br><a HREF=\"killdaemon.php\">Click here to kill the "
-         "VellumarkCL daemon</a>.<br><br><a HREF=\"terminateguardian.php\">Click here to terminate "
-         "the Guardian process</a>.<br><br>" +
-         logs;
+  EXPECT_EQ(Get("/killdaemon.php"), "Guardian already freed");
+  EXPECT_EQ(Get("/terminateguardian.php"), "Guardian stopped.");
+  EXPECT_EQ(FGuardian.Requests, requests + "end ");
 }
 
 TEST_F(StatusPagesTest, ShowsTheMainPageWithEverythingFromOutsideEscaped) {
-  const std::regex memory("Allocated Memory: [0-9.]+ [A-Za-z]+, Used Memory: [0-9.]+ [A-Za-z]+");
-  const auto page = [&](const char* path = "/") {
-    return std::regex_replace(Get(path), memory, "MEMORY");
+  const auto page = [this](const char* path = "/") {
+    const std::regex sizes("Memory: [0-9.]+ [A-Za-z]+");
+    return std::regex_replace(Get(path), sizes, "Memory: n");
   };
-  const std::string user = "Running as user ID: " + std::to_string(::getuid()) + "<br><br>";
   const std::string daemon =
       "<b>Status at <i></b><br><br>Daemon Path: /opt/&lt;b&gt;/VellumarkCL, Exists: Y<br>Mutex "
-      "Path: /m&amp;/mutex<br>" +
-      user;
+      "Path: /m&amp;/mutex<br>Running as user ID: " +
+      std::to_string(::getuid()) + "<br><br>";
   const std::string paths = "VellumarkCL Temp Path: /t&amp;<br>";
+  const std::string processes = "root 1 &lt;x&gt;<br><br>&quot;2&quot;";
+  const std::string list =
+      "Process List (ps) as of 2026-11-21 06:00:00:<br><br>" + processes + "<br><br><br>";
   const std::string logs =
       "<br><hr><br>Guardian Activity Log:<br><br><br>short<br><br><hr><br>Initial output: "
       "TMP=&lt;t&gt;<br>LOGS=<br><br><br><hr><br>Detailed Activity Log:<br><br><br>detailed"
       "<br><br><br>";
-  const std::string processes =
-      "Process List (ps) as of 2026-11-21 06:00:00:<br><br>root 1 &lt;x&gt;<br><br>&quot;2&quot;"
-      "<br><br><br>";
-  for (const char* path : {"", "/", "\\"}) {
-    EXPECT_EQ(page(path), MainPage(daemon, paths, processes, logs));
-  }
+  std::string expected =
+      kHead + daemon +
+      "<table style=\"width:1000px\"><tr><th style=\"width:1000px;text-align:left\">Additional "
+      "Information</th></tr></table><br>Temp Path: /tmp&amp;<br>Command Line: &quot;/opt/Vellumark "
+      "Guardian&quot; &lt;word&gt; <br><br>Allocated Memory: n, Used Memory: n<br><br>" +
+      paths + "Log Path: /no/such/&lt;folder&gt;<br><br>" + list +
+      "<a HREF=\"logfiles.php\">Click here to see the log files</a>.<br><br>"
+      "<a HREF=\"threadreport.php\">Click here to see the thread report</a>.<br><br><br>"
+      "<a HREF=\"startdaemon.php\">Click here to start the VellumarkCL daemon</a>.<br><br>"
+      "<a HREF=\"stopdaemon.php\">Click here to stop the VellumarkCL daemon gracefully</a>."
+      "<br><br><a HREF=\"terminatedaemon.php\">Click here to send a STOP signal to the VellumarkCL "
+      "daemon</a>.<br><br><a HREF=\"killdaemon.php\">Click here to kill the VellumarkCL daemon</a>."
+      "<br><br><a HREF=\"terminateguardian.php\">Click here to terminate the Guardian process</a>."
+      "<br><br>" +
+      logs;
+  for (const char* path : {"", "/", "\\"}) EXPECT_EQ(page(path), expected);
   EXPECT_EQ(Answer("/").Tail.at(2), FGuardian.Now.DetailedLog);  // Not a copy.
 
   FGuardian.Now.ProcessList = Text("");
-  EXPECT_EQ(page(),
-            MainPage(daemon, paths,
-                     "Process List (ps) as of 2026-11-21 06:00:00:<br><br><br><br><br>", logs));
+  EXPECT_EQ(page(), ReplaceAll(expected, processes, ""));
   FGuardian.Now.ProcessListTime = 0;
-  FGuardian.Now.DaemonPathExists = false;
-  for (const bool gotPaths : {true, false}) {
-    FGuardian.Now.GotPaths = gotPaths;
-    FGuardian.Now.GetPathsError = gotPaths;
-    const std::string inactive = std::string("Inactive: GotPaths=") + (gotPaths ? "Y" : "N") +
-                                 ", GetPathsError=" + (gotPaths ? "Y" : "N") + "<br><br>";
-    EXPECT_EQ(page(),
-              MainPage(ReplaceAll(daemon, "Exists: Y", "Exists: N"), paths + inactive, "", logs));
-  }
+  expected = ReplaceAll(expected, list, "");
+  EXPECT_EQ(page(), expected);
+  FGuardian.Now.GetPathsError = true;
+  const std::string inactive = "Inactive: GotPaths=Y, GetPathsError=Y<br><br>";
+  EXPECT_EQ(page(), ReplaceAll(expected, paths, paths + inactive));
+  FGuardian.Now.GotPaths = FGuardian.Now.GetPathsError = FGuardian.Now.DaemonPathExists = false;
+  expected = ReplaceAll(expected, paths, paths + ReplaceAll(inactive, "=Y", "=N"));
+  EXPECT_EQ(page(), ReplaceAll(expected, "Exists: Y", "Exists: N"));
   FHasGuardian = false;
-  EXPECT_EQ(page(), MainPage("", "", "", ""));
+  for (const auto& part : {daemon, paths, ReplaceAll(inactive, "=Y", "=N"), logs}) {
+    expected = ReplaceAll(expected, part, "");
+  }
+  EXPECT_EQ(page(), expected);
 }
 
-class LogDownloadsTest : public StatusPagesTest {
- protected:
-  LogDownloadsTest() {
-    std::filesystem::create_directory(FFolder.Path("logs"));
-    Settings().LogDirectory.Set(FFolder.Path("logs"));
-  }
-
-  // Written one nanosecond after the one before.
-  void Log(const std::string& name, const std::string& text) {
-    FFolder.Write("logs/" + name, text);
-    const timespec time{.tv_sec = 1'700'000'000, .tv_nsec = FTime++};
-    const timespec times[2] = {time, time};
-    ASSERT_EQ(::utimensat(AT_FDCWD, FFolder.Path("logs/" + name).c_str(), times, 0), 0);
-  }
-
-  // The targets of the links on the page, percent-decoded as the HTTP server does it.
-  std::vector<std::string> ListedPaths() {
-    std::vector<std::string> paths;
-    const std::string page = Get("/logfiles.php");
-    const std::string start = "<a href=\"";
-    for (std::size_t at = page.find(start); at != std::string::npos; at = page.find(start, at)) {
-      at += start.size();
-      paths.push_back("/" + LinkDecode(page.substr(at, page.find('"', at) - at)));
-    }
-    return paths;
-  }
-
-  // The bytes that the HTTP server would stream.
-  std::string Streamed(const std::string& path) {
-    const THttpResponse response = Answer(path);
-    std::string text;
-    if (!response.File) return "no file: " + response.Body;
-    EXPECT_EQ(::fcntl(response.File.Get(), F_GETFD), FD_CLOEXEC);
-    EXPECT_EQ(ReadToEnd(response.File.Get(), 1 << 20, text), 0);
-    EXPECT_EQ(response.FileSize, text.size());
-    EXPECT_EQ(response.ContentType, "text/plain");
-    EXPECT_EQ(response.Body, "");
-    return text;
-  }
-
-  const TTempFolder FFolder;
-  long FTime = 0;
-};
-
-TEST_F(LogDownloadsTest, ListsNewestFirst) {
-  Log("b.log", "");
-  Log("a.log", "");
-  --FTime;
-  Log("c <&>.log", "");
-  Log("no.txt", "");
-  Log("no.log.gz", "");
-  std::filesystem::create_directory(FFolder.Path("logs/folder.log"));
-  EXPECT_EQ(Get("/logfiles.php"),
-            kHead +
-                "Log Files in Reverse Order<br><br>"
-                "<a href=\"vellumark_logs/c%20%26lt%3B%26amp%3B%26gt%3B.log\" "
-                "target=\"_blank\">c &lt;&amp;&gt;.log</a><br>"
-                "<a href=\"vellumark_logs/a.log\" target=\"_blank\">a.log</a><br>"
-                "<a href=\"vellumark_logs/b.log\" target=\"_blank\">b.log</a><br>");
+TEST_F(StatusPagesTest, TellTheWholeStateAsJson) {
+  const std::string start =
+      "{\"version\":\"1.50\",\"build\":10,\"pid\":" + std::to_string(::getpid()) + ",\"port\":";
+  EXPECT_EQ(
+      Get("/status.json"),
+      start +
+          "8900,\"uptime_seconds\":3600.000,"
+          "\"checks\":{\"mutex\":true,\"pipe\":false,\"service\":true,\"age_seconds\":2.500},"
+          "\"daemon\":{\"pid\":\"4711\",\"path\":\"/opt/<b>/VellumarkCL\",\"path_exists\":true,"
+          "\"mutex_path\":\"/m&/mutex\",\"paths_received\":true},"
+          "\"pulse\":{\"value\":99,\"age_seconds\":61.250},"
+          "\"counters\":{\"rounds\":360,\"restarts\":2,\"restart_attempts\":1,"
+          "\"mutex_failures\":7,\"pipe_failures\":6},"
+          "\"actions\":{\"start\":{\"total\":3,\"last_age_seconds\":0.500},"
+          "\"stop\":{\"total\":4,\"last_age_seconds\":null},"
+          "\"terminate\":{\"total\":5,\"last_age_seconds\":1.000},"
+          "\"kill\":{\"total\":8,\"last_age_seconds\":9.000}}}\n");
+  FGuardian.Now.GetPathsError = true;
+  FGuardian.Now.Watchdog.Pid.clear();
+  FGuardian.Now.DaemonPath =
+      "a\"b\\c\n\x1f \x7f\xc3\xa9\xf4\x8f\xbf\xbf|\xed\xa0\x80|\xe2\x82|\xc1\xbf";
+  EXPECT_THAT(Get("/status.json"),
+              AllOf(HasSubstr("\"pid\":null,\"path\":\"a\\\"b\\\\c\\u000a\\u001f "
+                              "\x7f\xc3\xa9\xf4\x8f\xbf\xbf|\\ufffd\\ufffd\\ufffd|"
+                              "\\ufffd\\ufffd|\\ufffd\\ufffd\""),
+                    HasSubstr("\"paths_received\":false}")));
+  FHasGuardian = false;
+  FPort.reset();
+  EXPECT_EQ(Get("/status.json"), start + "null}\n");
 }
 
-TEST_F(LogDownloadsTest, EveryListedNameLeadsToItsOwnFile) {
+// The metrics without their help, and without what all names begin with.
+std::string Samples(const std::string& metrics) {
+  std::string samples;
+  for (const std::string_view line : Split(metrics, '\n')) {
+    if (!line.starts_with("# HELP ")) samples.append(line).append(";");
+  }
+  return ReplaceAll(samples, "vellumark_guardian_", "");
+}
+
+TEST_F(StatusPagesTest, TellTheWholeStateAsMetrics) {
+  const std::string build = "# TYPE build info;build_info{version=\"1.50\",build=\"10\"} 1;";
+  EXPECT_EQ(
+      Samples(Get("/metrics")),
+      build +
+          "# TYPE uptime_seconds gauge;# UNIT uptime_seconds seconds;uptime_seconds 3600.000;"
+          "# TYPE check_ok gauge;check_ok{check=\"mutex\"} 1;check_ok{check=\"pipe\"} 0;"
+          "check_ok{check=\"service\"} 1;"
+          "# TYPE failures gauge;failures{check=\"mutex\"} 7;failures{check=\"pipe\"} 6;"
+          "# TYPE check_age_seconds gauge;# UNIT check_age_seconds seconds;check_age_seconds 2.500;"
+          "# TYPE pulse gauge;pulse 99;"
+          "# TYPE pulse_age_seconds gauge;# UNIT pulse_age_seconds seconds;pulse_age_seconds "
+          "61.250;"
+          "# TYPE rounds counter;rounds_total 360;# TYPE restarts counter;restarts_total 2;"
+          "# TYPE restart_attempts gauge;restart_attempts 1;"
+          "# TYPE actions counter;actions_total{action=\"start\"} 3;actions_total{action=\"stop\"} "
+          "4;"
+          "actions_total{action=\"terminate\"} 5;actions_total{action=\"kill\"} 8;"
+          "# TYPE action_age_seconds gauge;# UNIT action_age_seconds seconds;"
+          "action_age_seconds{action=\"start\"} 0.500;action_age_seconds{action=\"terminate\"} "
+          "1.000;"
+          "action_age_seconds{action=\"kill\"} 9.000;# EOF;;");
+  FHasGuardian = false;
+  EXPECT_EQ(Samples(Get("/metrics")), build + "# EOF;;");
+}
+
+// Two at a time were written in the same nanosecond.
+TEST_F(StatusPagesTest, ListsLogFilesNewestFirstByALinkThatLeadsToIt) {
+  std::filesystem::create_directories(FFolder.Path("logs/folder.log"));
+  Settings().LogDirectory.Set(FFolder.Path("logs"));
   const std::vector<std::string> names = {
-      "plain.log",    "with blank.log", "quote\".log",      "apostrophe'.log", "100%.log",
-      "%41.log",      "a<b>c.log",      "amp&amp;.log",     "&#65;.log",       "caf\xc3\xa9.log",
-      "\xff\xfe.log", "a+b.log",        "semi;colon#?.log", "back\\slash.log", "new\nline.log"};
-  for (const std::string& name : names) Log(name, "content of " + name);
-  const std::vector<std::string> paths = ListedPaths();
-  ASSERT_EQ(paths.size(), names.size());
+      "plain.log",       "with blank.log", "apostrophe'.log", "quote\".log",      "%41.log",
+      "100%.log",        "a<b>c.log",      "amp&amp;.log",    "&#65;.log",        "a+b.log",
+      "caf\xc3\xa9.log", "\xff\xfe.log",   "back\\slash.log", "semi;colon#?.log", "new\nline.log"};
   for (std::size_t i = 0; i < names.size(); ++i) {
-    EXPECT_EQ(Streamed(paths[names.size() - 1 - i]), "content of " + names[i]) << names[i];
+    FFolder.Write("logs/" + names[i], "content of " + names[i]);
+    const timespec time{.tv_sec = 1'700'000'000, .tv_nsec = static_cast<long>(i / 2)};
+    const timespec times[2] = {time, time};
+    ASSERT_EQ(::utimensat(AT_FDCWD, FFolder.Path("logs/" + names[i]).c_str(), times, 0), 0);
   }
+  for (const char* const other : {"logs/no.txt", "logs/no.log.gz"}) FFolder.Write(other, "");
+  const std::string page = Get("/logfiles.php");
+  EXPECT_THAT(page, StartsWith(kHead + "Log Files in Reverse Order<br><br><a href=\"vellumark_logs/"
+                                       "new%0Aline.log\" target=\"_blank\">new\nline.log</a><br>"));
+  EXPECT_THAT(page, HasSubstr("a%26lt%3Bb%26gt%3Bc.log\" target=\"_blank\">a&lt;b&gt;c."));
+  std::size_t left = names.size();
+  for (const std::string_view piece : Split(page, '"')) {
+    if (!piece.starts_with("vellumark_logs/")) continue;
+    ASSERT_GT(left, 0U);
+    EXPECT_EQ(Streamed("/" + LinkDecode(piece)), "content of " + names[--left]);
+  }
+  EXPECT_EQ(left, 0U);
 }
 
-TEST_F(LogDownloadsTest, NeverLeavesTheLogFolder) {
-  Log("good.log", "good");
+TEST_F(StatusPagesTest, NeverLeavesTheLogFolder) {
   for (const char* folder : {"logs2", "logs/inner"}) {
-    std::filesystem::create_directory(FFolder.Path(folder));
+    std::filesystem::create_directories(FFolder.Path(folder));
   }
-  FFolder.Write("secret.log", "secret");
-  FFolder.Write("logs2/other.log", "secret");
-  FFolder.Write("logs/inner/deep.log", "deep");
-  std::filesystem::create_symlink(FFolder.Path("secret.log"), FFolder.Path("logs/link.log"));
+  for (const char* name :
+       {"secret.log", "logs2/other.log", "logs/good.log", "logs/inner/deep.log"}) {
+    FFolder.Write(name, name);
+  }
+  std::filesystem::create_symlink("../secret.log", FFolder.Path("logs/link.log"));
   std::filesystem::create_symlink("good.log", FFolder.Path("logs/inside.log"));
-  std::filesystem::create_symlink("nowhere", FFolder.Path("logs/broken.log"));
   std::filesystem::create_symlink("logs", FFolder.Path("linked"));
   ASSERT_EQ(::mkfifo(FFolder.Path("logs/pipe.log").c_str(), 0600), 0);
-
   for (const char* const folder : {"logs", "logs/", "linked"}) {
     Settings().LogDirectory.Set(FFolder.Path(folder));
-    EXPECT_EQ(Streamed("/vellumark_logs/good.log"), "good");
-    EXPECT_EQ(Streamed("/vellumark_logs/inside.log"), "good");
-    EXPECT_EQ(Streamed("/vellumark_logs/inner/deep.log"), "deep");
-    for (const char* path : {"/../secret.log", "/link.log", "2/other.log", "/&#46;&#46;/secret.log",
-                             "", "/", "/pipe.log", "/broken.log", "/missing.log", "/inner",
-                             "//etc/passwd", "/../logs2/other.log"}) {
-      const THttpResponse response = Answer("/vellumark_logs" + std::string(path));
-      EXPECT_FALSE(response.File) << path;
-      EXPECT_THAT(response.Body, StartsWith(kHead + "EXCPTION: ")) << path;
+    EXPECT_EQ(Streamed("/vellumark_logs/good.log"), "logs/good.log");
+    EXPECT_EQ(Streamed("/vellumark_logs/inside.log"), "logs/good.log");
+    EXPECT_EQ(Streamed("/vellumark_logs/inner/deep.log"), "logs/inner/deep.log");
+    for (const std::string path :
+         {"/../secret.log", "/link.log", "2/other.log", "/&#46;&#46;/secret.log", "", "/",
+          "/pipe.log", "/missing.log", "/inner", "//etc/passwd", "/../logs2/other.log"}) {
+      EXPECT_THAT(Streamed("/vellumark_logs" + path), StartsWith(kHead + "EXCPTION: "));
     }
     EXPECT_FALSE(Answer(std::string("/vellumark_logs/good.log\0.txt", 29)).File);
   }
