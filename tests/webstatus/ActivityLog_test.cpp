@@ -88,9 +88,9 @@ TEST_F(ActivityLogTest, DropsWholeEntriesFromTheStart) {
 
 TEST_F(ActivityLogTest, LosesNoEntryOfSeveralThreads) {
   TCrew(2, [&](int) {
-    for (int i = 0; i < 500; ++i) FLog.AddDetailEntry("x");
+    for (int i = 0; i < 4000; ++i) FLog.AddDetailEntry("x");
   }).Join();
-  EXPECT_EQ(FLog.DetailedLog()->size(), 2 * 500 * 5);
+  EXPECT_EQ(FLog.DetailedLog()->size(), 2 * 4000 * 5);
 }
 
 }  // namespace

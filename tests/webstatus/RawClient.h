@@ -23,12 +23,16 @@ inline sockaddr_in LoopbackAddress(std::uint16_t port) {
   return {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
 }
 
+template <typename TValue>
+void SetOption(const TFileDescriptor& socket, int level, int option, const TValue& value) {
+  ::setsockopt(socket.Get(), level, option, &value, sizeof(value));
+}
+
 // A listening socket, also beside connections that have just ended; none when the port is taken.
 // Port 0 takes any free one.
 inline TFileDescriptor ListenOnLoopback(std::uint16_t port) {
   TFileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const int on = 1;
-  ::setsockopt(socket.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  SetOption(socket, SOL_SOCKET, SO_REUSEADDR, 1);
   const sockaddr_in address = LoopbackAddress(port);
   const auto* generic = reinterpret_cast<const sockaddr*>(&address);
   const bool isBound = ::bind(socket.Get(), generic, sizeof(address)) == 0;
@@ -62,12 +66,8 @@ class TRawClient {
   // Throws when the connect fails. The receive buffer's size is the system's when 0.
   explicit TRawClient(std::uint16_t port, int receiveBufferBytes = 0)
       : FSocket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    if (receiveBufferBytes > 0) {
-      ::setsockopt(FSocket.Get(), SOL_SOCKET, SO_RCVBUF, &receiveBufferBytes,
-                   sizeof(receiveBufferBytes));
-    }
-    const int on = 1;
-    ::setsockopt(FSocket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    if (receiveBufferBytes > 0) SetOption(FSocket, SOL_SOCKET, SO_RCVBUF, receiveBufferBytes);
+    SetOption(FSocket, IPPROTO_TCP, TCP_NODELAY, 1);
     const sockaddr_in address = LoopbackAddress(port);
     if (::connect(FSocket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address))) {
       throw std::runtime_error("connect: " + std::to_string(errno));
@@ -150,8 +150,7 @@ class TRawClient {
 
   // Closes by a reset.
   void Reset() {
-    const linger atOnce{1, 0};
-    ::setsockopt(FSocket.Get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof(atOnce));
+    SetOption(FSocket, SOL_SOCKET, SO_LINGER, linger{1, 0});
     FSocket.Close();
   }
 

@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include "support/Eventually.h"
 #include "webstatus/RawClient.h"
 
 namespace guardian {
@@ -31,20 +30,6 @@ TEST(WebStatusServerTest, TakesTheFirstFreePortFrom8900To8000) {
     EXPECT_EQ(TRawClient(port).Get("/status.php").Body,
               "Guardian running and accessible via port " + std::to_string(port) + ". ");
   }
-}
-
-TEST(WebStatusServerTest, TakesTheProcessListOnceForEachRequest) {
-  std::atomic<int> commands = 0;
-  const auto shell = [&](const std::string& line, int) -> std::string {
-    ++commands;
-    return line.find("--columns") == std::string::npos ? "7 VellumarkCL" : "0";
-  };
-  TWebStatusServer server({.Guardian = nullptr, .TerminateGuardian = {}, .Shell = shell});
-  EXPECT_EQ(server.ProcessListTime(), 0);
-  server.RequestProcessList();
-  EXPECT_TRUE(Eventually([&] { return server.ProcessListTime() > 0; }));
-  EXPECT_EQ(*server.ProcessList(), "7 VellumarkCL");
-  EXPECT_FALSE(Eventually([&] { return commands > 2; }, std::chrono::seconds(1)));
 }
 
 TEST(WebStatusServerTest, OneInstanceStartsAndIsFreedAgainAndAgain) {
