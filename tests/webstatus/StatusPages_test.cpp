@@ -16,7 +16,6 @@
 namespace guardian {
 namespace {
 
-using testing::AllOf;
 using testing::HasSubstr;
 using testing::Matcher;
 using testing::StartsWith;
@@ -24,22 +23,6 @@ using testing::StartsWith;
 TSharedText::TText Text(const std::string& text) {
   return std::make_shared<const std::string>(text);
 }
-
-// In the order of the fields; no two numbers are the same.
-const TWatchdogReading kReading = {true,
-                                   false,
-                                   true,
-                                   2.5,
-                                   "4711",
-                                   99,
-                                   61.25,
-                                   360,
-                                   2,
-                                   1,
-                                   7,
-                                   6,
-                                   {{{3, 0.5}, {4, {}}, {5, 1.0}, {8, 9.0}}},
-                                   3600};
 
 class TFakeGuardian final : public TGuardianControl {
  public:
@@ -62,7 +45,6 @@ class TFakeGuardian final : public TGuardianControl {
       .InitialOutput = Text("TMP=<t>\nLOGS=\n"),
       .ActivityLog = Text("<br>short"),
       .DetailedLog = Text("<br>detailed"),
-      .Watchdog = kReading,
   };
   std::string Requests;
 };
@@ -231,59 +213,6 @@ TEST_F(StatusPagesTest, ShowsTheMainPageWithEverythingFromOutsideEscaped) {
     expected = ReplaceAll(expected, part, "");
   }
   EXPECT_EQ(page(), expected);
-}
-
-TEST_F(StatusPagesTest, TellTheWholeStateAsJson) {
-  const std::string start =
-      "{\"version\":\"1.50\",\"build\":10,\"pid\":" + std::to_string(::getpid()) + ",\"port\":";
-  EXPECT_EQ(
-      Get("/status.json"),
-      start +
-          "8900,\"uptime_seconds\":3600.000,"
-          "\"checks\":{\"mutex\":true,\"pipe\":false,\"service\":true,\"age_seconds\":2.500},"
-          "\"daemon\":{\"pid\":\"4711\",\"path\":\"/opt/<b>/VellumarkCL\",\"path_exists\":true,"
-          "\"mutex_path\":\"/m&/mutex\",\"paths_received\":true},"
-          "\"pulse\":{\"value\":99,\"age_seconds\":61.250},"
-          "\"counters\":{\"rounds\":360,\"restarts\":2,\"restart_attempts\":1,"
-          "\"mutex_failures\":7,\"pipe_failures\":6},"
-          "\"actions\":{\"start\":{\"total\":3,\"last_age_seconds\":0.500},"
-          "\"stop\":{\"total\":4,\"last_age_seconds\":null},"
-          "\"terminate\":{\"total\":5,\"last_age_seconds\":1.000},"
-          "\"kill\":{\"total\":8,\"last_age_seconds\":9.000}}}\n");
-  FGuardian.Now.GetPathsError = true;
-  FGuardian.Now.Watchdog.Pid.clear();
-  FGuardian.Now.DaemonPath =
-      "a\"b\\c\n\x1f \x7f\xc3\xa9\xf4\x8f\xbf\xbf|\xed\xa0\x80|\xe2\x82|\xc1\xbf";
-  EXPECT_THAT(Get("/status.json"),
-              AllOf(HasSubstr("\"pid\":null,\"path\":\"a\\\"b\\\\c\\u000a\\u001f "
-                              "\x7f\xc3\xa9\xf4\x8f\xbf\xbf|\\ufffd\\ufffd\\ufffd|"
-                              "\\ufffd\\ufffd|\\ufffd\\ufffd\""),
-                    HasSubstr("\"paths_received\":false}")));
-  FHasGuardian = false;
-  FPort.reset();
-  EXPECT_EQ(Get("/status.json"), start + "null}\n");
-}
-
-// A strict parser reads the rest in the tests of the whole system.
-TEST_F(StatusPagesTest, TellTheWholeStateAsMetrics) {
-  const auto samples = [this] {
-    const std::regex comments("# [^E][^\n]*\n|vellumark_guardian_");
-    return ReplaceAll(std::regex_replace(Get("/metrics"), comments, ""), "\n", ";");
-  };
-  const std::string build = "build_info{version=\"1.50\",build=\"10\"} 1;";
-  EXPECT_EQ(
-      samples(),
-      build +
-          "uptime_seconds 3600.000;check_ok{check=\"mutex\"} 1;check_ok{check=\"pipe\"} 0;"
-          "check_ok{check=\"service\"} 1;failures{check=\"mutex\"} 7;failures{check=\"pipe\"} 6;"
-          "check_age_seconds 2.500;pulse 99;pulse_age_seconds 61.250;rounds_total 360;"
-          "restarts_total 2;restart_attempts 1;actions_total{action=\"start\"} 3;"
-          "actions_total{action=\"stop\"} 4;actions_total{action=\"terminate\"} 5;"
-          "actions_total{action=\"kill\"} 8;action_age_seconds{action=\"start\"} 0.500;"
-          "action_age_seconds{action=\"terminate\"} 1.000;"
-          "action_age_seconds{action=\"kill\"} 9.000;# EOF;");
-  FHasGuardian = false;
-  EXPECT_EQ(samples(), build + "# EOF;");
 }
 
 // Two at a time were written in the same nanosecond.
