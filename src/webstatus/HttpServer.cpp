@@ -15,13 +15,13 @@
 #include <boost/beast/http/basic_parser.hpp>
 #include <boost/beast/http/error.hpp>
 #include <boost/beast/http/status.hpp>
-#include <cstdio>
 #include <limits>
 #include <optional>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "common/Console.h"
 #include "common/Exceptions.h"
 #include "common/Mutex.h"
 #include "common/Texts.h"
@@ -165,7 +165,7 @@ void Report(const THttpServerOptions& options, std::exception_ptr error) noexcep
     std::rethrow_exception(std::move(error));
   } catch (...) {
     // This also reports what the callback itself throws.
-    std::fputs(("HTTP server: " + CurrentExceptionMessage() + "\n").c_str(), stderr);
+    DebugOutput("HTTP server: " + CurrentExceptionMessage());
   }
 }
 

@@ -263,6 +263,7 @@ TEST_F(HttpServerTest, GivesAHeaderTenSecondsWhateverDripsInAndAnEndTwo) {
   }
   Sync();
   FClock.Advance(milliseconds(2));
+  TRawClient later(FServer->Port());
   TRawClient last(FServer->Port());
   last.Send("GET / HTTP/1.0\r\n\r\n");
   EXPECT_EQ(last.ReadLastBody(), "hello");
@@ -279,6 +280,7 @@ TEST_F(HttpServerTest, GivesAHeaderTenSecondsWhateverDripsInAndAnEndTwo) {
   EXPECT_EQ(dripping.ReadToEnd(), "");
   EXPECT_TRUE(Eventually([&] { return last.Send("x"), last.WasReset(); }));
   FClock.Advance(milliseconds(9'998));
+  EXPECT_EQ(later.ReadToEnd(), "");
   EXPECT_EQ(late.Get("/").Body, "hello");  // The time begins again with each answer.
   // One that comes after all have gone, and the sweep has ended, is watched too.
   for (int round = 0; round < 3; ++round) {
