@@ -84,5 +84,15 @@ TEST(HttpClientTest, ReadsAnswersOrTellsWhyItFailed) {
   EXPECT_EQ(OpenDescriptors(), descriptors);
 }
 
+TEST(HttpClientTest, TriesBothLoopbackAddressesForLocalhost) {
+  const TFileDescriptor listener(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const sockaddr_in6 address{AF_INET6, 0, 0, in6addr_loopback, 0};
+  const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+  if (::bind(listener.Get(), generic, sizeof(address)) != 0) GTEST_SKIP() << "no IPv6 here";
+  ASSERT_EQ(::listen(listener.Get(), 1), 0);
+  const std::string host = "localhost:" + std::to_string(PortOf(listener));
+  EXPECT_THAT(Outcome(host, milliseconds(50)), HasSubstr("timed out"));  // Not unreachable.
+}
+
 }  // namespace
 }  // namespace guardian
