@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -124,17 +125,32 @@ struct TCase {
   bool HasPort;
 };
 
+// Numbers that the text decides, all different; every other one leaves the optional ones out.
 TWatchdogReading ReadingFrom(std::string_view outside) {
-  std::array<std::int32_t, 4> numbers{};
-  std::memcpy(numbers.data(), outside.data(), std::min(outside.size(), sizeof(numbers)));
+  std::uint32_t seed = 0;
+  std::memcpy(&seed, outside.data(), std::min(outside.size(), sizeof(seed)));
+  const auto next = [&seed] {
+    seed = seed * 1'103'515'245U + 12'345U;
+    return static_cast<std::int32_t>(seed);
+  };
   TWatchdogReading reading;
-  if (numbers[0] > 0) reading.CheckAgeSec = numbers[0] / 7.0;
+  reading.MutexOK = next() < 0;
+  reading.PipeOK = next() < 0;
+  reading.ServiceOK = next() < 0;
+  if (next() > 0) reading.CheckAgeSec = next() / 7.0;
   reading.Pid = outside;
-  reading.Pulse = std::int64_t{numbers[1]} * numbers[2];
-  reading.PulseAgeSec = numbers[1] * 1e20;
-  reading.Restarts = numbers[2];
-  reading.MutexFailures = numbers[3];
-  reading.Actions[1] = {numbers[3], numbers[2] / 3.0};
+  reading.Pulse = std::int64_t{next()} * next();
+  reading.PulseAgeSec = next() * 1e20;
+  reading.Rounds = next();
+  reading.Restarts = next();
+  reading.RestartAttempts = next();
+  reading.MutexFailures = next();
+  reading.PipeFailures = next();
+  for (TActionTally& tally : reading.Actions) {
+    tally.Total = next();
+    if (next() > 0) tally.LastAgeSec = next() / 3.0;
+  }
+  reading.UptimeSec = next() / 11.0;
   return reading;
 }
 
@@ -144,6 +160,7 @@ class TFakeGuardian final : public TGuardianControl {
     FStatus.StatusText = Text("running");
     FStatus.DaemonPath = FStatus.MutexPath = FStatus.DaemonTempPath = outside;
     FStatus.GotPaths = outside.size() % 2 == 0;
+    FStatus.GetPathsError = FStatus.DaemonPathExists = outside.size() % 3 == 0;
     FStatus.ProcessList = FStatus.InitialOutput = Text(outside);
     FStatus.ProcessListTime = 46347.25;
     FStatus.ActivityLog = FStatus.DetailedLog = Text("<br>entry");
@@ -151,6 +168,7 @@ class TFakeGuardian final : public TGuardianControl {
   }
 
   TGuardianStatus Status() const override { return FStatus; }
+  [[nodiscard]] const TGuardianStatus& Now() const { return FStatus; }
   void RequestStart() override { ++Deeds; }
   void RequestStop() override { ++Deeds; }
   void RequestTerminate() override { ++Deeds; }
@@ -180,6 +198,7 @@ class TPages {
   }
 
   [[nodiscard]] int Deeds() const { return FGuardian.Deeds; }
+  [[nodiscard]] const TGuardianStatus& Now() const { return FGuardian.Now(); }
 
  private:
   const TCase FCase;
@@ -216,27 +235,130 @@ void CheckMarkup(const THttpResponse& response, const std::string& path, const T
   Require(TagsOf(response.Body) == TagsOf(plain.Body), "a text turned into markup");
 }
 
-void CheckJson(const std::string& body, const TCase& how, std::string_view outside) {
+constexpr std::array<const char*, kDaemonActions> kActionNames = {"start", "stop", "terminate",
+                                                                  "kill"};
+
+std::string Seconds(double seconds) { return FormatFixed(seconds, 0, 3); }
+
+// What status.json says at a path of names, a number in the form in which the metrics have it.
+std::string At(const boost::json::value& json, const std::vector<std::string_view>& names) {
+  const boost::json::value* value = &json;
+  for (const std::string_view name : names) {
+    value = &value->as_object().at(boost::json::string_view(name.data(), name.size()));
+  }
+  if (value->is_null()) return "";
+  if (value->is_bool()) return value->as_bool() ? "1" : "0";
+  if (value->is_double()) return Seconds(value->as_double());
+  return value->is_int64() ? std::to_string(value->as_int64()) : "?";
+}
+
+// Every number of the reading by its place in status.json and by its name in the metrics.
+struct TNumber {
+  std::vector<std::string_view> Names;
+  std::string Sample;
+  std::string Value;
+};
+
+std::vector<TNumber> NumbersOf(const TWatchdogReading& seen) {
+  const auto optional = [](const std::optional<double>& age) { return age ? Seconds(*age) : ""; };
+  const auto flag = [](bool value) { return std::string(value ? "1" : "0"); };
+  std::vector<TNumber> numbers = {
+      {{"uptime_seconds"}, "uptime_seconds", Seconds(seen.UptimeSec)},
+      {{"checks", "mutex"}, "check_ok{check=\"mutex\"}", flag(seen.MutexOK)},
+      {{"checks", "pipe"}, "check_ok{check=\"pipe\"}", flag(seen.PipeOK)},
+      {{"checks", "service"}, "check_ok{check=\"service\"}", flag(seen.ServiceOK)},
+      {{"checks", "age_seconds"}, "check_age_seconds", optional(seen.CheckAgeSec)},
+      {{"pulse", "value"}, "pulse", std::to_string(seen.Pulse)},
+      {{"pulse", "age_seconds"}, "pulse_age_seconds", Seconds(seen.PulseAgeSec)},
+      {{"counters", "rounds"}, "rounds_total", std::to_string(seen.Rounds)},
+      {{"counters", "restarts"}, "restarts_total", std::to_string(seen.Restarts)},
+      {{"counters", "restart_attempts"}, "restart_attempts", std::to_string(seen.RestartAttempts)},
+      {{"counters", "mutex_failures"},
+       "failures{check=\"mutex\"}",
+       std::to_string(seen.MutexFailures)},
+      {{"counters", "pipe_failures"},
+       "failures{check=\"pipe\"}",
+       std::to_string(seen.PipeFailures)}};
+  for (std::size_t i = 0; i < kDaemonActions; ++i) {
+    const std::string_view name = kActionNames.at(i);
+    const std::string label = "{action=\"" + std::string(name) + "\"}";
+    const TActionTally& tally = seen.Actions.at(i);
+    numbers.push_back(
+        {{"actions", name, "total"}, "actions_total" + label, std::to_string(tally.Total)});
+    numbers.push_back({{"actions", name, "last_age_seconds"},
+                       "action_age_seconds" + label,
+                       optional(tally.LastAgeSec)});
+  }
+  return numbers;
+}
+
+// The text with each byte that is not part of a character replaced, as a strict parser tells them
+// apart.
+std::string MadeUtf8(std::string_view text) {
+  std::string result;
+  while (!text.empty()) {
+    std::size_t length = std::min<std::size_t>(text.size(), 4);
+    const auto isCharacter = [&] {
+      boost::json::error_code error;
+      const std::string first(text.substr(0, length));
+      const auto parsed = boost::json::parse("\"" + first + "\"", error);
+      return !error && static_cast<unsigned char>(first.front()) > 0x7F &&
+             std::all_of(first.begin() + 1, first.end(),
+                         [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U; });
+    };
+    while (length > 1 && !isCharacter()) --length;
+    const bool isAscii = static_cast<unsigned char>(text.front()) <= 0x7F;
+    result += length > 1 || isAscii ? std::string(text.substr(0, length)) : "\xEF\xBF\xBD";
+    text.remove_prefix(length);
+  }
+  return result;
+}
+
+void CheckJson(const std::string& body, const TCase& how, std::string_view outside,
+               const TGuardianStatus& status) {
   boost::json::error_code error;
   // Its parser is strict, also about UTF-8.
   const boost::json::value json = boost::json::parse(body, error);
   Require(!error, "status.json: " + error.message() + " in " + body);
   Require(body.find('\n') + 1 == body.size(), "status.json is not one line");
+  Require(At(json, {"port"}) == (how.HasPort ? "8900" : ""), "status.json tells another port");
+  Require(json.at("version") == "1.50" && At(json, {"build"}) == "10", "status.json: version");
   if (!how.HasGuardian) return;
+  const bool gotPaths = status.GotPaths && !status.GetPathsError;
+  Require(At(json, {"daemon", "paths_received"}) == (gotPaths ? "1" : "0"), "status.json: paths");
+  Require(At(json, {"daemon", "path_exists"}) == (status.DaemonPathExists ? "1" : "0"),
+          "status.json: whether the daemon's file exists");
   const auto& path = json.at("daemon").at("path").as_string();
-  const bool ascii = std::none_of(outside.begin(), outside.end(),
-                                  [](char c) { return static_cast<unsigned char>(c) > 0x7F; });
-  Require(!ascii || std::string_view(path.data(), path.size()) == outside,
+  Require(json.at("daemon").at("mutex_path").as_string() == path, "status.json: the mutex path");
+  Require(std::string_view(path.data(), path.size()) == MadeUtf8(outside),
           "status.json tells another path");
+  Require(json.at("daemon").at("pid").is_null() == outside.empty(), "status.json: the pid");
+  for (const TNumber& number : NumbersOf(status.Watchdog)) {
+    Require(At(json, number.Names) == number.Value, "status.json: not the " + number.Sample);
+  }
 }
 
-void CheckMetrics(std::string_view body) {
+void CheckMetrics(std::string_view body, const TCase& how, const TWatchdogReading& seen) {
+  constexpr std::string_view kPrefix = "vellumark_guardian_";
   Require(body.ends_with("\n# EOF\n"), "metrics do not end as they must");
+  std::map<std::string, std::string, std::less<>> samples;
   for (const std::string_view line : Split(body.substr(0, body.size() - 1), '\n')) {
-    const bool known = line.starts_with("# ") || line.starts_with("vellumark_guardian_");
-    Require(known && line.find("nan") == std::string_view::npos,
+    if (line.starts_with("# ")) continue;
+    const std::size_t blank = line.rfind(' ');
+    Require(line.starts_with(kPrefix) && blank != std::string_view::npos,
             "a line of metrics: " + std::string(line));
+    samples.emplace(line.substr(kPrefix.size(), blank - kPrefix.size()), line.substr(blank + 1));
   }
+  Require(samples.erase("build_info{version=\"1.50\",build=\"10\"}") == 1, "metrics: the build");
+  if (how.HasGuardian) {
+    for (const TNumber& number : NumbersOf(seen)) {
+      const auto found = samples.find(number.Sample);
+      Require((found == samples.end() ? "" : found->second) == number.Value,
+              "metrics: not the " + number.Sample);
+      if (found != samples.end()) samples.erase(found);
+    }
+  }
+  Require(samples.empty(), "metrics that nobody knows");
 }
 
 void CheckPage(const TCase& how, const std::string& path, std::string_view outside) {
@@ -244,6 +366,9 @@ void CheckPage(const TCase& how, const std::string& path, std::string_view outsi
   Settings().LogDirectory.Set(folder.Name(how.FolderName));
   TPages pages(how, outside);
   const THttpResponse response = pages.Get(path);
+  if (path == "/vellumark_logs/good.log") {
+    Require(response.File.Get() >= 0 || folder.Name(how.FolderName).empty(), "no good.log");
+  }
   Require(pages.Deeds() <= (how.IsHead || how.IsCrossSite ? 0 : 1), "a deed nobody asked for");
   if (response.File) {
     CheckFile(response, folder);
@@ -252,8 +377,8 @@ void CheckPage(const TCase& how, const std::string& path, std::string_view outsi
     Require(named || response.Body.find(kSecret) == std::string::npos, "a page shows the secret");
     CheckMarkup(response, path, how);
   }
-  CheckJson(pages.Get("/status.json").Body, how, outside);
-  CheckMetrics(pages.Get("/metrics").Body);
+  CheckJson(pages.Get("/status.json").Body, how, outside, pages.Now());
+  CheckMetrics(pages.Get("/metrics").Body, how, pages.Now().Watchdog);
 }
 
 }  // namespace

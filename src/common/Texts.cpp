@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <charconv>
 #include <cstdio>
 #include <optional>
@@ -30,29 +31,13 @@ std::string_view HtmlEntityOf(char c) {
   }
 }
 
-void AppendUtf8(std::string& text, std::uint32_t code) {
-  const auto continuation = [&](unsigned shift) {
-    text.push_back(static_cast<char>(0x80U | ((code >> shift) & 0x3FU)));
-  };
-  if (code < 0x80) {
-    text.push_back(static_cast<char>(code));
-  } else if (code < 0x800) {
-    text.push_back(static_cast<char>(0xC0U | (code >> 6U)));
-    continuation(0);
-  } else if (code < 0x10000) {
-    text.push_back(static_cast<char>(0xE0U | (code >> 12U)));
-    continuation(6);
-    continuation(0);
-  } else {
-    text.push_back(static_cast<char>(0xF0U | (code >> 18U)));
-    continuation(12);
-    continuation(6);
-    continuation(0);
-  }
+// Surrogates are no characters, and UTF-8 ends at 10FFFF.
+bool IsUtf8Character(char32_t point) {
+  return point <= 0x10FFFF && (point < 0xD800 || point > 0xDFFF);
 }
 
-// The number of "#123" or "#x7B", if it is one that UTF-8 can hold.
-std::optional<std::uint32_t> NumericEntity(std::string_view name) {
+// The number of "#123" or "#x7B", if UTF-8 can hold that character.
+std::optional<char32_t> NumericEntity(std::string_view name) {
   if (name.size() < 2 || name[0] != '#') return std::nullopt;
   const bool hexadecimal = name[1] == 'x' || name[1] == 'X';
   name.remove_prefix(hexadecimal ? 2 : 1);
@@ -60,8 +45,7 @@ std::optional<std::uint32_t> NumericEntity(std::string_view name) {
   const auto [end, error] =
       std::from_chars(name.data(), name.data() + name.size(), code, hexadecimal ? 16 : 10);
   const bool whole = error == std::errc() && end == name.data() + name.size();
-  const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
-  if (!whole || code == 0 || code > 0x10FFFF || surrogate) return std::nullopt;
+  if (!whole || code == 0 || !IsUtf8Character(code)) return std::nullopt;
   return code;
 }
 
@@ -135,6 +119,40 @@ std::string HtmlEscape(std::string_view text) {
     }
   }
   return result;
+}
+
+void AppendUtf8(std::string& text, char32_t point) {
+  const auto append = [&text](char32_t byte) { text.push_back(static_cast<char>(byte)); };
+  const auto continuation = [&](unsigned shift) { append(0x80U | ((point >> shift) & 0x3FU)); };
+  if (point < 0x80) return append(point);
+  if (point < 0x800) {
+    append(0xC0U | (point >> 6U));
+  } else if (point < 0x10000) {
+    append(0xE0U | (point >> 12U));
+    continuation(6);
+  } else {
+    append(0xF0U | (point >> 18U));
+    continuation(12);
+    continuation(6);
+  }
+  continuation(0);
+}
+
+// A sequence is well-formed when its character, encoded again, gives the same bytes: an overlong
+// form would come out shorter, and a wrong continuation byte different.
+std::size_t Utf8Length(std::string_view text) {
+  if (text.empty()) return 0;
+  const auto first = static_cast<unsigned char>(text.front());
+  const auto ones = static_cast<unsigned>(std::countl_one(first));
+  const std::size_t length = std::max(1U, ones);
+  if (ones == 1 || ones > 4 || text.size() < length) return 0;
+  char32_t point = first & (0x7FU >> ones);
+  for (const char c : text.substr(1, length - 1)) {
+    point = (point << 6U) | (static_cast<unsigned char>(c) & 0x3FU);
+  }
+  std::string encoded;
+  if (IsUtf8Character(point)) AppendUtf8(encoded, point);
+  return encoded == text.substr(0, length) ? length : 0;
 }
 
 std::string HtmlDecode(std::string_view text) {

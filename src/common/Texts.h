@@ -29,6 +29,13 @@ namespace guardian {
 // "&", "<", ">" and the double quote as character entities; everything else as it stands.
 [[nodiscard]] std::string HtmlEscape(std::string_view text);
 
+// Appends the UTF-8 bytes of a code point, which must not be above 10FFFF.
+void AppendUtf8(std::string& text, char32_t point);
+
+// The length in bytes of the well-formed UTF-8 sequence at the start of the text; 0 when there is
+// none.
+[[nodiscard]] std::size_t Utf8Length(std::string_view text);
+
 // Decodes "&amp;", "&lt;", "&gt;", "&quot;", "&apos;" and numeric entities (to UTF-8, a number
 // above 10FFFF or of a surrogate stays as it stands), then nothing else.
 [[nodiscard]] std::string HtmlDecode(std::string_view text);

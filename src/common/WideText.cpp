@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <optional>
 
+#include "common/Texts.h"
+
 namespace guardian {
 namespace {
 
@@ -25,22 +27,6 @@ char32_t TakeCodePoint(std::u16string_view& text) {
   const char16_t second = text.front();
   text.remove_prefix(1);
   return 0x10000 + ((char32_t{first} - 0xD800) << 10) + (char32_t{second} - 0xDC00);
-}
-
-void AppendUtf8(std::string& text, char32_t point) {
-  const auto append = [&text](char32_t byte) { text += static_cast<char>(byte); };
-  if (point < 0x80) return append(point);
-  if (point < 0x800) {
-    append(0xC0 | (point >> 6));
-  } else if (point < 0x10000) {
-    append(0xE0 | (point >> 12));
-    append(0x80 | ((point >> 6) & 0x3F));
-  } else {
-    append(0xF0 | (point >> 18));
-    append(0x80 | ((point >> 12) & 0x3F));
-    append(0x80 | ((point >> 6) & 0x3F));
-  }
-  append(0x80 | (point & 0x3F));
 }
 
 // One direction of a conversion between two code pages.

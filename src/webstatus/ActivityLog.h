@@ -10,16 +10,17 @@
 
 namespace guardian {
 
-// What the system log is told about an entry.
+// The severity of an entry in the system log.
 enum class TSystemLogKind { Error = 1, Warning = 2, Information = 4 };
 
 // The two HTML texts that the main page shows: the short activity log, with the entries alone, and
-// the detailed one, with the entries and the lines between them. Both are held to
+// the detailed one, with the entries and the lines between them. Each is kept at or below
 // kActivityLogLimit characters; the oldest entries are dropped whole.
 //
-// The messages of entries are plain text, which goes to the system log as it is and is escaped
-// here; details are HTML, in which the caller has escaped what comes from outside.
-// Owner: the guardian service. Threads: any thread may call anything; readers take no lock.
+// The messages of entries are plain text: the system log gets them as they are, and this class
+// escapes them for HTML. Details are HTML already: the caller escapes what comes from outside.
+// Owner: the guardian service.
+// Threads: any thread may call anything. Readers do not wait for writers.
 // Lifetime: clock and system log outlive it.
 class TActivityLog {
  public:
@@ -30,19 +31,19 @@ class TActivityLog {
   TActivityLog(const TActivityLog&) = delete;
   TActivityLog& operator=(const TActivityLog&) = delete;
 
-  // Category and event identify the entry for the caller and are no part of the text. The system
-  // log gets errors and warnings only when lastSystemLogAt, an instant of TClock::SteadyNow that
-  // the caller keeps, is more than 10 minutes old; it is then set to now.
+  // Category and event name the entry for the caller; the text does not show them. The caller keeps
+  // lastSystemLogAt, an instant of TClock::SteadyNow. Errors and warnings go to the system log only
+  // when that instant is more than 10 minutes ago; it is then set to now.
   void AddErrorEntry(int category, int event, std::string_view message, TDateTime& lastSystemLogAt)
       KZ_EXCLUDES(FLock);
   void AddWarningEntry(int category, int event, std::string_view message,
                        TDateTime& lastSystemLogAt) KZ_EXCLUDES(FLock);
   void AddInfoEntry(int category, int event, std::string_view message) KZ_EXCLUDES(FLock);
 
-  // The detailed log only, without a time.
+  // Adds to the detailed log only, without a time.
   void AddDetailEntry(std::string_view message) KZ_EXCLUDES(FLock);
 
-  // The texts as they stand; never null.
+  // The logs of this moment; never null.
   [[nodiscard]] TSharedText::TText ShortLog() const { return FShortLog.Get(); }
   [[nodiscard]] TSharedText::TText DetailedLog() const { return FDetailedLog.Get(); }
 
@@ -53,7 +54,7 @@ class TActivityLog {
 
   const TSystemLog FSystemLog;
   TClock& FClock;
-  // Entered by writers only; readers take the published texts.
+  // Only writers enter it; readers take the published texts.
   TMutex FLock;
   TSharedText FShortLog;
   TSharedText FDetailedLog;
@@ -61,8 +62,8 @@ class TActivityLog {
 
 inline constexpr std::size_t kActivityLogLimit = 131'072;
 
-// Drops whole entries from the log's start, each through its "<br>", while the log is longer than
-// kActivityLogLimit. Of a log that is too long and holds no "<br>", three characters at a time.
+// While the log is longer than kActivityLogLimit, drops its start through the next "<br>". A log
+// without a "<br>" loses three characters at a time instead.
 void TrimActivityLog(std::string& log);
 
 }  // namespace guardian

@@ -11,37 +11,41 @@
 
 namespace guardian {
 
-// What the watchdog does to the daemon.
+// The commands that the watchdog runs on the daemon.
 enum class TDaemonAction { Start, Stop, Terminate, Kill };
 inline constexpr std::size_t kDaemonActions = 4;
 
-// How often one kind of command was run, on request or by the watchdog's own decision.
+// How often one kind of command was run, whether a page requested it or the watchdog decided it.
 struct TActionTally {
   std::int64_t Total = 0;
   std::optional<double> LastAgeSec;
 };
 
-// What the watchdog saw and counted up to its last round. Ages are in seconds, measured on steady
-// time.
+// What the watchdog saw and counted up to its last round. Ages are in seconds of steady time:
+// CheckAgeSec is the time since the last round, and empty before the first; PulseAgeSec is the time
+// since the pulse changed last, or since no pulse is expected. Pid is the daemon's, and empty when
+// it does not run. Restarts counts the restarts that were begun with the stop command. Actions is
+// indexed by TDaemonAction.
 struct TWatchdogReading {
   bool MutexOK = false;
   bool PipeOK = false;
   bool ServiceOK = false;
-  std::optional<double> CheckAgeSec;  // Of the last round; none before the first.
-  std::string Pid;                    // Of the daemon; empty for none.
+  std::optional<double> CheckAgeSec;
+  std::string Pid;
   std::int64_t Pulse = 0;
-  double PulseAgeSec = 0;  // Since it changed last, or since none is expected.
+  double PulseAgeSec = 0;
   std::int64_t Rounds = 0;
-  std::int64_t Restarts = 0;  // Times that a restart was begun with the stop command.
+  std::int64_t Restarts = 0;
   std::int32_t RestartAttempts = 0;
   std::int32_t MutexFailures = 0;
   std::int32_t PipeFailures = 0;
-  std::array<TActionTally, kDaemonActions> Actions;  // By TDaemonAction.
+  std::array<TActionTally, kDaemonActions> Actions;
   double UptimeSec = 0;
 };
 
 // What the pages show of the guardian service, taken at one moment.
-// Texts from outside are raw here; the pages escape them. The logs and the status text are HTML.
+// The logs and the status text are HTML. All other texts are raw; the pages escape them.
+// ProcessListTime is local wall time, and zero before the first process list.
 struct TGuardianStatus {
   TSharedText::TText StatusText;
   std::string DaemonPath;
@@ -51,7 +55,7 @@ struct TGuardianStatus {
   bool GotPaths = false;
   bool GetPathsError = false;
   TSharedText::TText ProcessList;
-  TDateTime ProcessListTime = 0;  // Local wall time; zero when none was taken.
+  TDateTime ProcessListTime = 0;
   TSharedText::TText InitialOutput;
   TSharedText::TText ActivityLog;
   TSharedText::TText DetailedLog;
@@ -59,15 +63,17 @@ struct TGuardianStatus {
 };
 
 // The guardian service as the pages see it.
-// Threads: the HTTP threads call everything, several at once; nothing blocks, and no lock is
-// shared with the watchdog's tick.
+// Owner: the guardian service implements it.
+// Threads: the HTTP threads call everything, several at once. Nothing blocks: the locks that the
+// watchdog's tick takes too are held for one pointer copy only.
+// Lifetime: outlives the web status server.
 class TGuardianControl {
  public:
   virtual ~TGuardianControl() = default;
 
   [[nodiscard]] virtual TGuardianStatus Status() const = 0;
 
-  // Each leaves a request that the watchdog carries out about a second later.
+  // Each notes a request, which the watchdog carries out about a second later.
   virtual void RequestStart() = 0;
   virtual void RequestStop() = 0;
   virtual void RequestTerminate() = 0;

@@ -32,7 +32,7 @@ constexpr std::uint32_t kMaxHeaderBytes = 65'536;
 struct TAddress {
   std::string HostAndPort;
   std::string Path;
-  std::vector<tcp::endpoint> Endpoints;  // To be tried in this order.
+  std::vector<tcp::endpoint> Endpoints;  // Tried in this order.
 };
 
 std::optional<std::uint16_t> ParsePort(std::string_view text) {
@@ -43,7 +43,7 @@ std::optional<std::uint16_t> ParsePort(std::string_view text) {
   return port;
 }
 
-// Empty when the host is neither "localhost" nor a literal address.
+// Returns none when the host is neither "localhost" nor a literal address.
 std::vector<tcp::endpoint> EndpointsOf(std::string_view host, std::uint16_t port) {
   if (host == "localhost") {
     return {{asio::ip::address_v4::loopback(), port}, {asio::ip::address_v6::loopback(), port}};
@@ -83,7 +83,9 @@ TAddress ParseAddress(const std::string& text) {
 }
 
 // One GET, from connect to the last byte of the answer, on an io_context of its own.
-// Owner: HttpGet. Threads: the one that calls Run, alone.
+// Owner: HttpGet.
+// Threads: only the thread that calls Run.
+// Lifetime: the address outlives it.
 class TExchange {
  public:
   explicit TExchange(const TAddress& address) : FAddress(address) {
@@ -116,7 +118,7 @@ class TExchange {
     FSocket.async_connect(endpoint, [this](const TErrorCode& result) { OnConnect(result); });
   }
 
-  // Made here because Asio's own sockets are not close-on-exec.
+  // The socket is made here because those that Asio makes are not close-on-exec.
   TErrorCode OpenSocket(const tcp& protocol) {
     TErrorCode error;
     FSocket.close(error);
@@ -127,7 +129,7 @@ class TExchange {
     return error;
   }
 
-  // Of several failures the first is told: the second may only mean that there is no IPv6.
+  // After several failures the first is reported: the second may only mean that there is no IPv6.
   void OnConnect(const TErrorCode& error) {
     FConnected = !error;
     if (FConnected) return Send();
@@ -167,7 +169,7 @@ class TExchange {
   bool FConnected = false;
   TErrorCode FConnectError;
   std::optional<TErrorCode> FOutcome;
-  // Last, so that what is still pending dies before what it refers to.
+  // Declared last: its destructor frees pending operations, which refer to the fields above.
   asio::io_context FIo{1};
   tcp::socket FSocket{FIo};
 };

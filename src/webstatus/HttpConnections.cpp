@@ -65,13 +65,13 @@ bool THttpConnections::MakeRoom(std::size_t limit) {
     }
     if (FOpen >= limit) return false;
   }
-  // Without a reference the connection was about to go by itself.
+  // Without a reference the connection is ending already.
   if (oldestIdle) oldestIdle->ShutDown(THttpShutdown::Orderly);
   return true;
 }
 
-// The references are collected under the lock and let go after it: the last one takes the
-// connection out of the table.
+// The references are collected under the lock and dropped after it: the last one frees the
+// connection, which then enters the lock to leave the table.
 void THttpConnections::SendAwayExpired(std::int64_t nowTick) {
   TReferences idle;
   TReferences busy;

@@ -12,12 +12,12 @@
 namespace guardian {
 
 enum class THttpShutdown {
-  Orderly,  // What has been written still arrives.
-  Reset,    // What has been written and not taken is thrown away.
+  Orderly,  // The peer still receives what has been written.
+  Reset,    // The kernel drops what has been written and not received.
 };
 
 // One open connection as THttpConnections sees it.
-// Owner: its own chain of operations; whoever holds a reference keeps its socket from closing.
+// Owner: its own chain of operations. A held reference keeps the socket from being closed.
 // Threads: any thread may call ShutDown.
 class THttpConnection {
  public:
@@ -26,19 +26,21 @@ class THttpConnection {
   THttpConnection(const THttpConnection&) = delete;
   THttpConnection& operator=(const THttpConnection&) = delete;
 
-  // Ends the traffic in both directions, so that the connection's chain wakes up and lets the
-  // connection go. Never blocks; can be called again.
+  // Ends the traffic in both directions. This wakes up the connection's chain, which then frees the
+  // connection. Never blocks; can be called again.
   virtual void ShutDown(THttpShutdown how) noexcept = 0;
 };
 
-// Who is connected, who may be sent away, and when.
+// The open connections: which of them have passed their deadline, and which one to close when there
+// are too many.
 //
-// A connection is idle while it waits for a request, receives one or is taking its leave, and
-// busy while it is being answered. Idle ones meet a deadline; once the limit is reached, the one
-// that has been idle longest gives way to a new one.
-// Owner: the server that is active; the table outlives its connections.
-// Threads: any thread may call anything; a ticket is used by its connection alone. No connection
-// is touched while the lock is held.
+// A connection is busy while it is being answered. It is idle while it waits for a request, while
+// it receives one, and while it waits for the client to close. An idle connection has a deadline.
+// When the limit is reached, the connection that has been idle longest gives way to a new one.
+// Owner: the active server.
+// Threads: any thread may call anything, but only a connection uses its own ticket. No function of
+// a connection is called while the lock is held.
+// Lifetime: outlives its connections.
 class THttpConnections {
   enum class TPhase { Idle, Busy, SentAway };
 
@@ -57,45 +59,46 @@ class THttpConnections {
   THttpConnections(const THttpConnections&) = delete;
   THttpConnections& operator=(const THttpConnections&) = delete;
 
-  // Lists an idle connection; after Stop it counts as sent away from the start. The ticket is
-  // valid until Remove.
+  // Adds an idle connection; after Stop it counts as sent away from the start. The ticket is valid
+  // until Remove.
   [[nodiscard]] TTicket Add(std::weak_ptr<THttpConnection> connection, std::int64_t deadlineTick)
       KZ_EXCLUDES(FLock);
   void Remove(TTicket ticket) KZ_EXCLUDES(FLock);
 
   [[nodiscard]] bool IsEmpty() KZ_EXCLUDES(FLock);
 
-  // Makes the connection busy, for as long as it likes until a deadline is set. False when it has
-  // been sent away: it must not answer.
+  // Makes the connection busy, without a deadline until SetDeadline. False when it has been sent
+  // away: it must not answer.
   [[nodiscard]] bool StartAnswer(TTicket ticket) KZ_EXCLUDES(FLock);
   void SetDeadline(TTicket ticket, std::int64_t deadlineTick) KZ_EXCLUDES(FLock);
 
-  // Makes the connection idle from now on. False when it has been sent away or the table is
-  // stopped: it must end.
+  // Makes the connection idle, as the one that has been idle for the shortest time. False when it
+  // has been sent away or the table is stopped: the connection must end.
   [[nodiscard]] bool FinishAnswer(TTicket ticket, std::int64_t deadlineTick) KZ_EXCLUDES(FLock);
 
-  // Whether one more connection fits below the limit, if need be after the one that has been
-  // idle longest was sent away.
+  // Makes room for one more connection: at the limit, sends away the connection that has been idle
+  // longest. False when all are busy.
   [[nodiscard]] bool MakeRoom(std::size_t limit) KZ_EXCLUDES(FLock);
 
-  // Sends away whose deadline has been reached.
+  // Sends away every connection whose deadline has been reached.
   void SendAwayExpired(std::int64_t nowTick) KZ_EXCLUDES(FLock);
 
-  // Sends the idle ones away, and each busy one as soon as its answer is complete.
+  // Sends the idle connections away at once, and each busy one as soon as its answer is complete.
   void Stop() KZ_EXCLUDES(FLock);
 
-  // Waits until nobody is busy, at most until the tick of the clock.
+  // Waits until no connection is busy, at most until the clock reaches the tick.
   void WaitUntilNoneBusy(TClock& clock, std::int64_t deadlineTick) KZ_EXCLUDES(FLock);
 
-  // Sends the busy ones away too.
+  // Sends all connections away, the busy ones too.
   void SendAwayAll() KZ_EXCLUDES(FLock);
 
  private:
   void SetPhaseLocked(TEntry& entry, TPhase phase) KZ_REQUIRES(FLock);
 
+  // The entries stand in the order in which they became idle. FOpen counts those not sent away.
   TMutex FLock;
-  std::list<TEntry> FEntries KZ_GUARDED_BY(FLock);  // In the order in which they became idle.
-  std::size_t FOpen KZ_GUARDED_BY(FLock) = 0;       // Those not sent away.
+  std::list<TEntry> FEntries KZ_GUARDED_BY(FLock);
+  std::size_t FOpen KZ_GUARDED_BY(FLock) = 0;
   std::size_t FBusy KZ_GUARDED_BY(FLock) = 0;
   bool FStopped KZ_GUARDED_BY(FLock) = false;
   TCondition FNoneBusy;

@@ -20,15 +20,15 @@ bool SetOption(const TFileDescriptor& socket, int level, int option, int value) 
   return ::setsockopt(socket.Get(), level, option, &value, sizeof(value)) == 0;
 }
 
-// Empty when there is no IPv6.
+// Returns no socket when there is no IPv6.
 TFileDescriptor OpenDualStackSocket() {
   TFileDescriptor socket = OpenSocket(AF_INET6);
   if (socket && !SetOption(socket, IPPROTO_IPV6, IPV6_V6ONLY, 0)) socket.Close();
   return socket;
 }
 
-// Returns 0 or the error number. Address reuse lets a restart take a port on which connections of
-// the last run are still fading out; it does not let two listeners share one.
+// Returns 0 or the error number. With address reuse a restarted server gets its port back while
+// old connections are still in the state TIME_WAIT; two listeners still cannot share a port.
 template <typename TAddress>
 int BindAndListen(const TFileDescriptor& socket, const TAddress& address) {
   if (!SetOption(socket, SOL_SOCKET, SO_REUSEADDR, 1)) return errno;

@@ -6,20 +6,21 @@
 
 namespace guardian {
 
-// A listening socket, close-on-exec, which Asio's own are not, and non-blocking.
+// A listening socket, non-blocking and close-on-exec (Asio's own sockets are not close-on-exec).
+// One of IPv6 accepts connections of IPv4 too.
 struct THttpListener {
   TFileDescriptor Socket;
-  bool IsIPv6 = false;  // And so for IPv4 too.
+  bool IsIPv6 = false;
 };
 
-// Listens on all addresses of both families, on those of IPv4 where there is no IPv6. 0 takes any
-// free port. Throws ESystemError.
+// Listens on all addresses of both families, or of IPv4 alone where there is no IPv6. Port 0 takes
+// any free port. Throws ESystemError.
 [[nodiscard]] THttpListener ListenForHttp(std::uint16_t port);
 
 enum class TAfterAccept { TryNext, WaitForMore, Pause };
 
-// What a failed accept calls for. Everything that is not known to pass, such as no descriptor left,
-// would fail again at once.
+// How to go on after a failed accept. Errors of one connection concern only that one. Any other
+// error, such as no descriptor left, would come again at once, so the server pauses.
 [[nodiscard]] TAfterAccept DecideAfterAcceptError(int error) noexcept;
 
 }  // namespace guardian

@@ -15,13 +15,13 @@
 #include <boost/beast/http/basic_parser.hpp>
 #include <boost/beast/http/error.hpp>
 #include <boost/beast/http/status.hpp>
-#include <cstdio>
 #include <limits>
 #include <optional>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "common/Console.h"
 #include "common/Exceptions.h"
 #include "common/Mutex.h"
 #include "common/Texts.h"
@@ -38,17 +38,17 @@ using tcp = asio::ip::tcp;
 using TErrorCode = boost::system::error_code;
 
 constexpr std::size_t kReadBytes = 2048;
-constexpr std::size_t kKeptBufferBytes = 8192;  // What an idle connection may keep of its buffer.
+constexpr std::size_t kKeptBufferBytes = 8192;  // An idle connection keeps at most this much.
 constexpr std::size_t kFileChunkBytes = 65'536;
 constexpr std::size_t kMaxDrainBytes = 1'048'576;
 constexpr int kAcceptsPerTurn = 16;
 constexpr std::chrono::milliseconds kAcceptPause{100};
 constexpr std::size_t kPoolStackBytes = 1'048'576;
 
-// Picks out of a request what the server needs; nothing else is kept.
+// Parses a request and keeps only what the server needs of it.
 class TRequestParser final : public http::basic_parser<true> {
  public:
-  // The server counts the header's bytes itself: the parser's limit is one on single lines.
+  // The server counts the header's bytes itself: the parser would limit single lines only.
   TRequestParser() {
     header_limit(std::numeric_limits<std::uint32_t>::max());
     body_limit(boost::none);
@@ -70,7 +70,7 @@ class TRequestParser final : public http::basic_parser<true> {
       SecFetchSite.assign(value.data(), value.size());
     }
   }
-  // Required by the base; requests have no use for them.
+  // The base class demands these; the server does not use them.
   void on_response_impl(int, TView, int, TErrorCode&) override {}
   void on_header_impl(TErrorCode&) override {}
   void on_body_init_impl(const boost::optional<std::uint64_t>&, TErrorCode&) override {}
@@ -82,7 +82,7 @@ class TRequestParser final : public http::basic_parser<true> {
   void on_finish_impl(TErrorCode&) override {}
 };
 
-// "http://host/path" is as good as "/path".
+// "http://host/path" means the same as "/path".
 std::string_view WithoutAuthority(std::string_view target) {
   constexpr std::string_view kScheme = "http://";
   if (!boost::beast::iequals({target.data(), std::min(target.size(), kScheme.size())},
@@ -119,7 +119,7 @@ std::uint64_t LengthOf(const THttpResponse& response) {
 
 bool HasBody(int status) { return status != 204 && status != 304; }
 
-// A line end in a value would let it forge headers of its own.
+// Control characters are replaced: a line end in a value would begin a forged header.
 void AppendHeader(std::string& head, std::string_view name, std::string_view value) {
   head.append(name).append(": ");
   for (const char c : value) {
@@ -147,7 +147,7 @@ void FormatHead(std::string& head, const THttpResponse& response, std::uint64_t 
       "\r\n");
 }
 
-// What a connection needs of the server it belongs to.
+// What a connection uses of its server.
 struct TSurroundings {
   const THttpServer::THandler& Handler;
   const THttpServerOptions& Options;
@@ -164,16 +164,16 @@ void Report(const THttpServerOptions& options, std::exception_ptr error) noexcep
     if (options.OnError) return options.OnError(std::move(error));
     std::rethrow_exception(std::move(error));
   } catch (...) {
-    // Also what the callback itself throws: there is nobody else left to be told.
-    std::fputs(("HTTP server: " + CurrentExceptionMessage() + "\n").c_str(), stderr);
+    // This also reports what the callback itself throws.
+    DebugOutput("HTTP server: " + CurrentExceptionMessage());
   }
 }
 
 // One accepted socket and its requests, one after the other.
-// Owner: the one operation that is pending; when none is started any more, the connection goes,
-// and its socket is closed then and not before.
-// Threads: the operations form a chain, so that one pool thread at a time works on it; ShutDown by
-// any thread.
+// Owner: the one pending operation. When no further operation is started, the connection is freed;
+// only then is its socket closed.
+// Threads: the operations form a chain, so one pool thread at a time works on the connection. Any
+// thread may call ShutDown.
 // Lifetime: the surroundings and the io_context outlive it.
 class TConnection final : public THttpConnection, public std::enable_shared_from_this<TConnection> {
  public:
@@ -227,7 +227,7 @@ class TConnection final : public THttpConnection, public std::enable_shared_from
     AnswerRequest();
   }
 
-  // A request with a body is answered and then closed on, so that its body is never taken for the
+  // After a request with a body the connection is closed, so that the body is never taken for the
   // next request.
   void AnswerRequest() {
     if (!FSurroundings.Connections.StartAnswer(*FTicket)) return;
@@ -238,7 +238,7 @@ class TConnection final : public THttpConnection, public std::enable_shared_from
     Send(CallHandler(request), isHead ? TBody::LeftOut : TBody::Sent);
   }
 
-  // The last answer of this connection.
+  // Sends the last answer of this connection.
   void Answer(THttpResponse response) {
     if (!FSurroundings.Connections.StartAnswer(*FTicket)) return;
     Send(std::move(response), TBody::Sent);
@@ -276,7 +276,7 @@ class TConnection final : public THttpConnection, public std::enable_shared_from
     for (const auto& text : FResponse.Tail) FOutput.push_back(asio::buffer(*text));
   }
 
-  // One turn of the pool for each piece, so that a long answer does not keep others waiting.
+  // Each piece is a task of its own in the pool, so that a long answer does not delay the others.
   void Write() {
     if (!FillOutputFromFile()) return;
     TErrorCode error;
@@ -301,7 +301,7 @@ class TConnection final : public THttpConnection, public std::enable_shared_from
                        });
   }
 
-  // False when the file holds less than was promised: the client learns it from the early end.
+  // False when the file is shorter than promised: the early end of the connection tells the client.
   bool FillOutputFromFile() {
     if (FFileLeft == 0 || FOutput[1].size() > 0) return true;
     FChunk.resize(kFileChunkBytes);
@@ -345,8 +345,8 @@ class TConnection final : public THttpConnection, public std::enable_shared_from
     if (FInput.capacity() > kKeptBufferBytes && FInput.size() < kReadBytes) FInput.shrink_to_fit();
   }
 
-  // To close while something is unread would reset the connection, and the client might lose the
-  // answer; so what it still sends is thrown away until it closes too.
+  // Closing a socket with unread input would reset the connection, and the client might lose the
+  // answer. So the server reads and drops further input until the client closes too.
   void SayGoodbye() {
     TErrorCode ignored;
     FSocket.shutdown(tcp::socket::shutdown_send, ignored);
@@ -367,15 +367,15 @@ class TConnection final : public THttpConnection, public std::enable_shared_from
 
   const TSurroundings& FSurroundings;
   tcp::socket FSocket;
-  const int FDescriptor;  // Of FSocket, for ShutDown: the object itself belongs to the chain.
+  const int FDescriptor;  // The number of FSocket, for ShutDown: FSocket belongs to the chain.
   std::optional<THttpConnections::TTicket> FTicket;
   boost::beast::flat_buffer FInput;
   std::optional<TRequestParser> FParser;
-  std::size_t FHeaderBytes = 0;  // Of the current header, without what is still in FInput.
+  std::size_t FHeaderBytes = 0;  // Parsed bytes of the current header.
   bool FKeepAlive = false;
   THttpResponse FResponse;
   std::string FHead;
-  // What is left of the head, of the body or a file's chunk, and of the tail.
+  // The unsent parts: the head, then the body or a chunk of the file, then the tail.
   std::vector<asio::const_buffer> FOutput;
   std::vector<char> FChunk;
   std::uint64_t FFileOffset = 0;
@@ -387,8 +387,10 @@ class TConnection final : public THttpConnection, public std::enable_shared_from
 }  // namespace
 
 // The server from one Activate to the next Deactivate.
-// Owner: THttpServer. Threads: as THttpServer; what has no lock belongs to the accept chain or to
-// the sweep chain alone. Lifetime: the destructor stops and joins everything.
+// Owner: THttpServer.
+// Threads: as THttpServer. Each field without a lock belongs either to the chain of accepts or to
+// the chain of sweeps.
+// Lifetime: the destructor stops and joins everything.
 class THttpServer::TRun {
  public:
   TRun(const THttpServer& server, std::uint16_t port)
@@ -440,8 +442,8 @@ class THttpServer::TRun {
     FListener.close(ignored);
   }
 
-  // Ends with FIo.stop() alone. What escapes a connection's chain has already ended that
-  // connection.
+  // Ends only by FIo.stop(). An exception that arrives here has already ended the connection that
+  // threw it.
   void RunPool() {
     while (!FIo.stopped()) {
       try {
@@ -452,7 +454,7 @@ class THttpServer::TRun {
     }
   }
 
-  // The sweep goes on while there are connections: a server that nobody asks sleeps.
+  // The sweep goes on while there are connections; without any the server sleeps.
   void StartSweeping() {
     if (!FSweeping.exchange(true)) Sweep();
   }
@@ -468,7 +470,7 @@ class THttpServer::TRun {
 
   void StopSweeping() {
     FSweeping = false;
-    // A connection may have come in between, and have found the sweep still going.
+    // A connection may have come meanwhile and have found FSweeping still set.
     if (!FConnections.IsEmpty()) StartSweeping();
   }
 
@@ -490,7 +492,7 @@ class THttpServer::TRun {
     WaitForConnection();
   }
 
-  // Nothing escapes, or the chain of accepts would end.
+  // Throws nothing: an exception would end the chain of accepts.
   TAfterAccept AcceptOne() {
     try {
       int error = 0;
@@ -507,7 +509,7 @@ class THttpServer::TRun {
 
   TFileDescriptor Accept(int& error) KZ_EXCLUDES(FListenerLock) {
     const TMutexLock lock(FListenerLock);
-    // A closed listener: there will be no more, and WaitForConnection ends the chain.
+    // After the listener is closed, WaitForConnection ends the chain.
     error = EAGAIN;
     if (!FListener.is_open()) return {};
     const int listener = FListener.native_handle();
@@ -517,7 +519,7 @@ class THttpServer::TRun {
     return socket;
   }
 
-  // A lasting failure is told once.
+  // A lasting failure is reported once.
   TAfterAccept AfterAcceptError(int error) {
     const TAfterAccept next = DecideAfterAcceptError(error);
     if (next == TAfterAccept::Pause && !std::exchange(FAcceptFailing, true)) {
@@ -532,23 +534,26 @@ class THttpServer::TRun {
     socket.assign(FProtocol, descriptor.Get());
     static_cast<void>(descriptor.Release());
     socket.non_blocking(true);
-    TErrorCode ignored;  // Without it the answers are slower at worst.
+    TErrorCode ignored;  // Without the option the answers are only slower.
     socket.set_option(tcp::no_delay(true), ignored);
     std::make_shared<TConnection>(FSurroundings, std::move(socket))->Start();
     StartSweeping();
   }
 
-  THttpConnections FConnections;  // Before FIo, which frees the last connections in its destructor.
+  // Declared before FIo, whose destructor frees the last connections.
+  THttpConnections FConnections;
   const TSurroundings FSurroundings;
   asio::io_context FIo;
   asio::executor_work_guard<asio::io_context::executor_type> FWork{FIo.get_executor()};
   TMutex FListenerLock;
   tcp::acceptor FListener KZ_GUARDED_BY(FListenerLock){FIo};
-  tcp FProtocol = tcp::v6();  // Constant once the threads run.
+  tcp FProtocol = tcp::v6();  // Set before the threads start, constant from then on.
   asio::steady_timer FAcceptPause{FIo};
   bool FAcceptFailing = false;
+  // FSweeping is atomic: the chain of accepts and the chain of sweeps both change it. Only the
+  // thread that has set it uses FSweepTimer, until the chain of sweeps clears it again.
   std::atomic<bool> FSweeping{false};
-  asio::steady_timer FSweepTimer{FIo};  // Of whoever set FSweeping.
+  asio::steady_timer FSweepTimer{FIo};
   std::vector<std::unique_ptr<TThread>> FThreads;
 };
 
@@ -561,7 +566,7 @@ void THttpServer::Activate(std::uint16_t port) {
   if (FRun) throw KZException("The HTTP server is active already");
   try {
     auto run = std::make_unique<TRun>(*this, port);
-    // Known before the first handler can ask for it.
+    // Stored before the threads start: a handler may ask for the port.
     FPort.store(run->Port());
     run->StartThreads();
     FRun = std::move(run);

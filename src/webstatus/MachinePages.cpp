@@ -16,50 +16,6 @@ namespace {
 constexpr std::array<const char*, kDaemonActions> kActionNames = {"start", "stop", "terminate",
                                                                   "kill"};
 
-// The well-formed UTF-8 sequences, by the range of their first and second byte; all further bytes
-// are between 80 and BF.
-struct TUtf8Form {
-  unsigned char FirstLow;
-  unsigned char FirstHigh;
-  unsigned char SecondLow;
-  unsigned char SecondHigh;
-  std::size_t Length;
-};
-
-constexpr std::array<TUtf8Form, 9> kUtf8Forms = {{
-    {0x00, 0x7F, 0x80, 0xBF, 1},
-    {0xC2, 0xDF, 0x80, 0xBF, 2},
-    {0xE0, 0xE0, 0xA0, 0xBF, 3},
-    {0xE1, 0xEC, 0x80, 0xBF, 3},
-    {0xED, 0xED, 0x80, 0x9F, 3},
-    {0xEE, 0xEF, 0x80, 0xBF, 3},
-    {0xF0, 0xF0, 0x90, 0xBF, 4},
-    {0xF1, 0xF3, 0x80, 0xBF, 4},
-    {0xF4, 0xF4, 0x80, 0x8F, 4},
-}};
-
-bool HasForm(std::string_view text, const TUtf8Form& form) {
-  if (text.size() < form.Length) return false;
-  const auto isIn = [text](std::size_t at, unsigned char low, unsigned char high) {
-    const auto byte = static_cast<unsigned char>(text[at]);
-    return byte >= low && byte <= high;
-  };
-  if (!isIn(0, form.FirstLow, form.FirstHigh)) return false;
-  if (form.Length > 1 && !isIn(1, form.SecondLow, form.SecondHigh)) return false;
-  for (std::size_t i = 2; i < form.Length; ++i) {
-    if (!isIn(i, 0x80, 0xBF)) return false;
-  }
-  return true;
-}
-
-// The length of the UTF-8 sequence at the start of the text; 0 when there is none.
-std::size_t Utf8Length(std::string_view text) {
-  for (const TUtf8Form& form : kUtf8Forms) {
-    if (HasForm(text, form)) return form.Length;
-  }
-  return 0;
-}
-
 std::string JsonCharacter(std::string_view character) {
   if (character == "\"" || character == "\\") return "\\" + std::string(character);
   if (const auto code = static_cast<unsigned char>(character.front()); code < 0x20U) {
@@ -86,7 +42,7 @@ std::string JsonSeconds(const std::optional<double>& seconds) {
 }
 const char* JsonBool(bool value) { return value ? "true" : "false"; }
 
-// An object from values that are JSON already.
+// A JSON object whose values are JSON texts already.
 class TJsonObject {
  public:
   TJsonObject& Add(std::string_view name, std::string_view value) {
@@ -150,7 +106,7 @@ class TMetrics {
     if (name.ends_with("_seconds")) FText.append("# UNIT ").append(FName).append(" seconds\n");
     FText.append("# HELP ").append(FName).append(" ").append(help).append("\n");
   }
-  // The suffix belongs to the name, as "_total" of a counter does; labels stand in braces.
+  // The suffix, such as "_total" of a counter, is part of the name; labels stand in braces.
   void Sample(std::string_view suffixAndLabels, std::string_view value) {
     FText.append(FName).append(suffixAndLabels).append(" ").append(value).append("\n");
   }

@@ -12,8 +12,9 @@ inline constexpr const char* kJsonType = "application/json";
 inline constexpr const char* kOpenMetricsType =
     "application/openmetrics-text; version=1.0.0; charset=utf-8";
 
-// The state as programs read it. Without a status, which is a service that does not exist, only
-// what the process knows of itself. Pure; threads: any.
+// The state for programs. Without a status there is no service, and the text holds only what the
+// process knows of itself. Pure functions.
+// Threads: any.
 
 // One JSON object. Text that is not UTF-8 is made so: each offending byte becomes U+FFFD.
 [[nodiscard]] std::string StatusJson(const std::optional<TGuardianStatus>& status,

@@ -11,7 +11,7 @@
 #include "common/Settings.h"
 #include "common/Texts.h"
 #include "diagnostics/KZCheckpoints.h"
-#include "webstatus/LogFiles.h"
+#include "webstatus/LogDownloads.h"
 #include "webstatus/MachinePages.h"
 
 namespace guardian {
@@ -67,7 +67,7 @@ TSharedText::TText MakeText(std::string text) {
   return std::make_shared<const std::string>(std::move(text));
 }
 
-// The logs are as long as all else is short: they are sent as they stand, without a copy.
+// The logs are far longer than the rest of the page, so they are sent without a copy.
 void AppendLogs(const TGuardianStatus& status, THttpResponse& response) {
   response.Body += "<br><hr><br>Guardian Activity Log:<br><br>";
   response.Tail = {
@@ -109,11 +109,11 @@ void BuildMainPage(const TPageSources& sources, THttpResponse& response) {
   if (status) AppendLogs(*status, response);
 }
 
-// A page that asks for something to be done.
+// A page that requests an action.
 struct TControlPage {
   std::string_view Name;
   std::string_view Answer;
-  void (TGuardianControl::*Request)();  // None: ends the Guardian.
+  void (TGuardianControl::*Request)();  // Null for the page that ends the Guardian.
 };
 
 constexpr std::array<TControlPage, 5> kControlPages = {{
@@ -144,7 +144,7 @@ void BuildControlPage(const TControlPage& page, const THttpRequest& request,
     return;
   }
   response.Body = page.Answer;
-  // HEAD asks what the answer would be like, not for the deed.
+  // HEAD requests the head of the answer only, so it must not act.
   if (request.Method != "GET") return;
   if (page.Request != nullptr) {
     (sources.Guardian->*page.Request)();

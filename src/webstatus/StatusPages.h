@@ -11,18 +11,20 @@
 
 namespace guardian {
 
-// What the pages are built from. Everything outlives the request.
+// What the pages are built from. Everything outlives the request. Without a Guardian the pages
+// leave its items out; Port is empty when there is no HTTP server.
 struct TPageSources {
-  TGuardianControl* Guardian = nullptr;     // None: the pages leave its items out.
+  TGuardianControl* Guardian = nullptr;
   std::function<void()> TerminateGuardian;  // Asks the application to end; returns at once.
-  std::optional<std::uint16_t> Port;        // Of the HTTP server, while it exists.
+  std::optional<std::uint16_t> Port;
 };
 
-// The answer to a request. What goes wrong is the end of the page's text.
-// Threads: any, several at once; blocks for file access only.
+// The answer to a request. A failure becomes a message at the end of the page. Blocks only for
+// access to files.
+// Threads: any, several at once.
 [[nodiscard]] THttpResponse BuildPage(const THttpRequest& request, const TPageSources& sources);
 
-// The head that every page of more than a few words begins with.
+// The common head of the pages; short answers have none.
 [[nodiscard]] std::string PageHeader(std::string_view title);
 
 }  // namespace guardian

@@ -1,11 +1,14 @@
 #include "webstatus/WebStatusServer.h"
 
+#include <cassert>
 #include <chrono>
 #include <string>
 #include <utility>
 
 #include "common/Console.h"
 #include "common/Exceptions.h"
+#include "common/MainThread.h"
+#include "common/NeverDestroyed.h"
 #include "diagnostics/exception_report.h"
 
 namespace guardian {
@@ -14,7 +17,7 @@ namespace {
 constexpr std::uint16_t kFirstPort = 8900;
 constexpr std::uint16_t kLastPort = 8000;
 constexpr std::chrono::milliseconds kToDoInterval{100};
-// Short, because the process is to end within a second, a shell command of its own included.
+// Short, because the process must end within a second, including a running shell command.
 constexpr std::chrono::milliseconds kStopGrace{300};
 
 std::atomic<bool>& Wanted() {
@@ -32,8 +35,8 @@ THttpServerOptions ServerOptions() {
 }
 
 std::unique_ptr<TWebStatusServer>& Instance() {
-  static std::unique_ptr<TWebStatusServer> instance;
-  return instance;
+  static TNeverDestroyed<std::unique_ptr<TWebStatusServer>> instance;
+  return *instance;
 }
 
 }  // namespace
@@ -49,9 +52,13 @@ TWebStatusServer::TWebStatusServer(TWebStatusOptions options)
             HandleException(error, TLogToFiles::Yes, "Web status server timer");
           }) {}
 
-TWebStatusServer::~TWebStatusServer() { FToDoTimer.Stop(); }
+TWebStatusServer::~TWebStatusServer() {
+  assert(IsMainThread());
+  FToDoTimer.Stop();
+}
 
 void TWebStatusServer::StartServer() {
+  assert(IsMainThread());
   for (std::uint16_t port = kFirstPort;; --port) {
     try {
       FHttpServer.Activate(port);
@@ -67,6 +74,7 @@ void TWebStatusServer::StartServer() {
 }
 
 void TWebStatusServer::StopServer() {
+  assert(IsMainThread());
   try {
     FHttpServer.Deactivate();
   } catch (...) {
@@ -86,6 +94,7 @@ void TWebStatusServer::ToDoTick() {
 }
 
 void StartWebStatusServer(TWebStatusOptions options) {
+  assert(IsMainThread());
   Wanted() = true;
   if (Instance()) return;
   Instance() = std::make_unique<TWebStatusServer>(std::move(options));
@@ -95,6 +104,7 @@ void StartWebStatusServer(TWebStatusOptions options) {
 bool WebStatusServerWanted() noexcept { return Wanted(); }
 
 void FreeWebStatusServer() {
+  assert(IsMainThread());
   Wanted() = false;
   if (!Instance()) return;
   try {

@@ -13,7 +13,7 @@
 
 namespace guardian {
 
-// What the server is started with. Everything outlives it.
+// What the server uses. Everything outlives it.
 struct TWebStatusOptions {
   TGuardianControl* Guardian = nullptr;
   std::function<void()> TerminateGuardian;
@@ -21,9 +21,10 @@ struct TWebStatusOptions {
 };
 
 // The status and control pages over HTTP.
-// Owner: StartWebStatusServer and FreeWebStatusServer, or a test.
-// Threads: StartServer, StopServer and the destructor by the main thread; requests run on the HTTP
-// server's threads.
+// Owner: StartWebStatusServer makes it and FreeWebStatusServer frees it; a test may make its own.
+// Threads: the main thread calls the constructor, StartServer, StopServer and the destructor.
+// Requests run on the HTTP server's threads.
+// Lifetime: the destructor joins the HTTP server's threads and the timer's.
 class TWebStatusServer {
  public:
   explicit TWebStatusServer(TWebStatusOptions options);
@@ -31,21 +32,21 @@ class TWebStatusServer {
   TWebStatusServer(const TWebStatusServer&) = delete;
   TWebStatusServer& operator=(const TWebStatusServer&) = delete;
 
-  // Listens on the first free port from 8900 down to 8000. A failure is a printed line; the
-  // server then stays inactive.
+  // Listens on the first free port from 8900 down to 8000. On failure it prints a line and the
+  // server stays inactive.
   void StartServer();
 
-  // Frees the port and lets answers under way end, for at most half a second.
+  // Frees the port. Waits at most half a second for answers that are being sent.
   void StopServer();
 
-  // The port it listens on; 0 while inactive. Any thread.
+  // The port on which it listens; 0 while inactive. Any thread.
   [[nodiscard]] std::uint16_t Port() const noexcept { return FHttpServer.Port(); }
 
-  // Has the process list taken anew, a tenth of a second later and for at most twice 10 seconds, on
-  // a thread of its own. Any thread.
+  // Takes a new process list a tenth of a second later, on a thread of its own, in at most twice 10
+  // seconds. The Guardian itself never calls it. Any thread.
   void RequestProcessList() { FToDoTimer.SetEnabled(true); }
 
-  // What was taken last, and when by local time; zero before the first. Any thread.
+  // The last list, and the local time at which it was taken: zero before the first. Any thread.
   [[nodiscard]] TSharedText::TText ProcessList() const { return FProcessList.Get(); }
   [[nodiscard]] TDateTime ProcessListTime() const noexcept { return FProcessListTime.load(); }
 
@@ -56,18 +57,20 @@ class TWebStatusServer {
   const TWebStatusOptions FOptions;
   THttpServer FHttpServer;
   TSharedText FProcessList;
-  std::atomic<TDateTime> FProcessListTime = 0;  // Atomic: as the text, for any reader.
-  // Disables itself; nothing asks for it yet but RequestProcessList.
+  // Atomic: the timer's thread writes it, any thread reads it.
+  std::atomic<TDateTime> FProcessListTime = 0;
+  // RequestProcessList enables it; each tick disables it again.
   TKZTimer FToDoTimer;
 };
 
-// Makes and starts the process's server, unless there is one. Main thread.
+// Makes and starts the server of this process, unless it exists. Main thread.
 void StartWebStatusServer(TWebStatusOptions options);
 
-// Stops and frees it; nothing when there is none. Main thread.
+// Stops and frees that server, if it exists. Main thread.
 void FreeWebStatusServer();
 
-// Whether the server is meant to be there, be it up or not. Any thread.
+// True from StartWebStatusServer to FreeWebStatusServer, even if the server could not start. Any
+// thread.
 [[nodiscard]] bool WebStatusServerWanted() noexcept;
 
 }  // namespace guardian

@@ -1,12 +1,11 @@
 #include "webstatus/ActivityLog.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <chrono>
-#include <string>
-#include <vector>
+#include <random>
 
+#include "common/Texts.h"
+#include "support/Crew.h"
 #include "support/FakeClock.h"
 
 namespace guardian {
@@ -14,11 +13,15 @@ namespace {
 
 using std::chrono::milliseconds;
 using testing::ElementsAre;
-using testing::IsEmpty;
+
+constexpr std::size_t kLimit = 131'072;
 
 class ActivityLogTest : public testing::Test {
  protected:
-  std::vector<std::string> TakeSystemLog() { return std::exchange(FSystemLog, {}); }
+  auto TakeSystemLog() { return std::exchange(FSystemLog, {}); }
+  std::string Entry(const std::string& text) const {
+    return "<br>" + DateTimeToStr(FClock.Now()) + text;
+  }
 
   TFakeClock FClock;
   std::vector<std::string> FSystemLog;
@@ -30,58 +33,64 @@ class ActivityLogTest : public testing::Test {
 };
 
 TEST_F(ActivityLogTest, WritesEachKindInItsForm) {
-  TDateTime lastSystemLogAt = 0;
-  FLog.AddErrorEntry(1, 16, "bad", lastSystemLogAt);
-  lastSystemLogAt = 0;
-  FLog.AddWarningEntry(5, 2, "odd", lastSystemLogAt);
+  TDateTime errorAt = 0;
+  TDateTime warningAt = 0;
+  FLog.AddErrorEntry(1, 16, "bad", errorAt);
+  FLog.AddWarningEntry(5, 2, "odd", warningAt);
   FLog.AddInfoEntry(1, 16, "fine <&>");
-  FLog.AddDetailEntry("detail");
-  const std::string time = "<br>" + DateTimeToStr(FClock.Now());
-  const std::string entries =
-      time + "  ERROR: bad" + time + "  WARNING: odd" + time + "  INFO: fine &lt;&amp;&gt;";
-  EXPECT_EQ(*FLog.ShortLog(), entries);
-  EXPECT_EQ(*FLog.DetailedLog(), entries + "<br>detail");
+  FLog.AddDetailEntry("<i>detail");
   EXPECT_THAT(TakeSystemLog(), ElementsAre("1 bad", "2 odd", "4 fine <&>"));
-}
-
-TEST_F(ActivityLogTest, TellsTheSystemLogOfErrorsOnceInTenMinutesAndOfInformationAlways) {
-  TDateTime lastSystemLogAt = 0;
-  FLog.AddErrorEntry(1, 1, "a", lastSystemLogAt);
-  EXPECT_THAT(TakeSystemLog(), ElementsAre("1 a"));
-  FClock.Advance(milliseconds(599'000));
+  const std::string entries =
+      Entry("  ERROR: bad") + Entry("  WARNING: odd") + Entry("  INFO: fine &lt;&amp;&gt;");
+  EXPECT_EQ(*FLog.ShortLog(), entries);
+  EXPECT_EQ(*FLog.DetailedLog(), entries + "<br><i>detail");
+  // Errors and warnings once in ten minutes of steady time, the rest always.
   FClock.SetWall(FClock.Now() + 1);
-  FLog.AddWarningEntry(1, 1, "b", lastSystemLogAt);
-  FLog.AddInfoEntry(1, 1, "i");
-  EXPECT_THAT(TakeSystemLog(), ElementsAre("4 i"));
-  FClock.Advance(milliseconds(1'001));
-  FLog.AddWarningEntry(1, 1, "c", lastSystemLogAt);
-  FLog.AddErrorEntry(1, 1, "d", lastSystemLogAt);
-  EXPECT_THAT(TakeSystemLog(), ElementsAre("2 c"));
+  FClock.Advance(milliseconds(599'999));
+  FLog.AddErrorEntry(1, 16, "again", errorAt);
+  FLog.AddInfoEntry(1, 16, "again");
+  EXPECT_THAT(TakeSystemLog(), ElementsAre("4 again"));
+  FClock.Advance(milliseconds(2));
+  FLog.AddWarningEntry(5, 2, "more", errorAt);
+  FLog.AddErrorEntry(1, 16, "no more", errorAt);
+  FLog.AddErrorEntry(1, 16, "other", warningAt);
+  EXPECT_THAT(TakeSystemLog(), ElementsAre("2 more", "1 other"));
 }
 
-TEST(TrimActivityLogTest, DropsWholeEntriesFromTheStart) {
-  struct TCase {
-    const char* Name;
-    std::string Log;
-    std::string Trimmed;
+// Short entries, entries that end below, at and above the limit, and details with many breaks.
+TEST_F(ActivityLogTest, DropsWholeEntriesFromTheStart) {
+  std::mt19937 random(20'261'121);  // NOLINT(cert-msc51-cpp): the same steps in each run
+  std::string shortLog;
+  std::string detailedLog;
+  const auto add = [](std::string& log, const std::string& entry) {
+    log += entry;
+    while (log.size() > kLimit) {
+      const std::size_t entryEnd = log.find("<br>");
+      log.erase(0, entryEnd == std::string::npos ? 3 : entryEnd + 4);
+    }
   };
-  const std::string full(kActivityLogLimit - 8, 'x');
-  const std::string unbroken(kActivityLogLimit, 'y');
-  const std::vector<TCase> cases = {
-      {"exactly full", "<br>ab" + full + "zz", "<br>ab" + full + "zz"},
-      {"one too many", "<br>ab" + full + "zzz", "ab" + full + "zzz"},
-      {"entry by entry", "old<br>older<br>" + full + "12345678", full + "12345678"},
-      {"no break, one too many", unbroken + "z", unbroken.substr(3) + "z"},
-      {"no break, three too many", unbroken + "zzz", unbroken.substr(3) + "zzz"},
-      {"no break, four too many", unbroken + "abcd", unbroken.substr(6) + "abcd"},
-      {"break first, then none", "e<br>" + unbroken + "z", unbroken.substr(3) + "z"},
-  };
-  for (const TCase& c : cases) {
-    SCOPED_TRACE(c.Name);
-    std::string log = c.Log;
-    TrimActivityLog(log);
-    EXPECT_TRUE(log == c.Trimmed) << log.size() << " instead of " << c.Trimmed.size();
+  for (int step = 0; step < 400; ++step) {
+    std::string text(random() % 3 == 0 ? random() % 9000 : random() % 30, 'x');
+    const std::size_t used = detailedLog.size() + 4;
+    if (random() % 8 == 0 && used + 1 < kLimit) text.assign(kLimit - used - 1 + random() % 3, 'y');
+    if (random() % 40 == 0) text.assign(kLimit - 10 + random() % 20, 'z');
+    if (random() % 4 == 0) text.insert(text.size() / 2, "<br><br>");
+    if (random() % 2 == 0) {
+      FLog.AddDetailEntry(text);
+      add(detailedLog, "<br>" + text);
+    } else {
+      FLog.AddInfoEntry(1, 1, text);
+      for (auto* log : {&shortLog, &detailedLog}) add(*log, Entry("  INFO: ") + HtmlEscape(text));
+    }
+    ASSERT_TRUE(*FLog.ShortLog() == shortLog && *FLog.DetailedLog() == detailedLog) << step;
   }
+}
+
+TEST_F(ActivityLogTest, LosesNoEntryOfSeveralThreads) {
+  TCrew(2, [&](int) {
+    for (int i = 0; i < 4000; ++i) FLog.AddDetailEntry("x");
+  }).Join();
+  EXPECT_EQ(FLog.DetailedLog()->size(), 2 * 4000 * 5);
 }
 
 }  // namespace

@@ -1,36 +1,50 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <filesystem>
-#include <iterator>
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
 #include "common/FileDescriptor.h"
-#include "support/OpenDescriptors.h"
 
 namespace guardian {
 
 inline constexpr int kHangLimitMs = 30'000;  // Bounds a failure only.
 
 inline sockaddr_in LoopbackAddress(std::uint16_t port) {
+  return {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+}
+
+template <typename TValue>
+void SetOption(const TFileDescriptor& socket, int level, int option, const TValue& value) {
+  ::setsockopt(socket.Get(), level, option, &value, sizeof(value));
+}
+
+// A listening socket, also beside connections that have just ended; none when the port is taken.
+// Port 0 takes any free one.
+inline TFileDescriptor ListenOnLoopback(std::uint16_t port) {
+  TFileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  SetOption(socket, SOL_SOCKET, SO_REUSEADDR, 1);
+  const sockaddr_in address = LoopbackAddress(port);
+  const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+  const bool isBound = ::bind(socket.Get(), generic, sizeof(address)) == 0;
+  if (!isBound || ::listen(socket.Get(), 1) != 0) socket.Close();
+  return socket;
+}
+
+inline std::uint16_t PortOf(const TFileDescriptor& socket) {
   sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
+  socklen_t length = sizeof(address);
+  ::getsockname(socket.Get(), reinterpret_cast<sockaddr*>(&address), &length);
+  return ntohs(address.sin_port);
 }
 
 struct TRawReply {
@@ -43,25 +57,24 @@ struct TRawReply {
   }
 };
 
-// A client that sends whatever it is told to, well-formed or not.
+// A client that sends any bytes, well-formed or not.
 class TRawClient {
  public:
+  // The end of a connection that somebody else has made.
+  explicit TRawClient(TFileDescriptor socket) : FSocket(std::move(socket)) {}
+
   // Throws when the connect fails. The receive buffer's size is the system's when 0.
   explicit TRawClient(std::uint16_t port, int receiveBufferBytes = 0)
       : FSocket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    if (receiveBufferBytes > 0) {
-      ::setsockopt(FSocket.Get(), SOL_SOCKET, SO_RCVBUF, &receiveBufferBytes,
-                   sizeof(receiveBufferBytes));
-    }
-    const int on = 1;
-    ::setsockopt(FSocket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    if (receiveBufferBytes > 0) SetOption(FSocket, SOL_SOCKET, SO_RCVBUF, receiveBufferBytes);
+    SetOption(FSocket, IPPROTO_TCP, TCP_NODELAY, 1);
     const sockaddr_in address = LoopbackAddress(port);
     if (::connect(FSocket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address))) {
       throw std::runtime_error("connect: " + std::to_string(errno));
     }
   }
 
-  // A peer that has gone loses the bytes, and the next read tells.
+  // When the peer has gone, the bytes are lost and the next read shows it.
   void Send(std::string_view bytes) {
     while (!bytes.empty()) {
       const ssize_t sent = ::send(FSocket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -71,30 +84,43 @@ class TRawClient {
     }
   }
 
-  // The head of the next answer; empty when the connection ended instead. Throws when something
-  // else stands in its place.
-  TRawReply ReadHead() {
+  // The text up to the next empty line; nothing when the connection ends before.
+  std::string ReadToEmptyLine() {
     constexpr std::string_view kEnd = "\r\n\r\n";
     while (FInput.find(kEnd) == std::string::npos) {
       if (!ReadSome()) return {};
     }
-    if (!FInput.starts_with("HTTP/1.1 ")) throw std::runtime_error("no answer: " + FInput);
-    return {Take(FInput.find(kEnd) + kEnd.size()), ""};
+    return Take(FInput.find(kEnd) + kEnd.size());
   }
 
-  // What there is of the body that the head announces.
-  void ReadBody(TRawReply& reply) {
+  // The head of the next answer. Throws when the bytes are not an answer.
+  TRawReply ReadHead() {
+    TRawReply reply{ReadToEmptyLine(), ""};
+    if (reply.Head.empty() || reply.Head.starts_with("HTTP/1.1 ")) return reply;
+    throw std::runtime_error("no answer: " + reply.Head);
+  }
+
+  // Reads on in the body that the head announces, to its end, for so many bytes or to the end of
+  // the connection, whichever comes first.
+  void ReadBody(TRawReply& reply, std::size_t bytes = std::string::npos) {
     const std::size_t at = reply.Head.find("Content-Length: ");
     if (at == std::string::npos) return;
     const std::size_t length = std::stoul(reply.Head.substr(at + 16));
-    while (FInput.size() < length && ReadSome()) continue;
-    reply.Body = Take(std::min(length, FInput.size()));
+    const std::size_t wanted = std::min(length - reply.Body.size(), bytes);
+    while (FInput.size() < wanted && ReadSome()) continue;
+    reply.Body += Take(std::min(wanted, FInput.size()));
   }
 
   TRawReply ReadReply() {
     TRawReply reply = ReadHead();
     ReadBody(reply);
     return reply;
+  }
+
+  // The body of the connection's last answer and whatever follows it.
+  std::string ReadLastBody() {
+    const std::string body = ReadReply().Body;
+    return body + ReadToEnd();
   }
 
   TRawReply Get(const std::string& target) {
@@ -108,9 +134,9 @@ class TRawClient {
     return Take(FInput.size());
   }
 
-  // Whether the connection ended by a reset, by which an answer may get lost.
+  // Whether the connection ended by a reset, which may lose an answer.
   [[nodiscard]] bool WasReset() const {
-    int error = 0;  // Behind an orderly end a reset shows here alone.
+    int error = 0;  // After an orderly end a reset shows only here.
     socklen_t length = sizeof(error);
     ::getsockopt(FSocket.Get(), SOL_SOCKET, SO_ERROR, &error, &length);
     return FReset || error != 0;
@@ -122,10 +148,9 @@ class TRawClient {
     return ::poll(&waited, 1, timeoutMs) == 1;
   }
 
-  // Closes so that the peer is told of it by a reset.
+  // Closes by a reset.
   void Reset() {
-    const linger atOnce{1, 0};
-    ::setsockopt(FSocket.Get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof(atOnce));
+    SetOption(FSocket, SOL_SOCKET, SO_LINGER, linger{1, 0});
     FSocket.Close();
   }
 
@@ -152,9 +177,5 @@ class TRawClient {
   std::string FInput;
   bool FReset = false;
 };
-
-inline std::ptrdiff_t CountThreads() {
-  return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
-}
 
 }  // namespace guardian

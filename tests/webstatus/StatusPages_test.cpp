@@ -2,27 +2,22 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <memory>
-#include <string>
-#include <vector>
+#include <regex>
 
 #include "common/FileDescriptor.h"
 #include "common/Settings.h"
 #include "common/Texts.h"
+#include "support/SettingsBackup.h"
 #include "support/TempFolder.h"
 
 namespace guardian {
 namespace {
 
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
+using testing::Matcher;
 using testing::StartsWith;
 
 TSharedText::TText Text(const std::string& text) {
@@ -32,16 +27,16 @@ TSharedText::TText Text(const std::string& text) {
 class TFakeGuardian final : public TGuardianControl {
  public:
   TGuardianStatus Status() const override { return Now; }
-  void RequestStart() override { Requests.emplace_back("start"); }
-  void RequestStop() override { Requests.emplace_back("stop"); }
-  void RequestTerminate() override { Requests.emplace_back("terminate"); }
-  void RequestKill() override { Requests.emplace_back("kill"); }
+  void RequestStart() override { Requests += "start "; }
+  void RequestStop() override { Requests += "stop "; }
+  void RequestTerminate() override { Requests += "terminate "; }
+  void RequestKill() override { Requests += "kill "; }
 
   TGuardianStatus Now = {
       .StatusText = Text("Status at <i>"),
       .DaemonPath = "/opt/<b>/VellumarkCL",
       .DaemonPathExists = true,
-      .MutexPath = "/m/vellumark$qrnd$schedulermutex",
+      .MutexPath = "/m&/mutex",
       .DaemonTempPath = "/t&",
       .GotPaths = true,
       .GetPathsError = false,
@@ -51,13 +46,14 @@ class TFakeGuardian final : public TGuardianControl {
       .ActivityLog = Text("<br>short"),
       .DetailedLog = Text("<br>detailed"),
   };
-  std::vector<std::string> Requests;
+  std::string Requests;
 };
 
 class StatusPagesTest : public testing::Test {
  protected:
   StatusPagesTest() {
-    Settings().LogDirectory.Set("/no/such/folder");
+    Settings().LogDirectory.Set("/no/such/<folder>");
+    Settings().TempDirectory.Set("/tmp&");
     Settings().CommandLine = {"/opt/Vellumark Guardian", "<word>"};
   }
 
@@ -67,17 +63,33 @@ class StatusPagesTest : public testing::Test {
     request.Method = method;
     request.Path = path;
     request.SecFetchSite = site;
-    return BuildPage(request, {FGuardian.get(), [this] { ++FTerminations; }, std::uint16_t{8900}});
+    return BuildPage(request, {FHasGuardian ? &FGuardian : nullptr,
+                               [this] { FGuardian.Requests += "end "; }, FPort});
   }
-  std::string Get(const std::string& path) {
-    const THttpResponse response = Answer(path);
+  std::string Get(const std::string& path, const std::string& site = "") {
+    const THttpResponse response = Answer(path, site);
     std::string text = response.Body;
     for (const auto& piece : response.Tail) text += *piece;
     return text;
   }
 
-  std::unique_ptr<TFakeGuardian> FGuardian = std::make_unique<TFakeGuardian>();
-  int FTerminations = 0;
+  // The bytes that the HTTP server would stream; else the page.
+  std::string Streamed(const std::string& path) {
+    const THttpResponse response = Answer(path);
+    std::string text;
+    if (!response.File) return response.Body;
+    EXPECT_EQ(::fcntl(response.File.Get(), F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(ReadToEnd(response.File.Get(), 1 << 20, text), 0);
+    EXPECT_EQ(response.FileSize, text.size());
+    EXPECT_EQ(response.ContentType + response.Body, "text/plain");
+    return text;
+  }
+
+  const TSettingsBackup FBackup;
+  const TTempFolder FFolder;
+  TFakeGuardian FGuardian;
+  bool FHasGuardian = true;
+  std::optional<std::uint16_t> FPort = 8900;
 };
 
 const std::string kHead =
@@ -90,193 +102,171 @@ const std::string kHead =
     "10</th></tr></table><br>";
 
 TEST_F(StatusPagesTest, AnswersShortPagesByteForByte) {
-  EXPECT_EQ(Get("/status.php"), "Guardian running and accessible via port 8900. ");
-  EXPECT_EQ(Get("/nosuchpage.php"), kHead);
-  EXPECT_EQ(Get("/Status.php"), kHead);
-  EXPECT_EQ(Get("/status.php/"), kHead);
-  THttpRequest request;
-  request.Method = "GET";
-  request.Path = "/status.php";
-  EXPECT_EQ(BuildPage(request, {}).Body, "Guardian running. ");
+  const struct {
+    const char* Path;
+    Matcher<std::string> Text;
+    const char* Type = "text/html";
+  } cases[] = {
+      {"/status.php", std::string("Guardian running and accessible via port 8900. ")},
+      {"/nosuchpage.php", kHead},
+      {"/Status.php", kHead},
+      {"/status.php/", kHead},
+      {"/threadreport.php", StartsWith("Thread Report<br>-----------------<br>")},
+      {"/status.json", StartsWith("{\"version\":\"1.50\""), "application/json"},
+      {"/metrics", StartsWith("# TYPE vellumark_guardian_build info\n"),
+       "application/openmetrics-text; version=1.0.0; charset=utf-8"},
+      {"/logfiles.php", kHead + "Log Files in Reverse Order<br><br>EXCPTION: open folder "
+                                "/no/such/&lt;folder&gt;: No such file or directory (errno 2)"},
+  };
+  for (const auto& item : cases) {
+    EXPECT_THAT(Get(item.Path), item.Text);
+    EXPECT_EQ(Answer(item.Path, "cross-site").Status, 200);
+    EXPECT_EQ(Answer(item.Path).ContentType, item.Type);
+  }
+  FPort.reset();
+  EXPECT_EQ(Get("/status.php"), "Guardian running. ");
+  Settings().LogDirectory.Set("");
+  EXPECT_EQ(Get("/logfiles.php"), kHead + "Log Files in Reverse Order<br><br>");
 }
 
-TEST_F(StatusPagesTest, LeavesEachControlRequestToTheGuardian) {
-  EXPECT_EQ(Get("/startdaemon.php"), "VellumarkCL will be started");
-  EXPECT_EQ(Get("/stopdaemon.php"), "VellumarkCL will be asked to stop.");
-  EXPECT_EQ(Get("/terminatedaemon.php"), "STOP signal will be sent to VellumarkCL");
-  EXPECT_EQ(Get("/killdaemon.php"), "KILL signal will be sent to VellumarkCL");
-  EXPECT_THAT(FGuardian->Requests, ElementsAre("start", "stop", "terminate", "kill"));
-  EXPECT_EQ(FTerminations, 0);
+TEST_F(StatusPagesTest, LeavesEachControlRequestToTheGuardianAndActsForNobodyElse) {
+  const struct {
+    const char* Path;
+    const char* Answer;
+    const char* Request;
+    const char* WithoutGuardian = "Guardian already freed";
+  } pages[] = {
+      {"/startdaemon.php", "VellumarkCL will be started", "start "},
+      {"/stopdaemon.php", "VellumarkCL will be asked to stop.", "stop "},
+      {"/terminatedaemon.php", "STOP signal will be sent to VellumarkCL", "terminate "},
+      {"/killdaemon.php", "KILL signal will be sent to VellumarkCL", "kill "},
+      {"/terminateguardian.php", "Guardian stopped.", "end ", "Guardian stopped."},
+  };
+  std::string requests;
+  for (const auto& page : pages) {
+    SCOPED_TRACE(page.Path);
+    FHasGuardian = true;
+    for (const char* const site : {"", "same-origin", "none"}) {
+      EXPECT_EQ(Answer(page.Path, site).Body, page.Answer);
+      EXPECT_EQ(FGuardian.Requests, requests += page.Request);
+    }
+    EXPECT_EQ(Answer(page.Path, "", "HEAD").Body, page.Answer);
+    EXPECT_EQ(Answer(page.Path, "cross-site").Status, 403);
+    EXPECT_EQ(Get(page.Path, "cross-site"), "Refused: the request comes from another site.");
+    FHasGuardian = false;
+    EXPECT_EQ(Answer(page.Path, "", "HEAD").Body, page.WithoutGuardian);
+    EXPECT_EQ(FGuardian.Requests, requests);
+  }
+  EXPECT_EQ(Get("/killdaemon.php"), "Guardian already freed");
   EXPECT_EQ(Get("/terminateguardian.php"), "Guardian stopped.");
-  EXPECT_EQ(FTerminations, 1);
-}
-
-TEST_F(StatusPagesTest, DoesNothingForAnotherSiteOrForHead) {
-  for (const char* path : {"/startdaemon.php", "/stopdaemon.php", "/terminatedaemon.php",
-                           "/killdaemon.php", "/terminateguardian.php"}) {
-    EXPECT_EQ(Answer(path, "cross-site").Status, 403) << path;
-    EXPECT_EQ(Answer(path, "none", "HEAD").Status, 200) << path;
-  }
-  EXPECT_THAT(FGuardian->Requests, IsEmpty());
-  EXPECT_EQ(FTerminations, 0);
-  EXPECT_EQ(Answer("/status.php", "cross-site").Status, 200);
-  EXPECT_EQ(Answer("/killdaemon.php", "same-origin").Status, 200);
-  EXPECT_THAT(FGuardian->Requests, ElementsAre("kill"));
-}
-
-TEST_F(StatusPagesTest, SaysWhenTheGuardianIsGone) {
-  FGuardian.reset();
-  for (const char* path :
-       {"/startdaemon.php", "/stopdaemon.php", "/terminatedaemon.php", "/killdaemon.php"}) {
-    EXPECT_EQ(Get(path), "Guardian already freed") << path;
-  }
-  const std::string page = Get("/");
-  EXPECT_THAT(page, StartsWith(kHead + "<table style=\"width:1000px\"><tr><th "
-                                       "style=\"width:1000px;text-align:left\">Additional "
-                                       "Information</th></tr></table><br>Temp Path: "));
-  EXPECT_TRUE(page.ends_with("terminate the Guardian process</a>.<br><br>"));
-  EXPECT_THAT(page, Not(HasSubstr("VellumarkCL Temp Path")));
+  EXPECT_EQ(FGuardian.Requests, requests + "end ");
 }
 
 TEST_F(StatusPagesTest, ShowsTheMainPageWithEverythingFromOutsideEscaped) {
-  const std::string page = Get("/");
-  for (const char* path : {"", "\\"}) EXPECT_THAT(Get(path), HasSubstr("Daemon Path: ")) << path;
-  EXPECT_THAT(page, StartsWith(kHead +
-                               "<b>Status at <i></b><br><br>Daemon Path: "
-                               "/opt/&lt;b&gt;/VellumarkCL, Exists: Y<br>Mutex Path: "
-                               "/m/vellumark$qrnd$schedulermutex<br>Running as user ID: " +
-                               std::to_string(::getuid()) + "<br><br><table"));
-  EXPECT_THAT(page, HasSubstr("Command Line: &quot;/opt/Vellumark Guardian&quot; &lt;word&gt; "
-                              "<br><br>Allocated Memory: "));
-  EXPECT_THAT(page, HasSubstr("<br><br>VellumarkCL Temp Path: /t&amp;<br>Log Path: "
-                              "/no/such/folder<br><br>Process List (ps) as of 2026-11-21 "
-                              "06:00:00:<br><br>root 1 &lt;x&gt;<br><br>&quot;2&quot;"
-                              "<br><br><br><a HREF=\"logfiles.php\">Click here to see the log "
-                              "files</a>.<br><br>"));
-  EXPECT_TRUE(page.ends_with(
+  const auto page = [this](const char* path = "/") {
+    const std::regex sizes("Memory: [0-9.]+ [A-Za-z]+");
+    return std::regex_replace(Get(path), sizes, "Memory: n");
+  };
+  const std::string daemon =
+      "<b>Status at <i></b><br><br>Daemon Path: /opt/&lt;b&gt;/VellumarkCL, Exists: Y<br>Mutex "
+      "Path: /m&amp;/mutex<br>Running as user ID: " +
+      std::to_string(::getuid()) + "<br><br>";
+  const std::string paths = "VellumarkCL Temp Path: /t&amp;<br>";
+  const std::string processes = "root 1 &lt;x&gt;<br><br>&quot;2&quot;";
+  const std::string list =
+      "Process List (ps) as of 2026-11-21 06:00:00:<br><br>" + processes + "<br><br><br>";
+  const std::string logs =
       "<br><hr><br>Guardian Activity Log:<br><br><br>short<br><br><hr><br>Initial output: "
       "TMP=&lt;t&gt;<br>LOGS=<br><br><br><hr><br>Detailed Activity Log:<br><br><br>detailed"
-      "<br><br><br>"));
+      "<br><br><br>";
+  std::string expected =
+      kHead + daemon +
+      "<table style=\"width:1000px\"><tr><th style=\"width:1000px;text-align:left\">Additional "
+      "Information</th></tr></table><br>Temp Path: /tmp&amp;<br>Command Line: &quot;/opt/Vellumark "
+      "Guardian&quot; &lt;word&gt; <br><br>Allocated Memory: n, Used Memory: n<br><br>" +
+      paths + "Log Path: /no/such/&lt;folder&gt;<br><br>" + list +
+      "<a HREF=\"logfiles.php\">Click here to see the log files</a>.<br><br>"
+      "<a HREF=\"threadreport.php\">Click here to see the thread report</a>.<br><br><br>"
+      "<a HREF=\"startdaemon.php\">Click here to start the VellumarkCL daemon</a>.<br><br>"
+      "<a HREF=\"stopdaemon.php\">Click here to stop the VellumarkCL daemon gracefully</a>."
+      "<br><br><a HREF=\"terminatedaemon.php\">Click here to send a STOP signal to the VellumarkCL "
+      "daemon</a>.<br><br><a HREF=\"killdaemon.php\">Click here to kill the VellumarkCL daemon</a>."
+      "<br><br><a HREF=\"terminateguardian.php\">Click here to terminate the Guardian process</a>."
+      "<br><br>" +
+      logs;
+  for (const char* path : {"", "/", "\\"}) EXPECT_EQ(page(path), expected);
+  EXPECT_EQ(Answer("/").Tail.at(2), FGuardian.Now.DetailedLog);  // Not a copy.
+
+  FGuardian.Now.ProcessList = Text("");
+  EXPECT_EQ(page(), ReplaceAll(expected, processes, ""));
+  FGuardian.Now.ProcessListTime = 0;
+  expected = ReplaceAll(expected, list, "");
+  EXPECT_EQ(page(), expected);
+  FGuardian.Now.GetPathsError = true;
+  const std::string inactive = "Inactive: GotPaths=Y, GetPathsError=Y<br><br>";
+  EXPECT_EQ(page(), ReplaceAll(expected, paths, paths + inactive));
+  FGuardian.Now.GotPaths = FGuardian.Now.GetPathsError = FGuardian.Now.DaemonPathExists = false;
+  expected = ReplaceAll(expected, paths, paths + ReplaceAll(inactive, "=Y", "=N"));
+  EXPECT_EQ(page(), ReplaceAll(expected, "Exists: Y", "Exists: N"));
+  FHasGuardian = false;
+  for (const auto& part : {daemon, paths, ReplaceAll(inactive, "=Y", "=N"), logs}) {
+    expected = ReplaceAll(expected, part, "");
+  }
+  EXPECT_EQ(page(), expected);
 }
 
-TEST_F(StatusPagesTest, ShowsTheStateOfTheHandshakeAndHidesAnEmptyProcessList) {
-  FGuardian->Now.GotPaths = false;
-  FGuardian->Now.GetPathsError = true;
-  FGuardian->Now.ProcessList = Text("");
-  FGuardian->Now.ProcessListTime = 0;
-  const std::string page = Get("/");
-  EXPECT_THAT(page, HasSubstr("<br>Inactive: GotPaths=N, GetPathsError=Y<br><br>Log Path: "));
-  EXPECT_THAT(page, Not(HasSubstr("Process List")));
-}
-
-TEST_F(StatusPagesTest, ShowsTheThreadReportWithoutAHead) {
-  EXPECT_THAT(Get("/threadreport.php"), StartsWith("Thread Report<br>-----------------<br>"));
-}
-
-class LogFilesTest : public StatusPagesTest {
- protected:
-  LogFilesTest() {
-    std::filesystem::create_directory(FFolder.Path("logs"));
-    Settings().LogDirectory.Set(FFolder.Path("logs"));
-  }
-
-  // Written one second after the one before.
-  void Log(const std::string& name, const std::string& text) {
-    FFolder.Write("logs/" + name, text);
-    const timespec time{.tv_sec = FTime++, .tv_nsec = 0};
-    const timespec times[2] = {time, time};
-    ASSERT_EQ(::utimensat(AT_FDCWD, FFolder.Path("logs/" + name).c_str(), times, 0), 0);
-  }
-
-  // The targets of the links on the page, percent-decoded as the HTTP server does it.
-  std::vector<std::string> ListedPaths() {
-    std::vector<std::string> paths;
-    const std::string page = Get("/logfiles.php");
-    const std::string start = "<a href=\"";
-    for (std::size_t at = page.find(start); at != std::string::npos; at = page.find(start, at)) {
-      at += start.size();
-      paths.push_back("/" + LinkDecode(page.substr(at, page.find('"', at) - at)));
-    }
-    return paths;
-  }
-
-  // What the HTTP server would stream.
-  std::string Streamed(const std::string& path) {
-    const THttpResponse response = Answer(path);
-    std::string text;
-    if (!response.File) return "no file: " + response.Body;
-    EXPECT_EQ(ReadToEnd(response.File.Get(), 1 << 20, text), 0);
-    EXPECT_EQ(response.FileSize, text.size());
-    EXPECT_EQ(response.ContentType, "text/plain");
-    return text;
-  }
-
-  const TTempFolder FFolder;
-  time_t FTime = 1'700'000'000;
-};
-
-TEST_F(LogFilesTest, ListsNewestFirst) {
-  Log("b.log", "");
-  Log("a.log", "");
-  --FTime;
-  Log("c <&>.log", "");
-  Log("no.txt", "");
-  EXPECT_EQ(Get("/logfiles.php"),
-            kHead +
-                "Log Files in Reverse Order<br><br>"
-                "<a href=\"vellumark_logs/c%20%26lt%3B%26amp%3B%26gt%3B.log\" "
-                "target=\"_blank\">c &lt;&amp;&gt;.log</a><br>"
-                "<a href=\"vellumark_logs/a.log\" target=\"_blank\">a.log</a><br>"
-                "<a href=\"vellumark_logs/b.log\" target=\"_blank\">b.log</a><br>");
-}
-
-TEST_F(LogFilesTest, EveryListedNameLeadsToItsOwnFile) {
+// Two at a time were written in the same nanosecond.
+TEST_F(StatusPagesTest, ListsLogFilesNewestFirstByALinkThatLeadsToIt) {
+  std::filesystem::create_directories(FFolder.Path("logs/folder.log"));
+  Settings().LogDirectory.Set(FFolder.Path("logs"));
   const std::vector<std::string> names = {
-      "plain.log",    "with blank.log", "quote\".log",      "apostrophe'.log", "100%.log",
-      "%41.log",      "a<b>c.log",      "amp&amp;.log",     "&#65;.log",       "caf\xc3\xa9.log",
-      "\xff\xfe.log", "a+b.log",        "semi;colon#?.log", "back\\slash.log", "new\nline.log"};
-  for (const std::string& name : names) Log(name, "content of " + name);
-  const std::vector<std::string> paths = ListedPaths();
-  ASSERT_EQ(paths.size(), names.size());
+      "plain.log",       "with blank.log", "apostrophe'.log", "quote\".log",      "%41.log",
+      "100%.log",        "a<b>c.log",      "amp&amp;.log",    "&#65;.log",        "a+b.log",
+      "caf\xc3\xa9.log", "\xff\xfe.log",   "back\\slash.log", "semi;colon#?.log", "new\nline.log"};
   for (std::size_t i = 0; i < names.size(); ++i) {
-    EXPECT_EQ(Streamed(paths[names.size() - 1 - i]), "content of " + names[i]) << names[i];
+    FFolder.Write("logs/" + names[i], "content of " + names[i]);
+    const timespec time{.tv_sec = 1'700'000'000, .tv_nsec = static_cast<long>(i / 2)};
+    const timespec times[2] = {time, time};
+    ASSERT_EQ(::utimensat(AT_FDCWD, FFolder.Path("logs/" + names[i]).c_str(), times, 0), 0);
   }
+  for (const char* const other : {"logs/no.txt", "logs/no.log.gz"}) FFolder.Write(other, "");
+  const std::string page = Get("/logfiles.php");
+  EXPECT_THAT(page, StartsWith(kHead + "Log Files in Reverse Order<br><br><a href=\"vellumark_logs/"
+                                       "new%0Aline.log\" target=\"_blank\">new\nline.log</a><br>"));
+  EXPECT_THAT(page, HasSubstr("a%26lt%3Bb%26gt%3Bc.log\" target=\"_blank\">a&lt;b&gt;c."));
+  std::size_t left = names.size();
+  for (const std::string_view piece : Split(page, '"')) {
+    if (!piece.starts_with("vellumark_logs/")) continue;
+    ASSERT_GT(left, 0U);
+    EXPECT_EQ(Streamed("/" + LinkDecode(piece)), "content of " + names[--left]);
+  }
+  EXPECT_EQ(left, 0U);
 }
 
-TEST_F(LogFilesTest, NeverLeavesTheLogFolder) {
-  Log("good.log", "good");
-  FFolder.Write("secret.log", "secret");
-  std::filesystem::create_directory(FFolder.Path("logs2"));
-  FFolder.Write("logs2/other.log", "secret");
-  std::filesystem::create_directory(FFolder.Path("logs/inner"));
-  FFolder.Write("logs/inner/deep.log", "deep");
-  std::filesystem::create_symlink(FFolder.Path("secret.log"), FFolder.Path("logs/link.log"));
+TEST_F(StatusPagesTest, NeverLeavesTheLogFolder) {
+  for (const char* folder : {"logs2", "logs/inner"}) {
+    std::filesystem::create_directories(FFolder.Path(folder));
+  }
+  for (const char* name :
+       {"secret.log", "logs2/other.log", "logs/good.log", "logs/inner/deep.log"}) {
+    FFolder.Write(name, name);
+  }
+  std::filesystem::create_symlink("../secret.log", FFolder.Path("logs/link.log"));
   std::filesystem::create_symlink("good.log", FFolder.Path("logs/inside.log"));
-  std::filesystem::create_symlink("nowhere", FFolder.Path("logs/broken.log"));
+  std::filesystem::create_symlink("logs", FFolder.Path("linked"));
   ASSERT_EQ(::mkfifo(FFolder.Path("logs/pipe.log").c_str(), 0600), 0);
-
-  EXPECT_EQ(Streamed("/vellumark_logs/good.log"), "good");
-  EXPECT_EQ(Streamed("/vellumark_logs/inside.log"), "good");
-  EXPECT_EQ(Streamed("/vellumark_logs/inner/deep.log"), "deep");
-  for (const char* path :
-       {"/vellumark_logs/../secret.log", "/vellumark_logs/link.log", "/vellumark_logs2/other.log",
-        "/vellumark_logs/&#46;&#46;/secret.log", "/vellumark_logs", "/vellumark_logs/",
-        "/vellumark_logs/pipe.log", "/vellumark_logs/broken.log", "/vellumark_logs/missing.log",
-        "/vellumark_logs/inner", "/vellumark_logs//etc/passwd"}) {
-    const THttpResponse response = Answer(path);
-    EXPECT_FALSE(response.File) << path;
-    EXPECT_THAT(response.Body, StartsWith(kHead + "EXCPTION: ")) << path;
+  for (const char* const folder : {"logs", "logs/", "linked"}) {
+    Settings().LogDirectory.Set(FFolder.Path(folder));
+    EXPECT_EQ(Streamed("/vellumark_logs/good.log"), "logs/good.log");
+    EXPECT_EQ(Streamed("/vellumark_logs/inside.log"), "logs/good.log");
+    EXPECT_EQ(Streamed("/vellumark_logs/inner/deep.log"), "logs/inner/deep.log");
+    for (const std::string path :
+         {"/../secret.log", "/link.log", "2/other.log", "/&#46;&#46;/secret.log", "", "/",
+          "/pipe.log", "/missing.log", "/inner", "//etc/passwd", "/../logs2/other.log"}) {
+      EXPECT_THAT(Streamed("/vellumark_logs" + path), StartsWith(kHead + "EXCPTION: "));
+    }
+    EXPECT_FALSE(Answer(std::string("/vellumark_logs/good.log\0.txt", 29)).File);
   }
-  const std::string nul("/vellumark_logs/good.log\0.txt", 29);
-  EXPECT_FALSE(Answer(nul).File);
-}
-
-TEST_F(LogFilesTest, SaysThatTheFolderIsGone) {
-  const std::string folder = FFolder.Path("logs");
-  std::filesystem::remove_all(folder);
-  EXPECT_EQ(Get("/logfiles.php"), kHead +
-                                      "Log Files in Reverse Order<br><br>EXCPTION: open folder " +
-                                      folder + ": No such file or directory (errno 2)");
 }
 
 }  // namespace

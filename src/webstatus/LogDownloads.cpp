@@ -1,4 +1,4 @@
-#include "webstatus/LogFiles.h"
+#include "webstatus/LogDownloads.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -34,7 +34,7 @@ struct TCloseDirectory {
   void operator()(DIR* directory) const { ::closedir(directory); }
 };
 
-// Files that vanish meanwhile, broken links and what is no regular file are passed over.
+// Skips broken links, files that vanish meanwhile, and everything that is not a regular file.
 std::vector<TLogFile> FindLogFiles(const std::string& folder) {
   const std::unique_ptr<DIR, TCloseDirectory> directory(::opendir(folder.c_str()));
   if (!directory) throw ESystemError("open folder", folder, errno);
@@ -51,7 +51,7 @@ std::vector<TLogFile> FindLogFiles(const std::string& folder) {
   return files;
 }
 
-// The path that an open descriptor really leads to.
+// The path of the file behind an open descriptor, without symbolic links.
 std::string PathOf(const TFileDescriptor& file) {
   return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file.Get())).string();
 }
@@ -70,7 +70,7 @@ std::string LogFileLinks(const std::string& folder) {
   std::sort(files.rbegin(), files.rend());
   std::string links;
   for (const TLogFile& file : files) {
-    // Entities first: the download decodes them after the percent signs.
+    // Entities are the inner encoding: a download decodes them last.
     links += "<a href=\"" + std::string(kLogLinkFolder) + "/" + LinkEncode(HtmlEscape(file.Name)) +
              "\" target=\"_blank\">" + HtmlEscape(file.Name) + "</a><br>";
   }
@@ -82,8 +82,8 @@ void OpenLogFile(std::string_view linkName, const std::string& folder, THttpResp
   if (folder.empty() || path.find('\0') != std::string::npos) {
     throw KZException("No such log file: " + path);
   }
-  // Looked at by descriptor, so that what is checked is what is read, and without opening it for
-  // reading, which a device or a named pipe could notice.
+  // The checks use one descriptor, so that the file that is checked is the file that is read.
+  // O_PATH does not open it for reading, which would have effects on a device or a named pipe.
   const TFileDescriptor folderHandle = Open(folder, O_PATH | O_DIRECTORY, folder);
   const TFileDescriptor fileHandle = Open(path, O_PATH, path);
   const bool inside =
