@@ -111,16 +111,14 @@ TEST(FileHandleTest, UnlocksAtOnceAndWaitsASecondForABorrower) {
 }
 
 // Takes the mutex with the given name, if there is one, says how that went and stays.
-int HoldMutex(const std::vector<std::string>& arguments) {
+const TRegisterChild kHoldMutex("hold-mutex", [](const std::vector<std::string>& arguments) {
   TNamedMutex mutex;
   if (!arguments.empty()) mutex = TNamedMutex::Create(arguments[0]);
   PrintLine("error " + std::to_string(mutex.Error()));
   ::alarm(60);
   ::pause();
   return 0;
-}
-
-const TRegisterChild kHoldMutex("hold-mutex", &HoldMutex);
+});
 
 class TNamedMutexTest : public testing::Test {
  protected:
