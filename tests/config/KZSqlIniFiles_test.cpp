@@ -1,4 +1,3 @@
-
 #include <random>
 
 #include "common/Thread.h"
