@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <map>
-#include <string>
 #include <vector>
 
 namespace guardian {
@@ -21,11 +20,5 @@ struct TRegisterChild {
     ChildFunctions()[name] = std::move(function);
   }
 };
-
-inline int RunChildFunction(const std::string& name, int count, char** arguments) {
-  const auto found = ChildFunctions().find(name);
-  if (found == ChildFunctions().end()) return 125;
-  return found->second(std::vector<std::string>(arguments, arguments + count));
-}
 
 }  // namespace guardian

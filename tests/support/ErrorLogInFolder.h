@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "common/ErrorLog.h"
 #include "support/TempFolder.h"
 
@@ -14,8 +12,6 @@ class TErrorLogInFolder {
  public:
   TErrorLogInFolder() { EXPECT_TRUE(ErrorLog().Open(FFolder.Path("error.log"))); }
   ~TErrorLogInFolder() { ErrorLog().Close(); }
-  TErrorLogInFolder(const TErrorLogInFolder&) = delete;
-  TErrorLogInFolder& operator=(const TErrorLogInFolder&) = delete;
 
   [[nodiscard]] std::string Text() const { return FFolder.Read("error.log"); }
   [[nodiscard]] const TTempFolder& Folder() const { return FFolder; }

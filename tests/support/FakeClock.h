@@ -1,9 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
-#include <cstdint>
-#include <functional>
 
 #include "common/Clock.h"
 

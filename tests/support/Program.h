@@ -6,13 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdlib>
 #include <optional>
-#include <stdexcept>
-#include <string>
-#include <system_error>
-#include <utility>
 #include <vector>
 
 #include "support/Eventually.h"
@@ -42,12 +36,10 @@ class TProgram {
   }
 
   ~TProgram() {
-    if (FExitCode || Running() == false) return;
+    if (!Running()) return;
     Signal(SIGKILL);
     ::waitpid(FPid, nullptr, 0);
   }
-  TProgram(const TProgram&) = delete;
-  TProgram& operator=(const TProgram&) = delete;
 
   [[nodiscard]] pid_t Pid() const { return FPid; }
   void Signal(int signal) const { ::kill(FPid, signal); }

@@ -1,16 +1,15 @@
 #include <gtest/gtest.h>
 
 #include <clocale>
-#include <cstdio>
-#include <cstring>
+#include <string_view>
 
 #include "common/MainThread.h"
 #include "support/ChildProcess.h"
 
 // "--child NAME ARG..." runs the registered child function instead of the tests.
 int main(int argc, char** argv) {
-  if (argc >= 3 && std::strcmp(argv[1], "--child") == 0) {
-    return guardian::RunChildFunction(argv[2], argc - 3, argv + 3);
+  if (argc >= 3 && std::string_view(argv[1]) == "--child") {
+    return guardian::ChildFunctions().at(argv[2])({argv + 3, argv + argc});
   }
   guardian::BindMainThread();
   testing::InitGoogleTest(&argc, argv);

@@ -1,17 +1,13 @@
 #pragma once
 
 #include <SQLiteCpp/Database.h>
+#include <gmock/gmock.h>
 
-#include <algorithm>
-#include <functional>
-#include <memory>
-#include <string>
-#include <utility>
+#include <map>
 
 #include "config/KZSqlIniFiles.h"
 #include "support/ErrorLogInFolder.h"
 #include "support/FakeClock.h"
-#include "support/TempFolder.h"
 
 namespace guardian {
 
@@ -34,17 +30,16 @@ class TImpatientClock final : public TFakeClock {
 };
 
 // A folder with one settings file, and the error log in another folder.
-// Owner: the test. Threads: the main thread's.
-class TSettingsFolder {
- public:
-  [[nodiscard]] std::string File() const { return Folder.Path("x.cfg"); }
+class TSettingsStoreTest : public testing::Test {
+ protected:
+  [[nodiscard]] std::string File() const { return FFolder.Path("x.cfg"); }
   [[nodiscard]] std::string Backup(const std::string& ending) const {
-    return Folder.Path("CfgBackups/x.cfg" + ending);
+    return FFolder.Path("CfgBackups/x.cfg" + ending);
   }
 
   [[nodiscard]] std::unique_ptr<TKZSQLIniFile> Open(
       TSqlIniAccess access = TSqlIniAccess::ReadWrite) {
-    return std::make_unique<TKZSQLIniFile>(File(), access, Clock);
+    return std::make_unique<TKZSQLIniFile>(File(), access, FClock);
   }
 
   // The first column of the first row, by a connection of its own.
@@ -52,15 +47,15 @@ class TSettingsFolder {
   [[nodiscard]] static std::string AskOf(const std::string& file, const std::string& query) {
     return SQLite::Database(file, SQLite::OPEN_READWRITE, 5000).execAndGet(query).getString();
   }
-  void Run(const std::string& statements) const {
+  void Execute(const std::string& statements) const {
     SQLite::Database(File(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE, 5000).exec(statements);
   }
 
   // The failure lines so far.
   [[nodiscard]] std::string Lines() const { return FLog.Text(); }
 
-  TTempFolder Folder;
-  TImpatientClock Clock;
+  TTempFolder FFolder;
+  TImpatientClock FClock;
 
  private:
   TErrorLogInFolder FLog;
