@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <random>
 
 #include "common/Event.h"
 #include "diagnostics/KZCheckpoints.h"
@@ -18,10 +17,12 @@
 
 namespace guardian {
 
+using testing::ContainsRegex;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::MatchesRegex;
 using testing::Not;
 using testing::SizeIs;
 using testing::StartsWith;
@@ -36,28 +37,10 @@ inline std::vector<std::string> NamesIn(const TTempFolder& folder) {
   return names;
 }
 
-// The text with a 9 in the place of every digit, so that times do not matter.
-inline std::string Nines(std::string text) {
-  for (char& c : text) c = c >= '0' && c <= '9' ? '9' : c;
-  return text;
-}
-
 inline int CountOf(const std::string& text, std::string_view part) {
   int count = 0;
   for (std::size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at) ++count;
   return count;
 }
-
-// Random numbers, the same in each run unless --gtest_random_seed says otherwise.
-class TRandom {
- public:
-  explicit TRandom(int life = 0) : FSeed(GTEST_FLAG_GET(random_seed) + life) {}
-  [[nodiscard]] int Below(int limit) { return static_cast<int>(FEngine() % std::size_t(limit)); }
-
- private:
-  const int FSeed;
-  const testing::ScopedTrace FTrace{__FILE__, __LINE__, "random seed " + std::to_string(FSeed)};
-  std::mt19937 FEngine{static_cast<unsigned>(FSeed)};
-};
 
 }  // namespace guardian

@@ -1,13 +1,11 @@
-#include "diagnostics/exceptions/FatalSignalReport.h"
-
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 
-#include "common/MainThread.h"
 #include "diagnostics/Diagnostics.h"
 #include "diagnostics/exception_report.h"
 #include "support/ChildProcess.h"
@@ -87,9 +85,8 @@ TEST_F(FatalSignalReportTest, NamesThePlaceOfTheFaultOnceWhenThreadsFailTogether
   EXPECT_THAT(log, StartsWith("\nFatal Signal 11 (SIGSEGV) At 0x"));
   EXPECT_THAT(log, HasSubstr(" UTC\nFault address: 0x0000000000000000, code 1\nExecutable: /"));
   EXPECT_THAT(log, HasSubstr(", CP: About to fail\nStack Trace\n-----------\n#0 0x"));
-  EXPECT_THAT(log,
-              testing::ContainsRegex("\n#0 0x[0-9a-f]+ \\(diagnostics_test\\+0x[0-9a-f]+\\)\n"));
-  EXPECT_THAT(log, testing::ContainsRegex("\n#0 [^\n]*WriteToNowhere[^\n]+:[0-9]+\n#1 [^\n]*Fail"));
+  EXPECT_THAT(log, ContainsRegex("\n#0 0x[0-9a-f]+ \\(diagnostics_test\\+0x[0-9a-f]+\\)\n"));
+  EXPECT_THAT(log, ContainsRegex("\n#0 [^\n]*WriteToNowhere[^\n]+:[0-9]+\n#1 [^\n]*Fail"));
   EXPECT_EQ(CountOf(log, "Fatal Signal"), 1);
   EXPECT_EQ(CountOf(log, "\n-----------\n"), 3)
       << "before the places, before the names, at the end";
@@ -97,14 +94,10 @@ TEST_F(FatalSignalReportTest, NamesThePlaceOfTheFaultOnceWhenThreadsFailTogether
 }
 
 TEST_F(FatalSignalReportTest, ReportsEachFatalSignalAndEndsByIt) {
-  const std::pair<int, const char*> signals[] = {{SIGSEGV, "11 (SIGSEGV)"},
-                                                 {SIGABRT, "6 (SIGABRT)"},
-                                                 {SIGBUS, "7 (SIGBUS)"},
-                                                 {SIGFPE, "8 (SIGFPE)"},
-                                                 {SIGILL, "4 (SIGILL)"}};
-  for (const auto& [signal, name] : signals) {
+  for (const int signal : {SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL}) {
     const std::string log = LogOf(signal % 2, std::to_string(signal), signal);
-    EXPECT_THAT(log, HasSubstr(std::string("\nFatal Signal ") + name));
+    EXPECT_THAT(log, HasSubstr("\nFatal Signal " + std::to_string(signal) + " (SIG" +
+                               ::sigabbrev_np(signal) + ") At 0x"));
     EXPECT_THAT(log, HasSubstr("\nSent by process "));
   }
   EXPECT_THAT(LogOf(0, "overflow", SIGSEGV), HasSubstr("UseUpTheStack"));
@@ -116,24 +109,6 @@ TEST_F(FatalSignalReportTest, ReportsEachFatalSignalAndEndsByIt) {
   EXPECT_THAT(log, HasSubstr("Exception std::runtime_error: nobody catches this\n"
                              "Where: Unhandled exception, CP: Main\n"));
   EXPECT_LT(log.find("Where: Unhandled"), log.find("Fatal Signal 6 (SIGABRT)"));
-}
-
-TEST_F(FatalSignalReportTest, LeavesHandlersOfOthersAlone) {
-  struct sigaction foreign {};
-  foreign.sa_handler = [](int) {};
-  ::sigaction(SIGFPE, &foreign, nullptr);
-  const auto handlerOf = [](int signal) {
-    struct sigaction installed {};
-    ::sigaction(signal, nullptr, &installed);
-    return installed.sa_handler;
-  };
-  InstallFatalSignalReports();
-  EXPECT_EQ(handlerOf(SIGFPE), foreign.sa_handler);
-  EXPECT_NE(handlerOf(SIGILL), SIG_DFL);
-  RemoveFatalSignalReports();
-  EXPECT_EQ(handlerOf(SIGFPE), foreign.sa_handler);
-  EXPECT_EQ(handlerOf(SIGILL), SIG_DFL);
-  ::signal(SIGFPE, SIG_DFL);
 }
 
 }  // namespace
