@@ -159,7 +159,7 @@ TEST_F(SchedulerClientTest, AsksASilentDaemonAndGivesUpAfterTwoMinutes) {
                                  : std::vector<std::string>{});
   }
   ASSERT_TRUE(Eventually([&] { return FCommands.size() == 3; }));
-  EXPECT_TRUE(FCommands[0] == CommandRecord(TSyncCommMessages::msgEnquireStatus));
+  EXPECT_EQ(FCommands[0], '\26' + std::string(3208, '\0')) << "msgEnquireStatus";
 }
 
 TEST_F(SchedulerClientTest, ConnectsForACommandAndSaysWhenItCannotBeSent) {
@@ -199,6 +199,17 @@ TEST_F(SchedulerClientTest, DropsAMessageOfMoreThanSixteenMebibytes) {
 TEST_F(SchedulerClientTest, MakesNoClientOnceTheApplicationEnds) {
   FApplication->Terminate();
   InThread([&] { EXPECT_FALSE(FScheduler.CheckSchedulerPipe().Ok); });
+}
+
+TEST(TSyncProtocolTest, KeepsTheOlderNamesAndNumbersWhatHasNone) {
+  std::string names;
+  for (const int each : {10, 12, 26, 27}) {
+    names += NameOf(static_cast<TSyncCommMessages>(each)) + " ";
+  }
+  for (const int each : {4, 21, 22}) names += NameOf(static_cast<TSchedulerActions>(each)) + " ";
+  EXPECT_EQ(names,
+            "msgUpdateProfileList msgManuallyRunningInfo msgSkipProfilePhase ?27 "
+            "tsaSchedulerRunning tsaCannotSendINI ?22 ");
 }
 
 }  // namespace
