@@ -255,7 +255,6 @@ TEST(TKZCustomApplicationTest, RunsRequestsUntilAnyThreadTerminatesIt) {
   }
 }
 
-// Without the wake-up its waits would take an hour, and the test's time limit would end them.
 TEST(TKZCustomApplicationTest, EndsOnSignalsAndGivesThemBack) {
   ::signal(SIGCHLD, SIG_IGN);
   for (const int ending : {SIGINT, SIGTERM}) {
@@ -268,6 +267,7 @@ TEST(TKZCustomApplicationTest, EndsOnSignalsAndGivesThemBack) {
     EXPECT_FALSE(application.Terminated());
     ::raise(ending);
     EXPECT_TRUE(application.Terminated());
+    // Without a wake-up this would take an hour, and the test's time limit would end it.
     CheckSynchronize(std::chrono::hours(1));
   }
   for (const int each : {SIGINT, SIGTERM, SIGPIPE}) EXPECT_EQ(ActionOf(each).sa_handler, SIG_DFL);

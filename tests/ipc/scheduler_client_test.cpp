@@ -196,9 +196,7 @@ TEST_F(SchedulerClientTest, MakesNoClientOnceTheApplicationEnds) {
 
 TEST(TSyncProtocolTest, KeepsTheOlderNamesAndNumbersWhatHasNone) {
   std::string names = NameOf(static_cast<TSchedulerActions>(22));
-  for (const int each : {10, 12, 26, 27}) {
-    names += " " + NameOf(static_cast<TSyncCommMessages>(each));
-  }
+  for (const int i : {10, 12, 26, 27}) names += " " + NameOf(static_cast<TSyncCommMessages>(i));
   EXPECT_EQ(names, "?22 msgUpdateProfileList msgManuallyRunningInfo msgSkipProfilePhase ?27");
 }
 
