@@ -1,16 +1,12 @@
 #include "ipc/KZUnixPipes.h"
 
-#include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <random>
-#include <set>
 
 #include "common/AtEnd.h"
 #include "common/NamedMutex.h"
@@ -18,13 +14,13 @@
 #include "ipc/MessageUnit.h"
 #include "support/ErrorLogInFolder.h"
 #include "support/OpenDescriptors.h"
-#include "support/SettingsBackup.h"
 #include "support/ThrownMessage.h"
 
 namespace guardian {
 namespace {
 
 using std::chrono::milliseconds;
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -46,9 +42,15 @@ class KZUnixPipesTest : public TUnitsTest {
     FClient->OnPipeDisconnect = [this](auto&, std::int64_t pipe) {
       FClientDisconnects.push_back(pipe);
     };
-    FClient->OnPipeMessage = [this](auto&, std::int64_t, std::string_view payload) {
-      FClientReceived.emplace_back(payload);
-    };
+  }
+
+  // Freeing ends everything, in whatever state the test has left it.
+  ~KZUnixPipesTest() override {
+    FClient.reset();
+    FServer.reset();
+    const TPipeCounters& left = PipeCounters();
+    EXPECT_EQ(left.ClientPipes + left.ClientPipeThreads, 0);
+    EXPECT_EQ(left.ServerPipes + left.ServerPipeThreads, 0);
   }
 
   // A socket of which the test does everything itself: one that listens with a queue of two, or a
@@ -80,11 +82,10 @@ class KZUnixPipesTest : public TUnitsTest {
   std::unique_ptr<TPipeClient> FClient = std::make_unique<TPipeClient>();
   int FDisconnects = 0;
   std::vector<std::string> FServerReceived;
-  std::vector<std::string> FClientReceived;
   std::vector<std::int64_t> FClientDisconnects;
 };
 
-TEST_F(KZUnixPipesTest, ChecksNamesAndPaths) {
+TEST_F(KZUnixPipesTest, ChecksNamesPathsAndThreads) {
   EXPECT_NO_THROW(FClient->SetPipeName(std::string(63, 'n')));
   FClient->SetPipeName("PipeServer");
   for (const std::string& name : {std::string(64, 'n'), std::string(), std::string("a\\b")}) {
@@ -95,26 +96,10 @@ TEST_F(KZUnixPipesTest, ChecksNamesAndPaths) {
   std::filesystem::create_directory(directory);
   SetPipeDirectory(directory);
   ServeAndConnect();
-  EXPECT_EQ(ThrownMessage([&] { FServer->SetPipeName("other"); }),
-            "Cannot change property while server is active!");
-  EXPECT_EQ(ThrownMessage([&] { FClient->SetPipeName("other"); }),
-            "Cannot change property when client is connected!");
   EXPECT_EQ(ThrownMessage([] { (void)FullPipeNameOf("PipeServer1"); }),
             "Length(FullPipeName)+1>sizeof(FSockAddr.sun_path)");
-}
-
-TEST_F(KZUnixPipesTest, TakesItsDirectoryFromTheSettingsAtFirstUse) {
-  const TSettingsBackup backup;
-  for (const std::string directory : {"/m", "/tmp"}) {
-    StartPipes();
-    Settings().MutexDirectory.Set(directory == "/m" ? directory : "");
-    EXPECT_EQ(PipeDirectory(), directory);
-    Settings().MutexDirectory.Set("/other");
-    EXPECT_EQ(PipeDirectory(), directory);
-  }
-}
-
-TEST_F(KZUnixPipesTest, RefusesToBeMadeOrFreedOutsideTheMainThread) {
+  EXPECT_EQ(ThrownMessage([&] { FClient->SetPipeName("other"); }),
+            "Cannot change property when client is connected!");
   InThread([&] {
     EXPECT_EQ(ThrownMessage([] { TPipeClient(); }),
               "Must be in main thread to create a TPipeClient.");
@@ -122,38 +107,30 @@ TEST_F(KZUnixPipesTest, RefusesToBeMadeOrFreedOutsideTheMainThread) {
               "Must be in main thread to destroy a TPipeServer  (Pipe:PipeServer).");
   });
   EXPECT_TRUE(FServer);
-  TPipeServer::Free(FServer);
-  EXPECT_FALSE(FServer);
 }
 
 TEST_F(KZUnixPipesTest, CarriesFramesBothWays) {
   EXPECT_EQ(FClient->Pipe(), 4'294'967'295);
   EXPECT_FALSE(FClient->Write("nobody there"));
-  std::vector<std::int64_t> sizesAndErrors;
-  FClient->OnPipeSent = [&](auto&, auto, std::uint32_t size) { sizesAndErrors.push_back(size); };
-  FClient->OnPipeError = [&](auto&, auto, TPipeContext context, std::int64_t code) {
-    sizesAndErrors.push_back(context == TPipeContext::pcListener ? code : -code);
-  };
+  std::vector<std::uint32_t> sizes;
+  FClient->OnPipeSent = [&](auto&, auto, std::uint32_t size) { sizes.push_back(size); };
   FClient->SetMaxFrameSize(6);
   ServeAndConnect();
   EXPECT_TRUE(FClient->Connect(0)) << "it is connected already";
   const std::string large(3'000'000, 'x');
   for (const std::string& each : {std::string("one"), std::string(), large}) FClient->Write(each);
-  ASSERT_TRUE(Eventually([&] { return FServerReceived.size() + sizesAndErrors.size() == 5; }));
+  ASSERT_TRUE(Eventually([&] { return FServerReceived.size() + sizes.size() == 5; }));
   EXPECT_TRUE(FServerReceived == (std::vector<std::string>{"one", large})) << "nothing empty";
-  // Nothing posts errors so far, but they are raised.
-  PostMessage(*FClient, 1124, 7, 111, 0);
-  PostMessage(*FClient, 1125, 7, 104, 0);
-  ProcessMessages();
-  EXPECT_THAT(sizesAndErrors, ElementsAre(0, 0, 0, 111, -104)) << "never the true sizes";
+  EXPECT_THAT(sizes, ElementsAre(0, 0, 0)) << "never the true ones";
   EXPECT_FALSE(FServer->Write(12'345, "nobody"));
-  EXPECT_EQ(FServer->Clients(1), 0);
+  std::string received;
+  FClient->OnPipeMessage = [&](auto&, std::int64_t, std::string_view each) { received += each; };
   for (const char* each : {"answer", "answers"}) FServer->Write(FServer->Clients(0), each);
   EXPECT_TRUE(Eventually([&] {
     FServer->Write(FServer->Clients(0), "good");
-    return FClientReceived.size() > 1;
+    return received.size() > 6;
   }));
-  EXPECT_EQ(FClientReceived[0] + FClientReceived[1], "answergood") << "not what is above the limit";
+  EXPECT_EQ(received.substr(0, 10), "answergood") << "not what is above the limit";
 }
 
 TEST_F(KZUnixPipesTest, TriesAgainEveryHalfSecondAsOftenAsTheTimeAllows) {
@@ -186,31 +163,27 @@ TEST_F(KZUnixPipesTest, DoesNotHangOnAServerThatDoesNotAccept) {
 }
 
 TEST_F(KZUnixPipesTest, ReportsAnEndOnceWhoeverBringsItAbout) {
-  ServeAndConnect();
-  const std::int64_t first = FClient->Pipe();
-  FClient->OnPipeDisconnect = [&](auto&, std::int64_t pipe) {
-    const bool own = FClientDisconnects.size() == 1;
-    EXPECT_EQ(FClient->Pipe(), own ? kNoPipe : pipe) << "forgotten after the event";
-    FClientDisconnects.push_back(pipe);
+  std::int64_t pipeInEvent = 0;
+  FClient->OnPipeDisconnect = [&](auto&, std::int64_t ended) {
+    pipeInEvent = FClient->Pipe();
+    FClientDisconnects.push_back(ended);
   };
-  FServer->SetActive(false);
-  EXPECT_FALSE(FServer->Active() || FFolder.Has("PipeServer"));
-  ASSERT_TRUE(Eventually([&] { return FClientDisconnects.size() == 1 && FDisconnects == 1; }));
-  EXPECT_FALSE(FClient->Connected());
-  EXPECT_EQ(FClient->Pipe(), kNoPipe);
-
-  ServeAndConnect();
-  const std::int64_t second = FClient->Pipe();
-  for (int i = 0; i < 2; ++i) FClient->Disconnect(TWait::Yes);
-  EXPECT_EQ(PipeCounters().ClientPipeThreads, 0) << "it has waited for them";
-  EXPECT_FALSE(FClient->Connected());
-  EXPECT_EQ(FClient->Pipe(), kNoPipe);
-  ASSERT_TRUE(Eventually([&] { return FClientDisconnects.size() == 2 && FDisconnects == 2; }));
-  EXPECT_THAT(FClientDisconnects, ElementsAre(first, second));
-
-  ServeAndConnect();
-  std::filesystem::remove(FSocketPath);
-  EXPECT_TRUE(Eventually([&] { return FClientDisconnects.size() == 3; })) << "which is an end too";
+  for (const std::string end : {"server", "client", "socket file"}) {
+    SCOPED_TRACE(end);
+    ServeAndConnect();
+    const std::int64_t pipe = FClient->Pipe();
+    if (end == "server") FServer->SetActive(false);
+    if (end == "socket file") std::filesystem::remove(FSocketPath);
+    for (int i = 0; i < 2 && end == "client"; ++i) {
+      FClient->Disconnect(TWait::Yes);
+      EXPECT_EQ(PipeCounters().ClientPipeThreads, 0) << "it has waited for them";
+    }
+    ASSERT_TRUE(Eventually([&] { return std::exchange(FDisconnects, 0) == 1; }));
+    ASSERT_TRUE(Eventually([&] { return !FClient->Connected() && !FClientDisconnects.empty(); }));
+    EXPECT_THAT(std::exchange(FClientDisconnects, {}), ElementsAre(pipe));
+    EXPECT_EQ(pipeInEvent, end == "client" ? kNoPipe : pipe) << "forgotten after the event";
+    EXPECT_EQ(FClient->Pipe(), kNoPipe);
+  }
 }
 
 TEST_F(KZUnixPipesTest, ALateNoticeDoesNotTouchANewerConnection) {
@@ -222,17 +195,14 @@ TEST_F(KZUnixPipesTest, ALateNoticeDoesNotTouchANewerConnection) {
   EXPECT_NE(second, first) << "the number is kept until the end was told";
   ASSERT_TRUE(Eventually([&] { return !FClientDisconnects.empty(); }));
   EXPECT_THAT(FClientDisconnects, ElementsAre(first));
-  EXPECT_TRUE(FClient->Connected());
   EXPECT_EQ(FClient->Pipe(), second);
   EXPECT_TRUE(FClient->Write("still here"));
   EXPECT_TRUE(Eventually([&] { return FServerReceived.size() == 1; }));
 }
 
 TEST_F(KZUnixPipesTest, MayBeDisconnectedAndFreedInItsOwnEvents) {
-  ServeAndConnect();
-  FClient->Disconnect(TWait::Yes);
-  ASSERT_TRUE(Eventually([&] { return FDisconnects == 1; }));
   std::int64_t pipe = 0;
+  FServer->SetActive(true);
   FServer->OnPipeConnect = [&](auto&, std::int64_t connected) { pipe = connected; };
   int threadsLeft = 0;
   for (int round = 0; round < 60; ++round) {
@@ -247,7 +217,7 @@ TEST_F(KZUnixPipesTest, MayBeDisconnectedAndFreedInItsOwnEvents) {
       client->Disconnect(TWait::Yes);
     };
     pipe = 0;
-    ASSERT_TRUE(client->Connect(0));
+    ASSERT_TRUE(Eventually([&] { return client->Connect(0); }));
     ASSERT_TRUE(Eventually([&] { return pipe != 0; }));
     for (int i = 0; i < 100; ++i) FServer->Write(pipe, "go");
     // The wait runs the events that have come meanwhile.
@@ -289,13 +259,7 @@ TEST_F(KZUnixPipesTest, RaisesTheEventsOfEachPipeInOrderWhateverEndsIt) {
     ASSERT_TRUE(Eventually([&] { return FDisconnects == static_cast<int>(sent) + 1; }));
     EXPECT_EQ(FServerReceived.size(), (sent >= 25 ? 1U : 0U) + (sent == frames.size() ? 1U : 0U));
   }
-  for (int round = 0; round < 50; ++round) {
-    ServeAndConnect();
-    for (int i = 0; i < 100; ++i) FClient->Write("message");
-    for (int i = 0; i < round % 4; ++i) CheckSynchronize(milliseconds(1));
-    FServer->SetActive(false);
-    ASSERT_TRUE(Eventually([&] { return !FClient->Connected(); }));
-  }
+  FServer->SetActive(false);
   EXPECT_TRUE(Eventually([&] { return connected.empty(); }));
   EXPECT_EQ(outOfOrder, 0);
 }
@@ -352,33 +316,24 @@ TEST_F(KZUnixPipesTest, LeavesInTheWorldWhatItShall) {
   }
   EXPECT_EQ(std::filesystem::status(FSocketPath).permissions(), std::filesystem::perms::all);
   EXPECT_EQ(TNamedMutex::Create(FSocketPath + ".mutex").Error(), kErrorAlreadyExists);
+  peers.push_back(RawSocket(::connect));  // Is accepted while the server ends, or not at all.
   FServer->SetActive(false);
+  EXPECT_FALSE(FServer->Active() || FFolder.Has("PipeServer"));
   EXPECT_EQ(TNamedMutex::Create(FSocketPath + ".mutex").Error(), 0);
 }
 
 TEST_F(KZUnixPipesTest, SaysWhyItCannotListenOrAcceptAndGoesOn) {
   const TErrorLogInFolder log;
-  const auto says = [&](const std::string& text) {
-    return Eventually(
-        [&] { return log.Text().find(" KZUnixPipes: " + text) != std::string::npos; });
-  };
-  SetPipeDirectory(FFolder.Path("missing"));
-  FServer->SetActive(true);
-  EXPECT_TRUE(says("create mutex " + FFolder.Path("missing/PipeServer.mutex: No such file")));
-  FServer->SetActive(false);
-  SetPipeDirectory(FFolder.Path());
+  const auto logSize = [&] { return std::filesystem::file_size(log.Folder().Path("error.log")); };
   std::filesystem::create_directory(FSocketPath);
   FServer->SetActive(true);
-  EXPECT_TRUE(says("listen on " + FSocketPath + ": Address already in use"));
+  EXPECT_TRUE(Eventually([&] { return logSize() > 0; }));
   FServer->SetActive(false);
   std::filesystem::remove(FSocketPath);
 
   // Without descriptors clients wait until there are some.
   ServeAndConnect();
   TPipeClient last;
-  const TFileDescriptor file(::open(log.Folder().Path("error.log").c_str(), O_RDONLY | O_CLOEXEC));
-  std::string text;
-  const std::string refused = " KZUnixPipes: accept on " + FSocketPath + ": Too many open files";
   rlimit limit{};
   ::getrlimit(RLIMIT_NOFILE, &limit);
   {
@@ -387,31 +342,26 @@ TEST_F(KZUnixPipesTest, SaysWhyItCannotListenOrAcceptAndGoesOn) {
     ::close(next);
     const rlimit one{.rlim_cur = static_cast<rlim_t>(next) + 1, .rlim_max = limit.rlim_max};
     ::setrlimit(RLIMIT_NOFILE, &one);
+    const auto before = logSize();
     EXPECT_TRUE(last.Connect(0));
     EXPECT_FALSE(TPipeClient().Connect(0));
-    EXPECT_TRUE(Eventually([&] {
-      ::lseek(file.Get(), 0, SEEK_SET);
-      return ReadToEnd(file.Get(), 1'000'000, text) == 0 && text.find(refused) != text.npos;
-    }));
+    EXPECT_TRUE(Eventually([&] { return logSize() > before; }));
   }
   EXPECT_TRUE(Eventually([&] { return FServer->ClientCount() == 2; }));
-  SleepSynchronizing(milliseconds(100));
+  EXPECT_THAT(log.Text(), AllOf(HasSubstr("listen on " + FSocketPath + ": Address already in use"),
+                                HasSubstr("accept on " + FSocketPath + ": Too many open files")));
   EXPECT_TRUE(FClient->Connected()) << "a second of silence is no end";
 }
 
 TEST_F(KZUnixPipesTest, NamesWhatIsLeftAtTheEnd) {
   const TErrorLogInFolder log;
   FServer.reset();
-  FClient.reset();
-  StopPipes();
-  EXPECT_EQ(log.Text(), "");
-  const TRegistration left(this, "PipeClient");
   PipeCounters().ServerPipes = 1;
   StopPipes();
   PipeCounters().ServerPipes = 0;
-  EXPECT_THAT(log.Text(), HasSubstr(" KZUnixPipes: ValidObjects still contains 1 pointers: "
-                                    "PipeClient\n"));
-  EXPECT_THAT(log.Text(), HasSubstr(" KZUnixPipes: Not all pipes closed at end of process.\n"));
+  EXPECT_THAT(log.Text(),
+              AllOf(HasSubstr(" KZUnixPipes: ValidObjects still contains 1 pointers: PipeClient\n"),
+                    HasSubstr(" KZUnixPipes: Not all pipes closed at end of process.\n")));
 }
 
 // Connects and disconnects from a thread that is not the main one, as the watchdog does, while the
@@ -419,13 +369,10 @@ TEST_F(KZUnixPipesTest, NamesWhatIsLeftAtTheEnd) {
 TEST_F(KZUnixPipesTest, SurvivesThousandsOfConnectsAndDisconnects) {
   constexpr int kConnects = 1000;
   const std::set<int> before = OpenDescriptors();
-  const std::int64_t misses = ValidObjects().Misses();
   std::atomic<int> connects = 0;
   int messages = 0;
-  TKZEvent heard("heard");
   FClient->OnPipeMessage = [&](auto&, std::int64_t, std::string_view) {
     if (++messages % 3 == 0) FClient->Disconnect(TWait::No);
-    heard.Signal();
   };
   FServer->OnPipeConnect = [&](auto&, std::int64_t pipe) { FServer->Write(pipe, "hello"); };
   TCrew ticker(1, [&](int) {
@@ -434,7 +381,7 @@ TEST_F(KZUnixPipesTest, SurvivesThousandsOfConnectsAndDisconnects) {
       if (!FClient->Connected() && FClient->Connect(0)) ++connects;
       FClient->Write("tick");
       // Every fourth connection may live for a while, and die by the server or by a handler.
-      if (random() % 4 == 0) heard.WaitFor(milliseconds(20));
+      if (random() % 4 == 0) SystemClock().Sleep(milliseconds(random() % 8));
       FClient->Disconnect(random() % 8 == 0 ? TWait::Yes : TWait::No);
     }
   });
@@ -447,41 +394,13 @@ TEST_F(KZUnixPipesTest, SurvivesThousandsOfConnectsAndDisconnects) {
   ASSERT_TRUE(Eventually(done, std::chrono::seconds(90)));
   ticker.Join();
   FServer->SetActive(false);
-  const TPipeCounters& left = PipeCounters();
-  EXPECT_TRUE(Eventually([&] {
-    return left.ClientPipes + left.ServerPipes + left.ClientPipeThreads + left.ServerPipeThreads ==
-           0;
-  }));
-  EXPECT_EQ(OpenDescriptors(), before);
-  EXPECT_EQ(ValidObjects().Misses(), misses);
+  EXPECT_TRUE(Eventually([&] { return OpenDescriptors() == before; }));
   EXPECT_GT(messages, 0);
-}
-
-TEST_F(KZUnixPipesTest, FreeingEndsEverythingInEveryState) {
-  for (int round = 0; round < 30; ++round) {
-    FServer = std::make_unique<TPipeServer>();
-    FClient = std::make_unique<TPipeClient>();
-    ServeAndConnect();
-    if (round % 2 == 0) FClient->Write("x");
-    if (round % 3 == 0) FClient->Disconnect(TWait::No);
-    FClient.reset();
-    ASSERT_EQ(PipeCounters().ClientPipes + PipeCounters().ClientPipeThreads, 0) << round;
-    // A client that the listener has accepted and that waits for the main thread.
-    const std::size_t open = OpenDescriptors().size();
-    const TFileDescriptor peer = RawSocket(::connect);
-    for (int i = 0; i < 100 && OpenDescriptors().size() < open + 2; ++i) {
-      SystemClock().Sleep(milliseconds(1));
-    }
-    if (round % 5 == 0) FServer->SetActive(false);
-    FServer.reset();
-    ASSERT_EQ(PipeCounters().ServerPipes + PipeCounters().ServerPipeThreads, 0) << round;
-  }
 }
 
 // Signals whose handler does not restart system calls interrupt them: nothing is lost, and nobody
 // waits. Were a wake-up lost, a round would take a second.
 TEST_F(KZUnixPipesTest, AnswersAtOnceInAStormOfSignals) {
-  constexpr std::size_t kRounds = 60;
   struct sigaction interrupt {};
   interrupt.sa_handler = [](int) {};
   ::sigaction(SIGFPE, &interrupt, nullptr);  // The threads block all but the fatal ones.
@@ -489,8 +408,9 @@ TEST_F(KZUnixPipesTest, AnswersAtOnceInAStormOfSignals) {
   FServer->OnPipeMessage = [&](auto&, std::int64_t pipe, std::string_view payload) {
     FServer->Write(pipe, payload);
   };
+  std::size_t answers = 0;
   FClient->OnPipeMessage = [&](auto&, std::int64_t, std::string_view payload) {
-    FClientReceived.emplace_back(payload);
+    ++answers;
     FClient->Write(payload);
   };
   std::atomic<bool> enough = false;
@@ -503,7 +423,7 @@ TEST_F(KZUnixPipesTest, AnswersAtOnceInAStormOfSignals) {
     }
   });
   FClient->Write("ping");
-  EXPECT_TRUE(Eventually([&] { return FClientReceived.size() >= kRounds; }));
+  EXPECT_TRUE(Eventually([&] { return answers >= 60; }));
   RawSocket(::connect).Close();
   EXPECT_TRUE(Eventually([&] { return FDisconnects == 1; })) << "the listener goes on";
   EXPECT_THAT(FClientDisconnects, IsEmpty());
@@ -511,6 +431,55 @@ TEST_F(KZUnixPipesTest, AnswersAtOnceInAStormOfSignals) {
   storm.Join();
   ::signal(SIGFPE, SIG_IGN);  // Drops what is pending.
   ::signal(SIGFPE, SIG_DFL);
+}
+
+// In a stream whose pieces never end with a frame the room comes back to the same places.
+TEST(TFrameParserTest, KeepsTheMemoryOfItsReads) {
+  TFrameParser parser;
+  std::string stream;
+  for (int i = 0; i < 3000; ++i) stream += Frame(std::string(80, 'x'));
+  std::set<const char*> places;
+  int payloads = 0;
+  for (std::size_t at = 0; at < stream.size(); at += 60) {
+    places.insert(parser.Room(60).data());
+    stream.copy(parser.Room(60).data(), 60, at);
+    parser.Filled(60, [&](auto) { ++payloads; });
+  }
+  EXPECT_LT(places.size(), 100U);
+  EXPECT_EQ(payloads, 3000);
+}
+
+TEST(TWriteQueueTest, LosesItsOldestFramesAboveALimit) {
+  TWriteQueue queue;
+  for (const char* each : {"a", "b", "c"}) queue.Append(each);
+  queue.Limit(3);
+  EXPECT_EQ(queue.Count(), 3U);
+  queue.Limit(2);
+  for (const char* each : {"b", "c"}) EXPECT_EQ(*queue.Dequeue()->Buffer, Frame(each));
+  EXPECT_FALSE(queue.Dequeue());
+}
+
+TEST(TBufferPoolTest, KeepsBuffersUpToItsLimits) {
+  TBufferPool pool;
+  for (int i = 0; i < 65; ++i) pool.Give(std::make_unique<std::string>(65'536, 'x'));
+  EXPECT_EQ(pool.TakeHalf().size(), 32U);
+  EXPECT_TRUE(pool.Take()->empty());
+  for (int i = 0; i < 31; ++i) EXPECT_EQ(pool.Take()->capacity(), 65'536U);
+  pool.Give(std::make_unique<std::string>(65'537, 'x'));
+  EXPECT_LT(pool.Take()->capacity(), 100U);
+}
+
+TEST(TPayloadPoolTest, IsFullAboveSixteenMebibytesWithTheCostOfEachMessage) {
+  const auto pool = std::make_shared<TPayloadPool>();
+  std::vector<TMessagePayload> payloads;
+  for (int i = 0; i < 65'536; ++i) payloads.push_back(MakePayload(pool, ""));
+  EXPECT_FALSE(pool->IsFull()) << "16 MiB exactly, at 256 bytes each";
+  payloads.push_back(MakePayload(pool, ""));
+  EXPECT_TRUE(pool->IsFull());
+  const TCrew reader(1, [&](int) {
+    while (pool->IsFull()) pool->WaitForRoom(std::chrono::hours(1));
+  });
+  payloads.pop_back();
 }
 
 }  // namespace

@@ -3,13 +3,9 @@
 #include <gmock/gmock.h>
 
 #include <cstdint>
-#include <functional>
-#include <memory>
 #include <string>
-#include <vector>
 
 #include "ipc/KZCustomApplication.h"
-#include "ipc/KZMessages.h"
 #include "ipc/KZUnixPipes.h"
 #include "support/Crew.h"
 #include "support/Eventually.h"

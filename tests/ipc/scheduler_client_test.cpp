@@ -1,8 +1,5 @@
 #include "ipc/scheduler_client.h"
 
-#include <utility>
-
-#include "common/Mutex.h"
 #include "common/NamedMutex.h"
 #include "ipc/MessageUnit.h"
 #include "support/FakeClock.h"
@@ -140,26 +137,22 @@ TEST_F(SchedulerClientTest, AsksASilentDaemonAndGivesUpAfterTwoMinutes) {
   ASSERT_TRUE(Check().JustConnected);
   ASSERT_TRUE(Eventually([&] { return FScheduler.Pulse() == 1; }));
   TakeLog();
-  struct TCase {
-    int AgeMs;
-    bool Ok;
-    bool Asked;
-  };
   int age = 0;
-  for (const TCase& c :
-       {TCase{59'999, true, false}, TCase{60'001, true, false}, TCase{65'999, true, false},
-        TCase{66'001, true, true}, TCase{119'999, true, true}, TCase{120'001, false, true}}) {
-    SCOPED_TRACE(c.AgeMs);
+  for (const auto& [ageMs, ok, asked] :
+       {std::tuple(59'999, true, false), std::tuple(60'001, true, false),
+        std::tuple(65'999, true, false), std::tuple(66'001, true, true),
+        std::tuple(119'999, true, true), std::tuple(120'001, false, true)}) {
+    SCOPED_TRACE(ageMs);
     FClock.SetWall(FClock.Now() - 1);  // A wall clock that is set back changes nothing.
-    FClock.Advance(milliseconds(c.AgeMs - std::exchange(age, c.AgeMs)));
+    FClock.Advance(milliseconds(ageMs - std::exchange(age, ageMs)));
     const TPipeCheck check = Check();
-    EXPECT_EQ(check.Ok, c.Ok);
+    EXPECT_EQ(check.Ok, ok);
     EXPECT_FALSE(check.JustConnected);
-    EXPECT_EQ(TakeLog(), c.Asked ? std::vector<std::string>{"Sending command msgEnquireStatus"}
-                                 : std::vector<std::string>{});
+    EXPECT_EQ(TakeLog(), asked ? std::vector<std::string>{"Sending command msgEnquireStatus"}
+                               : std::vector<std::string>{});
   }
   ASSERT_TRUE(Eventually([&] { return FCommands.size() == 3; }));
-  EXPECT_TRUE(FCommands[0] == CommandRecord(TSyncCommMessages::msgEnquireStatus));
+  EXPECT_EQ(FCommands[0], '\26' + std::string(3208, '\0')) << "msgEnquireStatus";
 }
 
 TEST_F(SchedulerClientTest, ConnectsForACommandAndSaysWhenItCannotBeSent) {
@@ -199,6 +192,12 @@ TEST_F(SchedulerClientTest, DropsAMessageOfMoreThanSixteenMebibytes) {
 TEST_F(SchedulerClientTest, MakesNoClientOnceTheApplicationEnds) {
   FApplication->Terminate();
   InThread([&] { EXPECT_FALSE(FScheduler.CheckSchedulerPipe().Ok); });
+}
+
+TEST(TSyncProtocolTest, KeepsTheOlderNamesAndNumbersWhatHasNone) {
+  std::string names = NameOf(static_cast<TSchedulerActions>(22));
+  for (const int i : {10, 12, 26, 27}) names += " " + NameOf(static_cast<TSyncCommMessages>(i));
+  EXPECT_EQ(names, "?22 msgUpdateProfileList msgManuallyRunningInfo msgSkipProfilePhase ?27");
 }
 
 }  // namespace
