@@ -325,7 +325,6 @@ TEST(WebStatusServerTest, TakesTheFirstFreePortFrom8900To8000) {
     const std::string active = "Web Status Server Active on Port " + std::to_string(port) + "\n";
     EXPECT_THAT(output, StartsWith(port ? active : "Web Status Server Cannot Start: "));
     EXPECT_EQ(output.find("in use") != std::string::npos, port == 0);
-    EXPECT_EQ(server.Port(), port);
     if (port == 0) continue;
     EXPECT_EQ(TRawClient(port).Get("/status.php").Body,
               "Guardian running and accessible via port " + std::to_string(port) + ". ");
