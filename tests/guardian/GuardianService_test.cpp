@@ -80,7 +80,7 @@ class GuardianServiceTest : public testing::Test {
   std::string DetailedLog() const { return *FService.Status().DetailedLog; }
   std::string ShortLog() const { return *FService.Status().ActivityLog; }
 
-  const TSettingsBackup FSettings;
+  const TSettingsBackup FSettings{};
   const bool FCleared = (Settings().MutexDirectory.Set(""), Settings().LogDirectory.Set(""), true);
   TFakeSurroundings FFakes;
   std::map<std::string, TShellOutcome> FAnswers;

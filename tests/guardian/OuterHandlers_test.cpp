@@ -31,7 +31,7 @@ class OuterHandlersTest : public testing::Test {
     EXPECT_TRUE(FFolder.Has("VellumarkGuardian.cfg")) << "the store of the reports' throttle";
   }
 
-  const TSettingsBackup FSettings;
+  const TSettingsBackup FSettings{};
   const TTempFolder FFolder;
   const bool FSet = (Settings().LogDirectory.Set(FFolder.Path()), true);
   TKZCustomApplication FApplication;

@@ -152,7 +152,7 @@ class ProcessTest : public testing::Test {
     EXPECT_FALSE(sigismember(&mask, SIGTERM));
   }
 
-  const TSettingsBackup FSettings;
+  const TSettingsBackup FSettings{};
   const TTempFolder FTemp;
   const TTempFolder FWork;
   const std::set<int> FDescriptors = OpenDescriptors();
