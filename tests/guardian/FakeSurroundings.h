@@ -1,11 +1,7 @@
 #pragma once
 
-#include <functional>
 #include <map>
-#include <memory>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "common/Exceptions.h"
 #include "guardian/GuardianService.h"

@@ -4,11 +4,6 @@
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 
-#include <list>
-#include <random>
-
-#include "common/Event.h"
-#include "common/Exceptions.h"
 #include "common/Texts.h"
 #include "support/Crew.h"
 #include "support/Eventually.h"
@@ -24,8 +19,12 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+using testing::AllOf;
+using testing::EndsWith;
 using testing::HasSubstr;
+using testing::StartsWith;
 
+constexpr milliseconds kPatience{kHangLimitMs};
 const std::string kEnd = " HTTP/1.1\r\n\r\n";
 const std::string kGet = "GET /" + kEnd;
 const std::string kGetBig = "GET /big" + kEnd;
@@ -98,10 +97,6 @@ class HttpServerTest : public testing::Test {
     const std::string& path = request.Path;
     response.Body = "hello";
     if (path == "/throw") throw KZException("no page today");
-    if (path == "/wait") {
-      FEntered.Signal();
-      FReleased.WaitFor(milliseconds(kHangLimitMs));
-    }
     if (path == "/big") response.Tail = {Big(), std::make_shared<const std::string>("|end")};
     if (path == "/inherited") response.Body = std::to_string(Inherited());
     if (path == "/echo") response.Body = request.Query + "|" + request.SecFetchSite;
@@ -119,18 +114,11 @@ class HttpServerTest : public testing::Test {
     return response;
   }
 
-  void MakeFile(const std::string& content) {
-    FFolder.Write("log.html", content);
-    FFileSize = content.size();
-  }
-
   const std::set<int> FDescriptors = OpenDescriptors();
   TTempFolder FFolder;
-  std::atomic<std::uint64_t> FFileSize = 0;
+  std::atomic<std::uint64_t> FFileSize = Big()->size();
   TFakeClock FClock;
   THttpServerOptions FOptions;
-  TKZEvent FEntered{"Entered"};
-  TKZEvent FReleased{"Released"};
   std::atomic<int> FErrors = 0;
   int FExpectedErrors = 0;
   TSharedText FLastError;
@@ -156,8 +144,6 @@ TEST_F(HttpServerTest, AnswersEachRequestAndClosesAfterTheLast) {
       {"GET /echo?a=%20b?c" + kEnd, 200, "a=%20b?c|", false},
       {"GET /echo? HTTP/1.1\r\nsec-fetch-SITE:  x-y \r\nX: y\r\n\r\n", 200, "|x-y", false},
       {"GET /status599" + kEnd, 599, "hello", false},
-      {"GET /status204" + kEnd, 204, "", false},
-      {"GET /status304" + kEnd, 304, "", false},
       {"GET /status199" + kEnd, 500, failed, false},
       {"GET /status600" + kEnd, 500, failed, false},
       {"GET /throw" + kEnd, 500, failed, false},
@@ -168,7 +154,6 @@ TEST_F(HttpServerTest, AnswersEachRequestAndClosesAfterTheLast) {
       {"GET / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", 200, "hello"},
       {"POST / HTTP/1.1\r\nContent-Length: 3\r\n\r\nabc" + kNever, 405, refused},
       {"POST / HTTP/1.1\r\nContent-Length: 500000\r\n\r\n" + Pattern(500'000), 405, refused},
-      {"get /" + kEnd, 405, refused},
       {std::string("\x16\x03\x01\x02\x00\x01\x00", 7), 400, bad},
       {"GET / HTTP/2.0\r\n\r\n", 400, bad},
       {"GET / HTTP/1.1\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\n", 400, bad},
@@ -182,7 +167,7 @@ TEST_F(HttpServerTest, AnswersEachRequestAndClosesAfterTheLast) {
     EXPECT_EQ(reply.Body, item.Body);
     EXPECT_TRUE(reply.Has(item.Closes ? "Connection: close" : "Connection: keep-alive"));
     EXPECT_EQ(reply.Has("Content-Type: text/plain"), item.Body.ends_with("\n"));
-    EXPECT_EQ(reply.Has("Content-Length: " + std::to_string(item.Body.size())), item.Body != "");
+    EXPECT_TRUE(reply.Has("Content-Length: " + std::to_string(item.Body.size())));
     EXPECT_EQ(reply.Has("Allow: GET, HEAD"), item.Status == 405);
     EXPECT_EQ(item.Closes ? client.ReadToEnd() : client.Get("/").Body, item.Closes ? "" : "hello");
     EXPECT_FALSE(client.WasReset());
@@ -216,7 +201,7 @@ TEST_F(HttpServerTest, LimitsTheWholeHeaderNotItsLines) {
 
 TEST_F(HttpServerTest, AnswersPipelinedRequestsInOrderWithExactlyThePromisedBytes) {
   Start();
-  MakeFile(*Big());
+  FFolder.Write("log.html", *Big());
   const std::string heads = "HEAD /big" + kEnd + "HEAD /file" + kEnd;
   TRawClient client(FServer->Port());
   for (const std::size_t size :
@@ -232,7 +217,7 @@ TEST_F(HttpServerTest, AnswersPipelinedRequestsInOrderWithExactlyThePromisedByte
   }
   FFileSize = Big()->size() + 1;  // It has shrunk since.
   client.Send(kGetFile + kNever);
-  EXPECT_EQ(client.ReadLastBody(), *Big());
+  EXPECT_EQ(client.ReadReply().Body, *Big());
 }
 
 TEST_F(HttpServerTest, SendsOneFixedSetOfHeaders) {
@@ -263,12 +248,10 @@ TEST_F(HttpServerTest, GivesAHeaderTenSecondsWhateverDripsInAndAnEndTwo) {
   }
   Sync();
   FClock.Advance(milliseconds(2));
-  TRawClient later(FServer->Port());
   TRawClient last(FServer->Port());
   last.Send("GET / HTTP/1.0\r\n\r\n");
-  EXPECT_EQ(last.ReadLastBody(), "hello");
+  EXPECT_THAT(last.ReadToEnd(), EndsWith("hello"));
   Sync();
-  EXPECT_FALSE(silent.WaitGone(0));
   FClock.Advance(milliseconds(1'999));  // 10.000
   EXPECT_EQ(silent.ReadToEnd(), "");
   last.Send("x");
@@ -279,8 +262,6 @@ TEST_F(HttpServerTest, GivesAHeaderTenSecondsWhateverDripsInAndAnEndTwo) {
   FClock.Advance(milliseconds(1));
   EXPECT_EQ(dripping.ReadToEnd(), "");
   EXPECT_TRUE(Eventually([&] { return last.Send("x"), last.WasReset(); }));
-  FClock.Advance(milliseconds(9'998));
-  EXPECT_EQ(later.ReadToEnd(), "");
   EXPECT_EQ(late.Get("/").Body, "hello");  // The time begins again with each answer.
   // One that comes after all have gone, and the sweep has ended, is watched too.
   for (int round = 0; round < 3; ++round) {
@@ -289,18 +270,6 @@ TEST_F(HttpServerTest, GivesAHeaderTenSecondsWhateverDripsInAndAnEndTwo) {
     FClock.Advance(milliseconds(10'000));
     EXPECT_EQ(next.ReadToEnd() + late.ReadToEnd(), "") << round;
   }
-}
-
-TEST_F(HttpServerTest, SetsNoLimitToTheHandler) {
-  Start();
-  const auto client = Client("GET /wait" + kEnd);
-  ASSERT_TRUE(FEntered.WaitFor(milliseconds(kHangLimitMs)));
-  TRawClient silent(FServer->Port());
-  Sync();
-  FClock.Advance(std::chrono::hours(1));
-  EXPECT_EQ(silent.ReadToEnd(), "");
-  FReleased.Signal();
-  EXPECT_EQ(client->ReadReply().Body, "hello");
 }
 
 // Thirty seconds without progress are too long; fifty with some are not.
@@ -322,37 +291,22 @@ TEST_F(HttpServerTest, GivesUpAClientThatTakesNothing) {
   EXPECT_LT(stuck->ReadToEnd().size(), Big()->size());
 }
 
-// The model: the idle connections, the one that has been idle longest first. A busy one stays.
+// A busy one stays, an answer makes a connection the youngest, half a request does not.
 TEST_F(HttpServerTest, SendsTheOldestIdleConnectionAwayAbove256) {
-  constexpr std::size_t kIdleLimit = 255;
   StartOneThread();
   const auto busy = Client(kGetBig);
   TRawReply big = busy->ReadHead();
-  std::mt19937 random(20'261'121);  // NOLINT(cert-msc51-cpp): the same steps in each run
-  struct TIdle {
-    std::unique_ptr<TRawClient> Client;
-    std::string Rest = kGet;  // What is still missing of its request.
-  };
-  std::list<TIdle> idle;
-  for (int step = 0; step < 1000; ++step) {
-    SCOPED_TRACE(step);
-    const auto action = random() % 3;
-    const bool isNew = action == 0 || idle.size() < kIdleLimit - 10;
-    if (isNew) idle.push_back({Client()});
-    const auto place = isNew ? idle.size() - 1 : random() % idle.size();
-    const auto chosen = std::next(idle.begin(), static_cast<std::ptrdiff_t>(place));
-    if (action == 1 && chosen->Rest.size() > 1) {
-      chosen->Client->Send(chosen->Rest.substr(0, 1));
-      chosen->Rest.erase(0, 1);
-    } else {
-      chosen->Client->Send(std::exchange(chosen->Rest, kGet));
-      ASSERT_EQ(chosen->Client->ReadReply().Body, "hello");
-      idle.splice(idle.end(), idle, chosen);
-    }
-    if (idle.size() <= kIdleLimit) continue;
-    ASSERT_EQ(idle.front().Client->ReadToEnd(), "");
-    idle.pop_front();
+  std::vector<std::unique_ptr<TRawClient>> idle(255);
+  for (auto& client : idle) client = Client();
+  idle[1]->Send("GET ");
+  EXPECT_EQ(idle[0]->Get("/").Body, "hello");
+  EXPECT_FALSE(idle[1]->WaitGone(0));
+  for (const std::size_t oldest : {1U, 2U, 3U}) {
+    idle.push_back(Client(kGet));
+    EXPECT_EQ(idle.back()->ReadReply().Body, "hello");
+    EXPECT_EQ(idle[oldest]->ReadToEnd(), "");
   }
+  for (const std::size_t younger : {0U, 4U}) EXPECT_EQ(idle[younger]->Get("/").Body, "hello");
   busy->ReadBody(big);
   EXPECT_EQ(big.Body, BigPage());
 }
@@ -376,18 +330,16 @@ TEST_F(HttpServerTest, WaitsForDescriptorsWithoutSpinning) {
   EXPECT_EQ(first.Get("/").Body, "hello");
   rlimit limit{};
   ::getrlimit(RLIMIT_NOFILE, &limit);
-  for (const int errors : {1, 2}) {
-    const int next = TFileDescriptor(::fcntl(0, F_DUPFD_CLOEXEC, 0)).Get();
-    const rlimit lowered{static_cast<rlim_t>(next) + 1, limit.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &lowered);  // Enough for the client alone.
-    TRawClient waiting(FServer->Port());
-    EXPECT_TRUE(Eventually([&] { return FErrors == errors; }));
-    EXPECT_THAT(FLastError.Copy(), HasSubstr("Too many open files"));
-    EXPECT_EQ(first.Get("/").Body, "hello");
-    ::setrlimit(RLIMIT_NOFILE, &limit);
-    EXPECT_EQ(waiting.Get("/").Body, "hello");
-  }
-  FExpectedErrors = 2;
+  const int next = TFileDescriptor(::fcntl(0, F_DUPFD_CLOEXEC, 0)).Get();
+  const rlimit lowered{static_cast<rlim_t>(next) + 1, limit.rlim_max};
+  ::setrlimit(RLIMIT_NOFILE, &lowered);  // Enough for the client alone.
+  TRawClient waiting(FServer->Port());
+  EXPECT_TRUE(Eventually([&] { return FErrors == 1; }));
+  EXPECT_THAT(FLastError.Copy(), HasSubstr("Too many open files"));
+  EXPECT_EQ(first.Get("/").Body, "hello");
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+  EXPECT_EQ(waiting.Get("/").Body, "hello");
+  FExpectedErrors = 1;
 }
 
 TEST_F(HttpServerTest, SharesItsPortWithNobodyAndReturnsToIt) {
@@ -396,31 +348,35 @@ TEST_F(HttpServerTest, SharesItsPortWithNobodyAndReturnsToIt) {
   THttpServer second([](const THttpRequest&) { return THttpResponse(); });
   TRawClient client(port);  // The server closes first, so its end of the connection lingers.
   client.Send("GET / HTTP/1.0\r\n\r\n");
-  EXPECT_EQ(client.ReadLastBody(), "hello");
+  EXPECT_THAT(client.ReadToEnd(), EndsWith("hello"));
   EXPECT_THAT(ThrownMessage([&] { second.Activate(port); }), HasSubstr("in use"));
-  EXPECT_FALSE(second.Active());
   EXPECT_THROW(FServer->Activate(0), KZException);
   EXPECT_EQ(FServer->Port(), port);
   FServer->Deactivate();
-  FServer->Deactivate();
-  EXPECT_FALSE(FServer->Active());
   EXPECT_THROW(TRawClient{port}, std::runtime_error);
   FServer->Activate(port);
-  const std::string page = ":" + std::to_string(port) + "/inherited";
-  EXPECT_EQ(HttpGet("127.0.0.1" + page, seconds(30)).Body, "0");
+  EXPECT_EQ(TRawClient(port).Get("/").Body, "hello");
   if (std::filesystem::exists("/proc/net/if_inet6")) {
-    EXPECT_EQ(HttpGet("[::1]" + page, seconds(30)).Body, "0");
+    EXPECT_EQ(HttpGet("[::1]:" + std::to_string(port), kPatience).Body, "hello");
   }
   FServer->Deactivate();
   const auto other = ListenOnLoopback(port);  // Of IPv4 alone, and in the way as well.
   EXPECT_THROW(FServer->Activate(port), ESystemError);
 }
 
-TEST_F(HttpServerTest, LeavesNothingBehindInAnyState) {
-  MakeFile(*Big());
-  for (int round = 0; round < 2; ++round) {
-    FOptions.StopGrace = milliseconds(50);
+TEST_F(HttpServerTest, LeavesNothingBehindInAnyStateAndUnderLoad) {
+  FFolder.Write("log.html", *Big());
+  FOptions.StopGrace = milliseconds(50);
+  for (int round = 0; round < 4; ++round) {
     StartOn(SystemClock());
+    std::atomic<bool> enough = false;
+    TCrew load(2, [&](int) {
+      while (!enough) {
+        (void)ThrownMessage([&] {  // When it has stopped.
+          Client("GET /echo?" + std::string(9000, 'q') + kEnd + kGet)->ReadReply();
+        });
+      }
+    });
     const auto idle = Client();
     const auto half = Client("GET / HT");
     const auto unread = Client(kGetBig);
@@ -432,6 +388,7 @@ TEST_F(HttpServerTest, LeavesNothingBehindInAnyState) {
     gone->Reset();
     EXPECT_EQ(idle->Get("/inherited").Body, "0");
     FServer->Deactivate();
+    enough = true;
     EXPECT_EQ(idle->ReadToEnd() + half->ReadToEnd(), "");
     for (const auto& client : {&unread, &reading}) {  // The kernel drops what they have not taken.
       EXPECT_LT((*client)->ReadToEnd().size(), Big()->size());
@@ -456,28 +413,72 @@ TEST_F(HttpServerTest, FinishesTheAnswerThatIsUnderWayWhenStopped) {
   EXPECT_EQ(client->ReadToEnd(), "");
 }
 
-TEST_F(HttpServerTest, SurvivesRestartsUnderLoad) {
-  Start();
-  std::atomic<int> answers = 0;
-  std::atomic<bool> enough = false;
-  TCrew clients(3, [&](int i) {
-    while (!enough) {
-      try {
-        const auto client = Client("GET /echo?" + std::string(9000, 'q') + kEnd + kGet);
-        answers += client->ReadReply().Status() == 200;
-        if (i > 1) client->Reset();
-      } catch (const std::runtime_error&) {
-        continue;  // Between two lives of the server.
-      }
-    }
-  });
-  for (int round = 0; round < 4; ++round) {
-    const int enoughAnswers = answers + 10;
-    EXPECT_TRUE(Eventually([&] { return answers >= enoughAnswers; }));
-    FServer->Deactivate();
-    FServer->Activate(0);
+// The status and the body, of a long one its length; or what was thrown.
+std::string Outcome(const std::string& address, milliseconds timeout = kPatience) {
+  try {
+    const auto [status, body] = HttpGet(address, timeout);
+    const bool isLong = body.size() > 100;
+    return std::to_string(status) + " " + (isLong ? std::to_string(body.size()) : body);
+  } catch (const EHttpUnreachable& error) {
+    return "Unreachable: " + error.Message();
+  } catch (const SoftException& error) {
+    return error.Message();
   }
-  enough = true;
+}
+
+std::string Ok(const std::string& headersAndBody) { return "HTTP/1.1 200 OK\r\n" + headersAndBody; }
+
+TEST(HttpClientTest, ReadsAnswersOrTellsWhyItFailed) {
+  const std::set<int> descriptors = OpenDescriptors();
+  const std::string largest(16 * 1024 * 1024, 'x');
+  enum class TThen { Close, Hold, Drip };
+  const struct {
+    std::string Reply;
+    TThen Then;
+    std::string Outcome, Failure;
+    milliseconds Timeout = kPatience;
+  } cases[] = {
+      {Ok("Content-Length: 5\r\n\r\nhello"), TThen::Hold, "200 hello", ""},
+      {Ok("\r\nhello"), TThen::Close, "200 hello", ""},
+      {"HTTP/1.0 399 Odd\r\n\r\n", TThen::Close, "399 ", ""},
+      {"HTTP/1.1 400 Bad\r\n\r\n", TThen::Close, "", "answered 400"},
+      {Ok("Content-Length: 16777216\r\n\r\n" + largest), TThen::Close, "200 16777216", ""},
+      {Ok("\r\n" + largest + "x"), TThen::Hold, "", "body limit exceeded"},
+      {Ok("A: " + std::string(65'000, 'x') + "\r\n\r\n"), TThen::Close, "200 ", ""},
+      {Ok("A: " + std::string(66'000, 'x')), TThen::Hold, "", "header limit exceeded"},
+      {"SSH-2.0-OpenSSH\r\n", TThen::Hold, "", "bad version"},
+      {Ok("Content-Length: 6\r\n\r\nhello"), TThen::Close, "", "partial message"},
+      {"", TThen::Close, "", "end of stream"},
+      {"", TThen::Hold, "", "timed out after 50 ms", milliseconds(50)},
+      {Ok("\r\n"), TThen::Drip, "", "timed out after 50 ms", milliseconds(50)},
+  };
+  for (const auto& item : cases) {
+    SCOPED_TRACE(item.Reply.substr(0, 80) + item.Failure);
+    const TFileDescriptor listener = ListenOnLoopback(0);
+    const std::string host = "127.0.0.1:" + std::to_string(PortOf(listener));
+    std::string request;
+    TCrew server(1, [&](int) {
+      TRawClient peer(TFileDescriptor(::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC)));
+      request = peer.ReadToEmptyLine();
+      peer.Send(item.Reply);
+      while (item.Then == TThen::Drip && !peer.WaitGone(1)) peer.Send("x");
+      if (item.Then == TThen::Hold) peer.ReadToEnd();
+    });
+    const std::string outcome = Outcome(host + "/status.php", item.Timeout);
+    server.Join();
+    EXPECT_THAT(outcome, AllOf(StartsWith(item.Outcome), HasSubstr(item.Failure)));
+    EXPECT_EQ(outcome.starts_with("HTTP GET " + host + "/status.php: "), item.Outcome.empty());
+    EXPECT_EQ(request,
+              "GET /status.php HTTP/1.1\r\nHost: " + host + "\r\nConnection: close\r\n\r\n");
+  }
+  for (const std::string address :
+       {"localhost/", "localhost:0/", "localhost:65536/", "localhost:1x/", "[127.0.0.1]:1/",
+        "999.0.0.1:1/", "example.invalid:1/", "localhost:1/a b", "localhost:1/\x7f"}) {
+    EXPECT_EQ(Outcome(address), "Malformed HTTP address " + address);
+  }
+  const std::string deaf = "localhost:" + std::to_string(PortOf(ListenOnLoopback(0)));
+  EXPECT_EQ(Outcome(deaf), "Unreachable: HTTP GET " + deaf + ": Connection refused (errno 111)");
+  EXPECT_EQ(OpenDescriptors(), descriptors);
 }
 
 }  // namespace

@@ -1,17 +1,11 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/socket.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdint>
 #include <stdexcept>
-#include <string>
-#include <string_view>
 
 #include "common/FileDescriptor.h"
 
@@ -115,12 +109,6 @@ class TRawClient {
     TRawReply reply = ReadHead();
     ReadBody(reply);
     return reply;
-  }
-
-  // The body of the connection's last answer and whatever follows it.
-  std::string ReadLastBody() {
-    const std::string body = ReadReply().Body;
-    return body + ReadToEnd();
   }
 
   TRawReply Get(const std::string& target) {

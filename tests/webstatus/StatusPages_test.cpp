@@ -2,20 +2,24 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
+#include <random>
 #include <regex>
 
-#include "common/FileDescriptor.h"
-#include "common/Settings.h"
 #include "common/Texts.h"
+#include "support/Crew.h"
+#include "support/FakeClock.h"
 #include "support/SettingsBackup.h"
 #include "support/TempFolder.h"
+#include "webstatus/ActivityLog.h"
+#include "webstatus/RawClient.h"
+#include "webstatus/WebStatusServer.h"
 
 namespace guardian {
 namespace {
 
+using std::chrono::milliseconds;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Matcher;
 using testing::StartsWith;
@@ -39,7 +43,6 @@ class TFakeGuardian final : public TGuardianControl {
       .MutexPath = "/m&/mutex",
       .DaemonTempPath = "/t&",
       .GotPaths = true,
-      .GetPathsError = false,
       .ProcessList = Text("root 1 <x>\r\n\"2\""),
       .ProcessListTime = 46347.25,
       .InitialOutput = Text("TMP=<t>\nLOGS=\n"),
@@ -108,10 +111,9 @@ TEST_F(StatusPagesTest, AnswersShortPagesByteForByte) {
     const char* Type = "text/html";
   } cases[] = {
       {"/status.php", std::string("Guardian running and accessible via port 8900. ")},
-      {"/nosuchpage.php", kHead},
       {"/Status.php", kHead},
-      {"/status.php/", kHead},
       {"/threadreport.php", StartsWith("Thread Report<br>-----------------<br>")},
+      {"/vellumark_logs/missing.log", StartsWith(kHead + "EXCPTION: ")},
       {"/status.json", StartsWith("{\"version\":\"1.50\""), "application/json"},
       {"/metrics", StartsWith("# TYPE vellumark_guardian_build info\n"),
        "application/openmetrics-text; version=1.0.0; charset=utf-8"},
@@ -129,34 +131,25 @@ TEST_F(StatusPagesTest, AnswersShortPagesByteForByte) {
   EXPECT_EQ(Get("/logfiles.php"), kHead + "Log Files in Reverse Order<br><br>");
 }
 
+// What each page answers is seen in a running Guardian.
 TEST_F(StatusPagesTest, LeavesEachControlRequestToTheGuardianAndActsForNobodyElse) {
-  const struct {
-    const char* Path;
-    const char* Answer;
-    const char* Request;
-    const char* WithoutGuardian = "Guardian already freed";
-  } pages[] = {
-      {"/startdaemon.php", "VellumarkCL will be started", "start "},
-      {"/stopdaemon.php", "VellumarkCL will be asked to stop.", "stop "},
-      {"/terminatedaemon.php", "STOP signal will be sent to VellumarkCL", "terminate "},
-      {"/killdaemon.php", "KILL signal will be sent to VellumarkCL", "kill "},
-      {"/terminateguardian.php", "Guardian stopped.", "end ", "Guardian stopped."},
-  };
+  const std::map<std::string, std::string> deeds = {{"/startdaemon.php", "start "},
+                                                    {"/stopdaemon.php", "stop "},
+                                                    {"/terminatedaemon.php", "terminate "},
+                                                    {"/killdaemon.php", "kill "},
+                                                    {"/terminateguardian.php", "end "}};
   std::string requests;
-  for (const auto& page : pages) {
-    SCOPED_TRACE(page.Path);
-    FHasGuardian = true;
+  for (const auto& [page, deed] : deeds) {
     for (const char* const site : {"", "same-origin", "none"}) {
-      EXPECT_EQ(Answer(page.Path, site).Body, page.Answer);
-      EXPECT_EQ(FGuardian.Requests, requests += page.Request);
+      EXPECT_EQ(Answer(page, site).Status, 200);
+      EXPECT_EQ(FGuardian.Requests, requests += deed);
     }
-    EXPECT_EQ(Answer(page.Path, "", "HEAD").Body, page.Answer);
-    EXPECT_EQ(Answer(page.Path, "cross-site").Status, 403);
-    EXPECT_EQ(Get(page.Path, "cross-site"), "Refused: the request comes from another site.");
-    FHasGuardian = false;
-    EXPECT_EQ(Answer(page.Path, "", "HEAD").Body, page.WithoutGuardian);
-    EXPECT_EQ(FGuardian.Requests, requests);
+    EXPECT_EQ(Answer(page, "", "HEAD").Body, Answer(page).Body);
+    EXPECT_EQ(Answer(page, "cross-site").Status, 403);
+    EXPECT_EQ(Get(page, "cross-site"), "Refused: the request comes from another site.");
+    EXPECT_EQ(FGuardian.Requests, requests += deed);
   }
+  FHasGuardian = false;
   EXPECT_EQ(Get("/killdaemon.php"), "Guardian already freed");
   EXPECT_EQ(Get("/terminateguardian.php"), "Guardian stopped.");
   EXPECT_EQ(FGuardian.Requests, requests + "end ");
@@ -164,17 +157,16 @@ TEST_F(StatusPagesTest, LeavesEachControlRequestToTheGuardianAndActsForNobodyEls
 
 TEST_F(StatusPagesTest, ShowsTheMainPageWithEverythingFromOutsideEscaped) {
   const auto page = [this](const char* path = "/") {
-    const std::regex sizes("Memory: [0-9.]+ [A-Za-z]+");
-    return std::regex_replace(Get(path), sizes, "Memory: n");
+    return std::regex_replace(Get(path), std::regex("Memory: [0-9.]+ [A-Za-z]+"), "Memory: n");
   };
   const std::string daemon =
       "<b>Status at <i></b><br><br>Daemon Path: /opt/&lt;b&gt;/VellumarkCL, Exists: Y<br>Mutex "
       "Path: /m&amp;/mutex<br>Running as user ID: " +
       std::to_string(::getuid()) + "<br><br>";
   const std::string paths = "VellumarkCL Temp Path: /t&amp;<br>";
-  const std::string processes = "root 1 &lt;x&gt;<br><br>&quot;2&quot;";
   const std::string list =
-      "Process List (ps) as of 2026-11-21 06:00:00:<br><br>" + processes + "<br><br><br>";
+      "Process List (ps) as of 2026-11-21 06:00:00:<br><br>root 1 "
+      "&lt;x&gt;<br><br>&quot;2&quot;<br><br><br>";
   const std::string logs =
       "<br><hr><br>Guardian Activity Log:<br><br><br>short<br><br><hr><br>Initial output: "
       "TMP=&lt;t&gt;<br>LOGS=<br><br><br><hr><br>Detailed Activity Log:<br><br><br>detailed"
@@ -198,27 +190,21 @@ TEST_F(StatusPagesTest, ShowsTheMainPageWithEverythingFromOutsideEscaped) {
   EXPECT_EQ(Answer("/").Tail.at(2), FGuardian.Now.DetailedLog);  // Not a copy.
 
   FGuardian.Now.ProcessList = Text("");
-  EXPECT_EQ(page(), ReplaceAll(expected, processes, ""));
   FGuardian.Now.ProcessListTime = 0;
+  FGuardian.Now.GotPaths = FGuardian.Now.DaemonPathExists = false;
   expected = ReplaceAll(expected, list, "");
-  EXPECT_EQ(page(), expected);
-  FGuardian.Now.GetPathsError = true;
-  const std::string inactive = "Inactive: GotPaths=Y, GetPathsError=Y<br><br>";
-  EXPECT_EQ(page(), ReplaceAll(expected, paths, paths + inactive));
-  FGuardian.Now.GotPaths = FGuardian.Now.GetPathsError = FGuardian.Now.DaemonPathExists = false;
-  expected = ReplaceAll(expected, paths, paths + ReplaceAll(inactive, "=Y", "=N"));
-  EXPECT_EQ(page(), ReplaceAll(expected, "Exists: Y", "Exists: N"));
+  const std::string inactive = paths + "Inactive: GotPaths=N, GetPathsError=N<br><br>";
+  EXPECT_EQ(page(), ReplaceAll(ReplaceAll(expected, "Exists: Y", "Exists: N"), paths, inactive));
   FHasGuardian = false;
-  for (const auto& part : {daemon, paths, ReplaceAll(inactive, "=Y", "=N"), logs}) {
-    expected = ReplaceAll(expected, part, "");
-  }
+  for (const auto& part : {daemon, paths, logs}) expected = ReplaceAll(expected, part, "");
   EXPECT_EQ(page(), expected);
 }
 
 // Two at a time were written in the same nanosecond.
 TEST_F(StatusPagesTest, ListsLogFilesNewestFirstByALinkThatLeadsToIt) {
   std::filesystem::create_directories(FFolder.Path("logs/folder.log"));
-  Settings().LogDirectory.Set(FFolder.Path("logs"));
+  std::filesystem::create_symlink("logs", FFolder.Path("linked"));
+  Settings().LogDirectory.Set(FFolder.Path("linked"));
   const std::vector<std::string> names = {
       "plain.log",       "with blank.log", "apostrophe'.log", "quote\".log",      "%41.log",
       "100%.log",        "a<b>c.log",      "amp&amp;.log",    "&#65;.log",        "a+b.log",
@@ -241,31 +227,107 @@ TEST_F(StatusPagesTest, ListsLogFilesNewestFirstByALinkThatLeadsToIt) {
     EXPECT_EQ(Streamed("/" + LinkDecode(piece)), "content of " + names[--left]);
   }
   EXPECT_EQ(left, 0U);
+  std::filesystem::create_symlink("folder.log/deep.log", FFolder.Path("logs/inside.log"));
+  FFolder.Write("logs/folder.log/deep.log", "deep");
+  EXPECT_EQ(Streamed("/vellumark_logs/inside.log"), "deep");
 }
 
-TEST_F(StatusPagesTest, NeverLeavesTheLogFolder) {
-  for (const char* folder : {"logs2", "logs/inner"}) {
-    std::filesystem::create_directories(FFolder.Path(folder));
+constexpr std::size_t kLimit = 131'072;
+
+class ActivityLogTest : public testing::Test {
+ protected:
+  std::string Entry(const std::string& text) const {
+    return "<br>" + DateTimeToStr(FClock.Now()) + text;
   }
-  for (const char* name :
-       {"secret.log", "logs2/other.log", "logs/good.log", "logs/inner/deep.log"}) {
-    FFolder.Write(name, name);
-  }
-  std::filesystem::create_symlink("../secret.log", FFolder.Path("logs/link.log"));
-  std::filesystem::create_symlink("good.log", FFolder.Path("logs/inside.log"));
-  std::filesystem::create_symlink("logs", FFolder.Path("linked"));
-  ASSERT_EQ(::mkfifo(FFolder.Path("logs/pipe.log").c_str(), 0600), 0);
-  for (const char* const folder : {"logs", "logs/", "linked"}) {
-    Settings().LogDirectory.Set(FFolder.Path(folder));
-    EXPECT_EQ(Streamed("/vellumark_logs/good.log"), "logs/good.log");
-    EXPECT_EQ(Streamed("/vellumark_logs/inside.log"), "logs/good.log");
-    EXPECT_EQ(Streamed("/vellumark_logs/inner/deep.log"), "logs/inner/deep.log");
-    for (const std::string path :
-         {"/../secret.log", "/link.log", "2/other.log", "/&#46;&#46;/secret.log", "", "/",
-          "/pipe.log", "/missing.log", "/inner", "//etc/passwd", "/../logs2/other.log"}) {
-      EXPECT_THAT(Streamed("/vellumark_logs" + path), StartsWith(kHead + "EXCPTION: "));
+
+  TFakeClock FClock;
+  std::vector<std::string> FSystemLog;
+  TActivityLog FLog{
+      [this](std::string_view message, TSystemLogKind kind) {
+        FSystemLog.push_back(std::to_string(static_cast<int>(kind)) + " " + std::string(message));
+      },
+      FClock};
+};
+
+TEST_F(ActivityLogTest, WritesEachKindInItsForm) {
+  TDateTime errorAt = 0;
+  TDateTime warningAt = 0;
+  FLog.AddErrorEntry(1, 16, "bad", errorAt);
+  FLog.AddWarningEntry(5, 2, "odd", warningAt);
+  FLog.AddInfoEntry(1, 16, "fine <&>");
+  FLog.AddDetailEntry("<i>detail");
+  const std::string entries =
+      Entry("  ERROR: bad") + Entry("  WARNING: odd") + Entry("  INFO: fine &lt;&amp;&gt;");
+  EXPECT_EQ(*FLog.ShortLog(), entries);
+  EXPECT_EQ(*FLog.DetailedLog(), entries + "<br><i>detail");
+  // Errors and warnings once in ten minutes of steady time, the rest always.
+  FClock.SetWall(FClock.Now() + 1);
+  FClock.Advance(milliseconds(600'000));
+  FLog.AddErrorEntry(1, 16, "again", errorAt);
+  FLog.AddInfoEntry(1, 16, "again");
+  FClock.Advance(milliseconds(1));
+  FLog.AddWarningEntry(5, 2, "more", errorAt);
+  FLog.AddErrorEntry(1, 16, "no more", errorAt);
+  FLog.AddErrorEntry(1, 16, "other", warningAt);
+  EXPECT_THAT(FSystemLog,
+              ElementsAre("1 bad", "2 odd", "4 fine <&>", "4 again", "2 more", "1 other"));
+}
+
+// Short entries, entries that end below, at and above the limit, and details with many breaks.
+TEST_F(ActivityLogTest, DropsWholeEntriesFromTheStart) {
+  std::mt19937 random(20'261'121);  // NOLINT(cert-msc51-cpp): the same steps in each run
+  std::string shortLog;
+  std::string detailedLog;
+  const auto add = [](std::string& log, const std::string& entry) {
+    log += entry;
+    while (log.size() > kLimit) {
+      const std::size_t entryEnd = log.find("<br>");
+      log.erase(0, entryEnd == std::string::npos ? 3 : entryEnd + 4);
     }
-    EXPECT_FALSE(Answer(std::string("/vellumark_logs/good.log\0.txt", 29)).File);
+  };
+  for (int step = 0; step < 400; ++step) {
+    std::string text(random() % 3 == 0 ? random() % 9000 : random() % 30, 'x');
+    const std::size_t used = detailedLog.size() + 4;
+    if (random() % 8 == 0 && used + 1 < kLimit) text.assign(kLimit - used - 1 + random() % 3, 'y');
+    if (random() % 40 == 0) text.assign(kLimit - 10 + random() % 20, 'z');
+    if (random() % 4 == 0) text.insert(text.size() / 2, "<br><br>");
+    if (random() % 2 == 0) {
+      FLog.AddDetailEntry(text);
+      add(detailedLog, "<br>" + text);
+    } else {
+      FLog.AddInfoEntry(1, 1, text);
+      for (auto* log : {&shortLog, &detailedLog}) add(*log, Entry("  INFO: ") + HtmlEscape(text));
+    }
+    ASSERT_TRUE(*FLog.ShortLog() == shortLog && *FLog.DetailedLog() == detailedLog) << step;
+  }
+}
+
+TEST_F(ActivityLogTest, LosesNoEntryOfSeveralThreads) {
+  TCrew(2, [&](int) {
+    for (int i = 0; i < 4000; ++i) FLog.AddDetailEntry("x");
+  }).Join();
+  EXPECT_EQ(FLog.DetailedLog()->size(), 2 * 4000 * 5);
+}
+
+TEST(WebStatusServerTest, TakesTheFirstFreePortFrom8900To8000) {
+  using TPorts = std::pair<std::uint16_t, std::uint16_t>;
+  for (const auto& [lastTaken, port] :
+       {TPorts(8901, 8900), TPorts(8899, 8898), TPorts(8001, 8000), TPorts(8000, 0)}) {
+    SCOPED_TRACE(lastTaken);
+    std::vector<TFileDescriptor> holders;
+    for (std::uint16_t taken = 8900; taken >= lastTaken; --taken) {
+      holders.push_back(ListenOnLoopback(taken));
+    }
+    testing::internal::CaptureStdout();
+    TWebStatusServer server({});
+    server.StartServer();
+    const std::string output = testing::internal::GetCapturedStdout();
+    const std::string active = "Web Status Server Active on Port " + std::to_string(port) + "\n";
+    EXPECT_THAT(output, StartsWith(port ? active : "Web Status Server Cannot Start: "));
+    EXPECT_EQ(output.find("in use") != std::string::npos, port == 0);
+    if (port == 0) continue;
+    EXPECT_EQ(TRawClient(port).Get("/status.php").Body,
+              "Guardian running and accessible via port " + std::to_string(port) + ". ");
   }
 }
 
