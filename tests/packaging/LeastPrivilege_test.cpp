@@ -1,5 +1,3 @@
-#include <unistd.h>
-
 #include "system/GuardianFixture.h"
 
 namespace guardian {
@@ -18,16 +16,14 @@ class LeastPrivilegeTest : public GuardianSystemTest {
     const std::string folder = FInstallation.Folder().Path();
     const auto give = FInstallation.Run({"/usr/bin/chown", "-R", std::to_string(kUser), folder});
     ASSERT_EQ(give->Wait(), 0);
+    ASSERT_EQ(::setresgid(kUser, kUser, kUser), 0);
     Become(kUser);
   }
   void TearDown() override {
     if (!IsSkipped()) Become(0);
   }
   // Keeps the way back to root, which a program that is started has not.
-  static void Become(uid_t user) {
-    ASSERT_EQ(::setresgid(user, user, 0), 0);
-    ASSERT_EQ(::setresuid(user, user, 0), 0);
-  }
+  static void Become(uid_t user) { ASSERT_EQ(::setresuid(user, user, 0), 0); }
 };
 
 TEST_F(LeastPrivilegeTest, SupervisesAsTheOrdinaryUserWhoOwnsTheDaemon) {
@@ -35,37 +31,29 @@ TEST_F(LeastPrivilegeTest, SupervisesAsTheOrdinaryUserWhoOwnsTheDaemon) {
   ExpectOnPage("Running as user ID: " + std::to_string(kUser));
   ExpectOnPage("MutexOK=Y, PipeStatusOK=Y, ServiceOK=Y");
   const pid_t ordered = FInstallation.DaemonPid();
-  EXPECT_NE(Page("killdaemon.php"), "");
+  Page("killdaemon.php");
   ExpectAnotherDaemon(ordered);
-  EXPECT_THAT(Page("vellumark_logs/daemon.log"), testing::HasSubstr("Started"));
   Page("terminateguardian.php");
   ExpectEnded();
 }
 
 TEST_F(LeastPrivilegeTest, SaysWhatItMayNotDo) {
-  struct TRefusal {
-    bool DaemonRuns;
-    const char* Locked;
-    const char* Page;
-    std::string Message;
-  };
-  for (const TRefusal& refusal : {
-           TRefusal{true, "home/logs", "logfiles.php", "logs: Permission denied"},
-           {true, "home/mutex", "", "schedulermutex.lock: Permission denied"},
-           {false, "tmp", "", "Permission denied"},
-           {false, "bin/VellumarkCL", "",
-            " start, Result: /bin/sh: 1: " + FInstallation.DaemonPath() + ": Permission denied"},
+  for (const auto& [locked, page, message] : std::vector<std::array<std::string, 3>>{
+           {"home/logs", "logfiles.php", "logs: Permission denied"},
+           {"home/mutex", "", "schedulermutex.lock: Permission denied"},
+           {"tmp", "", "Permission denied"},
+           {"bin/VellumarkCL", "", "bin/VellumarkCL: Permission denied"},
        }) {
-    SCOPED_TRACE(refusal.Locked);
-    const std::string path = FInstallation.Folder().Path(refusal.Locked);
-    if (refusal.DaemonRuns) StartDaemon();
+    SCOPED_TRACE(locked);
+    const std::string path = FInstallation.Folder().Path(locked);
+    StartDaemon();
     ASSERT_EQ(::chmod(path.c_str(), 0), 0);
     StartGuardian();
-    ExpectOnPage(refusal.Message, refusal.Page);
+    ExpectOnPage(message, page);
     Page("terminateguardian.php");
     EXPECT_EQ(FGuardian->Wait(), 0);
     ASSERT_EQ(::chmod(path.c_str(), 0700), 0);
-    EXPECT_EQ(FInstallation.KillDaemon(), refusal.DaemonRuns);
+    EXPECT_TRUE(FInstallation.KillDaemon());
   }
 }
 
@@ -76,12 +64,9 @@ TEST_F(LeastPrivilegeTest, SaysThatADaemonOfSomebodyElseCannotBeSignalled) {
   StartGuardian();
   const std::string others = std::to_string(FInstallation.DaemonPid());
   ExpectOnPage("PID=" + others);
-  for (const auto& [page, command] : {std::pair{"terminatedaemon.php", "kill " + others},
-                                      {"killdaemon.php", "kill -9 " + others}}) {
-    EXPECT_NE(Page(page), "");
-    ExpectOnPage("Executed " + command + ", Result: /bin/sh: 1: kill: Operation not permitted");
-  }
-  EXPECT_EQ(std::to_string(FInstallation.DaemonPid()), others);
+  Page("killdaemon.php");
+  ExpectOnPage("Executed kill -9 " + others +
+               ", Result: /bin/sh: 1: kill: Operation not permitted");
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 # shellcheck shell=bash
 set -euo pipefail
 
-check="$(basename "$0")"
 folder="$(mktemp -d "${TMPDIR:-/tmp}/guardian-check.XXXXXX")"
 guardian_pid=""
 # The stand-in's state lies in the folder "home".
@@ -10,13 +9,13 @@ export VELLUMARKCL_HOME="$folder/home" TMPDIR="$folder/tmp"
 mkdir "$VELLUMARKCL_HOME" "$TMPDIR"
 
 fail() {
-  echo "$check: $1" >&2
+  echo "$1" >&2
   exit 1
 }
 
 # CTest shows it as skipped.
 skip() {
-  echo "$check: skipped: $1"
+  echo "skipped: $1"
   exit 77
 }
 
@@ -27,8 +26,7 @@ expect() { [[ "$2" == "$3" ]] || fail "$1: expected"$'\n'"$2"$'\n'"and found"$'\
 
 # await COMMAND...: whether the command succeeds within 30 seconds.
 await() {
-  local tries
-  for ((tries = 300; tries > 0; --tries)); do
+  for _ in {1..300}; do
     ! "$@" || return 0
     sleep 0.1
   done
@@ -55,12 +53,6 @@ expect_contents() {
   expect "files" "$1" "$(tar -tv --numeric-owner | awk '!/^d/ { print $1, $2, $NF }' | LC_ALL=C sort -k 3)"
 }
 
-# Reports of exceptions name functions; what a debugger needs besides would make the file thrice as big.
-expect_function_names() {
-  [[ "$(nm --demangle "$1")" == *" guardian::TGuardianService::"* ]] || fail "$1 names no functions"
-  [[ "$(readelf --sections --wide "$1")" != *" .debug_info "* ]] || fail "$1 holds debug information"
-}
-
 daemon_pid() { cat "$VELLUMARKCL_HOME/daemon.pid" 2>/dev/null || true; }
 daemon_runs() { [[ "$(daemon_pid)" != "${1:-}" ]] && ! ended "$(daemon_pid)"; }
 ended() { ! kill -0 "$1" 2>/dev/null; }
@@ -80,18 +72,14 @@ end_everything() {
 trap end_everything EXIT
 trap 'exit 1' INT TERM HUP
 
-# supervises COMMAND...: the command, a Guardian with the stand-in for its daemon, starts that, brings
-# it back when it is killed, and ends when it is asked to.
+# supervises COMMAND...: the command, a Guardian with the stand-in for its daemon, starts that, and ends
+# when it is asked to.
 supervises() {
-  local before
   ! page_answers || fail "port 8900 is in use"
   "$@" >"$folder/output" 2>&1 &
   guardian_pid=$!
   await page_answers || fail "the Guardian does not answer: $(<"$folder/output")"
   expect_daemon
-  before="$(daemon_pid)"
-  kill -KILL "$before"
-  expect_daemon "$before"
   expect "answer to stop" $'Stopping Guardian Service.\nGuardian stopped.' "$("$@" stop)"
   wait "$guardian_pid" || fail "the Guardian ended with status $?: $(<"$folder/output")"
   guardian_pid=""
