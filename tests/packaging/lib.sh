@@ -35,6 +35,7 @@ await() {
 
 # page NAME: the whole answer, its head too; nothing when nobody answers.
 page() {
+  # shellcheck disable=SC2016
   timeout 10 bash -c 'exec 3<>/dev/tcp/127.0.0.1/8900
     printf "GET /%s HTTP/1.0\r\nHost: localhost\r\n\r\n" "$1" >&3
     cat <&3' page "$1" 2>/dev/null || true
@@ -58,6 +59,7 @@ daemon_runs() { [[ "$(daemon_pid)" != "${1:-}" ]] && ! ended "$(daemon_pid)"; }
 ended() { ! kill -0 "$1" 2>/dev/null; }
 
 # expect_daemon [BEFORE]: a daemon runs, another than the one before.
+# shellcheck disable=SC2119,SC2120
 expect_daemon() { await daemon_runs "$@" || fail "no daemon was started: $(page "")"; }
 
 # end PID: kills the process, if there is one.
