@@ -122,7 +122,7 @@ STORIES = (
     Story("pipe mute", (order("mute-pipe"),), asked(1), Bound(3, SILENCE, NOTICE + 1)),
     Story("start refused", (order("start-fails"), KILL, wait(1, 4), call("mend")), restarted, DEAD),
     # A page's order is carried out after a second.
-    Story("killed by page", (lambda _: fetch("killdaemon.php"),), restarted, Bound(2, 1, STOP + START)),
+    Story("killed by page", (lambda _: fetch("killdaemon.php"),), restarted, Bound(2, 1, START)),
     # The output of a command is lost, and nothing else.
     Story("temporary directory full", (call("fill_temp"), hold(1, 3), KILL), restarted, DEAD),
     # No command can be run meanwhile.
