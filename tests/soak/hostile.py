@@ -36,10 +36,6 @@ async def flood(writer, _chance):
         await writer.drain()
 
 
-async def send_noise(writer, chance):
-    writer.write(chance.randbytes(chance.randrange(1, 5000)) + b"\r\n\r\n")
-
-
 # Asks again and again and takes no answer; its buffers fill up.
 async def never_read(writer, chance):
     writer.transport.pause_reading()
@@ -53,7 +49,7 @@ async def crowd(_writer, chance):
     await asyncio.sleep(chance.uniform(1, 5))
 
 
-SENT_AWAY = (drip, stall, flood, send_noise)  # By the server, in time.
+SENT_AWAY = (drip, stall, flood)  # By the server, in time.
 
 
 # One visit; returns what the server did wrong, or None.

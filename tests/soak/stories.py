@@ -42,10 +42,6 @@ def send(number):
     return lambda run: os.kill(run.pid, number)
 
 
-def click(page):
-    return lambda _: fetch(page)
-
-
 # So many rounds the same daemon goes on.
 def hold(least, most):
     return lambda run: run.hold(run.chance.uniform(least, most))
@@ -101,20 +97,16 @@ def refused(run, bound):
 
 KILL = send(signal.SIGKILL)
 DEAD = Bound(1, 0, START)
-ORDERED = Bound(2, 1, STOP + START)  # A page's order is carried out after a second.
 COMMANDS = NOTICE + STOP + START
 
 STORIES = (
     Story("killed", (KILL,), restarted, DEAD),
-    Story("crashed", (order("crash"),), restarted, Bound(1, 0, NOTICE + START)),
     # Told to stop, terminated thrice, killed, started.
     Story("hung", (send(signal.SIGSTOP),), restarted,
           Bound(1 + FAILURES + 5, PIPE_DEAD, STOP_REFUSED + START)),
     Story("mutex lost", (order("drop-mutex"),), restarted, Bound(FAILURES + 1, 0, COMMANDS)),
     Story("mutex lost, stop ignored", (order("drop-mutex", "ignore-stop"),), restarted,
           Bound(FAILURES + 2, 0, COMMANDS)),
-    Story("mutex lost, SIGTERM ignored", (order("drop-mutex", "ignore-term"),), restarted,
-          Bound(FAILURES + 5, 0, NOTICE + STOP_REFUSED + START)),
     # The Guardian's patience with the stop, and the time to end it.
     Story("mutex lost, stop hangs", (order("drop-mutex", "hang-stop"),), restarted,
           Bound(FAILURES + 2, 0, NOTICE + 20 + 2 + START)),
@@ -129,9 +121,8 @@ STORIES = (
     Story("garbage", (order("garbage"),), asked(1), Bound(3, SILENCE + PULSE_STILL, NOTICE + 2)),
     Story("pipe mute", (order("mute-pipe"),), asked(1), Bound(3, SILENCE, NOTICE + 1)),
     Story("start refused", (order("start-fails"), KILL, wait(1, 4), call("mend")), restarted, DEAD),
-    Story("stopped by page", (click("stopdaemon.php"),), restarted, ORDERED),
-    Story("terminated by page", (click("terminatedaemon.php"),), restarted, ORDERED),
-    Story("killed by page", (click("killdaemon.php"),), restarted, ORDERED),
+    # A page's order is carried out after a second.
+    Story("killed by page", (lambda _: fetch("killdaemon.php"),), restarted, Bound(2, 1, START)),
     # The output of a command is lost, and nothing else.
     Story("temporary directory full", (call("fill_temp"), hold(1, 3), KILL), restarted, DEAD),
     # No command can be run meanwhile.

@@ -1,7 +1,3 @@
-#include <signal.h>
-
-#include <string>
-
 #include "system/GuardianFixture.h"
 
 namespace guardian {

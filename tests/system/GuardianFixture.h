@@ -3,9 +3,6 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "common/Exceptions.h"
 #include "common/Texts.h"
@@ -26,9 +23,8 @@ class GuardianSystemTest : public testing::Test {
     const auto start = FInstallation.Run({FInstallation.DaemonPath(), "start"});
     ASSERT_EQ(start->Wait(), 0) << start->Output();
   }
-  void StartGuardian(std::vector<std::string> environment = {}) {
-    environment.emplace_back("FAST_GUARDIAN_FACTOR=20");
-    FGuardian = FInstallation.Run({FInstallation.GuardianPath()}, std::move(environment));
+  void StartGuardian() {
+    FGuardian = FInstallation.Run({FInstallation.GuardianPath()}, {"FAST_GUARDIAN_FACTOR=20"});
     ASSERT_TRUE(Eventually([] { return !Page("status.php").empty(); })) << FGuardian->Output();
   }
   // Starts both and waits until the Guardian finds nothing to complain of.
@@ -61,14 +57,6 @@ class GuardianSystemTest : public testing::Test {
     EXPECT_TRUE(Eventually([&] { return Contains(FInstallation.DaemonLog(), text); }, kHangLimit))
         << text << "\n"
         << Page("");
-  }
-  [[nodiscard]] std::size_t TimesACommandHung() const {
-    const std::string log = FInstallation.DaemonLog();
-    std::size_t count = 0;
-    for (const auto line : Split(log, '\n')) {
-      count += line.find(": A command hangs: ") == std::string_view::npos ? 0U : 1U;
-    }
-    return count;
   }
   void ExpectAnotherDaemon(pid_t before) const {
     EXPECT_TRUE(Eventually(

@@ -1,5 +1,3 @@
-#include <string>
-
 #include "system/GuardianFixture.h"
 
 namespace guardian {
