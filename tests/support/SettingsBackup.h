@@ -7,7 +7,7 @@ namespace guardian {
 // Gives Settings() back at its end as it found them.
 class TSettingsBackup {
  public:
-  TSettingsBackup() = default;
+  TSettingsBackup() {}
   ~TSettingsBackup() {
     TSettings& settings = Settings();
     settings.CommandLine = FCommandLine;
