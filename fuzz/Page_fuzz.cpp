@@ -140,7 +140,7 @@ TWatchdogReading ReadingFrom(std::string_view outside) {
   if (next() > 0) reading.CheckAgeSec = next() / 7.0;
   reading.Pid = outside;
   reading.Pulse = std::int64_t{next()} * next();
-  reading.PulseAgeSec = next() * 1e20;
+  reading.PulseAgeSec = next() / 3.0;
   reading.Rounds = next();
   reading.Restarts = next();
   reading.RestartAttempts = next();
