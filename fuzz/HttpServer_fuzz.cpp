@@ -37,7 +37,8 @@ THttpResponse Answer(const THttpRequest& request) {
   THttpResponse response;
   response.ContentType = "text/plain; path=" + request.Path;
   response.ContentDisposition = request.Method;
-  response.Body = request.Path + "?" + request.Query + " from " + request.SecFetchSite;
+  response.Body = request.Path + "?" + request.Query + " from " +
+                  std::string(request.Header("Sec-Fetch-Site").value_or(""));
   if (request.Path.starts_with("/status/")) response.Status = std::atoi(request.Path.c_str() + 8);
   if (request.Path == "/throw" && request.Method == "GET") throw KZException("as asked");
   if (request.Path == "/file") {
@@ -88,8 +89,17 @@ struct TAnswer {
 // Each header once, none that the server does not send by itself.
 void CheckHead(std::string_view head) {
   std::set<std::string_view> allowed = {
-      "Content-Type", "Content-Disposition", "Content-Length",         "Allow",
-      "Connection",   "Cache-Control",       "X-Content-Type-Options", "Content-Security-Policy",
+      "Content-Type",
+      "Content-Disposition",
+      "Content-Length",
+      "Allow",
+      "Connection",
+      "Cache-Control",
+      "X-Content-Type-Options",
+      "Content-Security-Policy",
+      "Date",
+      "Referrer-Policy",
+      "Cross-Origin-Resource-Policy",
   };
   head.remove_prefix(head.find("\r\n") + 2);
   while (!head.starts_with("\r\n")) {

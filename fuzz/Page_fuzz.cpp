@@ -189,11 +189,12 @@ class TPages {
     THttpRequest request;
     request.Method = FCase.IsHead ? "HEAD" : "GET";
     request.Path = path;
-    request.SecFetchSite = FCase.IsCrossSite ? "cross-site" : "";
+    if (FCase.IsCrossSite) request.Headers = {{"Sec-Fetch-Site", "cross-site"}};
     TPageSources sources;
     if (FCase.HasGuardian) sources.Guardian = &FGuardian;
     sources.TerminateGuardian = [this] { ++FGuardian.Deeds; };
     if (FCase.HasPort) sources.Port = 8900;
+    sources.Guard = &FGuard;
     return BuildPage(request, sources);
   }
 
@@ -202,6 +203,7 @@ class TPages {
 
  private:
   const TCase FCase;
+  const TRequestGuard FGuard{{}, {}, "secret"};
   TFakeGuardian FGuardian;
 };
 

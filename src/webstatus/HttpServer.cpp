@@ -1,33 +1,33 @@
 #include "webstatus/HttpServer.h"
 
+#include <fcntl.h>
+#include <linux/sockios.h>
+#include <malloc.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
+#include <array>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ip/v6_only.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/core/string.hpp>
-#include <boost/beast/http/basic_parser.hpp>
+#include <boost/beast/http/empty_body.hpp>
 #include <boost/beast/http/error.hpp>
-#include <boost/beast/http/status.hpp>
+#include <boost/beast/http/parser.hpp>
 #include <limits>
+#include <list>
 #include <optional>
-#include <string_view>
-#include <utility>
-#include <vector>
 
 #include "common/Console.h"
+#include "common/Event.h"
 #include "common/Exceptions.h"
-#include "common/Mutex.h"
-#include "common/Texts.h"
+#include "common/NeverDestroyed.h"
 #include "common/Thread.h"
-#include "webstatus/HttpConnections.h"
-#include "webstatus/HttpListener.h"
 
 namespace guardian {
 namespace {
@@ -38,171 +38,158 @@ using tcp = asio::ip::tcp;
 using TErrorCode = boost::system::error_code;
 
 constexpr std::size_t kReadBytes = 2048;
-constexpr std::size_t kKeptBufferBytes = 8192;  // An idle connection keeps at most this much.
+constexpr std::size_t kKeptBufferBytes = 8192;  // What an idle connection may keep of its buffer.
 constexpr std::size_t kFileChunkBytes = 65'536;
+constexpr int kKernelSendBytes = 65'536;  // The kernel doubles it.
 constexpr std::size_t kMaxDrainBytes = 1'048'576;
-constexpr int kAcceptsPerTurn = 16;
-constexpr std::chrono::milliseconds kAcceptPause{100};
-constexpr std::size_t kPoolStackBytes = 1'048'576;
-
-// Parses a request and keeps only what the server needs of it.
-class TRequestParser final : public http::basic_parser<true> {
- public:
-  // The server counts the header's bytes itself: the parser would limit single lines only.
-  TRequestParser() {
-    header_limit(std::numeric_limits<std::uint32_t>::max());
-    body_limit(boost::none);
-  }
-
-  std::string Method;
-  std::string Target;
-  std::string SecFetchSite;
-
- private:
-  using TView = boost::beast::string_view;
-
-  void on_request_impl(http::verb, TView method, TView target, int, TErrorCode&) override {
-    Method.assign(method.data(), method.size());
-    Target.assign(target.data(), target.size());
-  }
-  void on_field_impl(http::field, TView name, TView value, TErrorCode&) override {
-    if (boost::beast::iequals(name, "Sec-Fetch-Site")) {
-      SecFetchSite.assign(value.data(), value.size());
-    }
-  }
-  // The base class demands these; the server does not use them.
-  void on_response_impl(int, TView, int, TErrorCode&) override {}
-  void on_header_impl(TErrorCode&) override {}
-  void on_body_init_impl(const boost::optional<std::uint64_t>&, TErrorCode&) override {}
-  std::size_t on_body_impl(TView body, TErrorCode&) override { return body.size(); }
-  void on_chunk_header_impl(std::uint64_t, TView, TErrorCode&) override {}
-  std::size_t on_chunk_body_impl(std::uint64_t, TView body, TErrorCode&) override {
-    return body.size();
-  }
-  void on_finish_impl(TErrorCode&) override {}
-};
-
-// "http://host/path" means the same as "/path".
-std::string_view WithoutAuthority(std::string_view target) {
-  constexpr std::string_view kScheme = "http://";
-  if (!boost::beast::iequals({target.data(), std::min(target.size(), kScheme.size())},
-                             {kScheme.data(), kScheme.size()})) {
-    return target;
-  }
-  target.remove_prefix(kScheme.size());
-  return target.substr(std::min(target.find_first_of("/?"), target.size()));
-}
-
-THttpRequest MakeRequest(TRequestParser& parser) {
-  const std::string_view target = WithoutAuthority(parser.Target);
-  const std::size_t mark = std::min(target.find('?'), target.size());
-  return {std::move(parser.Method), LinkDecode(target.substr(0, mark)),
-          std::string(target.substr(std::min(mark + 1, target.size()))),
-          std::move(parser.SecFetchSite)};
-}
-
-THttpResponse PlainResponse(int status) {
-  THttpResponse response;
-  response.Status = status;
-  response.ContentType = "text/plain";
-  const auto reason = http::obsolete_reason(static_cast<http::status>(status));
-  response.Body.assign(reason.data(), reason.size()).append("\n");
-  return response;
-}
-
-std::uint64_t LengthOf(const THttpResponse& response) {
-  if (response.File) return response.FileSize;
-  std::uint64_t length = response.Body.size();
-  for (const auto& text : response.Tail) length += text->size();
-  return length;
-}
-
-bool HasBody(int status) { return status != 204 && status != 304; }
-
-// Control characters are replaced: a line end in a value would begin a forged header.
-void AppendHeader(std::string& head, std::string_view name, std::string_view value) {
-  head.append(name).append(": ");
-  for (const char c : value) {
-    const bool isControl = static_cast<unsigned char>(c) < ' ' || c == '\x7f';
-    head.push_back(isControl ? '_' : c);
-  }
-  head.append("\r\n");
-}
-
-void FormatHead(std::string& head, const THttpResponse& response, std::uint64_t length,
-                bool keepAlive) {
-  const auto reason = http::obsolete_reason(static_cast<http::status>(response.Status));
-  head.assign("HTTP/1.1 ").append(std::to_string(response.Status)).append(" ");
-  head.append(reason.data(), reason.size()).append("\r\n");
-  AppendHeader(head, "Content-Type", response.ContentType);
-  AppendHeader(head, "Content-Disposition", response.ContentDisposition);
-  if (HasBody(response.Status)) AppendHeader(head, "Content-Length", std::to_string(length));
-  if (response.Status == 405) AppendHeader(head, "Allow", "GET, HEAD");
-  head.append(keepAlive ? "Connection: keep-alive\r\n" : "Connection: close\r\n");
-  head.append(
-      "Cache-Control: no-store\r\n"
-      "X-Content-Type-Options: nosniff\r\n"
-      "Content-Security-Policy: default-src 'none'; style-src 'unsafe-inline'; "
-      "frame-ancestors 'none'; base-uri 'none'; form-action 'none'\r\n"
-      "\r\n");
-}
-
-// What a connection uses of its server.
-struct TSurroundings {
-  const THttpServer::THandler& Handler;
-  const THttpServerOptions& Options;
-  TClock& Clock;
-  THttpConnections& Connections;
-
-  [[nodiscard]] std::int64_t In(std::chrono::milliseconds duration) const {
-    return Clock.TickCount() + duration.count();
-  }
-};
+constexpr std::chrono::milliseconds kPause{100};
+constexpr std::size_t kStackBytes = 1'048'576;
+constexpr std::size_t kBlockingThreads = 2;
+constexpr std::size_t kFewConnections = 8;
 
 void Report(const THttpServerOptions& options, std::exception_ptr error) noexcept {
   try {
     if (options.OnError) return options.OnError(std::move(error));
     std::rethrow_exception(std::move(error));
   } catch (...) {
-    // This also reports what the callback itself throws.
+    // Also what the callback itself throws: there is nobody else left to be told.
     DebugOutput("HTTP server: " + CurrentExceptionMessage());
   }
 }
 
-// One accepted socket and its requests, one after the other.
-// Owner: the one pending operation. When no further operation is started, the connection is freed;
-// only then is its socket closed.
-// Threads: the operations form a chain, so one pool thread at a time works on the connection. Any
-// thread may call ShutDown.
-// Lifetime: the surroundings and the io_context outlive it.
-class TConnection final : public THttpConnection, public std::enable_shared_from_this<TConnection> {
+// Runs the handlers of an io_context until that is stopped. What escapes a connection's handlers
+// has already ended the connection.
+class TIoThread final : public TThread {
  public:
-  TConnection(const TSurroundings& surroundings, tcp::socket socket)
-      : FSurroundings(surroundings),
-        FSocket(std::move(socket)),
-        FDescriptor(FSocket.native_handle()) {}
-
-  ~TConnection() override {
-    if (FTicket) FSurroundings.Connections.Remove(*FTicket);
+  TIoThread(std::string name, asio::io_context& io, const THttpServerOptions& options)
+      : TThread(std::move(name), kStackBytes), FIo(io), FOptions(options) {
+    Start();
   }
-
-  void Start() {
-    FTicket = FSurroundings.Connections.Add(weak_from_this(),
-                                            FSurroundings.In(FSurroundings.Options.HeaderTimeout));
-    FParser.emplace();
-    Read();
-  }
-
-  void ShutDown(THttpShutdown how) noexcept override {
-    if (how == THttpShutdown::Reset) {
-      const linger atOnce{1, 0};
-      ::setsockopt(FDescriptor, SOL_SOCKET, SO_LINGER, &atOnce, sizeof(atOnce));
-    }
-    ::shutdown(FDescriptor, SHUT_RDWR);
-  }
+  ~TIoThread() override { Join(); }
 
  private:
-  enum class TBody { Sent, LeftOut };
+  void Execute() override {
+    while (!FIo.stopped()) {
+      try {
+        FIo.run();
+      } catch (...) {
+        Report(FOptions, std::current_exception());
+      }
+    }
+  }
+  void OnTerminate() override { FIo.stop(); }
+
+  asio::io_context& FIo;
+  const THttpServerOptions& FOptions;
+};
+
+// As a text that is the same for one machine, and whether that is this one.
+struct TPeer {
+  explicit TPeer(asio::ip::address address) {
+    if (address.is_v6() && address.to_v6().is_v4_mapped()) {
+      address = asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6());
+    }
+    Address = address;
+    IsLocal = address.is_loopback();
+  }
+
+  asio::ip::address Address;
+  bool IsLocal = false;
+};
+
+}  // namespace
+
+// The server from one Activate to the next Deactivate.
+// Owner: THttpServer.
+// Threads: the constructor, Start, Stop and the destructor by the owner; all else, the connections
+// included, by the one thread of FIo, but for the blocking calls.
+// Lifetime: never freed when Stop has said so.
+class THttpRun {
+ public:
+  THttpRun(THttpServer::THandler handler, THttpServerOptions options, TClock& clock,
+           std::uint16_t port);
+  ~THttpRun() = default;
+  THttpRun(const THttpRun&) = delete;
+  THttpRun& operator=(const THttpRun&) = delete;
+
+  [[nodiscard]] std::uint16_t Port() const { return FPort; }
+  void Start();
+  // Returns false when a blocking call stands still, which uses this object until its end.
+  [[nodiscard]] bool Stop();
+
+ private:
+  friend class TConnection;
+
+  struct TListener {
+    explicit TListener(asio::io_context& io) : Acceptor(io), Pause(io) {}
+    tcp::acceptor Acceptor;
+    asio::steady_timer Pause;
+    bool Failing = false;
+  };
+  enum class TRoom { Free, Later, Refused };
+
+  void Listen(const asio::ip::address& address, bool both);
+  void ListenOnAll();
+  void Accept(TListener& listener);
+  void AcceptAfterFailure(TListener& listener, const TErrorCode& error);
+  void Welcome(TListener& listener, tcp::socket socket);
+  [[nodiscard]] TRoom MakeRoom(const TPeer& peer);
+  [[nodiscard]] class TConnection* LongestBusy(const TPeer& newcomer);
+  void Sweep();
+  void CloseAll();
+  void BusyEnded();
+
+  // Repeats a step without which the server would stand still until there is memory for it.
+  template <typename TStep>
+  void Persist(const TStep& step);
+
+  [[nodiscard]] std::int64_t In(std::chrono::milliseconds duration) const {
+    return FClock.TickCount() + duration.count();
+  }
+  [[nodiscard]] bool BlockingCallsStandStill() const;
+
+  const THttpServer::THandler FHandler;
+  const THttpServerOptions FOptions;
+  TClock& FClock;
+  std::uint16_t FPort;
+  std::list<class TConnection*> FConnections;  // Those that are open, the longest idle first.
+  std::size_t FBusy = 0;
+  bool FStopping = false;
+  bool FGrown = false;  // A connection has held much memory.
+  TKZEvent FNoneBusy{"HTTPServerNoneBusy", TEventReset::Manual};
+  // Since when each blocking call under way has run; 0 while its place is free. Atomics: written by
+  // the blocking threads.
+  std::array<std::atomic<std::int64_t>, kBlockingThreads> FBlockedSince{};
+  asio::io_context FIo{1};
+  asio::io_context FBlockingIo;
+  asio::executor_work_guard<asio::io_context::executor_type> FWork{FIo.get_executor()};
+  asio::executor_work_guard<asio::io_context::executor_type> FBlockingWork{
+      FBlockingIo.get_executor()};
+  std::list<TListener> FListeners;
+  asio::steady_timer FSweepTimer{FIo};
+  std::vector<std::unique_ptr<TIoThread>> FBlockingThreads;
+  std::unique_ptr<TIoThread> FThread;
+};
+
+// One accepted socket and its requests, one after the other. It is idle while it waits for a
+// request, receives one or takes its leave, and busy while that is answered.
+// Owner: the one operation that is pending; when none is started any more, the connection goes.
+// Threads: the run's. Lifetime: the run outlives it.
+class TConnection final : public std::enable_shared_from_this<TConnection> {
+ public:
+  TConnection(THttpRun& run, const TPeer& peer, tcp::socket socket)
+      : FRun(run), FPeer(peer), FSocket(std::move(socket)) {
+    FPlace = FRun.FConnections.insert(FRun.FConnections.end(), this);
+    FParser.emplace();
+    BecomeIdle(FRun.FOptions.HeaderTimeout);
+  }
+
+  ~TConnection() {
+    NoteGrowth();
+    Close(asio::socket_base::linger(false, 0));
+  }
+  TConnection(const TConnection&) = delete;
+  TConnection& operator=(const TConnection&) = delete;
 
   void Read() {
     FSocket.async_read_some(FInput.prepare(kReadBytes),
@@ -213,108 +200,157 @@ class TConnection final : public THttpConnection, public std::enable_shared_from
                             });
   }
 
+  [[nodiscard]] const TPeer& Peer() const { return FPeer; }
+  [[nodiscard]] std::optional<std::int64_t> BusySince() const { return FBusySince; }
+
+  // Ends the connection, so that its pending operation wakes up and lets it go. What was written
+  // and not taken is thrown away when it is busy.
+  void Close() { Close(asio::socket_base::linger(FBusySince.has_value(), 0)); }
+
+  // An idle connection has until its deadline; a busy one WriteTimeout from when its peer last took
+  // something.
+  [[nodiscard]] bool IsTooSlow(std::int64_t now) {
+    int queued = 0;
+    if (FBusySince && ::ioctl(FSocket.native_handle(), SIOCOUTQ, &queued) == 0) {
+      const std::uint64_t taken = FWritten - static_cast<std::uint64_t>(queued);
+      if (taken != std::exchange(FTaken, taken)) {
+        FDeadline = now + FRun.FOptions.WriteTimeout.count();
+      }
+    }
+    return now >= FDeadline;
+  }
+
+ private:
+  // Limits of bodies and of single lines would only be in the way.
+  struct TParser : http::request_parser<http::empty_body> {
+    TParser() {
+      header_limit(std::numeric_limits<std::uint32_t>::max());
+      body_limit(boost::none);
+    }
+  };
+
+  void BecomeIdle(std::chrono::milliseconds time) {
+    FDeadline = FRun.In(time);
+    if (FPlace) FRun.FConnections.splice(FRun.FConnections.end(), FRun.FConnections, *FPlace);
+    if (std::exchange(FBusySince, std::nullopt)) FRun.BusyEnded();
+  }
+
+  void BecomeBusy() {
+    FBusySince = FRun.In({});
+    FDeadline = FRun.In(FRun.FOptions.WriteTimeout);
+    ++FRun.FBusy;
+  }
+
+  void Close(const asio::socket_base::linger& linger) {
+    TErrorCode ignored;
+    if (FSocket.is_open()) FSocket.set_option(linger, ignored);
+    FSocket.close(ignored);
+    if (FPlace) FRun.FConnections.erase(*FPlace);
+    FPlace.reset();
+    if (std::exchange(FBusySince, std::nullopt)) FRun.BusyEnded();
+  }
+
+  // The parser's own limit is one on single lines, so the header's bytes are counted here.
   void Parse() {
     TErrorCode error;
     const std::size_t used = FParser->put(FInput.data(), error);
     FInput.consume(used);
     FHeaderBytes += used;
-    const std::size_t limit = FSurroundings.Options.MaxHeaderBytes;
-    if (error == http::error::need_more) {
-      return FHeaderBytes + FInput.size() < limit ? Read() : Answer(PlainResponse(431));
-    }
-    if (error) return Answer(PlainResponse(400));
-    if (FHeaderBytes > limit) return Answer(PlainResponse(431));
+    const std::size_t limit = FRun.FOptions.MaxHeaderBytes;
+    if (error == http::error::need_more && FHeaderBytes + FInput.size() < limit) return Read();
+    BecomeBusy();
+    if (error == http::error::need_more || (!error && FHeaderBytes > limit)) return Refuse(431);
+    if (error || IsAmbiguous()) return Refuse(400);
     AnswerRequest();
   }
 
-  // After a request with a body the connection is closed, so that the body is never taken for the
+  // Two readers of the same bytes could take them for different requests.
+  [[nodiscard]] bool IsAmbiguous() const {
+    const auto& fields = FParser->get();
+    return fields.count(http::field::host) > 1 ||
+           (fields.count(http::field::transfer_encoding) > 0 && !FParser->chunked());
+  }
+
+  // A request with a body is answered and then closed on, so that its body is never taken for the
   // next request.
   void AnswerRequest() {
-    if (!FSurroundings.Connections.StartAnswer(*FTicket)) return;
-    const THttpRequest request = MakeRequest(*FParser);
-    const bool isHead = request.Method == "HEAD";
-    if (!isHead && request.Method != "GET") return Send(PlainResponse(405), TBody::Sent);
+    const auto& message = FParser->get();
+    THttpRequest request =
+        RequestOf({message.method_string().data(), message.method_string().size()},
+                  {message.target().data(), message.target().size()});
+    if (request.Method != "GET" && request.Method != "HEAD") return Refuse(405);
+    for (const auto& field : message) {
+      request.Headers.emplace_back(field.name_string(), field.value());
+    }
     FKeepAlive = FParser->is_done() && FParser->keep_alive();
-    Send(CallHandler(request), isHead ? TBody::LeftOut : TBody::Sent);
+    FIsHead = request.Method == "HEAD";
+    const auto& mayBlock = FRun.FOptions.MayBlock;
+    if (!mayBlock || !mayBlock(request)) return Send(ResponseTo(request));
+    if (FRun.BlockingCallsStandStill()) return Refuse(503);
+    CallBlocking([this, request = std::move(request)] { return ResponseTo(request); },
+                 [this](THttpResponse response) { Send(std::move(response)); });
   }
 
-  // Sends the last answer of this connection.
-  void Answer(THttpResponse response) {
-    if (!FSurroundings.Connections.StartAnswer(*FTicket)) return;
-    Send(std::move(response), TBody::Sent);
+  // The last answer of this connection.
+  void Refuse(int status) {
+    FIsHead = false;
+    Send(PlainResponse(status));
   }
 
-  THttpResponse CallHandler(const THttpRequest& request) {
+  // Runs the call in a blocking thread, then the other here with its result. The connection is held
+  // meanwhile, and never let go in the blocking thread.
+  template <typename TCall, typename TThen>
+  void CallBlocking(TCall call, TThen then) {
+    asio::post(FRun.FBlockingIo, [self = shared_from_this(), &run = FRun, call = std::move(call),
+                                  then = std::move(then)]() mutable {
+      const std::int64_t now = run.In({});
+      // As many places as threads, so one is free.
+      auto& place = *std::find_if(run.FBlockedSince.begin(), run.FBlockedSince.end(),
+                                  [now](std::atomic<std::int64_t>& since) {
+                                    std::int64_t free = 0;
+                                    return since.compare_exchange_strong(free, now);
+                                  });
+      auto result = call();
+      place = 0;
+      asio::post(run.FIo, [self = std::move(self), then = std::move(then),
+                           result = std::move(result)]() mutable { then(std::move(result)); });
+    });
+  }
+
+  THttpResponse ResponseTo(const THttpRequest& request) const {
     try {
-      THttpResponse response = FSurroundings.Handler(request);
+      THttpResponse response = FRun.FHandler(request);
       if (response.Status >= 200 && response.Status <= 599) return response;
       throw KZException("HTTP status " + std::to_string(response.Status) + " of " + request.Path);
     } catch (...) {
-      Report(FSurroundings.Options, std::current_exception());
+      Report(FRun.FOptions, std::current_exception());
       return PlainResponse(500);
     }
   }
 
-  void Send(THttpResponse response, TBody body) {
+  void Send(THttpResponse response) {
     FResponse = std::move(response);
-    FormatHead(FHead, FResponse, LengthOf(FResponse), FKeepAlive);
-    if (body == TBody::LeftOut || !HasBody(FResponse.Status)) {
-      FResponse.Body.clear();
-      FResponse.Tail.clear();
+    FHead = HeadOf(FResponse, FRun.FOptions.ExtraHeaders, FRun.FClock.UtcNow(), FKeepAlive);
+    FOutput.assign({asio::buffer(FHead)});
+    if (FIsHead || !HasBody(FResponse.Status)) {
       FResponse.File.Close();
+    } else if (!FResponse.File) {
+      FOutput.push_back(asio::buffer(FResponse.Body));
+      for (const auto& text : FResponse.Tail) FOutput.push_back(asio::buffer(*text));
     }
-    FFileLeft = FResponse.File ? FResponse.FileSize : 0;
     FFileOffset = 0;
-    FOutput.assign({asio::buffer(FHead), asio::const_buffer()});
-    if (!FResponse.File) AddTextsToOutput();
-    FProgressed = true;
     Write();
   }
 
-  void AddTextsToOutput() {
-    FOutput[1] = asio::buffer(FResponse.Body);
-    for (const auto& text : FResponse.Tail) FOutput.push_back(asio::buffer(*text));
-  }
-
-  // Each piece is a task of its own in the pool, so that a long answer does not delay the others.
+  // One turn of the thread for each piece, so that a long answer does not keep others waiting.
   void Write() {
-    if (!FillOutputFromFile()) return;
-    TErrorCode error;
-    const std::size_t written = FSocket.write_some(FOutput, error);
-    if (error == asio::error::would_block) return WaitUntilWritable();
-    if (error) return;
-    FProgressed = true;
-    ConsumeOutput(written);
-    if (asio::buffer_size(FOutput) + FFileLeft == 0) return FinishAnswer();
-    asio::post(FSocket.get_executor(), [self = shared_from_this()] { self->Write(); });
-  }
-
-  void WaitUntilWritable() {
-    if (FProgressed) {
-      FSurroundings.Connections.SetDeadline(*FTicket,
-                                            FSurroundings.In(FSurroundings.Options.WriteTimeout));
-    }
-    FProgressed = false;
-    FSocket.async_wait(tcp::socket::wait_write,
-                       [self = shared_from_this()](const TErrorCode& error) {
-                         if (!error) self->Write();
-                       });
-  }
-
-  // False when the file is shorter than promised: the early end of the connection tells the client.
-  bool FillOutputFromFile() {
-    if (FFileLeft == 0 || FOutput[1].size() > 0) return true;
-    FChunk.resize(kFileChunkBytes);
-    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(FFileLeft, FChunk.size()));
-    const ssize_t got = RetryOnEintr([&] {
-      return ::pread(FResponse.File.Get(), FChunk.data(), wanted, static_cast<off_t>(FFileOffset));
-    });
-    if (got <= 0) return false;
-    const auto count = static_cast<std::size_t>(got);
-    FOutput[1] = asio::buffer(FChunk.data(), count);
-    FFileOffset += count;
-    FFileLeft -= count;
-    return true;
+    FSocket.async_write_some(
+        FOutput, [self = shared_from_this()](const TErrorCode& error, std::size_t written) {
+          if (error) return;
+          self->FWritten += written;
+          self->ConsumeOutput(written);
+          self->GoOn();
+        });
   }
 
   void ConsumeOutput(std::size_t written) {
@@ -325,33 +361,53 @@ class TConnection final : public THttpConnection, public std::enable_shared_from
     }
   }
 
+  void GoOn() {
+    if (asio::buffer_size(FOutput) > 0) return Write();
+    if (!FResponse.File || FFileOffset == FResponse.FileSize) return FinishAnswer();
+    if (FRun.BlockingCallsStandStill()) return;
+    FChunk.resize(std::min<std::uint64_t>(FResponse.FileSize - FFileOffset, kFileChunkBytes));
+    CallBlocking(
+        [this] {
+          return RetryOnEintr([this] {
+            return ::pread(FResponse.File.Get(), FChunk.data(), FChunk.size(),
+                           static_cast<off_t>(FFileOffset));
+          });
+        },
+        [this](ssize_t got) { WriteChunk(got); });
+  }
+
+  // A file that holds less than was promised ends the connection: the client learns it from the
+  // early end.
+  void WriteChunk(ssize_t got) {
+    if (got <= 0) return;
+    FFileOffset += static_cast<std::size_t>(got);
+    FOutput.assign({asio::buffer(FChunk.data(), static_cast<std::size_t>(got))});
+    Write();
+  }
+
   void FinishAnswer() {
-    ReleaseAnswer();
+    NoteGrowth();
+    FResponse = THttpResponse();
+    std::vector<char>().swap(FChunk);
+    if (FInput.capacity() > kKeptBufferBytes && FInput.size() < kReadBytes) FInput.shrink_to_fit();
     if (!FKeepAlive) return SayGoodbye();
-    const std::int64_t deadline = FSurroundings.In(FSurroundings.Options.HeaderTimeout);
-    if (!FSurroundings.Connections.FinishAnswer(*FTicket, deadline)) return;
+    if (FRun.FStopping) return;
+    BecomeIdle(FRun.FOptions.HeaderTimeout);
     FKeepAlive = false;
     FHeaderBytes = 0;
     FParser.emplace();
     if (FInput.size() == 0) return Read();
-    asio::post(FSocket.get_executor(), [self = shared_from_this()] { self->Parse(); });
+    asio::post(FRun.FIo, [self = shared_from_this()] {
+      if (self->FSocket.is_open()) self->Parse();
+    });
   }
 
-  // An idle connection keeps little memory and no file.
-  void ReleaseAnswer() {
-    FOutput.clear();
-    FResponse = THttpResponse();
-    std::vector<char>().swap(FChunk);
-    if (FInput.capacity() > kKeptBufferBytes && FInput.size() < kReadBytes) FInput.shrink_to_fit();
-  }
-
-  // Closing a socket with unread input would reset the connection, and the client might lose the
-  // answer. So the server reads and drops further input until the client closes too.
+  // To close while something is unread would reset the connection, and the client might lose the
+  // answer; so what it still sends is thrown away until it closes too.
   void SayGoodbye() {
     TErrorCode ignored;
     FSocket.shutdown(tcp::socket::shutdown_send, ignored);
-    const std::int64_t deadline = FSurroundings.In(FSurroundings.Options.CloseTimeout);
-    if (!FSurroundings.Connections.FinishAnswer(*FTicket, deadline)) return;
+    BecomeIdle(FRun.FOptions.CloseTimeout);
     FInput.clear();
     Drain();
   }
@@ -365,197 +421,228 @@ class TConnection final : public THttpConnection, public std::enable_shared_from
                             });
   }
 
-  const TSurroundings& FSurroundings;
+  void NoteGrowth() {
+    if (FInput.capacity() > kKeptBufferBytes || !FChunk.empty()) FRun.FGrown = true;
+  }
+
+  THttpRun& FRun;
+  const TPeer FPeer;
   tcp::socket FSocket;
-  const int FDescriptor;  // The number of FSocket, for ShutDown: FSocket belongs to the chain.
-  std::optional<THttpConnections::TTicket> FTicket;
+  std::optional<std::list<TConnection*>::iterator>
+      FPlace;  // In the run's list, until it is closed.
+  std::int64_t FDeadline = 0;
+  std::optional<std::int64_t> FBusySince;
+  std::uint64_t FWritten = 0;
+  std::uint64_t FTaken = 0;  // Of that by the peer, at the last look.
   boost::beast::flat_buffer FInput;
-  std::optional<TRequestParser> FParser;
-  std::size_t FHeaderBytes = 0;  // Parsed bytes of the current header.
+  std::optional<TParser> FParser;  // Made anew for each request.
+  std::size_t FHeaderBytes = 0;    // Of the current header, without what is still in FInput.
   bool FKeepAlive = false;
+  bool FIsHead = false;
   THttpResponse FResponse;
   std::string FHead;
-  // The unsent parts: the head, then the body or a chunk of the file, then the tail.
-  std::vector<asio::const_buffer> FOutput;
+  std::vector<asio::const_buffer> FOutput;  // What is left of the head and the texts, or of FChunk.
   std::vector<char> FChunk;
   std::uint64_t FFileOffset = 0;
-  std::uint64_t FFileLeft = 0;
-  bool FProgressed = false;  // Something was written since the deadline was last set.
   std::size_t FDrainedBytes = 0;
 };
 
-}  // namespace
-
-// The server from one Activate to the next Deactivate.
-// Owner: THttpServer.
-// Threads: as THttpServer. Each field without a lock belongs either to the chain of accepts or to
-// the chain of sweeps.
-// Lifetime: the destructor stops and joins everything.
-class THttpServer::TRun {
- public:
-  TRun(const THttpServer& server, std::uint16_t port)
-      : FSurroundings{server.FHandler, server.FOptions, server.FClock, FConnections},
-        FIo(static_cast<int>(server.FOptions.Threads)) {
-    OpenListener(port);
-    WaitForConnection();
-  }
-
-  ~TRun() {
-    CloseListener();
-    FConnections.Stop();
-    FConnections.WaitUntilNoneBusy(FSurroundings.Clock,
-                                   FSurroundings.In(FSurroundings.Options.StopGrace));
-    FConnections.SendAwayAll();
-    FIo.stop();
-    for (const auto& thread : FThreads) thread->Join();
-  }
-
-  TRun(const TRun&) = delete;
-  TRun& operator=(const TRun&) = delete;
-
-  [[nodiscard]] std::uint16_t Port() KZ_EXCLUDES(FListenerLock) {
-    const TMutexLock lock(FListenerLock);
-    return FListener.local_endpoint().port();
-  }
-
-  void StartThreads() {
-    const THttpServerOptions& options = FSurroundings.Options;
-    for (std::size_t i = 1; i <= options.Threads; ++i) {
-      FThreads.push_back(std::make_unique<TFunctionThread>(
-          options.ThreadName + " #" + std::to_string(i), [this] { RunPool(); }, kPoolStackBytes));
-      FThreads.back()->Start();
-    }
-  }
-
- private:
-  void OpenListener(std::uint16_t port) KZ_EXCLUDES(FListenerLock) {
-    THttpListener listener = ListenForHttp(port);
-    FProtocol = listener.IsIPv6 ? tcp::v6() : tcp::v4();
-    const TMutexLock lock(FListenerLock);
-    FListener.assign(FProtocol, listener.Socket.Get());
-    static_cast<void>(listener.Socket.Release());
-  }
-
-  void CloseListener() KZ_EXCLUDES(FListenerLock) {
-    const TMutexLock lock(FListenerLock);
-    TErrorCode ignored;
-    FListener.close(ignored);
-  }
-
-  // Ends only by FIo.stop(). An exception that arrives here has already ended the connection that
-  // threw it.
-  void RunPool() {
-    while (!FIo.stopped()) {
-      try {
-        FIo.run();
-      } catch (...) {
-        Report(FSurroundings.Options, std::current_exception());
-      }
-    }
-  }
-
-  // The sweep goes on while there are connections; without any the server sleeps.
-  void StartSweeping() {
-    if (!FSweeping.exchange(true)) Sweep();
-  }
-
-  void Sweep() {
-    FSweepTimer.expires_after(FSurroundings.Options.SweepInterval);
-    FSweepTimer.async_wait([this](const TErrorCode&) {
-      if (FConnections.IsEmpty()) return StopSweeping();
-      Sweep();
-      FConnections.SendAwayExpired(FSurroundings.Clock.TickCount());
-    });
-  }
-
-  void StopSweeping() {
-    FSweeping = false;
-    // A connection may have come meanwhile and have found FSweeping still set.
-    if (!FConnections.IsEmpty()) StartSweeping();
-  }
-
-  void WaitForConnection() KZ_EXCLUDES(FListenerLock) {
-    const TMutexLock lock(FListenerLock);
-    if (!FListener.is_open()) return;
-    FListener.async_wait(tcp::acceptor::wait_read, [this](const TErrorCode&) { AcceptSome(); });
-  }
-
-  void PauseAccepting() {
-    FAcceptPause.expires_after(kAcceptPause);
-    FAcceptPause.async_wait([this](const TErrorCode&) { AcceptSome(); });
-  }
-
-  void AcceptSome() {
-    TAfterAccept next = TAfterAccept::TryNext;
-    for (int i = 0; i < kAcceptsPerTurn && next == TAfterAccept::TryNext; ++i) next = AcceptOne();
-    if (next == TAfterAccept::Pause) return PauseAccepting();
-    WaitForConnection();
-  }
-
-  // Throws nothing: an exception would end the chain of accepts.
-  TAfterAccept AcceptOne() {
+THttpRun::THttpRun(THttpServer::THandler handler, THttpServerOptions options, TClock& clock,
+                   std::uint16_t port)
+    : FHandler(std::move(handler)), FOptions(std::move(options)), FClock(clock), FPort(port) {
+  if (FOptions.Addresses.empty()) ListenOnAll();
+  for (const std::string& address : FOptions.Addresses) {
     try {
-      int error = 0;
-      TFileDescriptor socket = Accept(error);
-      if (!socket) return AfterAcceptError(error);
-      FAcceptFailing = false;
-      if (FConnections.MakeRoom(FSurroundings.Options.MaxConnections)) Welcome(std::move(socket));
-      return TAfterAccept::TryNext;
+      Listen(asio::ip::make_address(address), false);
+    } catch (const boost::system::system_error& error) {
+      if (error.code() == asio::error::address_in_use) throw;
+      const ESystemError reason("Listen on", address, error.code().value());
+      if (FOptions.OnUnusable) FOptions.OnUnusable(reason.Message());
+    }
+  }
+  if (FListeners.empty()) throw KZException("None of the addresses can be listened on");
+}
+
+// On both families by one socket, on IPv4 alone where there is no IPv6.
+void THttpRun::ListenOnAll() {
+  try {
+    Listen(asio::ip::address_v6::any(), true);
+  } catch (const boost::system::system_error& error) {
+    if (error.code() == asio::error::address_in_use) throw;
+    Listen(asio::ip::address_v4::any(), true);
+  }
+}
+
+// Address reuse lets a restart take a port on which connections of the last run are still fading
+// out; it does not let two listeners share one. The bound of the send buffer is inherited by what
+// is accepted: a peer that takes nothing costs the kernel no more.
+void THttpRun::Listen(const asio::ip::address& address, bool both) {
+  TListener listener(FIo);
+  tcp::acceptor& acceptor = listener.Acceptor;
+  acceptor.open(tcp::endpoint(address, FPort).protocol());
+  ::fcntl(acceptor.native_handle(), F_SETFD, FD_CLOEXEC);
+  acceptor.set_option(tcp::acceptor::reuse_address(true));
+  acceptor.set_option(asio::socket_base::send_buffer_size(kKernelSendBytes));
+  if (address.is_v6()) acceptor.set_option(asio::ip::v6_only(!both));
+  acceptor.bind(tcp::endpoint(address, FPort));
+  acceptor.listen();
+  FPort = acceptor.local_endpoint().port();
+  FListeners.push_back(std::move(listener));
+}
+
+void THttpRun::Start() {
+  for (TListener& listener : FListeners) Accept(listener);
+  for (std::size_t i = 1; i <= kBlockingThreads; ++i) {
+    FBlockingThreads.push_back(std::make_unique<TIoThread>(
+        FOptions.ThreadName + " #" + std::to_string(i + 1), FBlockingIo, FOptions));
+  }
+  FThread = std::make_unique<TIoThread>(FOptions.ThreadName + " #1", FIo, FOptions);
+}
+
+bool THttpRun::Stop() {
+  asio::post(FIo, [this] { CloseAll(); });
+  FNoneBusy.WaitFor(FOptions.StopGrace);
+  FThread.reset();
+  // Without its thread all of it is this thread's. What is still being answered is cut off visibly.
+  while (!FConnections.empty()) FConnections.front()->Close();
+  FBlockingIo.stop();
+  return std::all_of(FBlockingThreads.begin(), FBlockingThreads.end(), [this](const auto& thread) {
+    return thread->WaitFinished(FOptions.StopGrace);
+  });
+}
+
+void THttpRun::CloseAll() {
+  FStopping = true;
+  FListeners.clear();
+  for (auto next = FConnections.begin(); next != FConnections.end();) {
+    TConnection& connection = **next++;
+    if (!connection.BusySince()) connection.Close();
+  }
+  if (FBusy == 0) FNoneBusy.Signal();
+}
+
+void THttpRun::BusyEnded() {
+  if (--FBusy == 0 && FStopping) FNoneBusy.Signal();
+}
+
+template <typename TStep>
+void THttpRun::Persist(const TStep& step) {
+  while (!FIo.stopped()) {
+    try {
+      return step();
     } catch (...) {
-      Report(FSurroundings.Options, std::current_exception());
-      return TAfterAccept::Pause;
+      Report(FOptions, std::current_exception());
+      SystemClock().Sleep(kPause);
     }
   }
+}
 
-  TFileDescriptor Accept(int& error) KZ_EXCLUDES(FListenerLock) {
-    const TMutexLock lock(FListenerLock);
-    // After the listener is closed, WaitForConnection ends the chain.
-    error = EAGAIN;
-    if (!FListener.is_open()) return {};
-    const int listener = FListener.native_handle();
-    TFileDescriptor socket(RetryOnEintr(
-        [&] { return ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK); }));
-    if (!socket) error = errno;
-    return socket;
+void THttpRun::Accept(TListener& listener) {
+  Persist([&] {
+    listener.Acceptor.async_accept([this, &listener](const TErrorCode& error, tcp::socket socket) {
+      if (FStopping) return;
+      if (error) return AcceptAfterFailure(listener, error);
+      listener.Failing = false;
+      ::fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);
+      Welcome(listener, std::move(socket));
+    });
+  });
+}
+
+// A lasting failure, such as no descriptor left, is told once.
+void THttpRun::AcceptAfterFailure(TListener& listener, const TErrorCode& error) {
+  if (!std::exchange(listener.Failing, true)) {
+    Report(FOptions,
+           std::make_exception_ptr(ESystemError("Accept", "HTTP connection", error.value())));
   }
+  Persist([&] {
+    listener.Pause.expires_after(kPause);
+    listener.Pause.async_wait([this, &listener](const TErrorCode&) {
+      if (!FStopping) Accept(listener);
+    });
+  });
+}
 
-  // A lasting failure is reported once.
-  TAfterAccept AfterAcceptError(int error) {
-    const TAfterAccept next = DecideAfterAcceptError(error);
-    if (next == TAfterAccept::Pause && !std::exchange(FAcceptFailing, true)) {
-      Report(FSurroundings.Options,
-             std::make_exception_ptr(ESystemError("Accept", "HTTP connection", error)));
+// While there is no room, those who come next wait in the kernel's queue.
+void THttpRun::Welcome(TListener& listener, tcp::socket socket) {
+  try {
+    const TPeer peer(socket.remote_endpoint().address());
+    const TRoom room = MakeRoom(peer);
+    if (room == TRoom::Later) {
+      listener.Pause.expires_after(kPause);
+      return listener.Pause.async_wait(
+          [this, &listener, socket = std::move(socket)](const TErrorCode&) mutable {
+            if (!FStopping) Welcome(listener, std::move(socket));
+          });
     }
-    return next;
+    if (room == TRoom::Free) {
+      TErrorCode ignored;  // Without it the answers are slower at worst.
+      socket.set_option(tcp::no_delay(true), ignored);
+      std::make_shared<TConnection>(*this, peer, std::move(socket))->Read();
+      if (FConnections.size() == 1) Sweep();
+    }
+  } catch (...) {
+    Report(FOptions, std::current_exception());
   }
+  Accept(listener);
+}
 
-  void Welcome(TFileDescriptor descriptor) {
-    tcp::socket socket(FIo);
-    socket.assign(FProtocol, descriptor.Get());
-    static_cast<void>(descriptor.Release());
-    socket.non_blocking(true);
-    TErrorCode ignored;  // Without the option the answers are only slower.
-    socket.set_option(tcp::no_delay(true), ignored);
-    std::make_shared<TConnection>(FSurroundings, std::move(socket))->Start();
-    StartSweeping();
+// The one that has been idle longest gives way, else the one that has been busy longest.
+THttpRun::TRoom THttpRun::MakeRoom(const TPeer& peer) {
+  const auto ofPeer = std::count_if(
+      FConnections.begin(), FConnections.end(),
+      [&peer](const TConnection* other) { return other->Peer().Address == peer.Address; });
+  const bool isCrowd = static_cast<std::size_t>(ofPeer) >= FOptions.MaxConnectionsOfAPeer;
+  if (isCrowd && !peer.IsLocal) return TRoom::Refused;
+  if (FConnections.size() < FOptions.MaxConnections) return TRoom::Free;
+  const auto idle = std::find_if(FConnections.begin(), FConnections.end(),
+                                 [](const TConnection* other) { return !other->BusySince(); });
+  TConnection* const leaving = idle != FConnections.end() ? *idle : LongestBusy(peer);
+  if (leaving == nullptr) return TRoom::Later;
+  leaving->Close();
+  return TRoom::Free;
+}
+
+// Null when none has been busy for long; the commands of this machine need not wait for others.
+TConnection* THttpRun::LongestBusy(const TPeer& newcomer) {
+  TConnection* longest = nullptr;
+  const std::int64_t latest = In(-FOptions.BusyTime);
+  for (TConnection* const other : FConnections) {
+    const bool mayGo = other->BusySince() < latest || (newcomer.IsLocal && !other->Peer().IsLocal);
+    if (!mayGo) continue;
+    if (longest == nullptr || other->BusySince() < longest->BusySince()) longest = other;
   }
+  return longest;
+}
 
-  // Declared before FIo, whose destructor frees the last connections.
-  THttpConnections FConnections;
-  const TSurroundings FSurroundings;
-  asio::io_context FIo;
-  asio::executor_work_guard<asio::io_context::executor_type> FWork{FIo.get_executor()};
-  TMutex FListenerLock;
-  tcp::acceptor FListener KZ_GUARDED_BY(FListenerLock){FIo};
-  tcp FProtocol = tcp::v6();  // Set before the threads start, constant from then on.
-  asio::steady_timer FAcceptPause{FIo};
-  bool FAcceptFailing = false;
-  // FSweeping is atomic: the chain of accepts and the chain of sweeps both change it. Only the
-  // thread that has set it uses FSweepTimer, until the chain of sweeps clears it again.
-  std::atomic<bool> FSweeping{false};
-  asio::steady_timer FSweepTimer{FIo};
-  std::vector<std::unique_ptr<TThread>> FThreads;
-};
+// Goes on while there are connections: a server that nobody asks sleeps. The memory of a flood goes
+// back to the system when few are left; the heap would keep it.
+void THttpRun::Sweep() {
+  Persist([this] {
+    FSweepTimer.expires_after(FOptions.SweepInterval);
+    FSweepTimer.async_wait([this](const TErrorCode& error) {
+      if (error) return;
+      const std::int64_t now = FClock.TickCount();
+      for (auto next = FConnections.begin(); next != FConnections.end();) {
+        TConnection& connection = **next++;
+        if (connection.IsTooSlow(now)) connection.Close();
+      }
+      if (FGrown && FConnections.size() < kFewConnections) {
+        FGrown = false;
+        ::malloc_trim(0);
+      }
+      if (!FConnections.empty()) Sweep();
+    });
+  });
+}
+
+bool THttpRun::BlockingCallsStandStill() const {
+  const std::int64_t latest = In(-FOptions.StuckAfter);
+  return std::all_of(FBlockedSince.begin(), FBlockedSince.end(), [latest](const auto& since) {
+    const std::int64_t tick = since.load();
+    return tick != 0 && tick < latest;
+  });
+}
 
 THttpServer::THttpServer(THandler handler, THttpServerOptions options, TClock& clock)
     : FHandler(std::move(handler)), FOptions(std::move(options)), FClock(clock) {}
@@ -565,10 +652,10 @@ THttpServer::~THttpServer() { Deactivate(); }
 void THttpServer::Activate(std::uint16_t port) {
   if (FRun) throw KZException("The HTTP server is active already");
   try {
-    auto run = std::make_unique<TRun>(*this, port);
-    // Stored before the threads start: a handler may ask for the port.
+    auto run = std::make_unique<THttpRun>(FHandler, FOptions, FClock, port);
+    // Known before the first handler can ask for it.
     FPort.store(run->Port());
-    run->StartThreads();
+    run->Start();
     FRun = std::move(run);
   } catch (const boost::system::system_error& error) {
     FPort.store(0);
@@ -579,9 +666,14 @@ void THttpServer::Activate(std::uint16_t port) {
   }
 }
 
-void THttpServer::Deactivate() {
+bool THttpServer::Deactivate() {
+  // Not freed under a call that stands still, which uses it until the process ends.
+  static TNeverDestroyed<std::vector<std::unique_ptr<THttpRun>>> leftBehind;
+  const bool ended = !FRun || FRun->Stop();
+  if (!ended) (*leftBehind).push_back(std::move(FRun));
   FRun.reset();
   FPort.store(0);
+  return ended;
 }
 
 }  // namespace guardian

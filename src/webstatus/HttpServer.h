@@ -11,62 +11,55 @@
 #include <vector>
 
 #include "common/Clock.h"
-#include "common/FileDescriptor.h"
-#include "common/SharedText.h"
+#include "webstatus/HttpMessage.h"
 
 namespace guardian {
 
-struct THttpRequest {
-  std::string Method;        // "GET" or "HEAD".
-  std::string Path;          // Percent-decoded, without the query; as in "/status.php".
-  std::string Query;         // The part after the "?", as it was sent.
-  std::string SecFetchSite;  // The value of that header; empty without one.
-};
-
-struct THttpResponse {
-  int Status = 200;  // 200 to 599.
-  // Control characters in these two are sent as "_".
-  std::string ContentType = "text/html";
-  std::string ContentDisposition = "inline";
-  std::string Body;
-  // Shared texts that are sent after Body, without a copy. None is null.
-  std::vector<TSharedText::TText> Tail;
-  // When File is set, it is sent instead of Body and Tail: exactly FileSize bytes from its start,
-  // chunk by chunk. When the file turns out to be shorter, the connection ends within the answer.
-  TFileDescriptor File;
-  std::uint64_t FileSize = 0;
-};
-
 struct THttpServerOptions {
   std::string ThreadName = "HTTPServerThread";  // " #1" and so on is appended.
-  std::size_t Threads = 2;
   std::size_t MaxConnections = 256;
+  // From one address of another machine.
+  std::size_t MaxConnectionsOfAPeer = 64;
+  // An answer that has taken longer may be given up for a new connection when all are taken.
+  std::chrono::milliseconds BusyTime{10'000};
   std::size_t MaxHeaderBytes = 65'536;
-  // The whole header must arrive within this time after the connect or the previous answer.
+  // Numeric addresses to listen on; empty for all of the machine.
+  std::vector<std::string> Addresses;
+  // Sent with every answer: header lines, each ending in a line break.
+  std::string ExtraHeaders;
+  // The whole header must arrive in this time from the connect or from the previous answer on.
   std::chrono::milliseconds HeaderTimeout{10'000};
-  // A client that takes nothing of its answer for this long is sent away.
-  std::chrono::milliseconds WriteTimeout{30'000};
+  // The longest time in which a client takes nothing of its answer, or a handler makes none. The
+  // queue of a client that takes 4 kB a second stands still for half a minute at a time.
+  std::chrono::milliseconds WriteTimeout{90'000};
   // How long a client may take to close its end after the last answer of a connection.
   std::chrono::milliseconds CloseTimeout{2'000};
-  // While there are connections, the deadlines above are checked once per interval.
+  // The deadlines above are looked at once an interval, while there are connections.
   std::chrono::milliseconds SweepInterval{250};
   // How long Deactivate waits for answers that are being written.
   std::chrono::milliseconds StopGrace{500};
-  // Called in a pool thread with what a handler threw and with the server's own failures. When it
-  // is empty, they become lines on standard error.
+  // Requests whose handler may stand still, as one that looks into a folder on a dead disk. They,
+  // and the reading of files, run in two threads of their own. While both have stood still for
+  // StuckAfter, more such requests are answered 503 at once.
+  std::function<bool(const THttpRequest&)> MayBlock;
+  std::chrono::milliseconds StuckAfter{5'000};
+  // Is told, in a pool thread, what a handler threw and what else went wrong. Standard error when
+  // empty.
   std::function<void(std::exception_ptr)> OnError;
+  // Is told, in Activate, why one of the addresses is not listened on. May be empty.
+  std::function<void(const std::string& reason)> OnUnusable;
 };
 
 // An HTTP/1.1 server for short answers and for files: GET and HEAD, keep-alive, pipelining.
-// Owner: the object that serves the pages. The destructor deactivates.
-// Threads: one thread at a time calls Activate, Deactivate and the destructor, and never the
-// handler; any thread calls Active and Port. The handler runs in the threads of a small fixed pool,
-// several calls at once, so it must not wait for anything.
-// Lifetime: the clock and everything that the handler uses outlive the server. Deactivate joins the
-// pool.
+// Owner: the object that serves pages; the destructor deactivates.
+// Threads: Activate, Deactivate and the destructor by one thread at a time, and never by the
+// handler; Active and Port by any thread. The handler runs in the server's one thread, which must
+// not wait for anything, and for requests of MayBlock in two others, at the same time.
+// Lifetime: the clock and what the handler uses outlive the server, and the process when a handler
+// stands still at its end.
 class THttpServer {
  public:
-  // When the handler throws, OnError is called and the client gets a short answer 500.
+  // What the handler throws goes to OnError, and the client gets a short answer 500.
   using THandler = std::function<THttpResponse(const THttpRequest&)>;
 
   explicit THttpServer(THandler handler, THttpServerOptions options = {},
@@ -75,15 +68,17 @@ class THttpServer {
   THttpServer(const THttpServer&) = delete;
   THttpServer& operator=(const THttpServer&) = delete;
 
-  // Listens on all addresses, of IPv6 and IPv4 where the system has both, and starts the pool. Port
-  // 0 takes any free port. Throws ESystemError, whose message contains "in use" when the port is
-  // taken, and KZException when the server is active already; the server is then unchanged.
+  // Listens and starts the pool. Port 0 takes any free one. An address that the machine does not
+  // have goes to OnUnusable, and the others are used. Throws ESystemError, whose message contains
+  // "in use" for a port that is taken, and KZException when the server is active already; it is
+  // then as before.
   void Activate(std::uint16_t port);
 
-  // Frees the port, gives the answers that are being written at most StopGrace to finish, closes
-  // all connections and joins the pool. Blocks for about StopGrace at most, longer only while a
-  // handler runs. Does nothing when the server is inactive.
-  void Deactivate();
+  // Frees the port, lets answers that are being written finish for at most StopGrace, closes
+  // everything and joins the pool: about StopGrace in all. A handler of MayBlock that stands still
+  // is left behind: the call returns false, and what the handler uses must live as long as the
+  // process. Does nothing when the server is inactive.
+  bool Deactivate();
 
   [[nodiscard]] bool Active() const noexcept { return Port() != 0; }
 
@@ -91,15 +86,11 @@ class THttpServer {
   [[nodiscard]] std::uint16_t Port() const noexcept { return FPort.load(); }
 
  private:
-  class TRun;
-
   const THandler FHandler;
   const THttpServerOptions FOptions;
   TClock& FClock;
-  // Atomic: pages show the port while the owner changes it.
-  std::atomic<std::uint16_t> FPort = 0;
-  // Exists from Activate to Deactivate.
-  std::unique_ptr<TRun> FRun;
+  std::atomic<std::uint16_t> FPort = 0;  // Atomic: pages show it while the owner changes it.
+  std::unique_ptr<class THttpRun> FRun;  // From Activate to Deactivate.
 };
 
 }  // namespace guardian

@@ -93,7 +93,8 @@ void OpenLogFile(std::string_view linkName, const std::string& folder, THttpResp
   if (!S_ISREG(info.st_mode) || !inside) {
     throw KZException("Not a file of the log folder: " + path);
   }
-  response.File = Open("/proc/self/fd/" + std::to_string(fileHandle.Get()), O_RDONLY, path);
+  response.File =
+      Open("/proc/self/fd/" + std::to_string(fileHandle.Get()), O_RDONLY | O_NONBLOCK, path);
   response.FileSize = static_cast<std::uint64_t>(info.st_size);
   response.ContentType = "text/plain";
   response.Body.clear();

@@ -19,6 +19,8 @@ namespace {
 
 constexpr std::string_view kTitle = "Vellumark Guardian 1.50, Build 10";
 constexpr std::string_view kBreak = "<br>";
+constexpr std::string_view kLogListPage = "logfiles.php";
+constexpr std::string_view kThreadReportPage = "threadreport.php";
 
 // Escaped, with a break at every line feed.
 std::string EscapedLines(std::string_view text) {
@@ -134,11 +136,14 @@ const TControlPage* FindControlPage(std::string_view name) {
 
 void BuildControlPage(const TControlPage& page, const THttpRequest& request,
                       const TPageSources& sources, THttpResponse& response) {
-  if (request.SecFetchSite == "cross-site") {
-    response.Status = 403;
-    response.Body = "Refused: the request comes from another site.";
-    return;
+  if (sources.Guard != nullptr) {
+    if (auto refusal = sources.Guard->RefuseAction(request)) {
+      response = std::move(*refusal);
+      return;
+    }
   }
+  // Going back to the answer in a browser's history shows it again and does not ask again.
+  response.CacheControl = "no-cache";
   if (page.Request != nullptr && sources.Guardian == nullptr) {
     response.Body = "Guardian already freed";
     return;
@@ -158,12 +163,12 @@ void BuildPageGuarded(std::string_view name, const THttpRequest& request,
   std::string& page = response.Body;
   if (name.empty()) {
     BuildMainPage(sources, response);
-  } else if (name == "logfiles.php") {
+  } else if (name == kLogListPage) {
     page += "Log Files in Reverse Order<br><br>";
     page += LogFileLinks(Settings().LogDirectory.Copy());
   } else if (name.starts_with(kLogLinkFolder)) {
     OpenLogFile(name.substr(kLogLinkFolder.size()), Settings().LogDirectory.Copy(), response);
-  } else if (name == "threadreport.php") {
+  } else if (name == kThreadReportPage) {
     page = EscapedLines(KZCP::ThreadReport(KZCP::TReportHeader::With));
   } else if (const TControlPage* control = FindControlPage(name)) {
     BuildControlPage(*control, request, sources, response);
@@ -185,7 +190,15 @@ std::string_view PageNameOf(std::string_view path) { return path.empty() ? path 
 
 }  // namespace
 
+bool PageMayBlock(const THttpRequest& request) {
+  const std::string_view name = PageNameOf(request.Path);
+  return name == kLogListPage || name == kThreadReportPage || name.starts_with(kLogLinkFolder);
+}
+
 THttpResponse BuildPage(const THttpRequest& request, const TPageSources& sources) {
+  if (sources.Guard != nullptr) {
+    if (auto refusal = sources.Guard->RefuseHost(request)) return std::move(*refusal);
+  }
   THttpResponse response;
   response.Body = PageHeader(kTitle);
   try {

@@ -1,11 +1,15 @@
 #include "webstatus/WebStatusServer.h"
 
+#include <arpa/inet.h>
+
+#include <array>
 #include <cassert>
 #include <chrono>
 #include <string>
 #include <utility>
 
 #include "common/Console.h"
+#include "common/Environment.h"
 #include "common/Exceptions.h"
 #include "common/MainThread.h"
 #include "common/NeverDestroyed.h"
@@ -19,15 +23,39 @@ constexpr std::uint16_t kLastPort = 8000;
 constexpr std::chrono::milliseconds kToDoInterval{100};
 // Short, because the process must end within a second, including a running shell command.
 constexpr std::chrono::milliseconds kStopGrace{300};
+constexpr const char* kListenVariable = "VELLUMARK_GUARDIAN_LISTEN";
 
 std::atomic<bool>& Wanted() {
   static std::atomic<bool> wanted = false;
   return wanted;
 }
 
-THttpServerOptions ServerOptions() {
+// The addresses of VELLUMARK_GUARDIAN_LISTEN; none, which means all, when it is not set or wrong.
+std::vector<std::string> ListenAddresses() {
+  std::vector<std::string> addresses;
+  for (const std::string& entry : EnvironmentList(kListenVariable)) {
+    std::array<unsigned char, sizeof(in6_addr)> ignored{};
+    if (entry == "localhost") {
+      addresses.insert(addresses.end(), {"127.0.0.1", "::1"});
+    } else if (::inet_pton(AF_INET, entry.c_str(), ignored.data()) == 1 ||
+               ::inet_pton(AF_INET6, entry.c_str(), ignored.data()) == 1) {
+      addresses.push_back(entry);
+    } else {
+      PrintLine(std::string(kListenVariable) + ": \"" + entry +
+                "\" is no address; listening on all addresses");
+      return {};
+    }
+  }
+  return addresses;
+}
+
+THttpServerOptions ServerOptions(const TRequestGuard& guard) {
   THttpServerOptions options;
   options.StopGrace = kStopGrace;
+  options.Addresses = ListenAddresses();
+  options.ExtraHeaders = guard.CookieHeader();
+  options.MayBlock = &PageMayBlock;
+  options.OnUnusable = [](const std::string& reason) { PrintLine(reason); };
   options.OnError = [](const std::exception_ptr& error) {
     HandleException(error, TLogToFiles::Yes, "HTTP server");
   };
@@ -44,7 +72,7 @@ std::unique_ptr<TWebStatusServer>& Instance() {
 TWebStatusServer::TWebStatusServer(TWebStatusOptions options)
     : FOptions(std::move(options)),
       FHttpServer([this](const THttpRequest& request) { return HandleRequest(request); },
-                  ServerOptions()),
+                  ServerOptions(FGuard)),
       FToDoTimer(
           "TWebStatusServer.FToDoTimer", kToDoInterval, [this] { ToDoTick(); },
           [](const std::exception_ptr& error) {
@@ -73,17 +101,19 @@ void TWebStatusServer::StartServer() {
   }
 }
 
-void TWebStatusServer::StopServer() {
+bool TWebStatusServer::StopServer() {
   assert(IsMainThread());
   try {
-    FHttpServer.Deactivate();
+    return FHttpServer.Deactivate();
   } catch (...) {
     PrintLine("Web Status Server Stop Exception: " + CurrentExceptionMessage());
+    return true;
   }
 }
 
 THttpResponse TWebStatusServer::HandleRequest(const THttpRequest& request) const {
-  return BuildPage(request, {FOptions.Guardian, FOptions.TerminateGuardian, FHttpServer.Port()});
+  return BuildPage(request,
+                   {FOptions.Guardian, FOptions.TerminateGuardian, FHttpServer.Port(), &FGuard});
 }
 
 void TWebStatusServer::ToDoTick() {
@@ -108,7 +138,7 @@ void FreeWebStatusServer() {
   Wanted() = false;
   if (!Instance()) return;
   try {
-    Instance()->StopServer();
+    if (!Instance()->StopServer()) static_cast<void>(Instance().release());
     Instance().reset();
   } catch (...) {
     PrintLine("Web Status Server Freeing Exception: " + CurrentExceptionMessage());

@@ -36,8 +36,9 @@ class TWebStatusServer {
   // server stays inactive.
   void StartServer();
 
-  // Frees the port. Waits at most half a second for answers that are being sent.
-  void StopServer();
+  // Frees the port. Waits at most half a second for answers that are being sent. Returns false when
+  // a page that reads files stands still: this object must then live as long as the process.
+  [[nodiscard]] bool StopServer();
 
   // The port on which it listens; 0 while inactive. Any thread.
   [[nodiscard]] std::uint16_t Port() const noexcept { return FHttpServer.Port(); }
@@ -55,6 +56,7 @@ class TWebStatusServer {
   void ToDoTick();
 
   const TWebStatusOptions FOptions;
+  const TRequestGuard FGuard = MakeRequestGuard();
   THttpServer FHttpServer;
   TSharedText FProcessList;
   // Atomic: the timer's thread writes it, any thread reads it.

@@ -65,9 +65,9 @@ class StatusPagesTest : public testing::Test {
     THttpRequest request;
     request.Method = method;
     request.Path = path;
-    request.SecFetchSite = site;
+    if (!site.empty()) request.Headers = {{"Sec-Fetch-Site", site}};
     return BuildPage(request, {FHasGuardian ? &FGuardian : nullptr,
-                               [this] { FGuardian.Requests += "end "; }, FPort});
+                               [this] { FGuardian.Requests += "end "; }, FPort, &FGuard});
   }
   std::string Get(const std::string& path, const std::string& site = "") {
     const THttpResponse response = Answer(path, site);
@@ -90,6 +90,7 @@ class StatusPagesTest : public testing::Test {
 
   const TSettingsBackup FBackup;
   const TTempFolder FFolder;
+  const TRequestGuard FGuard{{}, {}, "secret"};
   TFakeGuardian FGuardian;
   bool FHasGuardian = true;
   std::optional<std::uint16_t> FPort = 8900;

@@ -1,0 +1,111 @@
+#include "webstatus/HttpMessage.h"
+
+#include <locale.h>
+
+#include <algorithm>
+#include <array>
+#include <boost/beast/core/string.hpp>
+#include <boost/beast/http/status.hpp>
+#include <ctime>
+
+#include "common/Texts.h"
+
+namespace guardian {
+namespace {
+
+namespace http = boost::beast::http;
+
+bool EqualNames(std::string_view a, std::string_view b) {
+  return boost::beast::iequals({a.data(), a.size()}, {b.data(), b.size()});
+}
+
+std::string_view ReasonOf(int status) {
+  const auto reason = http::obsolete_reason(static_cast<http::status>(status));
+  return {reason.data(), reason.size()};
+}
+
+// A line end in a value would let it forge headers of its own.
+void AppendHeader(std::string& head, std::string_view name, std::string_view value) {
+  head.append(name).append(": ");
+  for (const char c : value) {
+    const bool isControl = static_cast<unsigned char>(c) < ' ' || c == '\x7f';
+    head.push_back(isControl ? '_' : c);
+  }
+  head.append("\r\n");
+}
+
+// In English, whatever the locale.
+std::string HttpDate(TDateTime utc) {
+  constexpr double kSecondsPerDay = 86'400;
+  static const locale_t english = ::newlocale(LC_ALL_MASK, "C", nullptr);
+  const auto seconds =
+      static_cast<std::time_t>((utc - static_cast<double>(kUnixEpochDays)) * kSecondsPerDay);
+  std::tm parts{};
+  ::gmtime_r(&seconds, &parts);
+  std::array<char, 64> text{};
+  return {text.data(),
+          ::strftime_l(text.data(), text.size(), "%a, %d %b %Y %H:%M:%S GMT", &parts, english)};
+}
+
+}  // namespace
+
+std::optional<std::string_view> THttpRequest::Header(std::string_view name) const {
+  for (const auto& [key, value] : Headers) {
+    if (EqualNames(key, name)) return value;
+  }
+  return std::nullopt;
+}
+
+THttpResponse PlainResponse(int status) {
+  THttpResponse response;
+  response.Status = status;
+  response.ContentType = "text/plain";
+  response.Body.assign(ReasonOf(status)).append("\n");
+  return response;
+}
+
+std::uint64_t LengthOf(const THttpResponse& response) {
+  if (response.File) return response.FileSize;
+  std::uint64_t length = response.Body.size();
+  for (const auto& text : response.Tail) length += text->size();
+  return length;
+}
+
+bool HasBody(int status) noexcept { return status != 204 && status != 304; }
+
+std::string HeadOf(const THttpResponse& response, std::string_view extraHeaders, TDateTime utcNow,
+                   bool keepAlive) {
+  std::string head = "HTTP/1.1 " + std::to_string(response.Status) + " ";
+  head.append(ReasonOf(response.Status)).append("\r\n");
+  AppendHeader(head, "Date", HttpDate(utcNow));
+  AppendHeader(head, "Content-Type", response.ContentType);
+  AppendHeader(head, "Content-Disposition", response.ContentDisposition);
+  if (HasBody(response.Status)) {
+    AppendHeader(head, "Content-Length", std::to_string(LengthOf(response)));
+  }
+  if (response.Status == 405) AppendHeader(head, "Allow", "GET, HEAD");
+  AppendHeader(head, "Connection", keepAlive ? "keep-alive" : "close");
+  AppendHeader(head, "Cache-Control", response.CacheControl);
+  head.append(
+      "X-Content-Type-Options: nosniff\r\n"
+      "Content-Security-Policy: default-src 'none'; style-src 'unsafe-inline'; "
+      "frame-ancestors 'none'; base-uri 'none'; form-action 'none'\r\n"
+      "Referrer-Policy: same-origin\r\n"
+      "Cross-Origin-Resource-Policy: same-origin\r\n");
+  return head.append(extraHeaders).append("\r\n");
+}
+
+THttpRequest RequestOf(std::string_view method, std::string_view target) {
+  constexpr std::string_view kScheme = "http://";
+  if (EqualNames(target.substr(0, kScheme.size()), kScheme)) {
+    target.remove_prefix(kScheme.size());
+    target.remove_prefix(std::min(target.find_first_of("/?"), target.size()));
+  }
+  const std::size_t mark = std::min(target.find('?'), target.size());
+  return {std::string(method),
+          LinkDecode(target.substr(0, mark)),
+          std::string(target.substr(std::min(mark + 1, target.size()))),
+          {}};
+}
+
+}  // namespace guardian
