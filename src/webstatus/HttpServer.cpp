@@ -339,17 +339,28 @@ class TConnection final : public std::enable_shared_from_this<TConnection> {
       for (const auto& text : FResponse.Tail) FOutput.push_back(asio::buffer(*text));
     }
     FFileOffset = 0;
-    Write();
+    WriteAtOnce();
+  }
+
+  // A short answer fits into the kernel's buffer, and needs no turn of its own.
+  void WriteAtOnce() {
+    TErrorCode error;
+    const std::size_t written = FSocket.write_some(FOutput, error);
+    if (error == asio::error::would_block) return Write();
+    if (!error) NoteWritten(written);
+  }
+
+  void NoteWritten(std::size_t count) {
+    FWritten += count;
+    ConsumeOutput(count);
+    GoOn();
   }
 
   // One turn of the thread for each piece, so that a long answer does not keep others waiting.
   void Write() {
     FSocket.async_write_some(
         FOutput, [self = shared_from_this()](const TErrorCode& error, std::size_t written) {
-          if (error) return;
-          self->FWritten += written;
-          self->ConsumeOutput(written);
-          self->GoOn();
+          if (!error) self->NoteWritten(written);
         });
   }
 
@@ -576,6 +587,7 @@ void THttpRun::Welcome(TListener& listener, tcp::socket socket) {
           });
     }
     if (room == TRoom::Free) {
+      socket.non_blocking(true);
       TErrorCode ignored;  // Without it the answers are slower at worst.
       socket.set_option(tcp::no_delay(true), ignored);
       std::make_shared<TConnection>(*this, peer, std::move(socket))->Read();
