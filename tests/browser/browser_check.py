@@ -2,11 +2,13 @@
 #   browser_check.py BIN_FOLDER SCREENSHOT
 # Ends with 77, skipped, where no browser is installed. "scripts/setup browser" installs one.
 
+import http.server
 import json
 import os
 import signal
 import sys
 import tempfile
+import threading
 import urllib.parse
 
 try:
@@ -20,12 +22,17 @@ except ImportError:
 from installation import PORT, Failed, Installation, await_that, require
 
 MAIN_PAGE = f"http://localhost:{PORT}/"
+# As a box of the network is called; a browser says less about its requests than to localhost.
+BOX_PAGE = f"http://box:{PORT}/"
+# What a stranger may let point anywhere.
+REBOUND_PAGE = f"http://rebound.example:{PORT}/"
 TITLE = "Vellumark Guardian 1.50, Build 10"
 CHROMIUM, DRIVER = "/usr/bin/chromium", "/usr/bin/chromedriver"
 # Chromium looks for updates and accounts by itself; without names it reaches nobody.
 FLAGS = ("--headless", "--no-sandbox", "--disable-dev-shm-usage", "--disable-component-update",
          "--no-proxy-server", "--window-size=1100,2400",
-         "--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE localhost")
+         "--host-resolver-rules=MAP box 127.0.0.1, MAP neighbour 127.0.0.1, "
+         "MAP rebound.example 127.0.0.1, MAP * ~NOTFOUND, EXCLUDE localhost, EXCLUDE 127.0.0.1")
 # Would run in a page without a content policy.
 INTRUDER = """const script = document.createElement("script");
 script.textContent = "document.title = 'intruder'";
@@ -45,8 +52,8 @@ class Browser:
         self.requests()  # The browser's own first page is none of ours.
 
     # Opens the page and returns what a reader sees.
-    def open(self, page=""):
-        self.driver.get(MAIN_PAGE + page)
+    def open(self, page="", site=MAIN_PAGE):
+        self.driver.get(site + page)
         return self.text()
 
     def click(self, page):
@@ -69,7 +76,8 @@ class Browser:
                   if entry["level"] == "SEVERE"]
         require(len(errors) == len(expected) and all(map(str.count, errors, expected)),
                 f"errors in the console, expected {expected}: {errors}")
-        strange = [url for url in self.requests() if not url.startswith((MAIN_PAGE, "data:"))]
+        strange = [url for url in self.requests()
+                   if not url.startswith((MAIN_PAGE, BOX_PAGE, REBOUND_PAGE, "data:", "http://neighbour:"))]
         require(not strange, f"requests that leave the Guardian: {strange}")
 
 
@@ -89,22 +97,63 @@ def check_content_policy(browser):
     browser.require_clean("Content Security Policy")
 
 
-def check_link_from_another_site(browser):
-    link = f'<a href="{MAIN_PAGE}killdaemon.php">elsewhere</a>'
-    browser.driver.get("data:text/html," + urllib.parse.quote(link))
-    shown = browser.click(MAIN_PAGE + "killdaemon.php")
-    require(shown == "Refused: the request comes from another site.", f"it shows {shown!r}")
-    browser.require_clean("403")
+# The page of another web server, whose only link leads to the address that it is asked with.
+class Neighbour(http.server.BaseHTTPRequestHandler):
+    def do_GET(self):
+        target = urllib.parse.unquote(self.path.partition("?")[2])
+        policy = self.path.partition("?")[0].strip("/")
+        self.send_response(200)
+        self.send_header("Content-Type", "text/html")
+        self.end_headers()
+        self.wfile.write(f'<a href="{target}" referrerpolicy="{policy}">x</a>'.encode())
+
+    def log_message(self, *_):
+        pass
 
 
-def check_control_page(browser, installation, pid):
+def check_links_of_other_sites(browser):
+    another = "Refused: the request comes from another site."
+    silent = "Refused: the browser does not say"
+    stranger = 'The Guardian does not answer to the name "rebound.example".'
+    with http.server.ThreadingHTTPServer(("127.0.0.1", 0), Neighbour) as server:
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        for site, host, policy, refusal in ((MAIN_PAGE, "neighbour", "unsafe-url", another),
+                                            (MAIN_PAGE, "localhost", "no-referrer", another),
+                                            (BOX_PAGE, "neighbour", "unsafe-url", another),
+                                            (BOX_PAGE, "neighbour", "no-referrer", silent),
+                                            (REBOUND_PAGE, "rebound.example", "", stranger)):
+            target = site + "killdaemon.php"
+            browser.driver.get(f"http://{host}:{server.server_port}/{policy}?{target}")
+            shown = browser.click(target)
+            require(shown.startswith(refusal), f"{target} from {host}, {policy}: {shown!r}")
+        server.shutdown()
+    browser.driver.get_log("browser")  # The refusals stand there as errors.
+    browser.requests()
+
+
+# A click on the page, an address that is typed after it, and the browser's history, which repeats
+# nothing.
+def check_control_pages(browser, installation, pid):
     browser.open()
     require(installation.daemon_pid() == pid, "a link of another site ended the daemon")
-    shown = browser.click("killdaemon.php")
-    require(shown == "KILL signal will be sent to VellumarkCL", f"killdaemon.php shows {shown!r}")
-    await_that("the daemon's end", lambda: installation.daemon_pid() != pid, 5)
-    await_that("the deed on the main page",
-               lambda: f"Executed kill -9 {pid}, Result:" in browser.open(), 5)
+    for site, press in ((MAIN_PAGE, browser.click),
+                        (BOX_PAGE, browser.click),
+                        (BOX_PAGE, lambda page: browser.open(page, BOX_PAGE))):
+        await_that("the daemon on the main page", lambda: f"PID={installation.daemon_pid() or '?'}"
+                   in browser.open(site=site), 20)
+        pid = installation.daemon_pid()
+        shown = press("killdaemon.php")
+        require(shown == "KILL signal will be sent to VellumarkCL", f"{site} shows {shown!r}")
+        await_that("the daemon's end", lambda: installation.daemon_pid() != pid, 5)
+        browser.driver.back()
+        browser.driver.forward()
+        await_that("the deed on the main page",
+                   lambda: f"Executed kill -9 {pid}, Result:" in browser.open(site=site), 5)
+    browser.click("stopdaemon.php")
+    await_that("the last deed",
+               lambda: "Trying to stop the service." in browser.open(site=BOX_PAGE), 5)
+    repeated = browser.text().count("Executed kill")
+    require(repeated == 3, f"{repeated} kills for 3 clicks")
     browser.require_clean()
 
 
@@ -117,10 +166,10 @@ def check(bin_folder, screenshot, folder):
                    lambda: "MutexOK=Y, PipeStatusOK=Y, ServiceOK=Y" in browser.open(), 45)
         require(browser.driver.save_screenshot(screenshot), f"cannot be written: {screenshot}")
         pid = installation.daemon_pid()
-        check_link_from_another_site(browser)
+        check_links_of_other_sites(browser)
         check_pages(browser)
         check_content_policy(browser)
-        check_control_page(browser, installation, pid)
+        check_control_pages(browser, installation, pid)
 
 
 def main(bin_folder, screenshot):
