@@ -15,7 +15,7 @@ std::string Appended(const TSharedText& log, std::string_view addition) {
   std::string text;
   text.reserve(before->size() + addition.size());
   text.append(*before).append(addition);
-  TrimActivityLog(text);
+  TrimActivityLogs(text);
   return text;
 }
 
@@ -63,7 +63,7 @@ void TActivityLog::ForwardThrottled(std::string_view message, TSystemLogKind kin
   lastSystemLogAt = now;
 }
 
-void TrimActivityLog(std::string& log) {
+void TrimActivityLogs(std::string& log) {
   constexpr std::size_t kStep = 3;
   if (log.size() <= kActivityLogLimit) return;
   const std::size_t excess = log.size() - kActivityLogLimit;

@@ -64,6 +64,6 @@ inline constexpr std::size_t kActivityLogLimit = 131'072;
 
 // While the log is longer than kActivityLogLimit, drops its start through the next "<br>". A log
 // without a "<br>" loses three characters at a time instead.
-void TrimActivityLog(std::string& log);
+void TrimActivityLogs(std::string& log);
 
 }  // namespace guardian

@@ -43,11 +43,14 @@ struct THttpServerOptions {
   // StuckAfter, more such requests are answered 503 at once.
   std::function<bool(const THttpRequest&)> MayBlock;
   std::chrono::milliseconds StuckAfter{5'000};
-  // Is told, in a pool thread, what a handler threw and what else went wrong. Standard error when
-  // empty.
+  // Is told, in one of its threads, what a handler threw and what else went wrong. Standard error
+  // when empty.
   std::function<void(std::exception_ptr)> OnError;
   // Is told, in Activate, why one of the addresses is not listened on. May be empty.
   std::function<void(const std::string& reason)> OnUnusable;
+
+  // Tells OnError.
+  void Report(std::exception_ptr error) const noexcept;
 };
 
 // An HTTP/1.1 server for short answers and for files: GET and HEAD, keep-alive, pipelining.
@@ -68,16 +71,16 @@ class THttpServer {
   THttpServer(const THttpServer&) = delete;
   THttpServer& operator=(const THttpServer&) = delete;
 
-  // Listens and starts the pool. Port 0 takes any free one. An address that the machine does not
+  // Listens and starts the threads. Port 0 takes any free one. An address that the machine does not
   // have goes to OnUnusable, and the others are used. Throws ESystemError, whose message contains
   // "in use" for a port that is taken, and KZException when the server is active already; it is
   // then as before.
   void Activate(std::uint16_t port);
 
   // Frees the port, lets answers that are being written finish for at most StopGrace, closes
-  // everything and joins the pool: about StopGrace in all. A handler of MayBlock that stands still
-  // is left behind: the call returns false, and what the handler uses must live as long as the
-  // process. Does nothing when the server is inactive.
+  // everything and joins the threads: about StopGrace in all. A handler of MayBlock that stands
+  // still is left behind: the call returns false, and what the handler uses must live as long as
+  // the process. Does nothing when the server is inactive.
   bool Deactivate();
 
   [[nodiscard]] bool Active() const noexcept { return Port() != 0; }

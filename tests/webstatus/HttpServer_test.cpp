@@ -160,6 +160,8 @@ TEST_F(HttpServerTest, AnswersEachRequestAndClosesAfterTheLast) {
       {std::string("\x16\x03\x01\x02\x00\x01\x00", 7), 400, bad},
       {"GET / HTTP/2.0\r\n\r\n", 400, bad},
       {"GET / HTTP/1.1\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\n", 400, bad},
+      {"GET / HTTP/1.1\r\nHost: x\r\nHost: x\r\n\r\n" + kNever, 400, bad},
+      {"GET / HTTP/1.1\r\nTransfer-Encoding: zip\r\n\r\n" + kNever, 400, bad},
   };
   for (const auto& item : cases) {
     SCOPED_TRACE(item.Request.substr(0, 80));

@@ -1,0 +1,82 @@
+#include "webstatus/HttpThreads.h"
+
+#include <algorithm>
+#include <string>
+
+#include "common/Thread.h"
+
+namespace guardian {
+namespace {
+
+constexpr std::size_t kStackBytes = 1'048'576;
+
+}  // namespace
+
+// Runs the handlers of a context until that is stopped. What escapes a connection's handlers has
+// already ended the connection.
+class THttpThreads::TThreadOf final : public TThread {
+ public:
+  TThreadOf(boost::asio::io_context& context, const THttpServerOptions& options, std::size_t number)
+      : TThread(options.ThreadName + " #" + std::to_string(number), kStackBytes),
+        FContext(context),
+        FOptions(options) {
+    Start();
+  }
+  ~TThreadOf() override { Join(); }
+
+ private:
+  void Execute() override {
+    while (!FContext.stopped()) {
+      try {
+        FContext.run();
+      } catch (...) {
+        FOptions.Report(std::current_exception());
+      }
+    }
+  }
+  void OnTerminate() override { FContext.stop(); }
+
+  boost::asio::io_context& FContext;
+  const THttpServerOptions& FOptions;
+};
+
+THttpThreads::THttpThreads(const THttpServerOptions& options, TClock& clock)
+    : FOptions(options), FClock(clock) {}
+
+THttpThreads::~THttpThreads() = default;
+
+void THttpThreads::Start() {
+  for (std::size_t i = 0; i < kBlockingThreads; ++i) {
+    FBlockingThreads.push_back(std::make_unique<TThreadOf>(FBlockingContext, FOptions, i + 2));
+  }
+  FThread = std::make_unique<TThreadOf>(FContext, FOptions, 1);
+}
+
+void THttpThreads::Stop() { FThread.reset(); }
+
+bool THttpThreads::StopBlockingCalls() {
+  FBlockingContext.stop();
+  return std::all_of(FBlockingThreads.begin(), FBlockingThreads.end(), [this](const auto& thread) {
+    return thread->WaitFinished(FOptions.StopGrace);
+  });
+}
+
+// As many places as threads, so one is free.
+std::atomic<std::int64_t>& THttpThreads::TakePlace() {
+  const std::int64_t now = FClock.TickCount();
+  return *std::find_if(FBlockedSince.begin(), FBlockedSince.end(),
+                       [now](std::atomic<std::int64_t>& since) {
+                         std::int64_t free = 0;
+                         return since.compare_exchange_strong(free, now);
+                       });
+}
+
+bool THttpThreads::BlockingCallsStandStill() const {
+  const std::int64_t latest = FClock.TickCount() - FOptions.StuckAfter.count();
+  return std::all_of(FBlockedSince.begin(), FBlockedSince.end(), [latest](const auto& since) {
+    const std::int64_t tick = since.load();
+    return tick != 0 && tick < latest;
+  });
+}
+
+}  // namespace guardian
