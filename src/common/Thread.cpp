@@ -98,6 +98,13 @@ void TThread::Join() {
   FStarted = false;
 }
 
+void TThread::LeaveBehind() {
+  Terminate();
+  if (!FStarted) return;
+  pthread_detach(FHandle);
+  FStarted = false;
+}
+
 void TThread::SetExceptionHandler(TExceptionHandler handler) {
   assert(IsMainThread());
   ExceptionHandler() = std::move(handler);

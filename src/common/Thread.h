@@ -56,6 +56,10 @@ class TThread {
   // nothing for a thread that was not started.
   void Join();
 
+  // Terminate, and gives up waiting: for a thread that stands still in a call. The object and what
+  // Execute uses must then live as long as the process.
+  void LeaveBehind();
+
   [[nodiscard]] const std::string& Name() const noexcept { return FName; }
 
   // The kernel's thread id; 0 before the thread runs.

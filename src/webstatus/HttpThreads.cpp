@@ -56,9 +56,13 @@ void THttpThreads::Stop() { FThread.reset(); }
 
 bool THttpThreads::StopBlockingCalls() {
   FBlockingContext.stop();
-  return std::all_of(FBlockingThreads.begin(), FBlockingThreads.end(), [this](const auto& thread) {
-    return thread->WaitFinished(FOptions.StopGrace);
-  });
+  const bool ended =
+      std::all_of(FBlockingThreads.begin(), FBlockingThreads.end(),
+                  [this](const auto& thread) { return thread->WaitFinished(FOptions.StopGrace); });
+  if (!ended) {
+    for (const auto& thread : FBlockingThreads) thread->LeaveBehind();
+  }
+  return ended;
 }
 
 // As many places as threads, so one is free.
