@@ -181,7 +181,10 @@ void THttpRun::AcceptAfterFailure(TListener& listener, const TErrorCode& error) 
 // While there is no room, those who come next wait in the kernel's queue.
 void THttpRun::Welcome(TListener& listener, tcp::socket socket) {
   try {
-    const THttpPeer peer(socket.remote_endpoint().address());
+    TErrorCode gone;
+    const tcp::endpoint from = socket.remote_endpoint(gone);
+    if (gone) return Accept(listener);
+    const THttpPeer peer(from.address());
     const auto room = FConnections.MakeRoom(peer);
     if (room == THttpConnections::TRoom::Later) {
       listener.Pause.expires_after(kPause);
