@@ -5,10 +5,12 @@
 #include <cassert>
 #include <cstdio>
 #include <utility>
+#include <vector>
 
 #include "common/Exceptions.h"
 #include "common/FatalSignals.h"
 #include "common/MainThread.h"
+#include "common/NeverDestroyed.h"
 #include "common/SignalBlock.h"
 
 namespace guardian {
@@ -101,6 +103,12 @@ void TThread::Join() {
 void TThread::SetExceptionHandler(TExceptionHandler handler) {
   assert(IsMainThread());
   ExceptionHandler() = std::move(handler);
+}
+
+void EndOrLeaveBehind(std::unique_ptr<TThread> thread, std::chrono::milliseconds grace) {
+  static TNeverDestroyed<std::vector<std::unique_ptr<TThread>>> leftBehind;
+  thread->Terminate();
+  if (!thread->WaitFinished(grace)) (*leftBehind).push_back(std::move(thread));
 }
 
 void* TThread::Run(void* self) {

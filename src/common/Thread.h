@@ -90,6 +90,11 @@ class TThread {
   TKZEvent FFinishedEvent{"ThreadFinished", TEventReset::Manual};
 };
 
+// Asks the thread to end, waits for at most the grace and frees it. A thread that stands still is
+// never freed and ends with the process, so it uses nothing but what lives as long.
+// Threads: as the thread's owner.
+void EndOrLeaveBehind(std::unique_ptr<TThread> thread, std::chrono::milliseconds grace);
+
 // A thread whose work is a function.
 class TFunctionThread final : public TThread {
  public:

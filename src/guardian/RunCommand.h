@@ -9,6 +9,7 @@ class TCancellation;
 // The result of a shell command.
 struct TShellOutcome {
   std::string Output;
+  bool CouldNotRun = false;  // The command did not even begin.
   // A line for the log when the command could not be run or had to be ended; otherwise empty.
   std::string Problem;
 };
