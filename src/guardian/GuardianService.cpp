@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "common/Console.h"
+#include "common/DiagnosticMessage.h"
 #include "common/Exceptions.h"
 #include "common/MainThread.h"
 #include "common/Settings.h"
@@ -126,18 +127,23 @@ void TGuardianService::CheckStatus() {
   RecordRound(seen);
 }
 
-void TGuardianService::DoGuarded(const std::function<void()>& step) {
-  if (FSurroundings.Stopping.IsCancelled()) return;
+// Returns whether the step came to its end.
+bool TGuardianService::DoGuarded(const std::function<void()>& step) {
+  if (FSurroundings.Stopping.IsCancelled()) return false;
   try {
     step();
+    return true;
   } catch (...) {
     ReportFailure(std::current_exception());
+    return false;
   }
 }
 
 // An expected failure is one line in the log; any other leaves a report too.
-void TGuardianService::ReportFailure(const std::exception_ptr& error) {
-  AddToLog("Exception in watchdog tick: " + HtmlEscape(MessageOf(error)));
+void TGuardianService::ReportFailure(const std::exception_ptr& error) noexcept {
+  Guarded("Watchdog log", *FSurroundings.Clock, [&] {
+    AddToLog("Exception in watchdog tick: " + HtmlEscape(MessageOf(error)));
+  });
   HandleException(error, TLogToFiles::Yes, "Watchdog tick");
 }
 
@@ -147,12 +153,15 @@ void TGuardianService::RecordRound(const TObservation& seen) {
 
 TObservation TGuardianService::Observe() {
   TObservation seen;
-  seen.MutexOK = FScheduler->IsSchedulerRunning();
-  const TPipeCheck pipe = FScheduler->CheckSchedulerPipe();
-  seen.PipeOK = pipe.Ok;
-  seen.PipeJustConnected = pipe.JustConnected;
+  const bool looked = DoGuarded([&] {
+    seen.MutexOK = FScheduler->IsSchedulerRunning();
+    const TPipeCheck pipe = FScheduler->CheckSchedulerPipe();
+    seen.PipeOK = pipe.Ok;
+    seen.PipeJustConnected = pipe.JustConnected;
+  });
   LookAtProcess(seen);
-  seen.MutexPathKnown = FMutexPathReceived && !FMutexPathMissing;
+  // A look that failed is no failure of the daemon.
+  seen.MutexPathKnown = looked && FMutexPathReceived && !FMutexPathMissing;
   seen.Pulse = FScheduler->Pulse();
   seen.Pid = FDaemonProcess.Pid();
   // Taken last: the checks above may have taken seconds.
@@ -167,7 +176,10 @@ void TGuardianService::LookAtProcess(TObservation& seen) {
   try {
     seen.ServiceOK = IsDaemonRunning(fresh ? TProcessCheck::Force : TProcessCheck::Cached);
   } catch (const SoftException&) {
+    seen.ServiceKnown = false;  // The log has the reason.
+  } catch (...) {
     seen.ServiceKnown = false;
+    ReportFailure(std::current_exception());
   }
   FLastServiceOK = seen.ServiceOK;
 }

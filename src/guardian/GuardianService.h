@@ -110,8 +110,8 @@ class TGuardianService final : public TService, public TGuardianControl {
   void Request(std::atomic<bool>& flag);
   void WriteToSystemLog(std::string_view message, TSystemLogKind kind);
   TShellOutcome RunShell(const std::string& commandLine, int timeoutSec);
-  void ReportFailure(const std::exception_ptr& error);
-  void DoGuarded(const std::function<void()>& step);
+  void ReportFailure(const std::exception_ptr& error) noexcept;
+  bool DoGuarded(const std::function<void()>& step);
 
   const TGuardianSurroundings FSurroundings;
   TActivityLog FActivityLog;

@@ -9,9 +9,9 @@ class TCancellation;
 // The result of a shell command.
 struct TShellOutcome {
   std::string Output;
-  bool CouldNotRun = false;  // The command did not even begin.
   // A line for the log when the command could not be run or had to be ended; otherwise empty.
   std::string Problem;
+  bool CouldNotRun = false;  // The command did not even begin.
 };
 
 // Runs a shell command as RunShellCmdWithOutput does, for at most the given seconds. A command that
