@@ -92,8 +92,9 @@ void CheckListing(std::string_view columns, std::string_view plain) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   guardian::TFuzzInput input(data, size);
-  guardian::Require(guardian::DaemonPidIn(input.Rest(), guardian::kIsOwn) == guardian::PlainPid(input.Rest()),
-                    "another process id in a whole listing");
+  guardian::Require(
+      guardian::DaemonPidIn(input.Rest(), guardian::kIsOwn) == guardian::PlainPid(input.Rest()),
+      "another process id in a whole listing");
   const std::string_view columns = input.Line();
   guardian::CheckListing(columns, input.Rest());
   return 0;

@@ -63,26 +63,33 @@ void TKZTimer::Execute(const TThread& thread) {
   while (!thread.Terminated()) {
     try {
       if (!WaitUntilDue(thread)) return;
-      FHandler();
     } catch (...) {
       ReportFailure();
+      PauseAfterFailure(thread);
+      continue;
     }
+    CallHandler();
+  }
+}
+
+void TKZTimer::CallHandler() noexcept {
+  try {
+    FHandler();
+  } catch (...) {
+    ReportFailure();
   }
 }
 
 // A wait that fails again and again must not spin.
-bool TKZTimer::WaitUntilDue(const TThread& thread) try {
-  return WaitOnClock(thread);
-} catch (...) {
-  constexpr std::chrono::milliseconds kPauseAfterFailure{100};
+void TKZTimer::PauseAfterFailure(const TThread& thread) {
+  constexpr std::chrono::milliseconds kPause{100};
   const TMutexLock lock(FLock);
-  if (!thread.Terminated()) FChanged.WaitFor(FLock, kPauseAfterFailure);
-  throw;
+  if (!thread.Terminated()) FChanged.WaitFor(FLock, kPause);
 }
 
 // Returns false when the thread is to end. The predicate holds two pointers and no more, so that no
 // wait allocates memory.
-bool TKZTimer::WaitOnClock(const TThread& thread) {
+bool TKZTimer::WaitUntilDue(const TThread& thread) {
   const TMutexLock lock(FLock);
   while (!thread.Terminated()) {
     if (!FEnabled) {

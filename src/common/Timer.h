@@ -51,7 +51,8 @@ class TKZTimer {
 
   void Execute(const TThread& thread) KZ_EXCLUDES(FLock);
   bool WaitUntilDue(const TThread& thread) KZ_EXCLUDES(FLock);
-  bool WaitOnClock(const TThread& thread) KZ_EXCLUDES(FLock);
+  void PauseAfterFailure(const TThread& thread) KZ_EXCLUDES(FLock);
+  void CallHandler() noexcept;
   void ReportFailure() noexcept;
   void Wake() KZ_EXCLUDES(FLock);
 

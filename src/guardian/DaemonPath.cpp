@@ -53,9 +53,9 @@ class TDaemonPath::TLookThread final : public TThread {
     FChanged.NotifyAll();
     // Only the first caller who meets a look that stands still waits for it.
     if (FStandsStill) return FSeen;
-    FStandsStill = !SystemClock().WaitUntil(
-        FLock, FChanged, SystemTickCount() + kLongestMs,
-        [this, asked]() KZ_REQUIRES(FLock) { return FAnswered >= asked; });
+    FStandsStill =
+        !SystemClock().WaitUntil(FLock, FChanged, SystemTickCount() + kLongestMs,
+                                 [this, asked]() KZ_REQUIRES(FLock) { return FAnswered >= asked; });
     return FSeen;
   }
 
@@ -100,8 +100,8 @@ TDaemonPath::TDaemonPath(std::string ownPath, std::string confDir, const TFileSy
     : FOwnPath(std::move(ownPath)),
       FConfFile(std::move(confDir) + "/VellumarkCL.conf"),
       FFiles(files),
-      FLooks(std::make_unique<TLookThread>(TPlaces{FOwnPath, DaemonPathBeside(FOwnPath), {}},
-                                           files)) {
+      FLooks(
+          std::make_unique<TLookThread>(TPlaces{FOwnPath, DaemonPathBeside(FOwnPath), {}}, files)) {
   FLooks->Start();
 }
 

@@ -41,8 +41,8 @@ TGuardianService::TGuardianService(TGuardianSurroundings surroundings)
       FScheduler(FSurroundings.MakeScheduler([this](std::string_view line) { AddToLog(line); })),
       FTimer(
           "GuardianTimer", kTickInterval, [this] { Tick(); },
-          [this](const std::exception_ptr& error) { ReportFailure(error); },
-          *FSurroundings.Clock) {}
+          [this](const std::exception_ptr& error) { ReportFailure(error); }, *FSurroundings.Clock) {
+}
 
 TGuardianService::~TGuardianService() = default;
 
@@ -141,9 +141,8 @@ bool TGuardianService::DoGuarded(const std::function<void()>& step) {
 
 // An expected failure is one line in the log; any other leaves a report too.
 void TGuardianService::ReportFailure(const std::exception_ptr& error) noexcept {
-  Guarded("Watchdog log", *FSurroundings.Clock, [&] {
-    AddToLog("Exception in watchdog tick: " + HtmlEscape(MessageOf(error)));
-  });
+  Guarded("Watchdog log", *FSurroundings.Clock,
+          [&] { AddToLog("Exception in watchdog tick: " + HtmlEscape(MessageOf(error))); });
   HandleException(error, TLogToFiles::Yes, "Watchdog tick");
 }
 

@@ -30,8 +30,8 @@ struct TGuardianSurroundings {
   std::function<std::unique_ptr<TScheduler>(TScheduler::TLog log)> MakeScheduler;
   // Returns false when the text is dropped. Must not block.
   std::function<bool(std::string_view message, TSystemLogKind kind)> SystemLog;
-  std::string OwnPath;  // The Guardian's executable, full path.
-  std::string ConfDir;  // Where the daemon's configuration lies.
+  std::string OwnPath;            // The Guardian's executable, full path.
+  std::string ConfDir;            // Where the daemon's configuration lies.
   const TCancellation& Stopping;  // Cancelled when the process is to end; ends Shell's commands.
   TIsOwnProcess IsOwnProcess;
   const TFileSystemView* Files = &RealFileSystem();

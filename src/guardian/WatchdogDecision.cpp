@@ -57,16 +57,15 @@ class TRound {
   void ShowStatus() {
     FSteps.push_back({TStepKind::StatusLine,
                       "Status at " + Shown(FSeen.Now) + ": MutexOK=" + YesNo(FSeen.MutexOK) +
-                          ", PipeStatusOK=" + YesNo(FSeen.PipeOK) +
-                          ", ServiceOK=" + Service() + ", PID=" + FSeen.Pid});
+                          ", PipeStatusOK=" + YesNo(FSeen.PipeOK) + ", ServiceOK=" + Service() +
+                          ", PID=" + FSeen.Pid});
   }
 
   void LogStatus() {
     const bool lately = FState.LastStatusLogAt >= FSeen.Now - kMinute;
     if (lately && AllOK()) return;
-    Log(std::string("Status: Mutex=") + YesNo(FSeen.MutexOK) +
-        " Service=" + Service() + " Pipe=" + YesNo(FSeen.PipeOK) +
-        " Pulse: " + std::to_string(FSeen.Pulse));
+    Log(std::string("Status: Mutex=") + YesNo(FSeen.MutexOK) + " Service=" + Service() +
+        " Pipe=" + YesNo(FSeen.PipeOK) + " Pulse: " + std::to_string(FSeen.Pulse));
     FState.LastStatusLogAt = FSeen.MutexOK && FSeen.ServiceOK ? FSeen.Now : 0;
   }
 

@@ -60,8 +60,8 @@ struct TStep {
 // Whether the process list must be read afresh: something failed now or in the round before.
 [[nodiscard]] bool NeedsFreshProcessCheck(bool mutexOK, bool pipeOK, bool lastServiceOK);
 
-// Judges one round: without a process list nothing is started, counted or ended. Updates the state and returns what is to be done, in order. Knows neither clock
-// nor shell nor socket.
+// Judges one round: without a process list nothing is started, counted or ended. Updates the state
+// and returns what is to be done, in order. Knows neither clock nor shell nor socket.
 [[nodiscard]] std::vector<TStep> DecideRound(const TObservation& seen, TWatchdogState& state);
 
 }  // namespace guardian

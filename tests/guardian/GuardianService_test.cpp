@@ -236,7 +236,8 @@ TEST_F(GuardianServiceTest, StartsADeadDaemonAndLooksAgainAtOnce) {
   DaemonRunsAs("5");
   EXPECT_THAT(TickAfter(0), ElementsAre(kStart, kPs));
   EXPECT_THAT(DetailedLog(), HasSubstr("The system log takes no entries; the next one stands here "
-                                       "only.<br>" + DateTimeToStr(FFakes.Clock.Now()) + "  INFO"));
+                                       "only.<br>" +
+                                       DateTimeToStr(FFakes.Clock.Now()) + "  INFO"));
   EXPECT_THAT(TickAfter(0), IsEmpty());
   EXPECT_THAT(FFakes.SystemLog, ElementsAre("Service not running - need to start service."));
 }
@@ -408,8 +409,8 @@ TEST(RealFileSystemTest, TellsFilesFromFoldersAndSaysWhyItCannotRead) {
 
 const std::string kNasty = "Path $(touch x) `id` \"quoted\" 'single' ; | & \\ \n%s -n";
 
-// The tools are scripts that write down their arguments, each in brackets. The first one then stands
-// still for as long as it may, or until there is a file "go".
+// The tools are scripts that write down their arguments, each in brackets. The first one then
+// stands still for as long as it may, or until there is a file "go".
 TEST(SystemLogTest, GivesTheFirstToolItsPlainArgumentsAndWaitsForNone) {
   const TTempFolder folder;
   const auto install = [&](const std::string& name, const std::string& ending) {
