@@ -87,18 +87,6 @@ std::string ReplaceAll(std::string_view text, std::string_view from, std::string
   return result.append(text.substr(start));
 }
 
-std::vector<std::string_view> Split(std::string_view text, char separator) {
-  std::vector<std::string_view> pieces;
-  std::size_t start = 0;
-  for (std::size_t at = text.find(separator); at != std::string_view::npos;
-       at = text.find(separator, start)) {
-    pieces.push_back(text.substr(start, at - start));
-    start = at + 1;
-  }
-  pieces.push_back(text.substr(start));
-  return pieces;
-}
-
 std::string ToUpper(std::string_view text) {
   std::string result(text);
   for (char& c : result) {

@@ -2,9 +2,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace guardian {
 
@@ -13,8 +13,53 @@ namespace guardian {
 [[nodiscard]] std::string ReplaceAll(std::string_view text, std::string_view from,
                                      std::string_view to);
 
+// The pieces of a text between separators, found one after the other: a text of many pieces costs
+// no memory. Lifetime: the text outlives it and the pieces.
+class TPieces {
+ public:
+  using value_type = std::string_view;
+
+  class const_iterator {
+   public:
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = std::string_view;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const std::string_view*;
+    using reference = std::string_view;
+
+    const_iterator() = default;
+    const_iterator(std::string_view text, char separator, std::size_t begin) noexcept
+        : FText(text), FSeparator(separator), FBegin(begin), FEnd(text.find(separator, begin)) {}
+
+    std::string_view operator*() const noexcept { return FText.substr(FBegin, FEnd - FBegin); }
+    const_iterator& operator++() noexcept {
+      const bool last = FEnd == std::string_view::npos;
+      *this = last ? const_iterator() : const_iterator(FText, FSeparator, FEnd + 1);
+      return *this;
+    }
+    bool operator==(const const_iterator& other) const noexcept { return FBegin == other.FBegin; }
+
+   private:
+    std::string_view FText;
+    char FSeparator = 0;
+    std::size_t FBegin = std::string_view::npos;  // That is the end of the pieces.
+    std::size_t FEnd = std::string_view::npos;    // That is the end of the text.
+  };
+
+  TPieces(std::string_view text, char separator) noexcept : FText(text), FSeparator(separator) {}
+
+  [[nodiscard]] const_iterator begin() const noexcept { return {FText, FSeparator, 0}; }
+  [[nodiscard]] const_iterator end() const noexcept { return {}; }
+
+ private:
+  const std::string_view FText;
+  const char FSeparator;
+};
+
 // The pieces between separators; always at least one, possibly empty.
-[[nodiscard]] std::vector<std::string_view> Split(std::string_view text, char separator);
+[[nodiscard]] inline TPieces Split(std::string_view text, char separator) {
+  return {text, separator};
+}
 
 [[nodiscard]] inline bool Contains(std::string_view text, std::string_view part) {
   return text.find(part) != std::string_view::npos;

@@ -5,10 +5,12 @@
 #include <cassert>
 #include <cstdio>
 #include <utility>
+#include <vector>
 
 #include "common/Exceptions.h"
 #include "common/FatalSignals.h"
 #include "common/MainThread.h"
+#include "common/NeverDestroyed.h"
 #include "common/SignalBlock.h"
 
 namespace guardian {
@@ -98,16 +100,18 @@ void TThread::Join() {
   FStarted = false;
 }
 
-void TThread::LeaveBehind() {
-  Terminate();
-  if (!FStarted) return;
-  pthread_detach(FHandle);
-  FStarted = false;
-}
-
 void TThread::SetExceptionHandler(TExceptionHandler handler) {
   assert(IsMainThread());
   ExceptionHandler() = std::move(handler);
+}
+
+bool TThread::EndOrLeaveBehind(std::unique_ptr<TThread> thread, std::chrono::milliseconds grace) {
+  static TNeverDestroyed<std::vector<std::unique_ptr<TThread>>> leftBehind;
+  thread->Terminate();
+  if (thread->WaitFinished(grace)) return true;
+  pthread_detach(thread->FHandle);
+  (*leftBehind).push_back(std::move(thread));
+  return false;
 }
 
 void* TThread::Run(void* self) {

@@ -56,9 +56,10 @@ class TThread {
   // nothing for a thread that was not started.
   void Join();
 
-  // Terminate, and gives up waiting: for a thread that stands still in a call. The object and what
-  // Execute uses must then live as long as the process.
-  void LeaveBehind();
+  // Asks a started thread to end, waits for at most the grace and frees it; returns whether it has
+  // ended. One that stands still is never freed and ends with the process, so it uses nothing but
+  // what lives as long. Threads: as the thread's owner.
+  static bool EndOrLeaveBehind(std::unique_ptr<TThread> thread, std::chrono::milliseconds grace);
 
   [[nodiscard]] const std::string& Name() const noexcept { return FName; }
 

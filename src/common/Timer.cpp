@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "common/Console.h"
+
 namespace guardian {
 
 class TKZTimer::TTimerThread final : public TThread {
@@ -58,10 +60,35 @@ void TKZTimer::SetEnabled(bool enabled) {
 }
 
 void TKZTimer::Execute(const TThread& thread) {
-  while (WaitUntilDue(thread)) CallHandler();
+  while (!thread.Terminated()) {
+    try {
+      if (!WaitUntilDue(thread)) return;
+    } catch (...) {
+      ReportFailure();
+      PauseAfterFailure(thread);
+      continue;
+    }
+    CallHandler();
+  }
 }
 
-// Returns false when the thread is to end.
+void TKZTimer::CallHandler() noexcept {
+  try {
+    FHandler();
+  } catch (...) {
+    ReportFailure();
+  }
+}
+
+// A wait that fails again and again must not spin.
+void TKZTimer::PauseAfterFailure(const TThread& thread) {
+  constexpr std::chrono::milliseconds kPause{100};
+  const TMutexLock lock(FLock);
+  if (!thread.Terminated()) FChanged.WaitFor(FLock, kPause);
+}
+
+// Returns false when the thread is to end. The predicate holds two pointers and no more, so that no
+// wait allocates memory.
 bool TKZTimer::WaitUntilDue(const TThread& thread) {
   const TMutexLock lock(FLock);
   while (!thread.Terminated()) {
@@ -69,10 +96,14 @@ bool TKZTimer::WaitUntilDue(const TThread& thread) {
       FChanged.Wait(FLock);
       continue;
     }
-    const std::int64_t due = FDueTick;
-    const bool changed = FClock.WaitUntil(FLock, FChanged, due, [&]() KZ_REQUIRES(FLock) {
-      return thread.Terminated() || !FEnabled || FDueTick != due;
-    });
+    const struct {
+      const TThread& Thread;
+      std::int64_t Due;
+    } wait{thread, FDueTick};
+    const bool changed =
+        FClock.WaitUntil(FLock, FChanged, wait.Due, [this, &wait]() KZ_REQUIRES(FLock) {
+          return wait.Thread.Terminated() || !FEnabled || FDueTick != wait.Due;
+        });
     if (changed) continue;
     FDueTick = FClock.TickCount() + FInterval.count();
     return true;
@@ -80,11 +111,13 @@ bool TKZTimer::WaitUntilDue(const TThread& thread) {
   return false;
 }
 
-void TKZTimer::CallHandler() {
+// In a catch block: hands what was thrown to the error handler. A failure of that handler leaves
+// nobody to tell but the debug output.
+void TKZTimer::ReportFailure() noexcept {
   try {
-    FHandler();
-  } catch (...) {
     FOnError(std::current_exception());
+  } catch (...) {
+    DebugOutput("The timer goes on; a failure of its could not be reported.");
   }
 }
 

@@ -21,8 +21,8 @@ namespace guardian {
 // It is created disabled; the thread starts with the first SetEnabled(true). The period counts from
 // the start of one call to the start of the next. A handler that takes longer than the interval is
 // called again at once, and missed calls are not made up for. A changed interval and
-// SetEnabled(true) start a full new period. What the handler throws goes to the error handler, and
-// the timer goes on.
+// SetEnabled(true) start a full new period. What the handler or the wait throws goes to the error
+// handler, and the timer goes on, whatever the error handler throws in its turn.
 // Owner: the object whose handler it calls; the destructor stops it and joins the thread. It may be
 // destroyed in the main thread while the handler waits for the main thread.
 // Threads: any thread, the handler included, may call anything but Stop and the destructor, which
@@ -51,7 +51,9 @@ class TKZTimer {
 
   void Execute(const TThread& thread) KZ_EXCLUDES(FLock);
   bool WaitUntilDue(const TThread& thread) KZ_EXCLUDES(FLock);
-  void CallHandler();
+  void PauseAfterFailure(const TThread& thread) KZ_EXCLUDES(FLock);
+  void CallHandler() noexcept;
+  void ReportFailure() noexcept;
   void Wake() KZ_EXCLUDES(FLock);
 
   const std::string FName;

@@ -6,8 +6,8 @@
 
 namespace guardian {
 
-TDaemonProcess::TDaemonProcess(TShell shell, TClock& clock)
-    : FShell(std::move(shell)), FClock(clock) {}
+TDaemonProcess::TDaemonProcess(TShell shell, TIsOwnProcess isOwn, TClock& clock)
+    : FShell(std::move(shell)), FIsOwn(std::move(isOwn)), FClock(clock) {}
 
 bool TDaemonProcess::Check(TProcessCheck mode) {
   FTickThread.Check();
@@ -16,7 +16,7 @@ bool TDaemonProcess::Check(TProcessCheck mode) {
   if (mode == TProcessCheck::Cached && fresh) return FSeenRunning;
   TProcessListing listing = ListDaemonProcesses(FShell, kPsTimeoutSec, FPsOptions);
   FPsOptions = listing.Options;
-  std::string pid = DaemonPidIn(listing.Text);
+  std::string pid = DaemonPidIn(listing.Text, FIsOwn);
   FSeenRunning = !pid.empty();
   FPid.Set(std::move(pid));
   FLastListing.Set(Clipped(listing.Text, kShownOutputBytes));

@@ -22,11 +22,13 @@ enum class TProcessCheck {
 // Lifetime: shell and clock outlive it.
 class TDaemonProcess {
  public:
-  TDaemonProcess(TShell shell, TClock& clock);
+  // What the shell throws ends a check, and leaves what was known before. Lines of processes that
+  // are its own are passed over.
+  TDaemonProcess(TShell shell, TIsOwnProcess isOwn, TClock& clock);
   TDaemonProcess(const TDaemonProcess&) = delete;
   TDaemonProcess& operator=(const TDaemonProcess&) = delete;
 
-  // Returns whether the daemon runs. Blocks for at most 10 seconds.
+  // Returns whether the daemon runs. Blocks for at most 10 seconds. Throws what the shell throws.
   bool Check(TProcessCheck mode);
 
   // Makes the next Check read afresh.
@@ -52,6 +54,7 @@ class TDaemonProcess {
 
  private:
   const TShell FShell;
+  const TIsOwnProcess FIsOwn;
   TClock& FClock;
 
   // Timer thread only.

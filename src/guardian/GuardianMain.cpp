@@ -1,6 +1,7 @@
 #include "guardian/GuardianMain.h"
 
 #include <chrono>
+#include <csignal>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -17,6 +18,7 @@
 #include "guardian/SystemLog.h"
 #include "guardian/Units.h"
 #include "guardian/process.h"
+#include "guardian/process/ChildRegistry.h"
 #include "ipc/KZCustomApplication.h"
 #include "ipc/scheduler_client.h"
 #include "webstatus/HttpClient.h"
@@ -32,6 +34,7 @@ void RunGuardian(TClock& clock) {
   const TAtEnd closeQueue([] { CloseMainThreadQueue(); });
   TKZCustomApplication application;
   application.Initialize();
+  const TSystemLogWriter systemLog;
   const TUnits units;
   TGuardianService service({
       .Shell =
@@ -43,12 +46,11 @@ void RunGuardian(TClock& clock) {
             return std::make_unique<TSchedulerClient>(Settings().SchedulerPipeName, std::move(log),
                                                       application.Stopping(), clock);
           },
-      .SystemLog =
-          [&application](std::string_view message, TSystemLogKind kind) {
-            WriteSystemLog(message, kind, application.Stopping());
-          },
+      .SystemLog = &WriteSystemLog,
       .OwnPath = Settings().OwnExecutablePath,
       .ConfDir = GetDaemonConfDir(),
+      .Stopping = application.Stopping(),
+      .IsOwnProcess = &IsOwnProcess,
       .Clock = &clock,
   });
   service.Start();
@@ -92,16 +94,47 @@ bool GuardianEnds() {
   return true;
 }
 
+struct TAnswer {
+  bool PortIsTaken = true;
+  std::string Text;  // Empty when there is none.
+};
+
+// Prints the answer, if there is one.
+TAnswer AskGuardian(const std::string& page, TQueryOutput output) {
+  constexpr std::chrono::milliseconds kTimeout{60'000};
+  Settings().AskingGuardian = true;
+  TAnswer answer;
+  try {
+    answer.Text = HttpGet(kGuardianAddress + page, kTimeout).Body;
+    PrintLine(answer.Text);
+    return answer;
+  } catch (const EHttpUnreachable&) {
+    answer.PortIsTaken = false;
+  } catch (const KZException&) {
+    // Somebody who hangs, or who knows no such page.
+  }
+  if (output == TQueryOutput::AnswerOrFailure) {
+    PrintLine("The Guardian is not running or unreachable via localhost:8900.");
+  }
+  return answer;
+}
+
+// Waits only for a Guardian that ends: whoever else has the port will not leave it.
+int StopGuardian() {
+  PrintLine("Stopping Guardian Service.");
+  const TAnswer answer = AskGuardian("terminateguardian.php", TQueryOutput::AnswerOrFailure);
+  if (!answer.PortIsTaken) return kExitOk;
+  return answer.Text == "Guardian stopped." && GuardianEnds() ? kExitOk : kExitFailed;
+}
+
 }  // namespace
 
 int GuardianMain(TClock& clock) {
+  OpenStandardHandles();
+  std::signal(SIGPIPE, SIG_IGN);
   const auto& commandLine = Settings().CommandLine;
   const std::string word = commandLine.size() > 1 ? commandLine[1] : std::string();
-  if (word == "stop") {
-    PrintLine("Stopping Guardian Service.");
-    QueryGuardian("terminateguardian.php", TQueryOutput::AnswerOrFailure);
-    return GuardianEnds() ? kExitOk : kExitFailed;
-  }
+  if (word == "stop") return StopGuardian();
   if (word == "status") {
     PrintLine("Querying Guardian Service.");
     const bool running = QueryGuardian("status.php", TQueryOutput::AnswerOrFailure);
@@ -120,18 +153,7 @@ int GuardianMain(TClock& clock) {
 }
 
 bool QueryGuardian(const std::string& page, TQueryOutput output) {
-  constexpr std::chrono::milliseconds kTimeout{60'000};
-  Settings().AskingGuardian = true;
-  try {
-    const std::string answer = HttpGet(kGuardianAddress + page, kTimeout).Body;
-    PrintLine(answer);
-    return answer.find("running") != std::string::npos;
-  } catch (const KZException&) {
-    if (output == TQueryOutput::AnswerOrFailure) {
-      PrintLine("The Guardian is not running or unreachable via localhost:8900.");
-    }
-    return false;
-  }
+  return AskGuardian(page, output).Text.find("running") != std::string::npos;
 }
 
 }  // namespace guardian

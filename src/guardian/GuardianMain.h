@@ -17,9 +17,9 @@ inline constexpr int kExitNotRunning = 3;
 // The watchdog decides by the clock, which outlives the call.
 // Threads: the main thread, before any other thread exists.
 //
-// "status" is kExitNotRunning when no Guardian answers. "stop" is kExitOk when none runs or the
-// running one has ended, for which it waits up to 30 seconds, otherwise kExitFailed. All else is
-// kExitOk.
+// "status" is kExitNotRunning when no Guardian answers. "stop" is kExitOk when nobody answers, or
+// when a Guardian says that it stops and has ended, for which it waits up to 30 seconds; otherwise,
+// as after any other answer, it is kExitFailed. All else is kExitOk.
 [[nodiscard]] int GuardianMain(TClock& clock = SystemClock());
 
 enum class TQueryOutput { AnswerOnly, AnswerOrFailure };

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "common/Console.h"
+#include "common/DiagnosticMessage.h"
 #include "common/Exceptions.h"
 #include "common/MainThread.h"
 #include "common/Settings.h"
@@ -22,22 +23,26 @@ constexpr std::chrono::milliseconds kRequestInterval{1'000};
 
 TGuardianService::TGuardianService(TGuardianSurroundings surroundings)
     : FSurroundings(std::move(surroundings)),
-      FActivityLog(FSurroundings.SystemLog, *FSurroundings.Clock),
-      FDaemonProcess([this](const std::string& commandLine,
-                            int timeoutSec) { return RunShell(commandLine, timeoutSec); },
-                     *FSurroundings.Clock),
+      FActivityLog([this](std::string_view message,
+                          TSystemLogKind kind) { WriteToSystemLog(message, kind); },
+                   *FSurroundings.Clock),
+      FDaemonPath(FSurroundings.OwnPath, FSurroundings.ConfDir, *FSurroundings.Files),
+      FDaemonProcess(
+          [this](const std::string& commandLine, int timeoutSec) {
+            TShellOutcome outcome = RunShell(commandLine, timeoutSec);
+            if (outcome.CouldNotRun) throw SoftException(outcome.Problem);
+            return std::move(outcome.Output);
+          },
+          FSurroundings.IsOwnProcess, *FSurroundings.Clock),
       FControl([this](const std::string& commandLine,
-                      int timeoutSec) { return RunShell(commandLine, timeoutSec); },
+                      int timeoutSec) { return RunShell(commandLine, timeoutSec).Output; },
                [this] { return GetDaemonPath(); }, FDaemonProcess, FActivityLog,
                *FSurroundings.Clock),
       FScheduler(FSurroundings.MakeScheduler([this](std::string_view line) { AddToLog(line); })),
       FTimer(
           "GuardianTimer", kTickInterval, [this] { Tick(); },
-          [this](const std::exception_ptr& error) {
-            AddToLog("Exception in watchdog tick: " + HtmlEscape(MessageOf(error)));
-            HandleException(error, TLogToFiles::Yes, "Watchdog tick");
-          },
-          *FSurroundings.Clock) {}
+          [this](const std::exception_ptr& error) { ReportFailure(error); }, *FSurroundings.Clock) {
+}
 
 TGuardianService::~TGuardianService() = default;
 
@@ -100,21 +105,45 @@ void TGuardianService::Tick() {
 
 void TGuardianService::CarryOutRequests() {
   FTickThread.Check();
-  if (FStartRequested.exchange(false)) FControl.StartDaemon();
-  if (FStopRequested.exchange(false)) FControl.StopDaemon();
-  if (FTerminateRequested.exchange(false)) FControl.TerminateDaemon();
-  if (FKillRequested.exchange(false)) FControl.KillDaemon(FWatchdog.RestartAttempts);
+  const auto carryOut = [this](std::atomic<bool>& request, const std::function<void()>& action) {
+    if (request.exchange(false)) DoGuarded(action);
+  };
+  carryOut(FStartRequested, [this] { FControl.StartDaemon(); });
+  carryOut(FStopRequested, [this] { FControl.StopDaemon(); });
+  carryOut(FTerminateRequested, [this] { FControl.TerminateDaemon(); });
+  carryOut(FKillRequested, [this] { FControl.KillDaemon(FWatchdog.RestartAttempts); });
 }
 
 void TGuardianService::CheckStatus() {
   FTickThread.Check();
   const TObservation seen = Observe();
+  // The end of the process cuts commands and connections short, so nothing can be judged by them.
+  if (FSurroundings.Stopping.IsCancelled()) return;
   const std::vector<TStep> steps = DecideRound(seen, FWatchdog);
   ++FRounds;
   // Recorded before the steps too, because one of them may take half a minute, or throw.
   RecordRound(seen);
-  for (const TStep& step : steps) CarryOut(step);
+  for (const TStep& step : steps) DoGuarded([&] { CarryOut(step); });
   RecordRound(seen);
+}
+
+// Returns whether the step came to its end.
+bool TGuardianService::DoGuarded(const std::function<void()>& step) {
+  if (FSurroundings.Stopping.IsCancelled()) return false;
+  try {
+    step();
+    return true;
+  } catch (...) {
+    ReportFailure(std::current_exception());
+    return false;
+  }
+}
+
+// An expected failure is one line in the log; any other leaves a report too.
+void TGuardianService::ReportFailure(const std::exception_ptr& error) noexcept {
+  Guarded("Watchdog log", *FSurroundings.Clock,
+          [&] { AddToLog("Exception in watchdog tick: " + HtmlEscape(MessageOf(error))); });
+  HandleException(error, TLogToFiles::Yes, "Watchdog tick");
 }
 
 void TGuardianService::RecordRound(const TObservation& seen) {
@@ -123,20 +152,35 @@ void TGuardianService::RecordRound(const TObservation& seen) {
 
 TObservation TGuardianService::Observe() {
   TObservation seen;
-  seen.MutexOK = FScheduler->IsSchedulerRunning();
-  const TPipeCheck pipe = FScheduler->CheckSchedulerPipe();
-  seen.PipeOK = pipe.Ok;
-  seen.PipeJustConnected = pipe.JustConnected;
-  const bool fresh = NeedsFreshProcessCheck(seen.MutexOK, seen.PipeOK, FLastServiceOK);
-  seen.ServiceOK = IsDaemonRunning(fresh ? TProcessCheck::Force : TProcessCheck::Cached);
-  FLastServiceOK = seen.ServiceOK;
-  seen.MutexPathKnown = FMutexPathReceived && !FMutexPathMissing;
+  const bool looked = DoGuarded([&] {
+    seen.MutexOK = FScheduler->IsSchedulerRunning();
+    const TPipeCheck pipe = FScheduler->CheckSchedulerPipe();
+    seen.PipeOK = pipe.Ok;
+    seen.PipeJustConnected = pipe.JustConnected;
+  });
+  LookAtProcess(seen);
+  // A look that failed is no failure of the daemon.
+  seen.MutexPathKnown = looked && FMutexPathReceived && !FMutexPathMissing;
   seen.Pulse = FScheduler->Pulse();
   seen.Pid = FDaemonProcess.Pid();
   // Taken last: the checks above may have taken seconds.
   seen.Now = FSurroundings.Clock->SteadyNow();
   seen.WallNow = FSurroundings.Clock->Now();
   return seen;
+}
+
+// Without a process list the daemon is neither dead nor alive; the next round looks again.
+void TGuardianService::LookAtProcess(TObservation& seen) {
+  const bool fresh = NeedsFreshProcessCheck(seen.MutexOK, seen.PipeOK, FLastServiceOK);
+  try {
+    seen.ServiceOK = IsDaemonRunning(fresh ? TProcessCheck::Force : TProcessCheck::Cached);
+  } catch (const SoftException&) {
+    seen.ServiceKnown = false;  // The log has the reason.
+  } catch (...) {
+    seen.ServiceKnown = false;
+    ReportFailure(std::current_exception());
+  }
+  FLastServiceOK = seen.ServiceOK;
 }
 
 void TGuardianService::CarryOut(const TStep& step) {
@@ -180,37 +224,12 @@ bool TGuardianService::SendPipeCommand(TSyncCommMessages command) {
 
 std::string TGuardianService::GetDaemonPath() {
   FTickThread.Check();
-  std::string path = DaemonPathBeside(FSurroundings.OwnPath);
-  // Set at once, so that pages show it also when the configuration cannot be read.
-  FDaemonPath.Set(path);
-  if (!FSurroundings.Files->FileExists(path)) {
-    ReadDaemonConf();
-    if (!FDaemonPathFromConf.empty()) path = FDaemonPathFromConf;
-  }
-  FDaemonPath.Set(path);
-  // So it is when the Guardian's file was renamed: each Guardian would start the next one.
-  if (path == FSurroundings.OwnPath) {
-    throw KZException("The daemon's path is the Guardian's own: " + path);
-  }
-  return path;
-}
-
-void TGuardianService::ReadDaemonConf() {
-  if (FConfRead) return;
-  FConfRead = true;
-  const std::string file = FSurroundings.ConfDir + "/VellumarkCL.conf";
-  if (FSurroundings.Files->FileExists(file)) {
-    PrintLine("Reading config file " + file);
-    for (std::string& path : DaemonPathsInConf(FSurroundings.Files->ReadText(file))) {
-      FDaemonPathFromConf = std::move(path);
-      PrintLine("Daemon path from conf: " + FDaemonPathFromConf);
-    }
-  }
+  return FDaemonPath.Get();
 }
 
 void TGuardianService::RequestDaemonPaths() {
   constexpr int kHandshakeTimeoutSec = 600;
-  std::string output = RunShell(GetDaemonPath() + " /PATHS", kHandshakeTimeoutSec);
+  std::string output = RunShell(GetDaemonPath() + " /PATHS", kHandshakeTimeoutSec).Output;
   const TDaemonPaths paths = ParseDaemonPaths(output);
   TSettings& settings = Settings();
   if (paths.Temp) FTempPath.Set(*paths.Temp);
@@ -237,18 +256,24 @@ void TGuardianService::Request(std::atomic<bool>& flag) {
   FTimer.SetInterval(kRequestInterval);
 }
 
-std::string TGuardianService::RunShell(const std::string& commandLine, int timeoutSec) {
+void TGuardianService::WriteToSystemLog(std::string_view message, TSystemLogKind kind) {
+  if (FSurroundings.SystemLog(message, kind)) return;
+  AddToLog("The system log takes no entries; the next one stands here only.");
+}
+
+TShellOutcome TGuardianService::RunShell(const std::string& commandLine, int timeoutSec) {
   TShellOutcome outcome = FSurroundings.Shell(commandLine, timeoutSec);
   if (!outcome.Problem.empty()) AddToLog(HtmlEscape(outcome.Problem));
-  return std::move(outcome.Output);
+  return outcome;
 }
 
 TGuardianStatus TGuardianService::Status() const {
   const TSettings& settings = Settings();
   TGuardianStatus status;
   status.StatusText = FStatusLine.Get();
-  status.DaemonPath = FDaemonPath.Copy();
-  status.DaemonPathExists = FSurroundings.Files->FileExists(status.DaemonPath);
+  const TDaemonPathSeen daemon = FDaemonPath.Seen();
+  status.DaemonPath = daemon.Path;
+  status.DaemonPathExists = daemon.Exists;
   status.MutexPath = settings.MutexDirectory.Copy() + "/" + kSchedulerMutexName;
   status.DaemonTempPath = FTempPath.Copy();
   status.GotPaths = FMutexPathReceived;

@@ -1,17 +1,19 @@
 #pragma once
 
 #include <atomic>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 
+#include "common/Cancellation.h"
 #include "common/Clock.h"
 #include "common/SharedText.h"
 #include "common/ThreadChecker.h"
 #include "common/Timer.h"
 #include "guardian/DaemonControl.h"
-#include "guardian/DaemonLookups.h"
+#include "guardian/DaemonPath.h"
 #include "guardian/DaemonProcess.h"
 #include "guardian/RunCommand.h"
 #include "guardian/WatchdogDecision.h"
@@ -26,9 +28,12 @@ struct TGuardianSurroundings {
   std::function<TShellOutcome(const std::string& commandLine, int timeoutSec)> Shell;
   // Makes the scheduler's client, which logs by the given function. Main thread.
   std::function<std::unique_ptr<TScheduler>(TScheduler::TLog log)> MakeScheduler;
-  TActivityLog::TSystemLog SystemLog;
-  std::string OwnPath;  // The Guardian's executable, full path.
-  std::string ConfDir;  // Where the daemon's configuration lies.
+  // Returns false when the text is dropped. Must not block.
+  std::function<bool(std::string_view message, TSystemLogKind kind)> SystemLog;
+  std::string OwnPath;            // The Guardian's executable, full path.
+  std::string ConfDir;            // Where the daemon's configuration lies.
+  const TCancellation& Stopping;  // Cancelled when the process is to end; ends Shell's commands.
+  TIsOwnProcess IsOwnProcess;
   const TFileSystemView* Files = &RealFileSystem();
   TClock* Clock = &SystemClock();
 };
@@ -67,26 +72,25 @@ class TGuardianService final : public TService, public TGuardianControl {
   // Returns true always.
   bool Continue();
 
-  // The timer's handler: carries out the requests, then checks the status. Throws what a step
-  // throws. Timer thread.
+  // The timer's handler: carries out the requests, then checks the status. A step that throws is
+  // reported, and the others follow; once the process is to end, no step does. Timer thread.
   void Tick();
 
-  // Looks at the daemon, judges and acts. Throws what a step throws. Timer thread.
+  // Looks at the daemon, judges and acts. Timer thread.
   void CheckStatus();
 
   // Appends an HTML line to the detailed log.
   void AddToLog(std::string_view text) { FActivityLog.AddDetailEntry(text); }
 
-  // Whether the daemon's process runs, by the process list. Timer thread.
+  // Whether the daemon's process runs, by the process list. Throws SoftException when the list
+  // cannot be read. Timer thread.
   bool IsDaemonRunning(TProcessCheck mode) { return FDaemonProcess.Check(mode); }
 
   // Sends the daemon one message over its scheduler pipe; returns whether it was sent. Timer
   // thread.
   bool SendPipeCommand(TSyncCommMessages command);
 
-  // The path of the daemon's executable: derived from the Guardian's own path, or taken from the
-  // configuration when no file is there. Throws ESystemError when the configuration cannot be read,
-  // KZException when the path is the Guardian's own. Start, then timer thread.
+  // The path of the daemon's executable, see TDaemonPath::Get. Start, then timer thread.
   std::string GetDaemonPath();
 
   [[nodiscard]] TGuardianStatus Status() const override;
@@ -97,25 +101,27 @@ class TGuardianService final : public TService, public TGuardianControl {
 
  private:
   void RequestDaemonPaths();
-  void ReadDaemonConf();
   void CarryOutRequests();
   TObservation Observe();
+  void LookAtProcess(TObservation& seen);
   void CarryOut(const TStep& step);
   void RecordRound(const TObservation& seen);
   TWatchdogReading Reading() const;
   void Request(std::atomic<bool>& flag);
-  std::string RunShell(const std::string& commandLine, int timeoutSec);
+  void WriteToSystemLog(std::string_view message, TSystemLogKind kind);
+  TShellOutcome RunShell(const std::string& commandLine, int timeoutSec);
+  void ReportFailure(const std::exception_ptr& error) noexcept;
+  bool DoGuarded(const std::function<void()>& step);
 
   const TGuardianSurroundings FSurroundings;
   TActivityLog FActivityLog;
+  TDaemonPath FDaemonPath;
   TDaemonProcess FDaemonProcess;
   TDaemonControl FControl;
   const std::unique_ptr<TScheduler> FScheduler;
 
   // Used by Start, then by the timer thread alone, which begins after Start has written them.
   TThreadChecker FTickThread;
-  bool FConfRead = false;
-  std::string FDaemonPathFromConf;
   bool FLastServiceOK = false;
   TWatchdogState FWatchdog;
   std::int64_t FRounds = 0;
@@ -123,7 +129,6 @@ class TGuardianService final : public TService, public TGuardianControl {
   TDateTime FLastSystemLogAt = 0;
 
   // Written by Start and by the timer thread, read by pages.
-  TSharedText FDaemonPath;
   TSharedText FTempPath;
   TSharedText FHandshakeOutput;
   TSharedText FStatusLine;

@@ -18,6 +18,7 @@ TShellOutcome RunCommand(const std::string& commandLine, int timeoutSec,
                         " seconds or for too much output: " + commandLine;
     }
   } catch (const KZException& error) {
+    outcome.CouldNotRun = true;
     outcome.Problem = error.Message();
   }
   return outcome;

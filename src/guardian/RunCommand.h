@@ -11,6 +11,7 @@ struct TShellOutcome {
   std::string Output;
   // A line for the log when the command could not be run or had to be ended; otherwise empty.
   std::string Problem;
+  bool CouldNotRun = false;  // The command did not even begin.
 };
 
 // Runs a shell command as RunShellCmdWithOutput does, for at most the given seconds. A command that

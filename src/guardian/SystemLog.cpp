@@ -3,14 +3,88 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <string>
+#include <chrono>
+#include <cstddef>
+#include <deque>
+#include <optional>
+#include <utility>
 #include <vector>
 
-#include "common/Cancellation.h"
+#include "common/Console.h"
+#include "common/Mutex.h"
+#include "common/NeverDestroyed.h"
+#include "common/Thread.h"
 #include "guardian/process.h"
 
 namespace guardian {
 namespace {
+
+struct TSystemLogEntry {
+  std::string Message;
+  TSystemLogKind Kind = TSystemLogKind::Information;
+};
+
+// The texts that wait for the writer's thread.
+// Owner: process-wide, see Queue(). Threads: any.
+class TSystemLogQueue {
+ public:
+  // From now on texts are taken until Close.
+  void Open() KZ_EXCLUDES(FLock) {
+    const TMutexLock lock(FLock);
+    FOpen = true;
+  }
+
+  void Close() KZ_EXCLUDES(FLock) {
+    const TMutexLock lock(FLock);
+    FOpen = false;
+    FChanged.NotifyAll();
+  }
+
+  // Returns whether the entry was taken.
+  bool Add(TSystemLogEntry entry) KZ_EXCLUDES(FLock) {
+    constexpr std::size_t kMostEntries = 256;
+    const TMutexLock lock(FLock);
+    if (!FOpen) return false;
+    if (FEntries.size() >= kMostEntries) {
+      ++FDropped;
+      return false;
+    }
+    if (auto note = TakeNoteLocked()) FEntries.push_back(std::move(*note));
+    FEntries.push_back(std::move(entry));
+    FChanged.NotifyAll();
+    return true;
+  }
+
+  // Waits for the next entry; nothing when there is none and the queue is closed.
+  std::optional<TSystemLogEntry> Take() KZ_EXCLUDES(FLock) {
+    const TMutexLock lock(FLock);
+    while (FOpen && FEntries.empty() && FDropped == 0) FChanged.Wait(FLock);
+    if (FEntries.empty()) return TakeNoteLocked();
+    TSystemLogEntry entry = std::move(FEntries.front());
+    FEntries.pop_front();
+    return entry;
+  }
+
+ private:
+  // What stands in the place of the dropped entries.
+  std::optional<TSystemLogEntry> TakeNoteLocked() KZ_REQUIRES(FLock) {
+    if (FDropped == 0) return std::nullopt;
+    const std::size_t dropped = std::exchange(FDropped, 0);
+    return TSystemLogEntry{"The system log took no entries; dropped: " + std::to_string(dropped),
+                           TSystemLogKind::Warning};
+  }
+
+  TMutex FLock;
+  TCondition FChanged;
+  bool FOpen KZ_GUARDED_BY(FLock) = true;
+  std::size_t FDropped KZ_GUARDED_BY(FLock) = 0;
+  std::deque<TSystemLogEntry> FEntries KZ_GUARDED_BY(FLock);
+};
+
+TSystemLogQueue& Queue() {
+  static TNeverDestroyed<TSystemLogQueue> queue;
+  return *queue;
+}
 
 void WriteSyslog(int priority, std::string_view message) {
   ::openlog("VellumarkGuardian", LOG_PID, LOG_DAEMON);
@@ -57,27 +131,58 @@ std::vector<std::string> ToolCommand(std::string_view message, TSystemLogKind ki
   return {};
 }
 
-// The process writes its last entries while it is stopping, so the cancellation must not refuse
-// them.
-int RunTool(const std::vector<std::string>& command, const TCancellation& stopping) {
-  constexpr int kTimeoutSec = 5;
-  constexpr int kStoppingTimeoutSec = 1;
-  return stopping.IsCancelled() ? RunProgram(command, kStoppingTimeoutSec)
-                                : RunProgram(command, kTimeoutSec, &stopping);
-}
-
-}  // namespace
-
-void WriteSystemLog(std::string_view message, TSystemLogKind kind, const TCancellation& stopping,
-                    const TSystemLogTools& tools) {
-  const std::vector<std::string> command = ToolCommand(message, kind, tools);
+void WriteEntry(const TSystemLogEntry& entry, const TSystemLogTools& tools) {
+  constexpr int kToolTimeoutSec = 5;
+  const std::vector<std::string> command = ToolCommand(entry.Message, entry.Kind, tools);
   if (!command.empty()) {
-    const int exitCode = RunTool(command, stopping);
+    const int exitCode = RunProgram(command, kToolTimeoutSec);
     if (exitCode == 0) return;
     WriteSyslog(LOG_WARNING, "System log tool failed: " + command.front() + ", exit code " +
                                  std::to_string(exitCode));
   }
-  WriteSyslog(SyslogPriority(kind), message);
+  WriteSyslog(SyslogPriority(entry.Kind), entry.Message);
+}
+
+}  // namespace
+
+bool WriteSystemLog(std::string_view message, TSystemLogKind kind) noexcept try {
+  return Queue().Add({std::string(message), kind});
+} catch (...) {
+  // Nobody is left to tell: the log itself cannot be reached.
+  return false;
+}
+
+// Uses nothing but itself and the queue, because it may be left behind.
+class TSystemLogWriter::TWriterThread final : public TThread {
+ public:
+  explicit TWriterThread(TSystemLogTools tools) : TThread("SystemLog"), FTools(std::move(tools)) {}
+  ~TWriterThread() override { Join(); }
+
+ private:
+  void Execute() override {
+    while (auto entry = Queue().Take()) Write(*entry);
+  }
+
+  void Write(const TSystemLogEntry& entry) const noexcept try {
+    WriteEntry(entry, FTools);
+  } catch (...) {
+    DebugOutput(entry.Message);
+  }
+
+  void OnTerminate() override { Queue().Close(); }
+
+  const TSystemLogTools FTools;
+};
+
+TSystemLogWriter::TSystemLogWriter(TSystemLogTools tools)
+    : FThread(std::make_unique<TWriterThread>(std::move(tools))) {
+  Queue().Open();
+  FThread->Start();
+}
+
+TSystemLogWriter::~TSystemLogWriter() {
+  constexpr std::chrono::seconds kGrace{1};
+  TThread::EndOrLeaveBehind(std::move(FThread), kGrace);
 }
 
 }  // namespace guardian

@@ -19,6 +19,10 @@ class TRound {
     ShowStatus();
     LogStatus();
     WatchPulse();
+    if (!FSeen.ServiceKnown) {
+      SayThatNothingIsKnown();
+      return std::move(FSteps);
+    }
     if (FSeen.ServiceOK) {
       CountFailures();
     } else {
@@ -31,6 +35,8 @@ class TRound {
 
  private:
   bool AllOK() const { return FSeen.MutexOK && FSeen.PipeOK && FSeen.ServiceOK; }
+
+  const char* Service() const { return FSeen.ServiceKnown ? YesNo(FSeen.ServiceOK) : "?"; }
 
   void Log(std::string text) { FSteps.push_back({TStepKind::Log, std::move(text)}); }
   void Do(TStepKind kind) { FSteps.push_back({kind, {}}); }
@@ -51,16 +57,15 @@ class TRound {
   void ShowStatus() {
     FSteps.push_back({TStepKind::StatusLine,
                       "Status at " + Shown(FSeen.Now) + ": MutexOK=" + YesNo(FSeen.MutexOK) +
-                          ", PipeStatusOK=" + YesNo(FSeen.PipeOK) +
-                          ", ServiceOK=" + YesNo(FSeen.ServiceOK) + ", PID=" + FSeen.Pid});
+                          ", PipeStatusOK=" + YesNo(FSeen.PipeOK) + ", ServiceOK=" + Service() +
+                          ", PID=" + FSeen.Pid});
   }
 
   void LogStatus() {
     const bool lately = FState.LastStatusLogAt >= FSeen.Now - kMinute;
     if (lately && AllOK()) return;
-    Log(std::string("Status: Mutex=") + YesNo(FSeen.MutexOK) +
-        " Service=" + YesNo(FSeen.ServiceOK) + " Pipe=" + YesNo(FSeen.PipeOK) +
-        " Pulse: " + std::to_string(FSeen.Pulse));
+    Log(std::string("Status: Mutex=") + YesNo(FSeen.MutexOK) + " Service=" + Service() +
+        " Pipe=" + YesNo(FSeen.PipeOK) + " Pulse: " + std::to_string(FSeen.Pulse));
     FState.LastStatusLogAt = FSeen.MutexOK && FSeen.ServiceOK ? FSeen.Now : 0;
   }
 
@@ -100,6 +105,11 @@ class TRound {
       Entry(TStepKind::ErrorEntry, 3, 1, "Pulse stopped, need to restart service");
       FRestartNeeded = true;
     }
+  }
+
+  void SayThatNothingIsKnown() {
+    Entry(TStepKind::ErrorEntry, 1, 16,
+          "Process list cannot be read - not known whether the service runs.");
   }
 
   void StartDeadDaemon() {

@@ -17,6 +17,7 @@ struct TObservation {
   bool PipeOK = false;
   bool PipeJustConnected = false;
   bool ServiceOK = false;
+  bool ServiceKnown = true;     // The process list could be read; otherwise ServiceOK is false.
   bool MutexPathKnown = false;  // The handshake named the mutex directory.
   std::int64_t Pulse = 0;
   std::string Pid;
@@ -59,8 +60,8 @@ struct TStep {
 // Whether the process list must be read afresh: something failed now or in the round before.
 [[nodiscard]] bool NeedsFreshProcessCheck(bool mutexOK, bool pipeOK, bool lastServiceOK);
 
-// Judges one round: updates the state and returns what is to be done, in order. Knows neither clock
-// nor shell nor socket.
+// Judges one round: without a process list nothing is started, counted or ended. Updates the state
+// and returns what is to be done, in order. Knows neither clock nor shell nor socket.
 [[nodiscard]] std::vector<TStep> DecideRound(const TObservation& seen, TWatchdogState& state);
 
 }  // namespace guardian

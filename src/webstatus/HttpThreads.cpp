@@ -56,11 +56,9 @@ void THttpThreads::Stop() { FThread.reset(); }
 
 bool THttpThreads::StopBlockingCalls() {
   FBlockingContext.stop();
-  const bool ended =
-      std::all_of(FBlockingThreads.begin(), FBlockingThreads.end(),
-                  [this](const auto& thread) { return thread->WaitFinished(FOptions.StopGrace); });
-  if (!ended) {
-    for (const auto& thread : FBlockingThreads) thread->LeaveBehind();
+  bool ended = true;
+  for (auto& thread : FBlockingThreads) {
+    ended = TThread::EndOrLeaveBehind(std::move(thread), FOptions.StopGrace) && ended;
   }
   return ended;
 }

@@ -211,6 +211,18 @@ TEST(MainThreadTest, EndsItsWaitForAWakeUpThatCameBeforeOrComesMeanwhile) {
   EXPECT_FALSE(CheckSynchronize(std::chrono::hours(1)));
 }
 
+// Time in which the next wait finds no memory, when the test says so.
+class TFailingClock final : public TFakeClock {
+ public:
+  bool WaitUntil(TMutex& mutex, TCondition& condition, std::int64_t deadlineTick,
+                 const std::function<bool()>& predicate) override KZ_REQUIRES(mutex) {
+    if (FailsNext.exchange(false)) throw std::bad_alloc();
+    return TFakeClock::WaitUntil(mutex, condition, deadlineTick, predicate);
+  }
+
+  std::atomic<bool> FailsNext = false;
+};
+
 class TKZTimerTest : public testing::Test {
  protected:
   // Stops short of the moment first, so that a call that comes too early shows its time; then waits
@@ -228,20 +240,25 @@ class TKZTimerTest : public testing::Test {
     FOnCall(FCalls.size());
   }
 
-  TFakeClock FClock;
+  TFailingClock FClock;
   const std::int64_t FStart = FClock.TickCount();
   std::vector<std::int64_t> FCalls;  // Times from the beginning of the test, by the timer's thread.
   std::atomic<std::size_t> FReturned = 0;
   std::function<void(std::size_t call)> FOnCall = [](std::size_t) {};
   std::atomic<int> FErrors = 0;
   TKZTimer FTimer{"TestTimer", milliseconds(100), [this] { Handle(); },
-                  [this](const std::exception_ptr& /*error*/) { ++FErrors; }, FClock};
+                  [this](const std::exception_ptr& error) {
+                    ++FErrors;
+                    std::rethrow_exception(error);
+                  },
+                  FClock};
 };
 
-TEST_F(TKZTimerTest, CountsFromStartToStartAndMakesUpForNothing) {
+TEST_F(TKZTimerTest, CountsFromStartToStartAndGoesOnWhateverFails) {
   FOnCall = [this](std::size_t call) {
     if (call == 1) FClock.Advance(milliseconds(30));
     if (call == 2) FClock.Advance(milliseconds(350));
+    FClock.FailsNext = call == 3;
     if (call == 3) throw KZException("in the handler");
   };
   FTimer.SetEnabled(true);
@@ -249,7 +266,7 @@ TEST_F(TKZTimerTest, CountsFromStartToStartAndMakesUpForNothing) {
   AdvanceBy(milliseconds(70), 3);
   AdvanceBy(milliseconds(100), 4);
   EXPECT_THAT(FCalls, ElementsAre(100, 200, 550, 650));
-  EXPECT_EQ(FErrors, 1);
+  EXPECT_EQ(FErrors, 2);
 }
 
 TEST_F(TKZTimerTest, BeginsANewPeriodWithAnotherIntervalAndWhenEnabled) {

@@ -27,7 +27,10 @@ class TFakeFileSystem final : public TFileSystemView {
 
 class TFakeScheduler final : public TScheduler {
  public:
-  bool IsSchedulerRunning() override { return MutexOK; }
+  bool IsSchedulerRunning() override {
+    if (Throws) throw SoftException("on purpose");
+    return MutexOK;
+  }
   TPipeCheck CheckSchedulerPipe() override { return {.Ok = PipeOK}; }
   bool SendCommand(TSyncCommMessages command) override {
     Sent.push_back(command);
@@ -37,6 +40,7 @@ class TFakeScheduler final : public TScheduler {
 
   bool MutexOK = true;
   bool PipeOK = true;
+  bool Throws = false;
   std::int64_t LastPulse = 0;
   std::vector<TSyncCommMessages> Sent;
 };
@@ -60,9 +64,12 @@ struct TFakeSurroundings {
             .SystemLog =
                 [this](std::string_view message, TSystemLogKind kind) {
                   if (kind != TSystemLogKind::Information) SystemLog.emplace_back(message);
+                  return !SystemLogIsFull;
                 },
             .OwnPath = kOwnPath,
             .ConfDir = "/etc",
+            .Stopping = Stopping,
+            .IsOwnProcess = [](pid_t pid) { return pid == 77; },
             .Files = &Files,
             .Clock = &Clock};
   }
@@ -71,6 +78,8 @@ struct TFakeSurroundings {
   TFakeFileSystem Files;
   TFakeScheduler* Scheduler = nullptr;
   std::vector<std::string> SystemLog;
+  bool SystemLogIsFull = false;
+  TCancellation Stopping;
 };
 
 }  // namespace guardian

@@ -4,6 +4,7 @@
 
 #include "common/Cancellation.h"
 #include "guardian/FakeSurroundings.h"
+#include "guardian/RunCommand.h"
 #include "guardian/SystemLog.h"
 #include "support/Eventually.h"
 #include "support/SettingsBackup.h"
@@ -90,7 +91,9 @@ class GuardianServiceTest : public testing::Test {
     const std::string command = line + " @" + std::to_string(timeoutSec);
     const TMutexLock lock(FLock);
     FRun.push_back(command);
-    return FAnswers[command];
+    TShellOutcome answer = FAnswers[command];
+    if (answer.Output == "is cut short by the end") FFakes.Stopping.Cancel();
+    return answer;
   })};
 };
 
@@ -132,6 +135,8 @@ TEST_F(GuardianServiceTest, WatchesADaemonThatCannotBeAsked) {
 
 TEST_F(GuardianServiceTest, TakesTheDaemonPathFromTheConfigurationOnlyWhenNoneIsBeside) {
   EXPECT_EQ(FService.GetDaemonPath(), kDaemon);
+  FFakes.Files.Files = {{kConf, "unreadable"}};
+  EXPECT_THROW(FService.GetDaemonPath(), SoftException);
   FFakes.Files.Files = {{kConf, "daemon=/one\ndaemon=/two words\n"}};
   testing::internal::CaptureStdout();
   EXPECT_EQ(FService.GetDaemonPath(), "/two words");
@@ -146,9 +151,74 @@ TEST_F(GuardianServiceTest, TakesTheDaemonPathFromTheConfigurationOnlyWhenNoneIs
 
 TEST_F(GuardianServiceTest, NeverRunsItselfAsTheDaemon) {
   FFakes.Files.Files = {{kConf, std::string("daemon=") + kOwnPath}};
-  EXPECT_EQ(ThrownMessage([&] { TickAfter(0); }),
-            "The daemon's path is the Guardian's own: /opt/guard/VellumarkGuardian");
+  EXPECT_THAT(TickAfter(0), ElementsAre(kPs));
+  EXPECT_THAT(DetailedLog(),
+              EndsWith("<br>Exception in watchdog tick: The daemon's path is the Guardian's own: "
+                       "/opt/guard/VellumarkGuardian"));
   EXPECT_EQ(FService.Status().Watchdog.Rounds, 1) << "shown although a step failed";
+  TFakeFileSystem files;
+  files.Files = {{"/x/guard", ""}, {kConf, "daemon=/d"}};
+  EXPECT_EQ(TDaemonPath("/x/guard", "/etc", files).Get(), "/d") << "a renamed Guardian";
+  files.Files.erase(kConf);
+  EXPECT_THROW((void)TDaemonPath("/x/guard", "/etc", files).Get(), SoftException);
+}
+
+// A file system on which the daemon's file comes and goes, and which may stand still.
+class TSlowFileSystem final : public TFileSystemView {
+ public:
+  bool FileExists(const std::string& /*path*/) const override {
+    const bool exists = Exists;
+    while (StandsStill) SystemClock().Sleep(milliseconds(1));
+    return exists;
+  }
+  bool DirectoryExists(const std::string& /*path*/) const override { return false; }
+  std::string ReadText(const std::string& path) const override { throw KZException(path); }
+
+  std::atomic<bool> Exists = false;
+  std::atomic<bool> StandsStill = false;
+};
+
+TEST(DaemonPathTest, IsLookedAtForEachPageUnlessTheLookStandsStill) {
+  TSlowFileSystem files;
+  const TDaemonPath path(kOwnPath, "/etc", files);
+  for (const bool exists : {true, false, true}) {
+    files.Exists = exists;
+    EXPECT_TRUE(Eventually([&] { return path.Seen().Exists == exists; }));
+  }
+  files.StandsStill = true;
+  files.Exists = false;
+  for (int page = 0; page < 1'000; ++page) EXPECT_TRUE(path.Seen().Exists);
+  files.StandsStill = false;
+  EXPECT_TRUE(Eventually([&] { return !path.Seen().Exists; }));
+}
+
+TEST_F(GuardianServiceTest, NeitherStartsNorEndsADaemonThatItCannotSee) {
+  FAnswers[kPs] = {"", "Error executing ps", true};
+  Start("MUTEX=/m\n");
+  FService.Pause();
+  FFakes.Scheduler->MutexOK = FFakes.Scheduler->PipeOK = false;
+  for (int tick = 0; tick < 12; ++tick) EXPECT_THAT(TickAfter(1'000), ElementsAre(kPs));
+  EXPECT_THAT(*FService.Status().StatusText, EndsWith(", ServiceOK=?, PID="));
+  EXPECT_THAT(FFakes.SystemLog, ElementsAre("Process list cannot be read - not known whether the "
+                                            "service runs."));
+}
+
+TEST_F(GuardianServiceTest, HoldsNoLookThatFailedAndNoLineOfItsOwnForTheDaemon) {
+  DaemonRunsAs("77 1 0 VellumarkCL/VellumarkGuardian\n77 root VellumarkCL\nroot 5 77");
+  Start("MUTEX=/m\n");
+  FService.Pause();
+  FFakes.Scheduler->Throws = true;
+  for (int tick = 0; tick < 12; ++tick) EXPECT_THAT(TickAfter(1'000), ElementsAre(kPs));
+  EXPECT_THAT(*FService.Status().StatusText, EndsWith(", ServiceOK=Y, PID=5"));
+}
+
+TEST_F(GuardianServiceTest, JudgesNothingThatTheEndOfTheProcessCutsShort) {
+  FAnswers[kPs] = {"is cut short by the end", {}};
+  EXPECT_THAT(TickAfter(0), ElementsAre(kPs));
+  FService.RequestStart();
+  EXPECT_THAT(TickAfter(0), ElementsAre(kPs)) << "no step begins any more";
+  EXPECT_THAT(FFakes.SystemLog, IsEmpty());
+  EXPECT_THAT(DetailedLog(), IsEmpty());
 }
 
 TEST_F(GuardianServiceTest, StartsADeadDaemonAndLooksAgainAtOnce) {
@@ -161,8 +231,13 @@ TEST_F(GuardianServiceTest, StartsADeadDaemonAndLooksAgainAtOnce) {
   FAnswers[kStart] = {std::string(1'000'000, 'x'), {}};
   TickAfter(0);
   EXPECT_LT(DetailedLog().size(), 20'000U);
+  FFakes.SystemLogIsFull = true;
+  FService.RequestStart();
   DaemonRunsAs("5");
-  EXPECT_THAT(TickAfter(0), ElementsAre(kPs));
+  EXPECT_THAT(TickAfter(0), ElementsAre(kStart, kPs));
+  EXPECT_THAT(DetailedLog(), HasSubstr("The system log takes no entries; the next one stands here "
+                                       "only.<br>" +
+                                       DateTimeToStr(FFakes.Clock.Now()) + "  INFO"));
   EXPECT_THAT(TickAfter(0), IsEmpty());
   EXPECT_THAT(FFakes.SystemLog, ElementsAre("Service not running - need to start service."));
 }
@@ -334,28 +409,38 @@ TEST(RealFileSystemTest, TellsFilesFromFoldersAndSaysWhyItCannotRead) {
 
 const std::string kNasty = "Path $(touch x) `id` \"quoted\" 'single' ; | & \\ \n%s -n";
 
-// The tools are scripts that write down their arguments, each in brackets.
-TEST(SystemLogTest, GivesTheFirstToolItsPlainArgumentsAlsoWhileTheProcessStops) {
+// The tools are scripts that write down their arguments, each in brackets. The first one then
+// stands still for as long as it may, or until there is a file "go".
+TEST(SystemLogTest, GivesTheFirstToolItsPlainArgumentsAndWaitsForNone) {
   const TTempFolder folder;
-  TCancellation stopping;
   const auto install = [&](const std::string& name, const std::string& ending) {
     folder.Write(name, "#!/bin/sh\nfor a in \"$@\"; do printf '[%s]' \"$a\"; done >> '" +
                            folder.Path("told") + "'\n" + ending);
     std::filesystem::permissions(folder.Path(name), std::filesystem::perms::owner_all);
   };
-  const auto told = [&](TSystemLogKind kind) {
-    std::filesystem::remove(folder.Path("told"));
-    WriteSystemLog(kNasty, kind, stopping, {folder.Path("write_log"), folder.Path("synolog")});
-    return folder.Read("told");
+  const auto told = [&](const std::string& text) {
+    return Eventually([&] { return folder.Read("told").ends_with(text); });
   };
-  EXPECT_EQ(told(TSystemLogKind::Error), "") << "no tool is there";
   install("synolog", "");
-  EXPECT_EQ(told(TSystemLogKind::Error), "[sys][err][0x11100000][" + kNasty + "]");
-  EXPECT_EQ(told(TSystemLogKind::Warning), "[sys][warn][0x11100000][" + kNasty + "]");
-  EXPECT_EQ(told(TSystemLogKind::Information), "[sys][info][0x11100000][" + kNasty + "]");
-  install("write_log", "exec sleep 100");
-  stopping.Cancel();
-  EXPECT_EQ(told(TSystemLogKind::Information), "[" + kNasty + "][4]");
+  {
+    const TSystemLogWriter writer({folder.Path("write_log"), folder.Path("synolog")});
+    const std::string text = "[0x11100000][" + kNasty + "]";
+    EXPECT_TRUE(WriteSystemLog(kNasty, TSystemLogKind::Error));
+    EXPECT_TRUE(WriteSystemLog(kNasty, TSystemLogKind::Warning));
+    EXPECT_TRUE(WriteSystemLog(kNasty, TSystemLogKind::Information));
+    EXPECT_TRUE(told("[sys][err]" + text + "[sys][warn]" + text + "[sys][info]" + text));
+    install("write_log", "while [ ! -e '" + folder.Path("go") + "' ]; do sleep 0.01; done\n");
+    EXPECT_TRUE(WriteSystemLog(kNasty, TSystemLogKind::Information));
+    EXPECT_TRUE(told("[" + kNasty + "][4]"));
+    for (int entry = 0; entry < 300; ++entry) {
+      EXPECT_EQ(WriteSystemLog("entry", TSystemLogKind::Error), entry < 256) << entry;
+    }
+    folder.Write("go", "");
+    EXPECT_TRUE(told("[entry][1][The system log took no entries; dropped: 44][2]"));
+    EXPECT_TRUE(WriteSystemLog("last words", TSystemLogKind::Information));
+  }
+  EXPECT_TRUE(folder.Read("told").ends_with("[last words][4]"));
+  EXPECT_FALSE(WriteSystemLog("too late", TSystemLogKind::Error));
 }
 
 TEST(RunCommandTest, SaysWhyACommandDidNotEndByItself) {
@@ -366,8 +451,9 @@ TEST(RunCommandTest, SaysWhyACommandDidNotEndByItself) {
   };
   EXPECT_EQ(problem(60), "");
   EXPECT_EQ(problem(0), "Ended after 0 seconds or for too much output: echo said; sleep 0.1");
-  Settings().TempDirectory.Set("/missing");
-  EXPECT_THAT(problem(60), testing::StartsWith("Error executing echo said; sleep 0.1 >"));
+  const TShellOutcome unfit = RunCommand(std::string("echo \0", 6), 60, stopping);
+  EXPECT_TRUE(unfit.CouldNotRun);
+  EXPECT_THAT(unfit.Problem, testing::StartsWith("Error executing echo "));
   stopping.Cancel();
   EXPECT_EQ(problem(60), "");
 }

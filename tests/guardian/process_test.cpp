@@ -4,14 +4,19 @@
 #include <gmock/gmock.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
+#include <iterator>
+
 #include "common/Cancellation.h"
 #include "common/Console.h"
 #include "diagnostics/KZCheckpoints.h"
+#include "guardian/process/ChildRegistry.h"
 #include "guardian/process/ShellChild.h"
 #include "guardian/process/ShellCommand.h"
 #include "support/ChildProcess.h"
@@ -326,20 +331,47 @@ TEST_F(ProcessTest, DoesNotWaitForAFileThatIsLeased) {
   ::signal(SIGIO, before);
 }
 
-TEST_F(ProcessTest, FailsWithoutTempFile) {
-  for (const char* name : {"missing", "/dev/null"}) {
-    const std::string folder = FWork.Path(name);
-    Settings().TempDirectory.Set(name[0] == '/' ? name : folder);
-    TRun run;
-    EXPECT_THAT(ThrownMessage([&] {
-                  RunShellCmdWithOutput(run.Output, "touch " + folder, 60, true, "", run.ExitCode);
-                }),
-                MatchesRegex("Error executing touch .* >\"/.*: No.* directory \\(errno 20?\\)"));
-    EXPECT_THAT(KZCP::CurrentCP(CurrentThreadId()), StartsWith("errno: 2"));
-    EXPECT_EQ(run.Output + std::to_string(run.ExitCode), "-1");
-    EXPECT_EQ(RunLine("true").ExitCode, -1);
-    EXPECT_TRUE(std::filesystem::is_empty(FWork.Path()));
+TEST_F(ProcessTest, FailsWithoutTheGivenFile) {
+  const std::string touched = FWork.Path("touched");
+  TRun run;
+  EXPECT_THAT(ThrownMessage([&] {
+                RunShellCmdWithOutput(run.Output, "touch " + touched, 60, true,
+                                      FWork.Path("missing/file"), run.ExitCode);
+              }),
+              MatchesRegex("Error executing touch .* >\"/.*: No.* directory \\(errno 2\\)"));
+  EXPECT_THAT(KZCP::CurrentCP(CurrentThreadId()), StartsWith("errno: 2"));
+  EXPECT_EQ(run.Output + std::to_string(run.ExitCode), "-1");
+  EXPECT_EQ(RunLine("true", FWork.Path("missing/file")).ExitCode, -1);
+  EXPECT_TRUE(std::filesystem::is_empty(FWork.Path()));
+}
+
+// Prints what a command prints, and where that goes, on a machine whose "/tmp" is full, then
+// read-only.
+const TRegisterChild kHomeless("homeless", [](const std::vector<std::string>& /*arguments*/) {
+  Settings().TempDirectory.Set("/tmp");
+  if (::unshare(CLONE_NEWNS | (::geteuid() == 0 ? 0 : CLONE_NEWUSER)) != 0 ||
+      ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    return kNotAllowedHere;
   }
+  for (const unsigned long flags : {0UL, static_cast<unsigned long>(MS_RDONLY)}) {
+    if (::mount("none", "/tmp", "tmpfs", flags, "size=4k") != 0) return kNotAllowedHere;
+    PrintLine(RunLine("echo one; echo two").Output);
+    PrintLine(KZCP::CurrentCP(CurrentThreadId()));
+  }
+  return 0;
+});
+
+TEST_F(ProcessTest, FindsAPlaceForOutputWhateverBecomesOfTheTempFolder) {
+  for (const std::string& folder : {FWork.Path("missing"), std::string("/dev/null")}) {
+    Settings().TempDirectory.Set(folder);
+    EXPECT_EQ(RunLine("echo one; echo two").Output, "one\ntwo\n");
+    EXPECT_THAT(KZCP::CurrentCP(CurrentThreadId()), HasSubstr(">\"/tmp/kzshell-"));
+  }
+  Settings().TempDirectory.Set(FTemp.Path());
+  const TRun homeless = RunChild("homeless");
+  if (homeless.ExitCode == kNotAllowedHere) GTEST_SKIP() << "no mounts here";
+  const std::string run = "one\ntwo\n\nExec: echo one; echo two >\"/proc/[0-9]+/fd/[0-9]+\"\n";
+  EXPECT_THAT(homeless.Output, MatchesRegex("(.*; commands write to memory\n" + run + ")+"));
 }
 
 // Nor does the daemon's name get into the shell's line, where the process list would show it.
@@ -384,6 +416,47 @@ TEST_F(ProcessTest, RunsOnKernelWithoutTheNewerCallsAndSaysThatThereIsNoShell) {
   EXPECT_THAT(old.Output, StartsWith("0\n1\n2\n3\n3\n0\n1\n2\n3\n3\nExec: { ls"));
   const TRun noShell = RunChild("restricted true" + call(SYS_execve));
   EXPECT_THAT(noShell.Output, MatchesRegex("-1\n127\nExec: true .*\n"));
+}
+
+// Returns 0 when orphans, which fall to this process as they do to process 1, are reaped, and the
+// statuses of its own commands are not lost to that.
+const TRegisterChild kReaper("reaper", [](const std::vector<std::string>& /*arguments*/) {
+  ::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
+  TCrew crew(2, [](int) {
+    for (int round = 0; round < 50; ++round) {
+      EXPECT_EQ(RunLine("(sleep 0.01 &); (true &); exit 7").ExitCode, 7);
+    }
+  });
+  crew.Join();
+  const bool isReaped = Eventually([] { return RunLine("exit 7").ExitCode == 7 && !HasChild(); });
+  return isReaped && !testing::Test::HasFailure() ? 0 : 1;
+});
+
+TEST_F(ProcessTest, ReapsOrphansWhereTheyFallToIt) {
+  const TRun run = RunChild("reaper");
+  EXPECT_EQ(run.ExitCode, 0) << run.Output;
+}
+
+TEST_F(ProcessTest, KnowsItselfAndItsCommandsByTheirIds) {
+  EXPECT_TRUE(IsOwnProcess(::getpid()));
+  EXPECT_FALSE(IsOwnProcess(::getppid()));
+  const auto pids = [this] {
+    std::istringstream text(FWork.Read("pids"));
+    return std::vector<pid_t>(std::istream_iterator<pid_t>(text), {});
+  };
+  TCrew crew(1, [this](int) {
+    RunLine("cd '" + FWork.Path() + "'; sleep 300 & echo $$ $! >pids; touch told; " +
+            "while [ ! -e go ]; do sleep 0.01; done");
+  });
+  ASSERT_TRUE(Eventually([this] { return FWork.Has("told"); }));
+  const pid_t shell = pids().at(0);
+  const pid_t left = pids().at(1);
+  EXPECT_TRUE(IsOwnProcess(shell) && IsOwnProcess(left));
+  FWork.Write("go", "");
+  crew.Join();
+  EXPECT_TRUE(IsOwnProcess(shell)) << "an old process list may show it";
+  EXPECT_FALSE(IsOwnProcess(left)) << "it may be the daemon";
+  ::kill(left, SIGKILL);
 }
 
 // No signal reaches the command, as when it hangs in the kernel. Returns 0 when the run came back

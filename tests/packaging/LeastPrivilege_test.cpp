@@ -41,7 +41,7 @@ TEST_F(LeastPrivilegeTest, SaysWhatItMayNotDo) {
   for (const auto& [locked, page, message] : std::vector<std::array<std::string, 3>>{
            {"home/logs", "logfiles.php", "logs: Permission denied"},
            {"home/mutex", "", "schedulermutex.lock: Permission denied"},
-           {"tmp", "", "Permission denied"},
+           {"tmp", "", ", ServiceOK=Y"},
            {"bin/VellumarkCL", "", "bin/VellumarkCL: Permission denied"},
        }) {
     SCOPED_TRACE(locked);
@@ -50,6 +50,7 @@ TEST_F(LeastPrivilegeTest, SaysWhatItMayNotDo) {
     ASSERT_EQ(::chmod(path.c_str(), 0), 0);
     StartGuardian();
     ExpectOnPage(message, page);
+    EXPECT_EQ(locked == "tmp", Contains(FGuardian->Output(), "tmp cannot be used: Permission"));
     Page("terminateguardian.php");
     EXPECT_EQ(FGuardian->Wait(), 0);
     ASSERT_EQ(::chmod(path.c_str(), 0700), 0);

@@ -14,8 +14,9 @@ namespace guardian {
 // The Guardian over the stand-in daemon, with time that runs faster: a round is half a second.
 class GuardianSystemTest : public testing::Test {
  protected:
-  explicit GuardianSystemTest(const char* executable = FAST_GUARDIAN_EXECUTABLE)
-      : FInstallation(executable) {}
+  explicit GuardianSystemTest(const char* executable = FAST_GUARDIAN_EXECUTABLE,
+                              const std::string& folders = {})
+      : FInstallation(executable, folders) {}
 
   void SetUp() override { ASSERT_EQ(Page("status.php"), "") << "port 8900 is in use"; }
 
@@ -23,8 +24,9 @@ class GuardianSystemTest : public testing::Test {
     const auto start = FInstallation.Run({FInstallation.DaemonPath(), "start"});
     ASSERT_EQ(start->Wait(), 0) << start->Output();
   }
-  void StartGuardian() {
-    FGuardian = FInstallation.Run({FInstallation.GuardianPath()}, {"FAST_GUARDIAN_FACTOR=20"});
+  void StartGuardian() { StartGuardianBy({FInstallation.GuardianPath()}); }
+  void StartGuardianBy(const std::vector<std::string>& line) {
+    FGuardian = FInstallation.Run(line, {"FAST_GUARDIAN_FACTOR=20"});
     ASSERT_TRUE(Eventually([] { return !Page("status.php").empty(); })) << FGuardian->Output();
   }
   // Starts both and waits until the Guardian finds nothing to complain of.

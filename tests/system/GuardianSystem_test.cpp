@@ -1,8 +1,13 @@
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include "common/FileDescriptor.h"
 #include "system/GuardianFixture.h"
 
 namespace guardian {
 namespace {
 
+using testing::EndsWith;
 using testing::HasSubstr;
 
 // What is delivered, on its own time.
@@ -52,10 +57,68 @@ TEST_F(GuardianSystemTest, BringsAKilledDaemonBackAndAnswersItsCommandWords) {
 TEST_F(GuardianSystemTest, TakesNoStrangerOnItsPortForAGuardian) {
   const TTempFolder& folder = FInstallation.Folder();
   folder.Write("status.php", "Nothing here goes.");
+  folder.Write("terminateguardian.php", "Nor does this stop.");
   const TProgram stranger(
       {"/usr/bin/python3", "-m", "http.server", "8900", "--directory", folder.Path()});
   ASSERT_TRUE(Eventually([] { return !Page("status.php").empty(); }));
   EXPECT_EQ(Command("status", 3), "Querying Guardian Service.\nNothing here goes.\n");
+  EXPECT_EQ(Command("stop", 1), "Stopping Guardian Service.\nNor does this stop.\n");
+  EXPECT_THAT(stranger.Output(), EndsWith("\"GET /terminateguardian.php HTTP/1.1\" 200 -\n"));
+}
+
+// Its own line in the process list then names the daemon.
+class SharedFolderSystemTest : public GuardianSystemTest {
+ protected:
+  SharedFolderSystemTest() : GuardianSystemTest(FAST_GUARDIAN_EXECUTABLE, "/VellumarkCL") {}
+};
+
+TEST_F(SharedFolderSystemTest, TakesTheDaemonForTheDaemonAndNeverItself) {
+  StartGuardian();
+  ExpectAnotherDaemon(0);
+  ExpectOnPage(", ServiceOK=Y, PID=" + std::to_string(FInstallation.DaemonPid()));
+}
+
+// With standard handles that are closed, or that nobody reads any more.
+TEST_F(GuardianSystemTest, StartsWhateverItsStandardHandlesAre) {
+  StartGuardianBy({"/bin/sh", "-c", "exec \"$0\" <&- >&- 2>&-", FInstallation.GuardianPath()});
+  for (const char* number : {"0", "1", "2"}) {
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(FGuardian->Pid()) + "/fd/" +
+                                            number),
+              "/dev/null");
+  }
+  Command("stop");
+  StartGuardianBy({"/bin/bash", "-c", "exec 3> >(:); wait $!; exec \"$0\" start >&3",
+                   FInstallation.GuardianPath()});
+}
+
+// Its system log takes no message more, and its temp folder vanishes.
+TEST_F(GuardianSystemTest, WatchesOnInAWorldThatStandsStill) {
+  const TTempFolder& folder = FInstallation.Folder();
+  std::filesystem::create_directory(folder.Path("dev"));
+  const TFileDescriptor log(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  sockaddr_un address{AF_UNIX, {}};
+  folder.Path("dev/log").copy(std::begin(address.sun_path), std::size(address.sun_path) - 1);
+  const auto* const name = reinterpret_cast<const sockaddr*>(&address);
+  ASSERT_EQ(::bind(log.Get(), name, sizeof(address)), 0);
+  const TFileDescriptor sender(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  while (::sendto(sender.Get(), "full", 4, 0, name, sizeof(address)) == 4) continue;
+  ASSERT_EQ(errno, EAGAIN);
+
+  const std::string enter =
+      "cd '" + folder.Path("dev") + "' && for node in null urandom; do touch $node && " +
+      "mount --bind /dev/$node $node || exit; done; mount --rbind . /dev && exec \"$0\"";
+  std::vector<std::string> line = {"/usr/bin/unshare", "--mount"};
+  if (::geteuid() != 0) line.insert(line.end(), {"--user", "--map-root-user"});
+  line.insert(line.end(), {"/bin/sh", "-c", enter, FInstallation.GuardianPath()});
+  StartGuardianBy(line);
+  ExpectAnotherDaemon(0);
+  ExpectOnPage("MutexOK=Y, PipeStatusOK=Y, ServiceOK=Y");
+  std::filesystem::remove(folder.Path("tmp"));
+  const pid_t before = FInstallation.DaemonPid();
+  ASSERT_TRUE(FInstallation.KillDaemon());
+  ExpectAnotherDaemon(before);
+  FGuardian->Signal(SIGTERM);
+  EXPECT_EQ(FGuardian->Wait(), 0);
 }
 
 // In its loop, while the handshake's command hangs, and while a command of a round does.

@@ -100,15 +100,6 @@ void CloseDescriptors(int first, int last) {
   for (int number = first; number <= std::min(last, kHighestTried); ++number) ::close(number);
 }
 
-// Children inherit the standard handles, so these are not close-on-exec. Descriptors 0 to 2 are
-// closed, so each call gives the next of them.
-void OpenNullHandles() {
-  const int null = ::open("/dev/null", O_RDWR, 0666);
-  for (int copies = 0; null >= 0 && copies < 2; ++copies) {
-    if (::dup(null) < 0) return;
-  }
-}
-
 // Copies the file's descriptor over standard output instead of opening the stream anew, so that
 // after a failure the old output can still be printed on. Only root may write to a new file,
 // although the file-creation mask is 0.
@@ -149,9 +140,19 @@ void BecomeDaemon() {
   if (keepsHandles) {
     SendOutputToDaemonLog();
   } else {
-    OpenNullHandles();
+    OpenStandardHandles();
   }
   KZCP::Checkpoint("BecomeDaemonX");
+}
+
+// Each call gives the lowest number that is free. Children inherit the standard handles, so these
+// are not close-on-exec; the last descriptor is none of them.
+void OpenStandardHandles() {
+  int null = 0;
+  do {
+    null = ::open("/dev/null", O_RDWR, 0666);
+  } while (null >= 0 && null <= STDERR_FILENO);
+  if (null > STDERR_FILENO) ::close(null);
 }
 
 }  // namespace guardian

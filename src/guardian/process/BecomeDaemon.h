@@ -17,4 +17,9 @@ namespace guardian {
 // else has opened a descriptor that is needed later.
 void BecomeDaemon();
 
+// Opens "/dev/null" for those of the descriptors 0, 1 and 2 that are closed, so that nothing else
+// that is opened gets such a number and is written to by accident.
+// Threads: the main thread, before anything else is opened.
+void OpenStandardHandles();
+
 }  // namespace guardian

@@ -4,17 +4,28 @@
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <string_view>
+#include <system_error>
 
+#include "common/DiagnosticMessage.h"
+#include "common/Exceptions.h"
 #include "common/Texts.h"
 
 namespace guardian {
 namespace {
 
 constexpr std::string_view kExtension = ".txt";
+constexpr const char* kUsualTempFolder = "/tmp";
+
+// Files in memory: kernels before 3.17 have none.
+TFileDescriptor NewFileInMemory() {
+  return TFileDescriptor(::memfd_create("kzshell", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+}
 
 }  // namespace
 
@@ -22,12 +33,23 @@ TCaptureFile::~TCaptureFile() {
   if (FIsOurs) Remove();
 }
 
-int TCaptureFile::Make(const std::string& folder) { return MakeUnique(folder, O_CLOEXEC); }
+int TCaptureFile::Make(const std::string& folder) {
+  const int error = MakeWithRoom(folder);
+  if (error == 0) return 0;
+  const std::string tried = FName;
+  if ((folder == kUsualTempFolder || MakeWithRoom(kUsualTempFolder) != 0) && MakeInMemory() != 0) {
+    FName = tried;
+    return error;
+  }
+  DiagnosticMessage("Temp folder " + folder + " cannot be used: " + SystemErrorText(error) +
+                    "; commands write to " + (FIsOurs ? kUsualTempFolder : "memory"));
+  return 0;
+}
 
-// A file in memory costs half as much time as one on disk; kernels before 3.17 have none.
+// A file in memory costs half as much time as one on disk.
 int TCaptureFile::MakeNameless(const std::string& folder) {
   FName = "nameless";
-  FFile = TFileDescriptor(::memfd_create("kzshell", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+  FFile = NewFileInMemory();
   if (FFile && ::fcntl(FFile.Get(), F_SETFL, O_APPEND) == 0) return 0;
   const int error = MakeUnique(folder, O_CLOEXEC | O_APPEND);
   if (error == 0) Remove();
@@ -45,6 +67,29 @@ int TCaptureFile::MakeUnique(const std::string& folder, int flags) {
   if (!FFile) return errno;
   FName = pattern;
   FIsOurs = true;
+  return 0;
+}
+
+// A full folder takes an empty file, but nothing that is written to it: then a process list would
+// be empty, as if nothing ran. A file system without a number of blocks cannot tell.
+int TCaptureFile::MakeWithRoom(const std::string& folder) {
+  constexpr std::uint64_t kRoomBytes = 65'536;
+  if (const int error = MakeUnique(folder, O_CLOEXEC); error != 0) return error;
+  struct statvfs room {};
+  const bool known = ::fstatvfs(FFile.Get(), &room) == 0 && room.f_blocks != 0;
+  if (!known || std::uint64_t{room.f_bavail} * room.f_frsize >= kRoomBytes) return 0;
+  Remove();
+  return ENOSPC;
+}
+
+// "/proc/self" leads to this process's number in the process list that is mounted there, which the
+// shell sees too.
+int TCaptureFile::MakeInMemory() {
+  FFile = NewFileInMemory();
+  std::error_code error;
+  const std::filesystem::path self = std::filesystem::read_symlink("/proc/self", error);
+  if (!FFile || error) return ENOENT;
+  FName = "/proc/" + self.string() + "/fd/" + std::to_string(FFile.Get());
   return 0;
 }
 
@@ -88,7 +133,7 @@ std::string UsableTempFolder(const std::string& wanted) {
   // The file's name stands in the command line of the shell, and the daemon's name in it would make
   // the shell look like the daemon in the process list.
   const bool namesDaemon = wanted.find("VellumarkCL") != std::string::npos;
-  return IsSafeInDoubleQuotes(wanted) && !namesDaemon ? wanted : "/tmp";
+  return IsSafeInDoubleQuotes(wanted) && !namesDaemon ? wanted : kUsualTempFolder;
 }
 
 }  // namespace guardian

@@ -22,7 +22,10 @@ class TCaptureFile {
   // Make, MakeNameless and Open each open the file; one of them is called, once per object. They
   // return 0 or the error number, and Name() is then the name that was tried.
 
-  // Makes a new file in the folder, with the extension ".txt" and mode 0600.
+  // Makes a new file in the folder, with the extension ".txt" and mode 0600. Where that fails, or
+  // its file system has no room for 64 KiB, it makes the file in "/tmp", else in memory, where its
+  // name leads to it for as long as this object lives; a diagnostic message then says so. The error
+  // number is that of the folder.
   [[nodiscard]] int Make(const std::string& folder);
 
   // Makes an unnamed file: one in memory, or a removed one in the folder where the kernel has no
@@ -51,6 +54,8 @@ class TCaptureFile {
 
  private:
   int MakeUnique(const std::string& folder, int flags);
+  int MakeWithRoom(const std::string& folder);
+  int MakeInMemory();
   void Remove() noexcept;
 
   std::string FName;

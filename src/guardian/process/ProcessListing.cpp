@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
+#include <system_error>
 
 #include "common/Texts.h"
 
@@ -22,6 +24,30 @@ bool ShowsDaemon(std::string_view line) {
                       [&](std::string_view excluded) { return Contains(line, excluded); });
 }
 
+// Removes the first word, and the blanks before it, from the line and returns it.
+std::string_view TakeWord(std::string_view& line) {
+  line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
+  const std::string_view word = line.substr(0, line.find(' '));
+  line.remove_prefix(word.size());
+  return word;
+}
+
+// 0 for a word that is no process id.
+pid_t PidIn(std::string_view word) {
+  pid_t pid = 0;
+  const auto parsed = std::from_chars(word.data(), word.data() + word.size(), pid);
+  const bool whole = parsed.ec == std::errc() && parsed.ptr == word.data() + word.size();
+  return whole && pid > 0 ? pid : 0;
+}
+
+// The column for the process id is the second one, behind the user; small systems have it first.
+bool ShowsOwnProcess(std::string_view line, const TIsOwnProcess& isOwn) {
+  const pid_t first = PidIn(TakeWord(line));
+  const pid_t second = PidIn(TakeWord(line));
+  const pid_t pid = second != 0 ? second : first;
+  return pid != 0 && isOwn(pid);
+}
+
 }  // namespace
 
 TProcessListing ListDaemonProcesses(const TShell& shell, int timeoutSec, TPsOptions options) {
@@ -38,10 +64,10 @@ TProcessListing ListDaemonProcesses(const TShell& shell, int timeoutSec, TPsOpti
   return listing;
 }
 
-std::string DaemonPidIn(std::string_view listing) {
+std::string DaemonPidIn(std::string_view listing, const TIsOwnProcess& isOwn) {
   constexpr std::string_view kDigits = "0123456789";
   for (std::string_view line : Split(listing, '\n')) {
-    if (!ShowsDaemon(line)) continue;
+    if (!ShowsDaemon(line) || ShowsOwnProcess(line, isOwn)) continue;
     line.remove_prefix(std::min(line.find_first_of(kDigits), line.size()));
     return std::string(line.substr(0, line.find_first_not_of(kDigits)));
   }

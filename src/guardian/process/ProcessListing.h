@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -28,9 +30,12 @@ struct TProcessListing {
 [[nodiscard]] TProcessListing ListDaemonProcesses(const TShell& shell, int timeoutSec,
                                                   TPsOptions options);
 
-// The process id in the first line of a listing that shows the daemon; empty when none does. It is
-// the first run of digits of that line, wherever it stands: a user name that ends in digits is
-// taken for the id.
-[[nodiscard]] std::string DaemonPidIn(std::string_view listing);
+// Whether a process is the Guardian or one of its commands.
+using TIsOwnProcess = std::function<bool(pid_t pid)>;
+
+// The process id in the first line of a listing that shows the daemon; empty when none does. A line
+// whose column for the process id names an own process is passed over. The id is the first run of
+// digits of the line, wherever it stands: a user name that ends in digits is taken for the id.
+[[nodiscard]] std::string DaemonPidIn(std::string_view listing, const TIsOwnProcess& isOwn);
 
 }  // namespace guardian

@@ -21,9 +21,8 @@
 #include "common/AtEnd.h"
 #include "common/Cancellation.h"
 #include "common/Clock.h"
-#include "common/NeverDestroyed.h"
 #include "common/SignalBlock.h"
-#include "diagnostics/KZCriticalSection.h"
+#include "guardian/process/ChildRegistry.h"
 
 namespace guardian {
 namespace {
@@ -98,31 +97,6 @@ class TSpawnSetup {
   ::_exit(127);
 }
 
-// Children that even SIGKILL did not end in time, as when they wait for a dead disk. Each becomes a
-// zombie of this process once it does end.
-// Owner: process-wide. Threads: any.
-class TAbandonedChildren {
- public:
-  static TAbandonedChildren& Instance() {
-    static TNeverDestroyed<TAbandonedChildren> children;
-    return *children;
-  }
-
-  void Add(pid_t pid) KZ_EXCLUDES(FLock) {
-    const TKZLockGuard lock(FLock);
-    FPids.push_back(pid);
-  }
-
-  void ReapEnded() KZ_EXCLUDES(FLock) {
-    const TKZLockGuard lock(FLock);
-    std::erase_if(FPids, [](pid_t pid) { return ::waitpid(pid, nullptr, WNOHANG) != 0; });
-  }
-
- private:
-  TKZCriticalSection FLock{"AbandonedChildren"};
-  std::vector<pid_t> FPids KZ_GUARDED_BY(FLock);
-};
-
 // Whether the text of a /proc/<pid>/stat shows a living member of the group. The program's name in
 // it may hold anything, so the fields are counted from the last parenthesis.
 bool IsLivingMember(const std::string& stat, pid_t group) {
@@ -144,21 +118,24 @@ TShellChild::~TShellChild() {
 
 int TShellChild::Spawn(const std::vector<std::string>& arguments, int output) {
   FThread.Check();
-  TAbandonedChildren::Instance().ReapEnded();
+  Children().ReapEnded();
   TSpawnSetup setup;
   if (const int error = setup.Prepare(output); error != 0) return error;
+  const TChildRegistry::TStart start;
   pid_t pid = 0;
   const int error = ::posix_spawn(&pid, arguments.front().c_str(), &setup.Actions,
                                   &setup.Attributes, Pointers(arguments).data(), environ);
   if (error != 0) return error;
   FPid = pid;
+  Children().Add(pid);
   FPidHandle = TFileDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
   return 0;
 }
 
 int TShellChild::Fork(const std::vector<std::string>& arguments) {
   FThread.Check();
-  TAbandonedChildren::Instance().ReapEnded();
+  Children().ReapEnded();
+  const TChildRegistry::TStart start;
   const std::vector<char*> pointers = Pointers(arguments);
   // No handler of ours runs in the forked child.
   const TSignalBlock block(AllSignals());
@@ -168,6 +145,7 @@ int TShellChild::Fork(const std::vector<std::string>& arguments) {
   // Parent and child both call setpgid, so that the group exists before either goes on.
   ::setpgid(pid, pid);
   FPid = pid;
+  Children().Add(pid);
   return 0;
 }
 
@@ -242,12 +220,13 @@ void TShellChild::Reap() noexcept {
   if (reaped == FPid) {
     FExitCode = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
   }
+  Children().Remove(FPid);
   FPid = 0;
   FPidHandle.Close();
 }
 
 void TShellChild::Abandon() {
-  TAbandonedChildren::Instance().Add(FPid);
+  Children().Abandon(FPid);
   FPid = 0;
   FPidHandle.Close();
 }
