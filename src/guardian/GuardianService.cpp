@@ -227,6 +227,10 @@ std::string TGuardianService::GetDaemonPath() {
   return FDaemonPath.Get();
 }
 
+std::string TGuardianService::GetMutexPath() {
+  return Settings().MutexDirectory.Copy() + "/" + kSchedulerMutexName;
+}
+
 void TGuardianService::RequestDaemonPaths() {
   constexpr int kHandshakeTimeoutSec = 600;
   std::string output = RunShell(GetDaemonPath() + " /PATHS", kHandshakeTimeoutSec).Output;
@@ -268,13 +272,12 @@ TShellOutcome TGuardianService::RunShell(const std::string& commandLine, int tim
 }
 
 TGuardianStatus TGuardianService::Status() const {
-  const TSettings& settings = Settings();
   TGuardianStatus status;
   status.StatusText = FStatusLine.Get();
   const TDaemonPathSeen daemon = FDaemonPath.Seen();
   status.DaemonPath = daemon.Path;
   status.DaemonPathExists = daemon.Exists;
-  status.MutexPath = settings.MutexDirectory.Copy() + "/" + kSchedulerMutexName;
+  status.MutexPath = GetMutexPath();
   status.DaemonTempPath = FTempPath.Copy();
   status.GotPaths = FMutexPathReceived;
   status.GetPathsError = FMutexPathMissing;

@@ -93,6 +93,9 @@ class TGuardianService final : public TService, public TGuardianControl {
   // The path of the daemon's executable, see TDaemonPath::Get. Start, then timer thread.
   std::string GetDaemonPath();
 
+  // The scheduler's mutex, in the directory that the handshake named. Any thread.
+  [[nodiscard]] static std::string GetMutexPath();
+
   [[nodiscard]] TGuardianStatus Status() const override;
   void RequestStart() override { Request(FStartRequested); }
   void RequestStop() override { Request(FStopRequested); }
