@@ -1,10 +1,14 @@
 #include "common/Thread.h"
 
 #include <gmock/gmock.h>
+#include <sched.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <clocale>
+#include <fstream>
 #include <thread>
 
 #include "common/AtEnd.h"
@@ -48,6 +52,29 @@ TEST(TClockTest, ReadsLocalWallTimeAndShowsItWithoutAmbiguity) {
     EXPECT_EQ(DateTimeToStr(46347.0 - 0.0004 * kSecond), "2026-11-21 00:00:00") << locale;
     EXPECT_EQ(DateTimeToStr(46347.0 - 0.001 * kSecond), "2026-11-20 23:59:59") << locale;
   }
+}
+
+// What the function returns in a forked child.
+int StatusOfChild(const std::function<int()>& function) {
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(function());
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// A time namespace whose machine has slept for an hour more than ours.
+TEST(TClockTest, CountsTheTimeAsleep) {
+  constexpr int kNotAllowed = 77;
+  constexpr int kNewTimeNamespace = 0x80;
+  const std::int64_t before = SystemTickCount();
+  const int status = StatusOfChild([before] {
+    if (::unshare(kNewTimeNamespace) != 0) return kNotAllowed;
+    std::ofstream("/proc/self/timens_offsets") << "boottime 3600 0\n";
+    return StatusOfChild([before] { return SystemTickCount() - before >= 3'600'000 ? 0 : 1; });
+  });
+  if (status == kNotAllowed) GTEST_SKIP() << "no time namespaces here";
+  EXPECT_EQ(status, 0);
 }
 
 // Waits for its termination, and counts what happens to it.
@@ -106,6 +133,27 @@ TEST(TThreadTest, StartsWithItsNameAndWithAllSignalsBlockedButTheFatalOnes) {
     EXPECT_EQ(sigismember(&ours, signal), 0) << signal;
   }
   for (const int signal : kFatalSignals) EXPECT_EQ(sigismember(&blocked, signal), 0) << signal;
+}
+
+TEST(TThreadTest, HasAnIdOfItsOwnInAForkedChild) {
+  EXPECT_EQ(CurrentThreadId(), ::gettid());
+  EXPECT_EQ(StatusOfChild([] { return CurrentThreadId() == ::getpid() ? 0 : 1; }), 0);
+}
+
+TEST(TThreadTest, IsJoinedOnceByAllWhoJoinItAndNeverWaitedForWhenItCannotStart) {
+  TKZEvent go("Go");
+  TFunctionThread thread("Joined", [&] { go.WaitFor(std::chrono::hours(1)); });
+  thread.Start();
+  const TCrew other(1, [&](int) {
+    Synchronize([&] {
+      go.Signal();
+      thread.Join();
+    });
+  });
+  thread.Join();  // Runs the other's request while it waits.
+  TFunctionThread huge("Huge", [] {}, std::size_t{1} << 60U);
+  EXPECT_THROW(huge.Start(), ESystemError);
+  EXPECT_TRUE(huge.WaitFinished(milliseconds(0)));
 }
 
 TEST(TKZEventTest, GivesAnAutomaticSignalToOneWaitAndAManualOneToAll) {
