@@ -151,7 +151,8 @@ TEST(TThreadTest, IsJoinedOnceByAllWhoJoinItAndNeverWaitedForWhenItCannotStart) 
     });
   });
   thread.Join();  // Runs the other's request while it waits.
-  TFunctionThread huge("Huge", [] {}, std::size_t{1} << 60U);
+  TFunctionThread huge(
+      "Huge", [] {}, std::size_t{1} << 60U);
   EXPECT_THROW(huge.Start(), ESystemError);
   EXPECT_TRUE(huge.WaitFinished(milliseconds(0)));
 }
