@@ -3,9 +3,9 @@
 #include <unistd.h>
 
 #include <cassert>
-#include <cstdio>
 #include <utility>
 
+#include "common/Console.h"
 #include "common/Exceptions.h"
 #include "common/FatalSignals.h"
 #include "common/MainThread.h"
@@ -18,9 +18,7 @@ void PrintEscapedException(const std::string& threadName, std::exception_ptr err
   try {
     std::rethrow_exception(std::move(error));
   } catch (...) {
-    const std::string line =
-        "Exception in thread " + threadName + ": " + CurrentExceptionMessage() + "\n";
-    std::fputs(line.c_str(), stderr);
+    DebugOutput("Exception in thread " + threadName + ": " + CurrentExceptionMessage());
   }
 }
 
