@@ -1,10 +1,8 @@
 #include "diagnostics/exceptions/FatalSignalReport.h"
 
-#include <fcntl.h>
 #include <link.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/uio.h>
 #include <ucontext.h>
 #include <unistd.h>
@@ -30,6 +28,7 @@
 #include "common/FileDescriptor.h"
 #include "common/MainThread.h"
 #include "common/Settings.h"
+#include "common/TextFile.h"
 #include "common/Texts.h"
 #include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/checkpoints/CheckpointRecord.h"
@@ -79,8 +78,8 @@ class TSignalText {
   std::size_t FLength = 0;
 };
 
-// A piece of loaded code. The pieces are listed at the installation: a handler that asked for them
-// could block.
+// A piece of loaded code. The pieces are listed at the installation: the handler that asks the
+// loader for them could have to wait, and the addresses are to be in the log before that.
 struct TModule {
   std::uintptr_t Bias;
   std::uintptr_t Begin;
@@ -281,8 +280,8 @@ void AddNames(TSignalText& text, const TStack& stack) noexcept {
 }
 
 // Returns whether the file took it all.
-bool Append(int file, TSignalText& text) noexcept {
-  const bool written = WriteAll(file, text.View()) == 0;
+bool Append(const TFileDescriptor& file, TSignalText& text) noexcept {
+  const bool written = WriteText(file, text.View()) == 0;
   text.Clear();
   return written;
 }
@@ -290,11 +289,8 @@ bool Append(int file, TSignalText& text) noexcept {
 void WriteReport(const TFault& fault) noexcept {
   const char* const name = reporter.Log.load();
   if (name == nullptr) return;
-  const int file = RetryOnEintr([name] {
-    return ::open(name, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY,
-                  S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH);
-  });
-  if (file < 0) return;
+  const TFileDescriptor file = OpenTextFile(name, TTextFileOpening::AppendOrCreate);
+  if (!file) return;
   TSignalText& text = reporter.Text;
   AddHead(text, fault);
   if (Append(file, text)) {
@@ -305,7 +301,6 @@ void WriteReport(const TFault& fault) noexcept {
       static_cast<void>(Append(file, text));
     }
   }
-  ::close(file);
 }
 
 // Without this wait, the second thread to crash would end the process before the first one has
@@ -318,12 +313,15 @@ void WaitForReport() noexcept {
 
 void OnFatalSignal(int signal, siginfo_t* info, void* context) {
   const int savedErrno = errno;
+  LimitLastWords();
   if (!reporter.Begun.exchange(true)) {
     WriteReport(FaultOf(signal, info, context));
     reporter.Written.store(true);
   } else {
     WaitForReport();
   }
+  // The system may take its time for the core.
+  ::alarm(0);
   // The signal stays pending until this handler returns; so the core shows the place of the fault.
   ::signal(signal, SIG_DFL);
   ::raise(signal);
@@ -364,6 +362,17 @@ void Install(std::size_t index) noexcept {
 }
 
 }  // namespace
+
+void LimitLastWords() noexcept {
+  constexpr unsigned kLimitSec = 20;
+  ::signal(SIGALRM, SIG_DFL);
+  // Threads, and the handlers of fatal signals, block it.
+  sigset_t alarm;
+  sigemptyset(&alarm);
+  sigaddset(&alarm, SIGALRM);
+  ::pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
+  ::alarm(kLimitSec);
+}
 
 void InstallFatalSignalReports() noexcept {
   assert(IsMainThread());
