@@ -29,7 +29,7 @@ bool Admit(std::string_view text, std::int64_t tick) {
 
 struct TSystemLogOutlet {
   TMutex Lock;  // Held while the writer runs, so that it can be taken away.
-  TSystemLogWriter Writer KZ_GUARDED_BY(Lock);
+  TLastResort Writer KZ_GUARDED_BY(Lock);
 };
 
 TSystemLogOutlet& SystemLogOutlet() {
@@ -76,7 +76,7 @@ void TMessageThrottle::ForgetOldest() {
                        [](const auto& a, const auto& b) { return a.second < b.second; }));
 }
 
-void SetSystemLogWriter(TSystemLogWriter writer) {
+void SetLastResort(TLastResort writer) {
   TSystemLogOutlet& outlet = SystemLogOutlet();
   const TMutexLock lock(outlet.Lock);
   outlet.Writer.swap(writer);

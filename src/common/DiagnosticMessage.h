@@ -29,12 +29,12 @@ class TMessageThrottle {
 };
 
 // Writes a line to the machine's system log. It may throw; it must not wait for another thread.
-using TSystemLogWriter = std::function<void(std::string_view line)>;
+using TLastResort = std::function<void(std::string_view line)>;
 
 // Sets what writes the messages that nobody else would see, an empty one for nobody. When it
 // returns, the former one does not run and never will. Threads: the one that starts and stops the
 // process's units.
-void SetSystemLogWriter(TSystemLogWriter writer);
+void SetLastResort(TLastResort writer);
 
 // Writes a message of the diagnostics as one line: to the error log, after the local date-time and
 // a blank; while that log is closed to the debug output, and when nobody takes it there, to the

@@ -9,6 +9,7 @@
 #include "common/Exceptions.h"
 #include "common/FatalSignals.h"
 #include "common/MainThread.h"
+#include "common/Progress.h"
 #include "common/SignalBlock.h"
 
 namespace guardian {
@@ -111,6 +112,7 @@ void TThread::RunWhole() {
   const TAlternateSignalStack signalStack;
   FThreadId.store(CurrentThreadId());
   pthread_setname_np(pthread_self(), FName.substr(0, kKernelNameLength).c_str());
+  NoteProgress(FName);
   RunGuarded([this] { Execute(); });
   RunGuarded([this] { OnFinished(); });
   FFinished.store(true);

@@ -55,10 +55,10 @@ void RunGuardian(TClock& clock) {
   const TAtEnd closeQueue([] { CloseMainThreadQueue(); });
   TKZCustomApplication application;
   application.Initialize();
-  SetSystemLogWriter([&application](std::string_view line) {
+  SetLastResort([&application](std::string_view line) {
     WriteSystemLog(line, TSystemLogKind::Warning, application.Stopping());
   });
-  const TAtEnd noSystemLog([] { SetSystemLogWriter({}); });
+  const TAtEnd noSystemLog([] { SetLastResort({}); });
   const TUnits units;
   TGuardianService service({
       .Shell =

@@ -3,6 +3,7 @@
 #include <cassert>
 #include <chrono>
 #include <exception>
+#include <string_view>
 #include <utility>
 
 #include "common/Console.h"
@@ -10,6 +11,7 @@
 #include "common/MainThread.h"
 #include "common/Settings.h"
 #include "common/Texts.h"
+#include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exception_report.h"
 
 namespace guardian {
@@ -17,6 +19,10 @@ namespace {
 
 constexpr std::chrono::milliseconds kTickInterval{10'000};
 constexpr std::chrono::milliseconds kRequestInterval{1'000};
+
+// The checkpoint of the timer's thread between two ticks. A tick that failed passes it only when
+// its report, which shows the place of the failure, has been written.
+constexpr std::string_view kTimerWaits = "GuardianTimer:Wait";
 
 }  // namespace
 
@@ -32,10 +38,15 @@ TGuardianService::TGuardianService(TGuardianSurroundings surroundings)
                *FSurroundings.Clock),
       FScheduler(FSurroundings.MakeScheduler([this](std::string_view line) { AddToLog(line); })),
       FTimer(
-          "GuardianTimer", kTickInterval, [this] { Tick(); },
+          "GuardianTimer", kTickInterval,
+          [this] {
+            Tick();
+            KZCP::Checkpoint(kTimerWaits);
+          },
           [this](const std::exception_ptr& error) {
             AddToLog("Exception in watchdog tick: " + HtmlEscape(MessageOf(error)));
             HandleException(error, TLogToFiles::Yes, "Watchdog tick");
+            KZCP::Checkpoint(kTimerWaits);
           },
           *FSurroundings.Clock) {}
 
@@ -93,6 +104,7 @@ bool TGuardianService::Continue() {
 }
 
 void TGuardianService::Tick() {
+  KZCP::Checkpoint("Tick.Requests");
   FTimer.SetInterval(kTickInterval);
   CarryOutRequests();
   CheckStatus();
@@ -113,6 +125,7 @@ void TGuardianService::CheckStatus() {
   ++FRounds;
   // Recorded before the steps too, because one of them may take half a minute, or throw.
   RecordRound(seen);
+  KZCP::Checkpoint("Tick.Act");
   for (const TStep& step : steps) CarryOut(step);
   RecordRound(seen);
 }
@@ -123,10 +136,13 @@ void TGuardianService::RecordRound(const TObservation& seen) {
 
 TObservation TGuardianService::Observe() {
   TObservation seen;
+  KZCP::Checkpoint("Tick.Mutex");
   seen.MutexOK = FScheduler->IsSchedulerRunning();
+  KZCP::Checkpoint("Tick.Pipe");
   const TPipeCheck pipe = FScheduler->CheckSchedulerPipe();
   seen.PipeOK = pipe.Ok;
   seen.PipeJustConnected = pipe.JustConnected;
+  KZCP::Checkpoint("Tick.Process");
   const bool fresh = NeedsFreshProcessCheck(seen.MutexOK, seen.PipeOK, FLastServiceOK);
   seen.ServiceOK = IsDaemonRunning(fresh ? TProcessCheck::Force : TProcessCheck::Cached);
   FLastServiceOK = seen.ServiceOK;

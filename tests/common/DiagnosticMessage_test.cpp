@@ -78,7 +78,7 @@ TEST(DiagnosticMessageTest, IsWrittenOnceToTheFirstPlaceWhereSomebodySeesIt) {
     }
   };
   std::string systemLog;
-  SetSystemLogWriter([&](std::string_view line) {
+  SetLastResort([&](std::string_view line) {
     systemLog.append(line).append("\n");
     write("of the writer");
     throw KZException("no system log either");
@@ -92,7 +92,7 @@ TEST(DiagnosticMessageTest, IsWrittenOnceToTheFirstPlaceWhereSomebodySeesIt) {
     write("after start");
     ::close(STDERR_FILENO);
     write("closed");
-    SetSystemLogWriter({});
+    SetLastResort({});
     write("nowhere");
   }
   EXPECT_EQ(systemLog, "Test Exception: after start\nTest Exception: closed\n");
