@@ -2,7 +2,9 @@
 
 #include <gmock/gmock.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <clocale>
 #include <thread>
@@ -11,9 +13,11 @@
 #include "common/FatalSignals.h"
 #include "common/SharedText.h"
 #include "common/Timer.h"
+#include "support/ChildProcess.h"
 #include "support/Crew.h"
 #include "support/Eventually.h"
 #include "support/FakeClock.h"
+#include "support/Program.h"
 #include "support/ThrownMessage.h"
 
 namespace guardian {
@@ -86,6 +90,10 @@ TEST(TThreadTest, EndsInOrderWhenAskedToAndHandsEscapedExceptionsOn) {
   thread.Join();
   TThread::SetExceptionHandler({});
   EXPECT_EQ(thread.FinishedCalls, 1) << "however Execute ended";
+  TFunctionThread tooLarge(
+      "TooLarge", [] {}, std::size_t{1} << 60);
+  EXPECT_THROW(tooLarge.Start(), ESystemError);
+  EXPECT_TRUE(tooLarge.WaitFinished(milliseconds(0))) << "nobody waits for what never began";
   EXPECT_EQ(escaped, "WaitingThreadWithALongName: escaped");
 }
 
@@ -106,6 +114,49 @@ TEST(TThreadTest, StartsWithItsNameAndWithAllSignalsBlockedButTheFatalOnes) {
     EXPECT_EQ(sigismember(&ours, signal), 0) << signal;
   }
   for (const int signal : kFatalSignals) EXPECT_EQ(sigismember(&blocked, signal), 0) << signal;
+}
+
+TEST(TThreadTest, HasItsOwnIdAlsoAfterAFork) {
+  EXPECT_EQ(CurrentThreadId(), ::gettid());
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(CurrentThreadId() == ::gettid() ? 0 : 1);
+  int status = -1;
+  EXPECT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
+
+// The request comes while the main thread joins the thread, and comes from another one.
+TEST(TThreadTest, CanBeJoinedByARequestWhileItIsBeingJoined) {
+  std::atomic<bool> joining = false;
+  TFunctionThread thread("Joined", [&] {
+    while (!joining) std::this_thread::yield();
+  });
+  const TCrew other(1, [&](int) {
+    Synchronize([&] {
+      joining = true;
+      thread.Join();
+    });
+  });
+  thread.Start();
+  thread.Join();
+  EXPECT_TRUE(joining);
+}
+
+// How far the clock stands ahead of one that does not count the time asleep.
+const TRegisterChild kTimeAsleep("time-asleep", [](const std::vector<std::string>& /*arguments*/) {
+  timespec awake{};
+  ::clock_gettime(CLOCK_MONOTONIC, &awake);
+  return SystemTickCount() / 1000 - awake.tv_sec >= 86'400 ? 0 : 1;
+});
+
+TEST(TClockTest, CountsTheTimeAsleep) {
+  const auto run = [](std::vector<std::string> line) {
+    line.insert(line.begin(), {"/usr/bin/unshare", "--map-root-user", "--time", "--boottime"});
+    return TProgram(std::move(line)).Wait();
+  };
+  if (run({"86400", "--fork", "/bin/true"}) != 0) GTEST_SKIP() << "no time of its own for a child";
+  const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+  EXPECT_EQ(run({"86400", "--fork", self, "--child", "time-asleep"}), 0);
 }
 
 TEST(TKZEventTest, GivesAnAutomaticSignalToOneWaitAndAManualOneToAll) {

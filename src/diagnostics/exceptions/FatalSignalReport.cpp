@@ -6,6 +6,7 @@
 #include <sys/uio.h>
 #include <ucontext.h>
 #include <unistd.h>
+#include <unwind.h>
 
 #include <algorithm>
 #include <array>
@@ -40,6 +41,18 @@
 extern "C" [[gnu::weak]] int __gcclibcxx_demangle_callback(
     const char* mangled, void (*callback)(const char* text, std::size_t length, void* context),
     void* context);
+
+#if defined(__arm__)
+// What the unwinder of this processor calls with the registers of its caller, in this layout. No
+// header declares it.
+struct TArmRegisters {
+  std::uint32_t NotSaved;
+  std::array<std::uint32_t, 16> Core;
+};
+// NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming): the library's name.
+extern "C" _Unwind_Reason_Code __gnu_Unwind_Backtrace(_Unwind_Trace_Fn trace, void* argument,
+                                                      TArmRegisters* registers);
+#endif
 
 namespace guardian {
 namespace {
@@ -122,6 +135,8 @@ struct TFault {
   // the stack has it.
   std::uintptr_t Code;
   std::uintptr_t Caller;
+
+  const mcontext_t* Machine;
 };
 
 std::string_view NameOf(int signal) noexcept {
@@ -151,14 +166,17 @@ std::string_view NameOf(int signal) noexcept {
 }
 
 TFault FaultOf(int signal, const siginfo_t* info, const void* context) noexcept {
-  [[maybe_unused]] const auto& machine = static_cast<const ucontext_t*>(context)->uc_mcontext;
-  TFault fault{.Signal = signal, .Info = info, .Code = 0, .Caller = 0};
+  const auto& machine = static_cast<const ucontext_t*>(context)->uc_mcontext;
+  TFault fault{.Signal = signal, .Info = info, .Code = 0, .Caller = 0, .Machine = &machine};
 #if defined(__x86_64__)
   fault.Code = static_cast<std::uintptr_t>(machine.gregs[REG_RIP]);
   fault.Caller = ReadWord(static_cast<std::uintptr_t>(machine.gregs[REG_RSP]));
 #elif defined(__aarch64__)
   fault.Code = machine.pc;
   fault.Caller = machine.regs[30];
+#elif defined(__arm__)
+  fault.Code = machine.arm_pc;
+  fault.Caller = machine.arm_lr & ~1UL;  // The lowest bit is the kind of code there.
 #endif
   return fault;
 }
@@ -223,17 +241,70 @@ struct TStack {
   }
 };
 
-TStack StackOf(const TFault& fault) noexcept {
+#if defined(__arm__)
+
+// A walk along the calls. It begins behind the call to which register 14, the return address,
+// leads.
+struct TArmWalk {
+  TStack& Stack;
+  TArmRegisters Registers;
+  std::uintptr_t Fault;  // The address at which the walk is in the faulting function.
+  int Visits;
+
+  void Run() noexcept {
+    const auto add = [](_Unwind_Context* frame, void* argument) {
+      return static_cast<TArmWalk*>(argument)->Add(frame);
+    };
+    __gnu_Unwind_Backtrace(add, this, &Registers);
+  }
+
+  // A function that calls none leaves its return address in the register, so that the walk comes to
+  // the function again, but above what that has on the stack.
+  _Unwind_Reason_Code Add(_Unwind_Context* frame) noexcept {
+    const std::uintptr_t address = _Unwind_GetIP(frame);
+    if (address == Fault) {
+      Registers.Core[13] = _Unwind_GetGR(frame, 13);
+      return ++Visits == 1 ? _URC_NO_REASON : _URC_FAILURE;
+    }
+    Stack.Code[Stack.Count++] = address - 1;
+    return Stack.Count < Stack.Code.size() ? _URC_NO_REASON : _URC_FAILURE;
+  }
+};
+
+// The unwinder does not get through the frame of a signal here, but can begin with its registers.
+void AddCallers(TStack& stack, const TFault& fault) noexcept {
+  TArmWalk walk{.Stack = stack, .Registers = {}, .Fault = fault.Code + 2, .Visits = 0};
+  static_assert(offsetof(mcontext_t, arm_pc) - offsetof(mcontext_t, arm_r0) == 60);
+  std::memcpy(walk.Registers.Core.data(), &fault.Machine->arm_r0, sizeof(walk.Registers.Core));
+  if (ModuleOf(fault.Code) != nullptr) {
+    walk.Registers.Core[14] = walk.Fault;
+    walk.Run();
+  }
+  if (stack.Count > 1) return;
+  walk.Registers.Core[14] = fault.Caller;
+  walk.Fault = 0;
+  walk.Run();
+}
+
+#else
+
+void AddCallers(TStack& stack, const TFault& fault) noexcept {
   std::array<const void*, kMaxFrames> frames;
   const std::size_t count = CaptureStack(frames, 0);
-  TStack stack{};
-  stack.Code[stack.Count++] = fault.Code;
   bool reached = false;  // The frames above the faulting one belong to this handler.
   for (const void* frame : std::span(frames).first(count)) {
     const auto address = reinterpret_cast<std::uintptr_t>(frame);
     if (reached && stack.Count < stack.Code.size()) stack.Code[stack.Count++] = address - 1;
     reached = reached || address == fault.Code;
   }
+}
+
+#endif
+
+TStack StackOf(const TFault& fault) noexcept {
+  TStack stack{};
+  stack.Code[stack.Count++] = fault.Code;
+  AddCallers(stack, fault);
   // A jump to nowhere: the stack cannot be followed from there.
   if (stack.Count == 1 && ModuleOf(fault.Code) == nullptr && ModuleOf(fault.Caller) != nullptr) {
     stack.Code[stack.Count++] = fault.Caller - 1;
