@@ -122,10 +122,10 @@ void TGuardianService::CheckStatus() {
   FTickThread.Check();
   const TObservation seen = Observe();
   const std::vector<TStep> steps = DecideRound(seen, FWatchdog);
+  KZCP::Checkpoint("Tick.Act");
   ++FRounds;
   // Recorded before the steps too, because one of them may take half a minute, or throw.
   RecordRound(seen);
-  KZCP::Checkpoint("Tick.Act");
   for (const TStep& step : steps) CarryOut(step);
   RecordRound(seen);
 }

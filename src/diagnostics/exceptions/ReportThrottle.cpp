@@ -98,12 +98,14 @@ void TReportThrottle::Agree(const TStoreOpener& openStore) {
 
 bool TReportThrottle::WaitForStore(std::chrono::milliseconds timeout) {
   const std::int64_t deadline = SystemTickCount() + timeout.count();
+  std::unique_ptr<TThread> former;
   const TMutexLock lock(FLock);
   while (FWorking) {
     const std::int64_t left = deadline - SystemTickCount();
     if (left <= 0) return false;
     FDone.WaitFor(FLock, std::chrono::milliseconds(left));
   }
+  former = std::move(FThread);
   return true;
 }
 
