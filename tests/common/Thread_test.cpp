@@ -125,23 +125,6 @@ TEST(TThreadTest, HasItsOwnIdAlsoAfterAFork) {
   EXPECT_EQ(status, 0);
 }
 
-// The request comes while the main thread joins the thread, and comes from another one.
-TEST(TThreadTest, CanBeJoinedByARequestWhileItIsBeingJoined) {
-  std::atomic<bool> joining = false;
-  TFunctionThread thread("Joined", [&] {
-    while (!joining) std::this_thread::yield();
-  });
-  const TCrew other(1, [&](int) {
-    Synchronize([&] {
-      joining = true;
-      thread.Join();
-    });
-  });
-  thread.Start();
-  thread.Join();
-  EXPECT_TRUE(joining);
-}
-
 // How far the clock stands ahead of one that does not count the time asleep.
 const TRegisterChild kTimeAsleep("time-asleep", [](const std::vector<std::string>& /*arguments*/) {
   timespec awake{};
