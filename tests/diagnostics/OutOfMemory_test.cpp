@@ -45,11 +45,12 @@ TEST(OutOfMemoryTest, CostsAReportSomeLinesAtMost) {
   EXPECT_EQ(ExceptionReportsInProgress(), 0);
   static_cast<void>(testing::internal::GetCapturedStderr());
 
-  const KZException longer(std::string(100, 'x'));
+  const std::exception_ptr longer = std::make_exception_ptr(KZException(std::string(100, 'x')));
   testing::internal::CaptureStderr();
   allFailFromThenOn = true;
   failingAllocation = 1;
-  const bool done = Guarded("OutOfMemoryTest", SystemClock(), [&] { throw longer; });
+  const bool done =
+      Guarded("OutOfMemoryTest", SystemClock(), [&] { std::rethrow_exception(longer); });
   allFailFromThenOn = false;
   failingAllocation = 0;
   EXPECT_FALSE(done);
