@@ -37,7 +37,7 @@ bool IsNullDevice(const struct stat& info) noexcept {
 // Where standard error cannot be opened anew: as much as fits surely once there is room at all.
 ssize_t WriteWhenThereIsRoom(const TPieces& pieces) noexcept {
   pollfd error{.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
-  if (::poll(&error, 1, 0) != 1 || (error.revents & POLLOUT) == 0) return -1;
+  if (::poll(&error, 1, 0) != 1 || error.revents != POLLOUT) return -1;
   std::array<char, PIPE_BUF> start;
   std::size_t length = 0;
   for (const iovec& piece : pieces) {

@@ -55,12 +55,16 @@ void TReportThrottle::KeepNewTime(const TStoreOpener& openStore) noexcept {
 void TReportThrottle::UseStore(const TStoreOpener& openStore) noexcept {
   if (!openStore) return;
   Guarded("TReportThrottle.UseStore", SystemClock(), [&] {
-    std::unique_ptr<TThread> former;  // Has ended its work; joined without the lock.
     const TMutexLock lock(FLock);
     FRequest = openStore;
     if (FWorking) return;
-    former = std::move(FThread);
-    FThread = std::make_unique<TFunctionThread>("ReportStore", [this] { Execute(); });
+    // The former thread has ended its work. The new one joins it: the main thread would run other
+    // threads' requests meanwhile, in the middle of a report.
+    auto work = [this, former = std::shared_ptr<TThread>(std::move(FThread))]() mutable {
+      former.reset();
+      Execute();
+    };
+    FThread = std::make_unique<TFunctionThread>("ReportStore", std::move(work));
     FThread->Start();
     FWorking = true;
   });
@@ -98,15 +102,20 @@ void TReportThrottle::Agree(const TStoreOpener& openStore) {
 
 bool TReportThrottle::WaitForStore(std::chrono::milliseconds timeout) {
   const std::int64_t deadline = SystemTickCount() + timeout.count();
-  std::unique_ptr<TThread> former;
   const TMutexLock lock(FLock);
   while (FWorking) {
     const std::int64_t left = deadline - SystemTickCount();
     if (left <= 0) return false;
     FDone.WaitFor(FLock, std::chrono::milliseconds(left));
   }
-  former = std::move(FThread);
   return true;
+}
+
+void TReportThrottle::Forget() {
+  std::unique_ptr<TThread> ended;  // Joined without the lock.
+  const TMutexLock lock(FLock);
+  if (!FWorking) ended = std::move(FThread);
+  FLast.store(0);
 }
 
 }  // namespace guardian

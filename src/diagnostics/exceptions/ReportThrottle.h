@@ -47,7 +47,8 @@ class TReportThrottle {
   // Waits until the store has been used, or the time is over; returns whether it has.
   bool WaitForStore(std::chrono::milliseconds timeout) KZ_EXCLUDES(FLock);
 
-  void Forget() noexcept { FLast.store(0); }
+  // Begins anew, as another run does. Frees the store's thread when that has ended its work.
+  void Forget() KZ_EXCLUDES(FLock);
 
  private:
   void Execute() KZ_EXCLUDES(FLock);
