@@ -17,3 +17,7 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   # Objects of a g++ before 7.1 are never linked.
   add_compile_options(-Wno-psabi)
 endif()
+# So that the stack of a fatal signal goes on behind functions that raise nothing.
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
+  add_compile_options(-funwind-tables)
+endif()

@@ -27,6 +27,35 @@ bool Admit(std::string_view text, std::int64_t tick) {
   return process.Throttle.Admit(text, tick);
 }
 
+struct TSystemLogOutlet {
+  TMutex Lock;  // Held while the writer runs, so that it can be taken away.
+  TLastResort Writer KZ_GUARDED_BY(Lock);
+};
+
+TSystemLogOutlet& SystemLogOutlet() {
+  static TNeverDestroyed<TSystemLogOutlet> outlet;
+  return *outlet;
+}
+
+// A failure of the writer that is itself such a message ends here, instead of going round.
+void WriteToSystemLog(std::string_view line) noexcept {
+  static constinit thread_local bool isWriting = false;
+  if (isWriting) return;
+  isWriting = true;
+  try {
+    TSystemLogOutlet& outlet = SystemLogOutlet();
+    const TMutexLock lock(outlet.Lock);
+    if (outlet.Writer) outlet.Writer(line);
+  } catch (...) {
+    // There is no place left to report this to.
+  }
+  isWriting = false;
+}
+
+void WriteWithoutErrorLog(std::string_view line) noexcept {
+  if (!DebugOutput(line)) WriteToSystemLog(line);
+}
+
 }  // namespace
 
 bool TMessageThrottle::Admit(std::string_view text, std::int64_t tick) {
@@ -47,6 +76,12 @@ void TMessageThrottle::ForgetOldest() {
                        [](const auto& a, const auto& b) { return a.second < b.second; }));
 }
 
+void SetLastResort(TLastResort writer) {
+  TSystemLogOutlet& outlet = SystemLogOutlet();
+  const TMutexLock lock(outlet.Lock);
+  outlet.Writer.swap(writer);
+}
+
 void DiagnosticMessage(std::string_view text, const TClock& clock) noexcept {
   try {
     if (!Admit(text, clock.TickCount())) return;
@@ -56,14 +91,14 @@ void DiagnosticMessage(std::string_view text, const TClock& clock) noexcept {
   } catch (...) {
     // Lack of memory shall not cost the message.
   }
-  DebugOutput(text);
+  WriteWithoutErrorLog(text);
 }
 
 void DiagnosticFailure(std::string_view where, const TClock& clock) noexcept {
   try {
     DiagnosticMessage(std::string(where) + " Exception: " + CurrentExceptionMessage(), clock);
   } catch (...) {
-    DebugOutput(where);
+    WriteWithoutErrorLog(where);
   }
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -27,9 +28,18 @@ class TMessageThrottle {
   std::map<std::string, std::int64_t, std::less<>> FAdmittedAt;
 };
 
+// Writes a line to the machine's system log. It may throw; it must not wait for another thread.
+using TLastResort = std::function<void(std::string_view line)>;
+
+// Sets what writes the messages that nobody else would see, an empty one for nobody. When it
+// returns, the former one does not run and never will. Threads: the one that starts and stops the
+// process's units.
+void SetLastResort(TLastResort writer);
+
 // Writes a message of the diagnostics as one line: to the error log, after the local date-time and
-// a blank, or to the debug output while that log is closed. An identical message within one hour is
-// dropped. Never throws; a message that cannot be written is lost. Threads: any.
+// a blank; while that log is closed to the debug output, and when nobody takes it there, to the
+// system log. An identical message within one hour is dropped. Never throws; a message that cannot
+// be written is lost. Threads: any.
 void DiagnosticMessage(std::string_view text, const TClock& clock = SystemClock()) noexcept;
 
 // In a catch block: the exception that is being handled as the message "<where> Exception:

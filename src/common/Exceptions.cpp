@@ -3,8 +3,10 @@
 #include <cxxabi.h>
 
 #include <array>
+#include <atomic>
 #include <boost/stacktrace/safe_dump_to.hpp>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <system_error>
 #include <typeinfo>
@@ -23,44 +25,69 @@ constexpr std::size_t kMaxFrames = 64;
   return stack;
 }
 
-// One throw of the thread.
-struct TThrow {
-  const void* Object;
-  const std::type_info* Type;
+using TDestroy = void (*)(void* object);
+
+// An exception that lives, and the stack of its throw.
+struct TLiveThrow {
+  // Null while the place is free. Atomic: set last by the thread that throws, and read by every
+  // thread that looks for its own exception; the fields below do not change while it is set.
+  std::atomic<const void*> Object;
+  TDestroy Destroy;
   std::size_t Count;
   std::array<const void*, 48> Frames;
 };
 
-// The thread's last throws. More than one, since the report of an exception may itself throw and
-// catch.
-struct TLastThrows {
-  std::array<TThrow, 4> Throws;
-  std::size_t Next;
-};
+// Stands in a place that is being filled in.
+constexpr char kTaken = 0;
 
-constinit thread_local TLastThrows tLastThrows{};
+// Exceptions that live at the same time beyond this number have no stack of their throw.
+constinit std::array<TLiveThrow, 64> liveThrows{};
 
-[[gnu::noinline]] void NoteThrow(const void* object, const std::type_info* type) noexcept {
-  TThrow& noted = tLastThrows.Throws[tLastThrows.Next];
-  tLastThrows.Next = (tLastThrows.Next + 1) % tLastThrows.Throws.size();
-  noted.Object = object;
-  noted.Type = type;
-  // Leaves out this function and the wrapper of the C++ library's throw.
-  noted.Count = CaptureStack(noted.Frames, 2);
+TLiveThrow* FindLiveThrow(const void* object) noexcept {
+  for (TLiveThrow& each : liveThrows) {
+    if (each.Object.load(std::memory_order_acquire) == object) return &each;
+  }
+  return nullptr;
 }
 
-// Finds the throw by the object's address or, when that is null since nobody knows it, by the type
-// alone. Returns an empty stack for an unknown throw.
-TStackAddresses StackOfThrow(const void* object, const std::type_info* type) {
-  const std::size_t size = tLastThrows.Throws.size();
-  for (std::size_t back = 1; back <= size; ++back) {
-    const TThrow& noted = tLastThrows.Throws[(tLastThrows.Next + size - back) % size];
-    const bool same = type != nullptr && noted.Type == type;
-    if (!same || (object != nullptr && noted.Object != object)) continue;
-    TStackAddresses stack(noted.Frames.data(), noted.Frames.data() + noted.Count);
-    return stack;
+// The C++ library calls this at the exception's end, in whichever thread that comes: from then on
+// another exception may have the address.
+void DestroyNoted(void* object) {
+  TLiveThrow* const noted = FindLiveThrow(object);
+  const TDestroy destroy = noted->Destroy;
+  noted->Object.store(nullptr, std::memory_order_release);
+  if (destroy != nullptr) destroy(object);
+}
+
+// Returns what is to destroy the object.
+[[gnu::noinline]] TDestroy NoteThrow(const void* object, TDestroy destroy) noexcept {
+  for (TLiveThrow& each : liveThrows) {
+    const void* none = nullptr;
+    if (!each.Object.compare_exchange_strong(none, &kTaken, std::memory_order_acquire)) continue;
+    each.Destroy = destroy;
+    // Leaves out this function and the wrapper of the C++ library's throw.
+    each.Count = CaptureStack(each.Frames, 2);
+    each.Object.store(object, std::memory_order_release);
+    return &DestroyNoted;
   }
-  return {};
+  return destroy;
+}
+
+// The object that the pointer keeps alive: its address is all that the pointer consists of.
+const void* ObjectOf(const std::exception_ptr& error) noexcept {
+  static_assert(sizeof(error) == sizeof(void*));
+  const void* object = nullptr;
+  std::memcpy(&object, static_cast<const void*>(&error), sizeof(object));
+  return object;
+}
+
+// Empty for an exception that the C++ library itself threw.
+TStackAddresses StackOfThrow(const std::exception_ptr& error) {
+  const TLiveThrow* const noted = FindLiveThrow(ObjectOf(error));
+  if (noted == nullptr) return {};
+  // In parentheses: braces would make a vector of these two pointers.
+  TStackAddresses stack(noted->Frames.data(), noted->Frames.data() + noted->Count);
+  return stack;
 }
 
 TExceptionDetails DetailsOf(const std::exception& error) {
@@ -70,10 +97,13 @@ TExceptionDetails DetailsOf(const std::exception& error) {
   if (const auto* own = dynamic_cast<const KZException*>(&error)) {
     details.Soft = dynamic_cast<const SoftException*>(own) != nullptr;
     details.Stack = own->Stack();
-  } else {
-    details.Stack = StackOfThrow(dynamic_cast<const void*>(&error), &typeid(error));
   }
   return details;
+}
+
+// The note is short enough to need no memory of its own.
+std::string TextOrNote(const char* text) noexcept try { return text; } catch (...) {
+  return "out of memory";
 }
 
 }  // namespace
@@ -86,8 +116,7 @@ extern "C" {
 [[noreturn]] void __wrap___cxa_throw(void* object, std::type_info* type, void (*destroy)(void*));
 
 void __wrap___cxa_throw(void* object, std::type_info* type, void (*destroy)(void*)) {
-  NoteThrow(object, type);
-  __real___cxa_throw(object, type, destroy);
+  __real___cxa_throw(object, type, NoteThrow(object, destroy));
 }
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming): as above.
 }
@@ -144,17 +173,21 @@ TExceptionDetails DescribeException(const std::exception_ptr& error) {
     const std::type_info* type = abi::__cxa_current_exception_type();
     details.ClassName = type != nullptr ? Demangled(type->name()) : "unknown";
     details.Message = CurrentExceptionMessage();
-    details.Stack = StackOfThrow(nullptr, type);
   }
+  if (error && details.Stack.empty()) details.Stack = StackOfThrow(error);
   details.StackOfCatcher = details.Stack.empty();
   if (details.StackOfCatcher) details.Stack = CapturedStack(1);
   return details;
 }
 
-std::string CurrentExceptionMessage() noexcept try { throw; } catch (const std::exception& error) {
-  return error.what();
-} catch (...) {
-  return "unknown exception";
+std::string CurrentExceptionMessage() noexcept {
+  try {
+    throw;
+  } catch (const std::exception& error) {
+    return TextOrNote(error.what());
+  } catch (...) {
+    return TextOrNote("unknown exception");
+  }
 }
 
 std::string MessageOf(std::exception_ptr error) noexcept {

@@ -69,13 +69,14 @@ struct TExceptionDetails {
   TStackAddresses Stack;
 };
 
-// The details of an exception of any kind. The stack is the KZException's own; for another
-// exception the stack of its throw, when the calling thread threw it lately; else the stack of this
-// call. The throws inside a C++ library that is linked dynamically are never known.
+// The details of an exception of any kind. The stack is the KZException's own, for another
+// exception the stack of its throw, in whichever thread that was; else the stack of this call. The
+// throws inside a C++ library that is linked dynamically are never known, nor is a throw while 64
+// other exceptions live.
 [[nodiscard]] TExceptionDetails DescribeException(const std::exception_ptr& error);
 
-// The message of the exception that is being handled, whatever its type. Call it in a catch block
-// only.
+// The message of the exception that is being handled, whatever its type; "out of memory" when there
+// is none for the message. Call it in a catch block only.
 [[nodiscard]] std::string CurrentExceptionMessage() noexcept;
 
 // The message of an exception that was carried here, whatever its type.

@@ -1,5 +1,6 @@
 #include "common/FileDescriptor.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,6 +9,11 @@ namespace guardian {
 
 void TFileDescriptor::Close() noexcept {
   if (FDescriptor >= 0) ::close(Release());
+}
+
+bool IsRegularFile(const TFileDescriptor& file) noexcept {
+  struct stat info {};
+  return ::fstat(file.Get(), &info) == 0 && S_ISREG(info.st_mode);
 }
 
 int WriteAll(int descriptor, std::string_view bytes) noexcept {

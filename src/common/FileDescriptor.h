@@ -49,6 +49,9 @@ auto RetryOnEintr(TCall&& call) {
   }
 }
 
+// Whether it is open on a regular file: no pipe, device, folder or socket. Async-signal-safe.
+[[nodiscard]] bool IsRegularFile(const TFileDescriptor& file) noexcept;
+
 // Writes all bytes, however many calls that takes. Returns 0 or the error number.
 [[nodiscard]] int WriteAll(int descriptor, std::string_view bytes) noexcept;
 

@@ -18,6 +18,7 @@
 #include "common/FileDescriptor.h"
 #include "common/Mutex.h"
 #include "common/NeverDestroyed.h"
+#include "common/Progress.h"
 
 namespace guardian {
 namespace {
@@ -78,6 +79,7 @@ class TMainThreadQueue {
     // threads keep asking.
     std::size_t left = Waiting();
     const bool any = left > 0;
+    if (any) NoteProgress("MainLoop:Request");
     for (; left > 0; --left) {
       const auto request = Take();
       if (!request) break;

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 
 namespace guardian {
 namespace {
@@ -25,11 +24,6 @@ TFileDescriptor OpenOrCreateLockFile(const std::string& path) {
     }
   }
   return {};
-}
-
-bool IsRegularFile(const TFileDescriptor& file) {
-  struct stat info {};
-  return ::fstat(file.Get(), &info) == 0 && S_ISREG(info.st_mode);
 }
 
 }  // namespace

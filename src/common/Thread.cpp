@@ -3,14 +3,15 @@
 #include <unistd.h>
 
 #include <cassert>
-#include <cstdio>
 #include <utility>
 #include <vector>
 
+#include "common/Console.h"
 #include "common/Exceptions.h"
 #include "common/FatalSignals.h"
 #include "common/MainThread.h"
 #include "common/NeverDestroyed.h"
+#include "common/Progress.h"
 #include "common/SignalBlock.h"
 
 namespace guardian {
@@ -20,9 +21,7 @@ void PrintEscapedException(const std::string& threadName, std::exception_ptr err
   try {
     std::rethrow_exception(std::move(error));
   } catch (...) {
-    const std::string line =
-        "Exception in thread " + threadName + ": " + CurrentExceptionMessage() + "\n";
-    std::fputs(line.c_str(), stderr);
+    DebugOutput("Exception in thread " + threadName + ": " + CurrentExceptionMessage());
   }
 }
 
@@ -124,6 +123,7 @@ void TThread::RunWhole() {
   const TAlternateSignalStack signalStack;
   FThreadId.store(CurrentThreadId());
   pthread_setname_np(pthread_self(), FName.substr(0, kKernelNameLength).c_str());
+  NoteProgress(FName);
   RunGuarded([this] { Execute(); });
   RunGuarded([this] { OnFinished(); });
   FFinished.store(true);

@@ -36,8 +36,8 @@ class TThread {
   TThread(const TThread&) = delete;
   TThread& operator=(const TThread&) = delete;
 
-  // Starts the thread with all signals blocked but the fatal ones. Once per object. Throws
-  // ESystemError.
+  // Starts the thread with all signals blocked but the fatal ones; its name is its first progress.
+  // Once per object. Throws ESystemError.
   void Start();
 
   // Asks the thread to end; returns at once.

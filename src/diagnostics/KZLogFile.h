@@ -38,8 +38,8 @@ class TKZLogFile {
   // Appends the text, unchanged, as one line. A name that is not empty becomes the file of this and
   // all later writes: when a log folder is set, a name without "/" stands for
   // "<LogFolder>/<name>.log"; any other name is the file's. A file that cannot be opened is tried
-  // 10 times, 100 ms apart; then, or when the disk refuses it, the line is dropped. Throws
-  // std::bad_alloc only.
+  // 10 times, 100 ms apart; then, or when the disk refuses it, the line is dropped. What a disk
+  // that becomes full has taken of it is a line of its own. Throws std::bad_alloc only.
   void Write(std::string_view text, std::string_view name = {});
 
   // The same for a wide text. It is written in the system's code page when that can hold it, else

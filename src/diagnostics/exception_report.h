@@ -14,8 +14,7 @@ namespace guardian {
 // once an hour the state of all threads. It is appended to the exceptions log in the log folder.
 //
 // These functions do not throw; a report that cannot be written is lost. They wait for nothing but
-// the list of threads and, at most once an hour, the settings store: only the thread that opens the
-// store waits for it.
+// the list of threads and the disk: a thread of its own uses the settings store.
 // Threads: any thread may report at any time; the main thread starts, stops and changes the folder.
 // Lifetime: reports may also be made before the start and after the stop.
 
@@ -30,10 +29,12 @@ struct TExceptionReportOptions {
 // stop.
 void StartExceptionReports(TExceptionReportOptions options = {});
 
-// Removes the hooks. No thread that may fail runs any more.
+// Removes the hooks. No thread that may fail runs any more. Waits at most a second for the settings
+// store.
 void StopExceptionReports();
 
-// Call this when the log folder has changed: the signal handlers cannot ask for it.
+// Call this when the log folder has changed: the signal handlers cannot ask for it, and the
+// settings store may lie there.
 void ExceptionsLogFolderChanged();
 
 // Whether the exception is an expected failure, which is reported by its message alone: a

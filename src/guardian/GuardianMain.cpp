@@ -1,5 +1,6 @@
 #include "guardian/GuardianMain.h"
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <memory>
@@ -8,9 +9,13 @@
 
 #include "common/AtEnd.h"
 #include "common/Console.h"
+#include "common/DiagnosticMessage.h"
+#include "common/Environment.h"
+#include "common/ErrorLog.h"
 #include "common/Exceptions.h"
 #include "common/MainThread.h"
 #include "common/Settings.h"
+#include "common/Texts.h"
 #include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exception_report.h"
 #include "guardian/GuardianService.h"
@@ -29,12 +34,32 @@ namespace {
 
 constexpr const char* kGuardianAddress = "localhost:8900/";
 
+void ReadDebugMode() {
+  constexpr const char* kDebugVariable = "VELLUMARK_GUARDIAN_DEBUG";
+  const std::string value = EnvironmentText(kDebugVariable);
+  Settings().DebugMode = value == "1";
+  if (value.empty() || value == "0" || value == "1") return;
+  PrintLine(std::string(kDebugVariable) + " is neither 0 nor 1: " + value);
+}
+
+// In debug mode alone. The lines before went to standard error or to the system log.
+void OpenErrorLog() {
+  if (!Settings().DebugMode) return;
+  const std::string name =
+      JoinPath(LogFolder(), FileNameOf(Settings().OwnExecutablePath)) + "_Errors.log";
+  if (!ErrorLog().Open(name)) {
+    DiagnosticMessage("The error log cannot be opened: " + name + ": " + SystemErrorText(errno));
+  }
+}
+
 void RunGuardian(TClock& clock) {
   BindMainThread();
   const TAtEnd closeQueue([] { CloseMainThreadQueue(); });
   TKZCustomApplication application;
   application.Initialize();
   const TSystemLogWriter systemLog;
+  SetLastResort([](std::string_view line) { WriteSystemLog(line, TSystemLogKind::Warning); });
+  const TAtEnd noLastResort([] { SetLastResort({}); });
   const TUnits units;
   TGuardianService service({
       .Shell =
@@ -55,6 +80,7 @@ void RunGuardian(TClock& clock) {
   });
   service.Start();
   ExceptionsLogFolderChanged();
+  OpenErrorLog();
   StartWebStatusServer({
       .Guardian = &service,
       .TerminateGuardian = [&application] { application.Terminate(); },
@@ -140,6 +166,7 @@ int GuardianMain(TClock& clock) {
     const bool running = QueryGuardian("status.php", TQueryOutput::AnswerOrFailure);
     return running ? kExitOk : kExitNotRunning;
   }
+  ReadDebugMode();
   if (word == "start") {
     if (QueryGuardian("status.php", TQueryOutput::AnswerOnly)) {
       PrintLine("Guardian Service already running.");

@@ -3,6 +3,7 @@
 #include <cassert>
 #include <chrono>
 #include <exception>
+#include <string_view>
 #include <utility>
 
 #include "common/Console.h"
@@ -11,6 +12,7 @@
 #include "common/MainThread.h"
 #include "common/Settings.h"
 #include "common/Texts.h"
+#include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exception_report.h"
 
 namespace guardian {
@@ -18,6 +20,10 @@ namespace {
 
 constexpr std::chrono::milliseconds kTickInterval{10'000};
 constexpr std::chrono::milliseconds kRequestInterval{1'000};
+
+// The checkpoint of the timer's thread between two ticks. A tick that failed passes it only when
+// its report, which shows the place of the failure, has been written.
+constexpr std::string_view kTimerWaits = "GuardianTimer:Wait";
 
 }  // namespace
 
@@ -40,9 +46,16 @@ TGuardianService::TGuardianService(TGuardianSurroundings surroundings)
                *FSurroundings.Clock),
       FScheduler(FSurroundings.MakeScheduler([this](std::string_view line) { AddToLog(line); })),
       FTimer(
-          "GuardianTimer", kTickInterval, [this] { Tick(); },
-          [this](const std::exception_ptr& error) { ReportFailure(error); }, *FSurroundings.Clock) {
-}
+          "GuardianTimer", kTickInterval,
+          [this] {
+            Tick();
+            KZCP::Checkpoint(kTimerWaits);
+          },
+          [this](const std::exception_ptr& error) {
+            ReportFailure(error);
+            KZCP::Checkpoint(kTimerWaits);
+          },
+          *FSurroundings.Clock) {}
 
 TGuardianService::~TGuardianService() = default;
 
@@ -98,6 +111,7 @@ bool TGuardianService::Continue() {
 }
 
 void TGuardianService::Tick() {
+  KZCP::Checkpoint("Tick.Requests");
   FTimer.SetInterval(kTickInterval);
   CarryOutRequests();
   CheckStatus();
@@ -120,6 +134,7 @@ void TGuardianService::CheckStatus() {
   // The end of the process cuts commands and connections short, so nothing can be judged by them.
   if (FSurroundings.Stopping.IsCancelled()) return;
   const std::vector<TStep> steps = DecideRound(seen, FWatchdog);
+  KZCP::Checkpoint("Tick.Act");
   ++FRounds;
   // Recorded before the steps too, because one of them may take half a minute, or throw.
   RecordRound(seen);
@@ -153,11 +168,14 @@ void TGuardianService::RecordRound(const TObservation& seen) {
 TObservation TGuardianService::Observe() {
   TObservation seen;
   const bool looked = DoGuarded([&] {
+    KZCP::Checkpoint("Tick.Mutex");
     seen.MutexOK = FScheduler->IsSchedulerRunning();
+    KZCP::Checkpoint("Tick.Pipe");
     const TPipeCheck pipe = FScheduler->CheckSchedulerPipe();
     seen.PipeOK = pipe.Ok;
     seen.PipeJustConnected = pipe.JustConnected;
   });
+  KZCP::Checkpoint("Tick.Process");
   LookAtProcess(seen);
   // A look that failed is no failure of the daemon.
   seen.MutexPathKnown = looked && FMutexPathReceived && !FMutexPathMissing;

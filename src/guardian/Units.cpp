@@ -2,9 +2,12 @@
 
 #include <cassert>
 #include <exception>
+#include <filesystem>
 #include <memory>
 #include <string>
+#include <system_error>
 
+#include "common/ErrorLog.h"
 #include "common/MainThread.h"
 #include "common/Settings.h"
 #include "common/Texts.h"
@@ -19,17 +22,21 @@ namespace guardian {
 namespace {
 
 // The store in which the exception reports keep their throttle; null before the log folder is
-// known.
-std::unique_ptr<TKZCustomINIFile> OpenReportStore() {
+// known. To look into, it is not made.
+std::unique_ptr<TKZCustomINIFile> OpenReportStore(TStoreUse use) {
   const std::string folder = Settings().LogDirectory.Copy();
   if (folder.empty()) return nullptr;
-  return std::make_unique<TKZSQLIniFile>(JoinPath(folder, "VellumarkGuardian.cfg"));
+  const std::string name = JoinPath(folder, "VellumarkGuardian.cfg");
+  std::error_code error;
+  if (use == TStoreUse::Look && !std::filesystem::exists(name, error)) return nullptr;
+  return std::make_unique<TKZSQLIniFile>(name);
 }
 
 }  // namespace
 
 TUnits::TUnits() {
   assert(IsMainThread());
+  if (Settings().DebugMode) KZCP::Switches().History = true;
   KZCP::Init();
   StartExceptionReports({.Heading = "Vellumark Guardian 1.50", .OpenStore = &OpenReportStore});
   StartMessages();
@@ -45,6 +52,7 @@ TUnits::~TUnits() {
   SetMessageExceptionReporter({});
   StopExceptionReports();
   KZCP::Fini(&CheckMutexesAtTermination);
+  ErrorLog().Close();
 }
 
 }  // namespace guardian

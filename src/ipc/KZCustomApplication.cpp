@@ -9,6 +9,7 @@
 #include "common/Clock.h"
 #include "common/Exceptions.h"
 #include "common/MainThread.h"
+#include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exception_report.h"
 
 namespace guardian {
@@ -76,6 +77,7 @@ void TKZCustomApplication::Run() {
   constexpr std::chrono::seconds kPauseAfterFailure{1};
   while (!Terminated()) {
     try {
+      KZCP::Checkpoint("MainLoop:Wait");
       CheckSynchronize(kRound);
     } catch (...) {
       HandleException(std::current_exception(), TLogToFiles::Yes, "Main loop");

@@ -1,9 +1,15 @@
 #include "common/DiagnosticMessage.h"
 
-#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <stdexcept>
 
+#include "common/Console.h"
 #include "support/ErrorLogInFolder.h"
 #include "support/FakeClock.h"
 #include "support/ThrownMessage.h"
@@ -22,16 +28,76 @@ TEST(DiagnosticMessageTest, AdmitsAgainAfterAnHourOrAmongTooMany) {
   EXPECT_TRUE(throttle.Admit("1", 3'601'000));
 }
 
-TEST(DiagnosticMessageTest, IsWrittenOnceToTheErrorLogElseToTheDebugOutput) {
+// Standard error is another file for a while.
+class TStandardError {
+ public:
+  explicit TStandardError(int file) : FSaved(::dup(STDERR_FILENO)) { ::dup2(file, STDERR_FILENO); }
+  ~TStandardError() { ::dup2(FSaved.Get(), STDERR_FILENO); }
+  TStandardError(const TStandardError&) = delete;
+  TStandardError& operator=(const TStandardError&) = delete;
+
+ private:
+  const TFileDescriptor FSaved;
+};
+
+TEST(ConsoleTest, NeverWaitsForAReaderOfStandardError) {
+  ::signal(SIGPIPE, SIG_IGN);
+  for (const bool isSocket : {false, true}) {
+    SCOPED_TRACE(isSocket);
+    std::array<int, 2> ends{};
+    ASSERT_EQ(isSocket ? ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()) : ::pipe(ends.data()),
+              0);
+    TFileDescriptor reading(ends[0]);
+    const TFileDescriptor writing(ends[1]);
+    const TStandardError error(writing.Get());
+    ::fcntl(reading.Get(), F_SETFL, O_NONBLOCK);
+    int whole = 0;
+    while (whole < 10'000 && DebugOutput(std::string(9'999, 'x'))) ++whole;
+    EXPECT_THAT(whole, testing::AllOf(testing::Gt(0), testing::Lt(10'000)));
+    EXPECT_EQ(::fcntl(STDERR_FILENO, F_GETFL) & O_NONBLOCK, 0) << "other programs share it";
+    std::string text;
+    EXPECT_EQ(ReadToEnd(reading.Get(), 100'000'000, text), EAGAIN);
+    const auto lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+    EXPECT_EQ(lines, text.size() / 10'000);
+    const bool cut = !text.ends_with('\n');
+    EXPECT_TRUE(cut || isSocket) << "a socket takes such a line whole or not at all";
+    EXPECT_TRUE(DebugOutput("next"));
+    EXPECT_EQ(ReadToEnd(reading.Get(), 100, text), EAGAIN);
+    EXPECT_EQ(text, cut ? "\nnext\n" : "next\n");
+    reading.Close();
+    EXPECT_FALSE(DebugOutput("nobody reads"));
+  }
+  ::signal(SIGPIPE, SIG_DFL);
+}
+
+TEST(DiagnosticMessageTest, IsWrittenOnceToTheFirstPlaceWhereSomebodySeesIt) {
   TFakeClock clock;
   const auto write = [&](const std::string& text) {
-    EXPECT_FALSE(Guarded("Test", clock, [&] { throw std::runtime_error(text); }));
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_FALSE(Guarded("Test", clock, [&] { throw std::runtime_error(text); }));
+    }
   };
+  std::string systemLog;
+  SetLastResort([&](std::string_view line) {
+    systemLog.append(line).append("\n");
+    write("of the writer");
+    throw KZException("no system log either");
+  });
   testing::internal::CaptureStderr();
-  for (int i = 0; i < 2; ++i) write("no log");
+  write("no log");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "Test Exception: no log\n");
+  {
+    const TFileDescriptor null(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+    const TStandardError error(null.Get());
+    write("after start");
+    ::close(STDERR_FILENO);
+    write("closed");
+    SetLastResort({});
+    write("nowhere");
+  }
+  EXPECT_EQ(systemLog, "Test Exception: after start\nTest Exception: closed\n");
   const TErrorLogInFolder log;
-  for (int i = 0; i < 2; ++i) write("a log");
+  write("a log");
   EXPECT_EQ(log.Text(), "2026-11-21 06:00:00 Test Exception: a log\n");
   EXPECT_TRUE(Guarded("Test", clock, [] {}));
 }

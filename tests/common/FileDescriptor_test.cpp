@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include "common/Console.h"
 #include "common/FileHandle.h"
 #include "common/NamedMutex.h"
+#include "common/TextFile.h"
 #include "support/ChildProcess.h"
 #include "support/Crew.h"
 #include "support/FakeClock.h"
@@ -85,6 +87,38 @@ TEST(TFileDescriptorTest, ReadsNoMoreThanItIsAllowedAndTellsErrors) {
   EXPECT_EQ(WriteAll(file.Get(), "x"), EBADF) << "open for reading only";
   EXPECT_EQ(WriteAll(Opened("/dev/full", O_WRONLY).Get(), "x"), ENOSPC);
   EXPECT_EQ(ReadToEnd(Opened(folder.Path(), O_RDONLY).Get(), 6, text), EISDIR);
+}
+
+TEST(TextFileTest, OpensRegularFilesOnlyAndEndsWhatAFullDiskCuts) {
+  const TTempFolder folder;
+  folder.Write("file", "of others");
+  ASSERT_EQ(::mkfifo(folder.Path("pipe").c_str(), 0600), 0);
+  const TFileDescriptor reader = Opened(folder.Path("pipe"), O_RDONLY | O_NONBLOCK);
+  std::filesystem::create_symlink(folder.Path("file"), folder.Path("link"));
+  using enum TTextFileOpening;
+  for (const TTextFileOpening opening : {Append, AppendOrCreate, Truncate, CreateNew}) {
+    for (const std::string& name :
+         {folder.Path("pipe"), folder.Path("link"), folder.Path(), std::string("/dev/full")}) {
+      EXPECT_FALSE(OpenTextFile(name, opening)) << name;
+    }
+  }
+  EXPECT_EQ(folder.Read("file"), "of others");
+
+  // A size limit cuts as a full disk does.
+  ::signal(SIGXFSZ, SIG_IGN);
+  rlimit before{};
+  ::getrlimit(RLIMIT_FSIZE, &before);
+  for (const TTextFileOpening opening : {AppendOrCreate, Truncate}) {
+    const TFileDescriptor file = OpenTextFile(folder.Path("log"), opening);
+    const rlimit tenBytes{.rlim_cur = 10, .rlim_max = before.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &tenBytes);
+    EXPECT_EQ(WriteTextLine(file, "one"), 0);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(WriteTextLine(file, "is too long"), EFBIG);
+    ::setrlimit(RLIMIT_FSIZE, &before);
+    EXPECT_EQ(WriteTextLine(file, "two"), 0);
+    EXPECT_EQ(folder.Read("log"), "one\nis to\ntwo\n");
+  }
+  ::signal(SIGXFSZ, SIG_DFL);
 }
 
 TEST(FileHandleTest, UnlocksAtOnceAndWaitsASecondForABorrower) {

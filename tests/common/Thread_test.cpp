@@ -15,9 +15,11 @@
 #include "common/FatalSignals.h"
 #include "common/SharedText.h"
 #include "common/Timer.h"
+#include "support/ChildProcess.h"
 #include "support/Crew.h"
 #include "support/Eventually.h"
 #include "support/FakeClock.h"
+#include "support/Program.h"
 #include "support/ThrownMessage.h"
 
 namespace guardian {
@@ -113,6 +115,10 @@ TEST(TThreadTest, EndsInOrderWhenAskedToAndHandsEscapedExceptionsOn) {
   thread.Join();
   TThread::SetExceptionHandler({});
   EXPECT_EQ(thread.FinishedCalls, 1) << "however Execute ended";
+  TFunctionThread tooLarge(
+      "TooLarge", [] {}, std::size_t{1} << 60);
+  EXPECT_THROW(tooLarge.Start(), ESystemError);
+  EXPECT_TRUE(tooLarge.WaitFinished(milliseconds(0))) << "nobody waits for what never began";
   EXPECT_EQ(escaped, "WaitingThreadWithALongName: escaped");
 }
 

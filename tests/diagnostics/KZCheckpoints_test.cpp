@@ -4,6 +4,7 @@
 #include <new>
 #include <optional>
 #include <random>
+#include <thread>
 
 #include "diagnostics/Diagnostics.h"
 #include "diagnostics/KZCriticalSection.h"
@@ -124,6 +125,7 @@ TEST_F(KZCheckpointsTest, ListsThreadsAsAModelDoesThroughARandomLife) {
       if (puppet != nullptr) model.erase(puppet->Id());
       puppet = nullptr;
       puppet = std::make_unique<TPuppet>();
+      model[puppet->Id()] = {hasList, false, "Puppet"};
     }
     TModelThread& thread = model[puppet->Id()];
     if (act == 1) {
@@ -177,11 +179,11 @@ struct TLateCheckpoint {
 };
 
 TEST_F(KZCheckpointsTest, IgnoresCheckpointsOfAThreadThatIsBeingDestroyed) {
-  InThread([] {
+  std::thread([] {
     static thread_local TLateCheckpoint late;
     late.Touched = true;
     KZCP::Checkpoint("in time");
-  });
+  }).join();
   EXPECT_THAT(Report(), HasSubstr("Number of threads: 0\n"));
 }
 

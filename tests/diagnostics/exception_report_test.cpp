@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <optional>
 #include <stdexcept>
 
 #include "diagnostics/Diagnostics.h"
@@ -35,20 +36,30 @@ std::exception_ptr OurOwn() {
   return Caught([] { RaiseOurOwn(); });
 }
 
+// Does something in the middle of its report.
+struct EDuring : std::exception {
+  explicit EDuring(std::function<void()> act) : Act(std::move(act)) {}
+  const char* what() const noexcept override {
+    Act();
+    return "during";
+  }
+  std::function<void()> Act;
+};
+
 // A store of one value, which outlives the object.
 class TStore final : public TKZCustomINIFile {
  public:
-  explicit TStore(std::string& stored) : FStored(stored) {}
+  explicit TStore(TSharedText& stored) : FStored(stored) {}
 
   std::string ReadString(std::string_view section, std::string_view key,
                          std::string_view defaultValue) override {
     EXPECT_EQ(std::string(section).append(key), "MainLastDetailedThreadReportLoggedAtUTC");
-    return FStored.empty() ? std::string(defaultValue) : FStored;
+    return FStored.Get()->empty() ? std::string(defaultValue) : FStored.Copy();
   }
   void WriteString(std::string_view, std::string_view, std::string_view value) override {
     FWritten = value;
   }
-  void UpdateFile() override { FStored = FWritten; }
+  void UpdateFile() override { FStored.Set(FWritten); }
   std::vector<std::string> ReadSection(std::string_view) override { return {}; }
   std::vector<std::string> ReadSections() override { return {}; }
   std::vector<std::string> ReadSectionValues(std::string_view) override { return {}; }
@@ -57,7 +68,7 @@ class TStore final : public TKZCustomINIFile {
   void EraseSection(std::string_view) override {}
 
  private:
-  std::string& FStored;
+  TSharedText& FStored;
   std::string FWritten;
 };
 
@@ -81,8 +92,9 @@ class ExceptionReportTest : public testing::Test {
   }
 
   void Start() {
-    const auto openStore = [this] {
-      ++FOpenings;
+    const auto openStore = [this](TStoreUse use) -> std::unique_ptr<TKZCustomINIFile> {
+      KZCP::Checkpoint("In the store");
+      if (use == TStoreUse::Look) return nullptr;
       FOnStore();
       return std::make_unique<TStore>(FStored);
     };
@@ -105,8 +117,7 @@ class ExceptionReportTest : public testing::Test {
   const TSettingsBackup FSettings;
   const TTempFolder FFolder;
   TFakeClock FClock;
-  std::string FStored;
-  int FOpenings = 0;
+  TSharedText FStored;
   std::function<void()> FOnStore = [] {};
   const std::exception_ptr FError = OurOwn();
 };
@@ -158,34 +169,56 @@ TEST_F(ExceptionReportTest, HasTwoForms) {
   PipeCounters().ServerPipeThreads = 0;
 }
 
-TEST_F(ExceptionReportTest, HasTheThreadReportOnceAnHourAlsoAfterARestart) {
-  const auto step = [this](int secondsLater, bool omitted, const char* stored, int openings) {
-    FClock.Advance(std::chrono::seconds(secondsLater));
-    EXPECT_EQ(NewReport().ends_with(kOmitted), omitted) << openings;
-    EXPECT_EQ(FStored, stored);
-    EXPECT_EQ(FOpenings, openings);
+TEST(ReportThrottleTest, AdmitsOnceAnHourAlsoAfterARestart) {
+  TSharedText stored;
+  std::function<void()> onOpen = [] {};
+  const TStoreOpener open = [&](TStoreUse use) -> std::unique_ptr<TKZCustomINIFile> {
+    onOpen();
+    if (use == TStoreUse::Look && stored.Get()->empty()) return nullptr;
+    return std::make_unique<TStore>(stored);
   };
-  const auto restart = [this](const char* stored) {
-    StopExceptionReports();
-    Start();
-    FStored = stored;
+  std::optional<TReportThrottle> run;
+  const auto restart = [&] {
+    run.emplace().UseStore(open);
+    EXPECT_TRUE(run->WaitForStore(std::chrono::minutes(1)));
   };
-  step(0, false, "46347.25", 1);
-  step(3599, true, "46347.25", 1);
-  restart("46347.25");
-  step(0, true, "46347.25", 2);
-  step(0, true, "46347.25", 2);
-  step(2, false, "46347.29168", 3);
-  for (const char* broken : {"46348.25", "no number", "1e400"}) {
-    restart(broken);
-    step(0, false, "46347.29168", FOpenings + 1);
+  const auto step = [&](int second, bool admitted, const char* kept) {
+    EXPECT_EQ(run->Admit(46347.25 + second * kSecond), admitted) << second;
+    run->KeepNewTime(open);
+    EXPECT_TRUE(run->WaitForStore(std::chrono::minutes(1)));
+    EXPECT_EQ(stored.Copy(), kept);
+  };
+  restart();
+  step(0, true, "46347.25");
+  step(3599, false, "46347.25");
+  restart();
+  step(3599, false, "46347.25");
+  step(3601, true, "46347.29168");
+  for (const char* broken : {"46348.25", "no number", "1e400", "nan", "-inf"}) {
+    stored.Set(broken);
+    restart();
+    step(3601, true, "46347.29168");
   }
+  onOpen = [] { throw KZException("broken store"); };
+  step(7202, true, "46347.29168");
+  step(7202, false, "46347.29168");
+}
+
+TEST_F(ExceptionReportTest, NeitherWaitsForALockedStoreNorShowsItsCheckpoint) {
+  TKZEvent unlocked("Unlocked", TEventReset::Manual);
+  FOnStore = [&] { unlocked.WaitFor(std::chrono::seconds(10)); };
+  HandleException(FError, TLogToFiles::Yes, "1");
+  InThread([] { HandleException(OurOwn(), TLogToFiles::Yes, "2"); });
+  EXPECT_EQ(FStored.Copy(), "");
+  unlocked.Signal();
+  EXPECT_TRUE(Eventually([&] { return FStored.Copy() == "46347.25"; }));
+  const std::string own = "Thread " + std::to_string(CurrentThreadId()) + ", CP: Testing\n";
+  EXPECT_THAT(Log(), HasSubstr("\nWhere: 1, CP: Testing\n"));
+  EXPECT_THAT(Log(), HasSubstr(own));
+  EXPECT_THAT(Log(), HasSubstr("\nWhere: 2, CP: "));
+  EXPECT_THAT(NewReport(), EndsWith(kOmitted));
   Settings().DebugMode = true;
   EXPECT_THAT(NewReport(), Not(EndsWith(kOmitted)));
-  Settings().DebugMode = false;
-  FOnStore = [] { throw KZException("broken store"); };
-  step(7200, false, "46347.29168", FOpenings + 1);
-  step(0, true, "46347.29168", FOpenings);
 }
 
 TEST_F(ExceptionReportTest, RenamesALogAboveTheLimit) {
@@ -212,9 +245,9 @@ TEST_F(ExceptionReportTest, RenamesALogAboveTheLimit) {
 
 TEST_F(ExceptionReportTest, DoesNoHarmWhereItCannotWrite) {
   const auto descriptors = OpenDescriptors();
-  std::filesystem::create_symlink("/dev/full", FFolder.Path("logs/guardian_Exceptions.log"));
+  ASSERT_EQ(::mkfifo(FFolder.Path("logs/guardian_Exceptions.log").c_str(), 0600), 0);
   testing::internal::CaptureStderr();
-  WriteExceptionReport(FError, "full disk");
+  WriteExceptionReport(FError, "a pipe in the log's place");
   Settings().LogDirectory.Set("/proc/self");
   WriteExceptionReport(FError, "read-only");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
@@ -243,11 +276,13 @@ TEST_F(ExceptionReportTest, HandlesExceptionsAsTheOuterHandler) {
 }
 
 TEST_F(ExceptionReportTest, DropsWhatReachesTheOuterHandlerMeanwhile) {
-  FOnStore = [] {
-    EXPECT_GT(ExceptionReportsInProgress(), 0);
-    InThread([] { HandleException(OurOwn(), TLogToFiles::Yes, "2"); });
-  };
-  HandleException(FError, TLogToFiles::Yes, "1");
+  const std::exception_ptr during = Caught([] {
+    throw EDuring([] {
+      EXPECT_GT(ExceptionReportsInProgress(), 0);
+      InThread([] { HandleException(OurOwn(), TLogToFiles::Yes, "2"); });
+    });
+  });
+  HandleException(during, TLogToFiles::Yes, "1");
   HandleException(FError, TLogToFiles::Yes, "3");
   EXPECT_EQ(CountOf(Log(), "\nWhere: "), 2);
   EXPECT_THAT(Log(), HasSubstr("\nWhere: 3, CP: "));
@@ -263,11 +298,17 @@ TEST_F(ExceptionReportTest, NamesTheFunctionThatRaised) {
   EXPECT_THAT(StringForm(foreign), HasSubstr(" guardian::RaiseForeign("));
   EXPECT_THAT(StringForm(foreign), HasSubstr("/exception_report_test.cpp:"));
   EXPECT_THAT(StringForm(foreign), Not(HasSubstr(caughtHere)));
-  // Raised elsewhere: there is nothing but the place of the catch.
   std::exception_ptr carried;
   InThread([&] { carried = Caught([] { RaiseForeign(); }); });
-  EXPECT_THAT(StringForm(carried), HasSubstr("TestBody"));
-  EXPECT_THAT(StringForm(carried), HasSubstr(caughtHere));
+  EXPECT_THAT(StringForm(carried), HasSubstr(" guardian::RaiseForeign("));
+  EXPECT_THAT(StringForm(Caught([] { throw 42; })), HasSubstr("/exception_report_test.cpp:"));
+  // Raised by the C++ library, where the exceptions before had their place: there is nothing but
+  // the place of the catch.
+  carried = nullptr;
+  const std::exception_ptr library = Caught([] { static_cast<void>(std::string().at(1)); });
+  EXPECT_THAT(StringForm(library), Not(HasSubstr("RaiseForeign")));
+  EXPECT_THAT(StringForm(library), HasSubstr("TestBody"));
+  EXPECT_THAT(StringForm(library), HasSubstr(caughtHere));
   InThread([] { RaiseForeign(); });
   EXPECT_THAT(Log(), HasSubstr("Where: Thread Test, CP: "));
 }

@@ -28,7 +28,8 @@ class OuterHandlersTest : public testing::Test {
     EXPECT_TRUE(Eventually([&] { return log().find(item) != std::string::npos; }));
     EXPECT_THAT(log(), HasSubstr("Vellumark Guardian 1.50"));
     EXPECT_THAT(log(), HasSubstr("Exception std::runtime_error: on purpose\n"));
-    EXPECT_TRUE(FFolder.Has("VellumarkGuardian.cfg")) << "the store of the reports' throttle";
+    EXPECT_TRUE(Eventually([&] { return FFolder.Has("VellumarkGuardian.cfg"); }))
+        << "the store of the reports' throttle";
   }
 
   const TSettingsBackup FSettings{};

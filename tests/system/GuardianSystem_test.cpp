@@ -152,8 +152,18 @@ TEST_F(GuardianSystemTest, RunsOnWithAHandshakeThatFailsOrFloods) {
   }
 }
 
-TEST_F(GuardianSystemTest, LeavesAReportWhereTheDaemonsLogsAreWhenItCrashes) {
+TEST_F(GuardianSystemTest, ShowsEachThreadAndLeavesAReportWhereTheDaemonsLogsAreWhenItCrashes) {
+  ::setenv("VELLUMARK_GUARDIAN_DEBUG", "1", 1);
   StartHealthy();
+  ::unsetenv("VELLUMARK_GUARDIAN_DEBUG");
+  const std::string tasks = "/proc/" + std::to_string(FGuardian->Pid()) + "/task";
+  for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+    ExpectOnPage("Thread " + task.path().filename().string() + ", CP: ", "threadreport.php");
+  }
+  for (const char* passed : {"MainLoop:Wait", "GuardianTimer:Wait", "Tick.Mutex", "Tick.Pipe"}) {
+    ExpectOnPage(passed, "threadreport.php");  // In the histories of the debug mode.
+  }
+  EXPECT_TRUE(FInstallation.Folder().Has("home/logs/VellumarkGuardian_Errors.log"));
   FGuardian->Signal(SIGABRT);
   EXPECT_EQ(FGuardian->Wait(), -SIGABRT);
   EXPECT_THAT(FInstallation.Folder().Read("home/logs/VellumarkGuardian_Exceptions.log"),

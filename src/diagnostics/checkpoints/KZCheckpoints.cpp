@@ -11,6 +11,7 @@
 #include "common/Exceptions.h"
 #include "common/Mutex.h"
 #include "common/NeverDestroyed.h"
+#include "common/Progress.h"
 #include "common/Settings.h"
 #include "common/Thread.h"
 #include "common/ThreadChecker.h"
@@ -204,6 +205,7 @@ void Init() {
   if (!Settings().DebugMode) switches.Profiling = false;
   if (switches.Profiling) profilingReady = true;
   mainThreadId = CurrentThreadId();
+  SetProgressHook([](std::string_view place) noexcept { Checkpoint(place); });
   TProcessState& process = Process();
   const TMutexLock lock(process.ListLock);
   if (process.ThreadCPList != nullptr) return;
@@ -215,6 +217,7 @@ void Fini(void (*endFirst)()) {
   mainThreadChecker.Check();
   TraceToFile("KZCP.Fini");
   if (endFirst != nullptr) endFirst();
+  SetProgressHook(nullptr);
   profilingReady = false;
   TProcessState& process = Process();
   process.Profile.Clear();

@@ -1,13 +1,12 @@
 #include "diagnostics/exceptions/FatalSignalReport.h"
 
-#include <fcntl.h>
 #include <link.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/uio.h>
 #include <ucontext.h>
 #include <unistd.h>
+#include <unwind.h>
 
 #include <algorithm>
 #include <array>
@@ -30,6 +29,7 @@
 #include "common/FileDescriptor.h"
 #include "common/MainThread.h"
 #include "common/Settings.h"
+#include "common/TextFile.h"
 #include "common/Texts.h"
 #include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/checkpoints/CheckpointRecord.h"
@@ -41,6 +41,18 @@
 extern "C" [[gnu::weak]] int __gcclibcxx_demangle_callback(
     const char* mangled, void (*callback)(const char* text, std::size_t length, void* context),
     void* context);
+
+#if defined(__arm__)
+// What the unwinder of this processor calls with the registers of its caller, in this layout. No
+// header declares it.
+struct TArmRegisters {
+  std::uint32_t NotSaved;
+  std::array<std::uint32_t, 16> Core;
+};
+// NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming): the library's name.
+extern "C" _Unwind_Reason_Code __gnu_Unwind_Backtrace(_Unwind_Trace_Fn trace, void* argument,
+                                                      TArmRegisters* registers);
+#endif
 
 namespace guardian {
 namespace {
@@ -79,8 +91,8 @@ class TSignalText {
   std::size_t FLength = 0;
 };
 
-// A piece of loaded code. The pieces are listed at the installation: a handler that asked for them
-// could block.
+// A piece of loaded code. The pieces are listed at the installation: the handler that asks the
+// loader for them could have to wait, and the addresses are to be in the log before that.
 struct TModule {
   std::uintptr_t Bias;
   std::uintptr_t Begin;
@@ -123,6 +135,8 @@ struct TFault {
   // the stack has it.
   std::uintptr_t Code;
   std::uintptr_t Caller;
+
+  const mcontext_t* Machine;
 };
 
 std::string_view NameOf(int signal) noexcept {
@@ -152,14 +166,17 @@ std::string_view NameOf(int signal) noexcept {
 }
 
 TFault FaultOf(int signal, const siginfo_t* info, const void* context) noexcept {
-  [[maybe_unused]] const auto& machine = static_cast<const ucontext_t*>(context)->uc_mcontext;
-  TFault fault{.Signal = signal, .Info = info, .Code = 0, .Caller = 0};
+  const auto& machine = static_cast<const ucontext_t*>(context)->uc_mcontext;
+  TFault fault{.Signal = signal, .Info = info, .Code = 0, .Caller = 0, .Machine = &machine};
 #if defined(__x86_64__)
   fault.Code = static_cast<std::uintptr_t>(machine.gregs[REG_RIP]);
   fault.Caller = ReadWord(static_cast<std::uintptr_t>(machine.gregs[REG_RSP]));
 #elif defined(__aarch64__)
   fault.Code = machine.pc;
   fault.Caller = machine.regs[30];
+#elif defined(__arm__)
+  fault.Code = machine.arm_pc;
+  fault.Caller = machine.arm_lr & ~1UL;  // The lowest bit is the kind of code there.
 #endif
   return fault;
 }
@@ -224,17 +241,70 @@ struct TStack {
   }
 };
 
-TStack StackOf(const TFault& fault) noexcept {
+#if defined(__arm__)
+
+// A walk along the calls. It begins behind the call to which register 14, the return address,
+// leads.
+struct TArmWalk {
+  TStack& Stack;
+  TArmRegisters Registers;
+  std::uintptr_t Fault;  // The address at which the walk is in the faulting function.
+  int Visits;
+
+  void Run() noexcept {
+    const auto add = [](_Unwind_Context* frame, void* argument) {
+      return static_cast<TArmWalk*>(argument)->Add(frame);
+    };
+    __gnu_Unwind_Backtrace(add, this, &Registers);
+  }
+
+  // A function that calls none leaves its return address in the register, so that the walk comes to
+  // the function again, but above what that has on the stack.
+  _Unwind_Reason_Code Add(_Unwind_Context* frame) noexcept {
+    const std::uintptr_t address = _Unwind_GetIP(frame);
+    if (address == Fault) {
+      Registers.Core[13] = _Unwind_GetGR(frame, 13);
+      return ++Visits == 1 ? _URC_NO_REASON : _URC_FAILURE;
+    }
+    Stack.Code[Stack.Count++] = address - 1;
+    return Stack.Count < Stack.Code.size() ? _URC_NO_REASON : _URC_FAILURE;
+  }
+};
+
+// The unwinder does not get through the frame of a signal here, but can begin with its registers.
+void AddCallers(TStack& stack, const TFault& fault) noexcept {
+  TArmWalk walk{.Stack = stack, .Registers = {}, .Fault = fault.Code + 2, .Visits = 0};
+  static_assert(offsetof(mcontext_t, arm_pc) - offsetof(mcontext_t, arm_r0) == 60);
+  std::memcpy(walk.Registers.Core.data(), &fault.Machine->arm_r0, sizeof(walk.Registers.Core));
+  if (ModuleOf(fault.Code) != nullptr) {
+    walk.Registers.Core[14] = walk.Fault;
+    walk.Run();
+  }
+  if (stack.Count > 1) return;
+  walk.Registers.Core[14] = fault.Caller;
+  walk.Fault = 0;
+  walk.Run();
+}
+
+#else
+
+void AddCallers(TStack& stack, const TFault& fault) noexcept {
   std::array<const void*, kMaxFrames> frames;
   const std::size_t count = CaptureStack(frames, 0);
-  TStack stack{};
-  stack.Code[stack.Count++] = fault.Code;
   bool reached = false;  // The frames above the faulting one belong to this handler.
   for (const void* frame : std::span(frames).first(count)) {
     const auto address = reinterpret_cast<std::uintptr_t>(frame);
     if (reached && stack.Count < stack.Code.size()) stack.Code[stack.Count++] = address - 1;
     reached = reached || address == fault.Code;
   }
+}
+
+#endif
+
+TStack StackOf(const TFault& fault) noexcept {
+  TStack stack{};
+  stack.Code[stack.Count++] = fault.Code;
+  AddCallers(stack, fault);
   // A jump to nowhere: the stack cannot be followed from there.
   if (stack.Count == 1 && ModuleOf(fault.Code) == nullptr && ModuleOf(fault.Caller) != nullptr) {
     stack.Code[stack.Count++] = fault.Caller - 1;
@@ -281,8 +351,8 @@ void AddNames(TSignalText& text, const TStack& stack) noexcept {
 }
 
 // Returns whether the file took it all.
-bool Append(int file, TSignalText& text) noexcept {
-  const bool written = WriteAll(file, text.View()) == 0;
+bool Append(const TFileDescriptor& file, TSignalText& text) noexcept {
+  const bool written = WriteText(file, text.View()) == 0;
   text.Clear();
   return written;
 }
@@ -290,11 +360,8 @@ bool Append(int file, TSignalText& text) noexcept {
 void WriteReport(const TFault& fault) noexcept {
   const char* const name = reporter.Log.load();
   if (name == nullptr) return;
-  const int file = RetryOnEintr([name] {
-    return ::open(name, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY,
-                  S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH);
-  });
-  if (file < 0) return;
+  const TFileDescriptor file = OpenTextFile(name, TTextFileOpening::AppendOrCreate);
+  if (!file) return;
   TSignalText& text = reporter.Text;
   AddHead(text, fault);
   if (Append(file, text)) {
@@ -305,7 +372,6 @@ void WriteReport(const TFault& fault) noexcept {
       static_cast<void>(Append(file, text));
     }
   }
-  ::close(file);
 }
 
 // Without this wait, the second thread to crash would end the process before the first one has
@@ -318,12 +384,15 @@ void WaitForReport() noexcept {
 
 void OnFatalSignal(int signal, siginfo_t* info, void* context) {
   const int savedErrno = errno;
+  LimitLastWords();
   if (!reporter.Begun.exchange(true)) {
     WriteReport(FaultOf(signal, info, context));
     reporter.Written.store(true);
   } else {
     WaitForReport();
   }
+  // The system may take its time for the core.
+  ::alarm(0);
   // The signal stays pending until this handler returns; so the core shows the place of the fault.
   ::signal(signal, SIG_DFL);
   ::raise(signal);
@@ -364,6 +433,17 @@ void Install(std::size_t index) noexcept {
 }
 
 }  // namespace
+
+void LimitLastWords() noexcept {
+  constexpr unsigned kLimitSec = 20;
+  ::signal(SIGALRM, SIG_DFL);
+  // Threads, and the handlers of fatal signals, block it.
+  sigset_t alarm;
+  sigemptyset(&alarm);
+  sigaddset(&alarm, SIGALRM);
+  ::pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
+  ::alarm(kLimitSec);
+}
 
 void InstallFatalSignalReports() noexcept {
   assert(IsMainThread());

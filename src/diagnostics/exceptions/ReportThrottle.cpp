@@ -2,9 +2,11 @@
 
 #include <array>
 #include <charconv>
+#include <cmath>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "common/DiagnosticMessage.h"
 
@@ -23,21 +25,11 @@ std::string NumberText(TDateTime value) {
   return std::string(std::string_view(text.data(), end));
 }
 
-// 0 for a text that is not a number.
+// 0 for a text that is not a number, or no finite one.
 TDateTime NumberOf(const std::string& text) {
   TDateTime value = 0;
   const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
-  return result.ec == std::errc() ? value : 0;
-}
-
-// Whether more than an hour has passed since the stored time; if so, the new time is stored. Sets
-// `stored` to the time that was found.
-bool Take(TKZCustomINIFile& store, TDateTime now, TDateTime& stored) {
-  stored = NumberOf(store.ReadString(kSection, kKey, ""));
-  if (!DetailIsDue(stored, now)) return false;
-  store.WriteString(kSection, kKey, NumberText(now));
-  store.UpdateFile();
-  return true;
+  return result.ec == std::errc() && std::isfinite(value) ? value : 0;
 }
 
 }  // namespace
@@ -48,19 +40,82 @@ bool DetailIsDue(TDateTime last, TDateTime now) noexcept {
   return last < now - kHour || last > now + kSecond;
 }
 
-bool TReportThrottle::Admit(TDateTime now, const TStoreOpener& openStore) noexcept {
+bool TReportThrottle::Admit(TDateTime now) noexcept {
   TDateTime last = FLast.load();
   // Of several threads that report at the same time, one goes on.
   if (!DetailIsDue(last, now) || !FLast.compare_exchange_strong(last, now)) return false;
-  bool due = true;
-  Guarded("TReportThrottle.Admit", SystemClock(), [&] {
-    const auto store = openStore ? openStore() : nullptr;
-    if (store == nullptr) return;
-    TDateTime stored = now;
-    due = Take(*store, now, stored);
-    if (!due) FLast.store(stored);
+  FIsNew.store(true);
+  return true;
+}
+
+void TReportThrottle::KeepNewTime(const TStoreOpener& openStore) noexcept {
+  if (FIsNew.exchange(false)) UseStore(openStore);
+}
+
+void TReportThrottle::UseStore(const TStoreOpener& openStore) noexcept {
+  if (!openStore) return;
+  Guarded("TReportThrottle.UseStore", SystemClock(), [&] {
+    const TMutexLock lock(FLock);
+    FRequest = openStore;
+    if (FWorking) return;
+    // The former thread has ended its work. The new one joins it: the main thread would run other
+    // threads' requests meanwhile, in the middle of a report.
+    auto work = [this, former = std::shared_ptr<TThread>(std::move(FThread))]() mutable {
+      former.reset();
+      Execute();
+    };
+    FThread = std::make_unique<TFunctionThread>("ReportStore", std::move(work));
+    FThread->Start();
+    FWorking = true;
   });
-  return due;
+}
+
+void TReportThrottle::Execute() {
+  for (TStoreOpener openStore; TakeRequest(openStore);) {
+    Guarded("TReportThrottle.Agree", SystemClock(), [&] { Agree(openStore); });
+  }
+}
+
+bool TReportThrottle::TakeRequest(TStoreOpener& openStore) {
+  const TMutexLock lock(FLock);
+  openStore = std::exchange(FRequest, {});
+  if (openStore) return true;
+  FWorking = false;
+  FDone.NotifyAll();
+  return false;
+}
+
+// Only a run that has admitted none yet takes the stored time over. From then on memory is right,
+// also when the store has a time of the future.
+void TReportThrottle::Agree(const TStoreOpener& openStore) {
+  TDateTime last = FLast.load();
+  const auto store = openStore(last == 0 ? TStoreUse::Look : TStoreUse::Keep);
+  if (store == nullptr) return;
+  const std::string stored = store->ReadString(kSection, kKey, "");
+  if (last == 0) {
+    FLast.compare_exchange_strong(last, NumberOf(stored));
+  } else if (stored != NumberText(last)) {
+    store->WriteString(kSection, kKey, NumberText(last));
+    store->UpdateFile();
+  }
+}
+
+bool TReportThrottle::WaitForStore(std::chrono::milliseconds timeout) {
+  const std::int64_t deadline = SystemTickCount() + timeout.count();
+  const TMutexLock lock(FLock);
+  while (FWorking) {
+    const std::int64_t left = deadline - SystemTickCount();
+    if (left <= 0) return false;
+    FDone.WaitFor(FLock, std::chrono::milliseconds(left));
+  }
+  return true;
+}
+
+void TReportThrottle::Forget() {
+  std::unique_ptr<TThread> ended;  // Joined without the lock.
+  const TMutexLock lock(FLock);
+  if (!FWorking) ended = std::move(FThread);
+  FLast.store(0);
 }
 
 }  // namespace guardian

@@ -4,13 +4,16 @@
 #include <dlfcn.h>
 #include <link.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdio>
+#include <exception>
 
 #include "common/Exceptions.h"
 #include "common/Mutex.h"
 #include "common/Settings.h"
 #include "common/Texts.h"
+#include "common/Thread.h"
 
 namespace guardian {
 namespace {
@@ -20,6 +23,9 @@ void IgnoreError(void* /*context*/, const char* /*message*/, int /*errorNumber*/
 
 // Guards what the library has read so far: each look-up adds to it.
 TMutex stateLock;
+
+// The thread that holds the lock for a report, else 0. Atomic: each thread looks for itself.
+constinit std::atomic<std::int32_t> lookingUp = 0;
 
 // Reads nothing yet. Never freed, like everything that the library reads later.
 backtrace_state* State() noexcept {
@@ -88,15 +94,36 @@ struct TFrameLines {
   std::string Before;
   std::string After;
   std::vector<std::string>& Lines;
+  std::exception_ptr Failure;
 };
 
-void AddLine(void* frame, const TCodePlace& place) {
-  const auto& each = *static_cast<TFrameLines*>(frame);
-  std::string line = each.Before + Demangled(place.Function);
+void AddLine(TFrameLines& frame, const TCodePlace& place) {
+  std::string line = frame.Before + Demangled(place.Function);
   if (place.File != nullptr) {
     line.append(" at ").append(place.File).append(":").append(std::to_string(place.Line));
   }
-  each.Lines.push_back(line + " " + each.After);
+  frame.Lines.push_back(line + " " + frame.After);
+}
+
+// Lets no exception into the library, which is written in C: it would end the process, and with the
+// lock held.
+void TryAddLine(void* frame, const TCodePlace& place) {
+  auto& each = *static_cast<TFrameLines*>(frame);
+  try {
+    AddLine(each, place);
+  } catch (...) {
+    each.Failure = std::current_exception();
+  }
+}
+
+// Nothing while the calling thread itself looks an address up, as when that ends the process: the
+// last words must not wait for their own thread.
+void VisitForReport(std::uintptr_t address, TFrameLines& frame) {
+  if (lookingUp.load() == CurrentThreadId()) return;
+  const TMutexLock lock(stateLock);
+  lookingUp.store(CurrentThreadId());
+  VisitLocked(address, &TryAddLine, &frame);
+  lookingUp.store(0);
 }
 
 }  // namespace
@@ -120,10 +147,11 @@ std::vector<std::string> StackTraceLines(std::span<const void* const> returnAddr
     TFrameLines frame{
         .Before = "#" + std::to_string(i) + " " + AddressText(returnAddresses[i]) + " ",
         .After = ModulePlace(call),
-        .Lines = lines};
+        .Lines = lines,
+        .Failure = {}};
     const std::size_t before = lines.size();
-    const TMutexLock lock(stateLock);
-    VisitLocked(call, &AddLine, &frame);
+    VisitForReport(call, frame);
+    if (frame.Failure) std::rethrow_exception(frame.Failure);
     if (lines.size() == before) lines.push_back(frame.Before + frame.After);
   }
   return lines;

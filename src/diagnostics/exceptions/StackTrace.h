@@ -18,8 +18,10 @@ struct TCodePlace {
 // it, innermost first. Calls nothing when the address is unknown, or during
 // another look-up. Names come from the symbol table, files and lines from the debug information,
 // each as far as the executable has them. The first call reads both and keeps them for the life of
-// the process. No descriptor stays open, no process is started. Threads: any, without waiting.
-// Async-signal-safe once PrepareCodePlaces has been called.
+// the process. No descriptor stays open, no process is started. Threads: any, without waiting for
+// another look-up. After PrepareCodePlaces a signal handler may call it that has set the process a
+// limit: it allocates nothing by malloc, but the first call asks the loader for the modules and
+// reads files.
 void TryVisitCodePlaces(std::uintptr_t address,
                         void (*visit)(void* context, const TCodePlace& place),
                         void* context) noexcept;
@@ -27,8 +29,9 @@ void PrepareCodePlaces() noexcept;
 
 // One or more lines for each return address, as in
 // "#0 0x000055d6a1b2c3d4 guardian::TWork::Run() at Work.cpp:12 (VellumarkGuardian+0x2c3d3)". The
-// number after the "+" is the place of the call in the file, for addr2line. Throws std::bad_alloc.
-// Threads: any; a call waits for the look-ups of other threads.
+// number after the "+" is the place of the call in the file, for addr2line. A call from within
+// another look-up of its own thread gives the addresses alone. Throws std::bad_alloc. Threads: any;
+// a call waits for the look-ups of other threads.
 [[nodiscard]] std::vector<std::string> StackTraceLines(
     std::span<const void* const> returnAddresses);
 

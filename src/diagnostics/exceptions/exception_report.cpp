@@ -58,12 +58,17 @@ void SetOptions(TExceptionReportOptions options) {
 constinit std::atomic<int> reportsInProgress = 0;
 constinit std::atomic<bool> handling = false;
 
-// Runs a step of a report, which counts as a report in progress meanwhile.
+// How long the end of the process waits for the settings store.
+constexpr std::chrono::seconds kStoreLimit{1};
+
+// Runs a step of a report, which counts as a report in progress meanwhile. The hour of a thread
+// report is stored when the report has been written.
 template <typename TStep>
 void Report(std::string_view where, const TStep& step) noexcept {
   ++reportsInProgress;
   Guarded(where, SystemClock(), step);
   --reportsInProgress;
+  Guarded(where, SystemClock(), [] { Reports().Throttle.KeepNewTime(Options()->OpenStore); });
 }
 
 bool IsHarmless(const TExceptionDetails& details) {
@@ -100,8 +105,8 @@ std::string StringForm(const TExceptionDetails& details, const std::string& wher
 // report.
 std::string FileForm(const TExceptionDetails& details, const std::string& where) {
   const TOptions options = Options();
-  const bool withThreads = Settings().DebugMode ||
-                           Reports().Throttle.Admit(options->Clock->UtcNow(), options->OpenStore);
+  const bool withThreads =
+      Settings().DebugMode || Reports().Throttle.Admit(options->Clock->UtcNow());
   if (IsHarmless(details)) return details.Message + "\n";
   return ExceptionFileForm({.Details = details, .Where = where, .Clock = *options->Clock},
                            options->Heading, withThreads ? ThreadReportOrNote() : std::string());
@@ -153,7 +158,8 @@ void HandleFault(const TExceptionDetails& details, TLogToFiles logToFiles,
 }
 
 void HandleEscaped(const std::string& threadName, const std::exception_ptr& error) {
-  HandleException(error, TLogToFiles::Yes, "Thread " + threadName);
+  Guarded("Thread", SystemClock(),
+          [&] { HandleException(error, TLogToFiles::Yes, "Thread " + threadName); });
 }
 
 // Reports an exception that nothing catches. The process then ends by SIGABRT, which makes a report
@@ -162,8 +168,11 @@ void HandleEscaped(const std::string& threadName, const std::exception_ptr& erro
   static std::atomic<bool> begun = false;
   const std::exception_ptr error = std::current_exception();
   if (error && !begun.exchange(true)) {
+    LimitLastWords();
     DebugOutput("Unhandled exception: " + MessageOf(error));
     WriteExceptionReport(error, "Unhandled exception");
+    // A program that crashes again and again is to have one thread report an hour all the same.
+    Reports().Throttle.WaitForStore(kStoreLimit);
   }
   std::abort();
 }
@@ -184,6 +193,7 @@ void StartExceptionReports(TExceptionReportOptions options) {
 void StopExceptionReports() {
   assert(IsMainThread());
   RemoveFatalSignalReports();
+  Reports().Throttle.WaitForStore(kStoreLimit);
   std::set_terminate(Reports().PreviousTerminate);
   TThread::SetExceptionHandler({});
   SetOptions({});
@@ -191,7 +201,11 @@ void StopExceptionReports() {
   Reports().Throttle.Forget();
 }
 
-void ExceptionsLogFolderChanged() { SetFatalSignalLog(ExceptionsLogName()); }
+void ExceptionsLogFolderChanged() {
+  assert(IsMainThread());
+  SetFatalSignalLog(ExceptionsLogName());
+  Reports().Throttle.UseStore(Options()->OpenStore);
+}
 
 bool IsHarmless(const std::exception_ptr& error) { return IsHarmless(DescribeException(error)); }
 

@@ -4,7 +4,6 @@
 
 #include <cstdio>
 
-#include "common/FileDescriptor.h"
 #include "common/Mutex.h"
 #include "common/Settings.h"
 #include "common/TextFile.h"
@@ -48,7 +47,7 @@ std::string AppendToExceptionsLog(std::string_view text) {
   std::string name = ExceptionsLogName();
   RotateAboveLimit(name);
   const TFileDescriptor file = OpenTextFile(name, TTextFileOpening::AppendOrCreate);
-  if (!file || WriteAll(file.Get(), text) != 0) return {};
+  if (!file || WriteText(file, text) != 0) return {};
   return name;
 }
 

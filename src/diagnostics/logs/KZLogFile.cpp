@@ -80,7 +80,7 @@ const std::string& TKZLogFile::TimeTextLocked() {
 
 void TKZLogFile::AppendLineLocked() {
   const TFileDescriptor file = OpenPatiently(FFileName, FClock);
-  if (file) static_cast<void>(WriteAll(file.Get(), FLine));  // A refused line is dropped.
+  if (file) static_cast<void>(WriteText(file, FLine));  // A refused line is dropped.
 }
 
 void TKZLogFile::WriteLine(std::u16string_view text, std::string_view name) {
