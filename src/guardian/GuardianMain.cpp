@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "common/AtEnd.h"
+#include "common/Cancellation.h"
 #include "common/Console.h"
 #include "common/DiagnosticMessage.h"
 #include "common/Environment.h"
@@ -50,15 +51,25 @@ void OpenErrorLog() {
   }
 }
 
+// The system log takes the lines that nobody else would see, for the object's life.
+class TLastResortGuard {
+ public:
+  explicit TLastResortGuard(const TCancellation& stopping) {
+    SetLastResort([&stopping](std::string_view line) {
+      WriteSystemLog(line, TSystemLogKind::Warning, stopping);
+    });
+  }
+  ~TLastResortGuard() { SetLastResort({}); }
+  TLastResortGuard(const TLastResortGuard&) = delete;
+  TLastResortGuard& operator=(const TLastResortGuard&) = delete;
+};
+
 void RunGuardian(TClock& clock) {
   BindMainThread();
   const TAtEnd closeQueue([] { CloseMainThreadQueue(); });
   TKZCustomApplication application;
   application.Initialize();
-  SetLastResort([&application](std::string_view line) {
-    WriteSystemLog(line, TSystemLogKind::Warning, application.Stopping());
-  });
-  const TAtEnd noSystemLog([] { SetLastResort({}); });
+  const TLastResortGuard lastResort(application.Stopping());
   const TUnits units;
   TGuardianService service({
       .Shell =
