@@ -41,8 +41,10 @@ void ReadDebugMode() {
   PrintLine(std::string(kDebugVariable) + " is neither 0 nor 1: " + value);
 }
 
-// In debug mode alone. The lines before went to standard error or to the system log.
-void OpenErrorLog() {
+// The error log is for the debug mode alone; the lines before went to standard error or to the
+// system log.
+void UseLogFolder() {
+  ExceptionsLogFolderChanged();
   if (!Settings().DebugMode) return;
   const std::string name =
       JoinPath(LogFolder(), FileNameOf(Settings().OwnExecutablePath)) + "_Errors.log";
@@ -90,8 +92,7 @@ void RunGuardian(TClock& clock) {
       .Clock = &clock,
   });
   service.Start();
-  ExceptionsLogFolderChanged();
-  OpenErrorLog();
+  UseLogFolder();
   StartWebStatusServer({
       .Guardian = &service,
       .TerminateGuardian = [&application] { application.Terminate(); },
