@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "common/AtEnd.h"
+#include "common/Cancellation.h"
 #include "common/Console.h"
 #include "common/DiagnosticMessage.h"
 #include "common/Environment.h"
@@ -42,8 +43,10 @@ void ReadDebugMode() {
   PrintLine(std::string(kDebugVariable) + " is neither 0 nor 1: " + value);
 }
 
-// In debug mode alone. The lines before went to standard error or to the system log.
-void OpenErrorLog() {
+// The error log is for the debug mode alone; the lines before went to standard error or to the
+// system log.
+void UseLogFolder() {
+  ExceptionsLogFolderChanged();
   if (!Settings().DebugMode) return;
   const std::string name =
       JoinPath(LogFolder(), FileNameOf(Settings().OwnExecutablePath)) + "_Errors.log";
@@ -58,6 +61,7 @@ void RunGuardian(TClock& clock) {
   TKZCustomApplication application;
   application.Initialize();
   const TSystemLogWriter systemLog;
+  // The lines that nobody else would see.
   SetLastResort([](std::string_view line) { WriteSystemLog(line, TSystemLogKind::Warning); });
   const TAtEnd noLastResort([] { SetLastResort({}); });
   const TUnits units;
@@ -79,8 +83,7 @@ void RunGuardian(TClock& clock) {
       .Clock = &clock,
   });
   service.Start();
-  ExceptionsLogFolderChanged();
-  OpenErrorLog();
+  UseLogFolder();
   StartWebStatusServer({
       .Guardian = &service,
       .TerminateGuardian = [&application] { application.Terminate(); },
