@@ -38,7 +38,7 @@ TDaemonPathSeen Look(const TPlaces& places, const TFileSystemView& files) {
 // and the file system, because it may be left behind.
 class TDaemonPath::TLookThread final : public TThread {
  public:
-  TLookThread(TPlaces places, const TFileSystemView& files)
+  TLookThread(const TPlaces& places, const TFileSystemView& files)
       : TThread("DaemonPath"), FFiles(files), FPlaces(places), FSeen({places.Beside, false}) {}
   ~TLookThread() override { Join(); }
 
