@@ -48,8 +48,10 @@ class TPieces {
 
   TPieces(std::string_view text, char separator) noexcept : FText(text), FSeparator(separator) {}
 
+  // NOLINTBEGIN(readability-identifier-naming): a loop over a range asks for these names.
   [[nodiscard]] const_iterator begin() const noexcept { return {FText, FSeparator, 0}; }
   [[nodiscard]] const_iterator end() const noexcept { return {}; }
+  // NOLINTEND(readability-identifier-naming)
 
  private:
   const std::string_view FText;

@@ -7,6 +7,7 @@
 
 #include "common/Clock.h"
 #include "common/Console.h"
+#include "common/DiagnosticMessage.h"
 #include "common/Exceptions.h"
 #include "common/Mutex.h"
 
@@ -37,7 +38,7 @@ TDaemonPathSeen Look(const TPlaces& places, const TFileSystemView& files) {
 // and the file system, because it may be left behind.
 class TDaemonPath::TLookThread final : public TThread {
  public:
-  TLookThread(TPlaces places, const TFileSystemView& files)
+  TLookThread(const TPlaces& places, const TFileSystemView& files)
       : TThread("DaemonPath"), FFiles(files), FPlaces(places), FSeen({places.Beside, false}) {}
   ~TLookThread() override { Join(); }
 
@@ -46,22 +47,43 @@ class TDaemonPath::TLookThread final : public TThread {
     FPlaces.FromConf = std::move(path);
   }
 
-  TDaemonPathSeen Ask() KZ_EXCLUDES(FLock) {
+  // What the file system says now; nothing when it does not answer within five seconds.
+  std::optional<TDaemonPathSeen> Ask() KZ_EXCLUDES(FLock) {
+    constexpr std::int64_t kLongestMs = 5'000;
+    const TMutexLock lock(FLock);
+    if (!WaitForAnswerLocked(++FAsked, kLongestMs)) return std::nullopt;
+    return FSeen;
+  }
+
+  // The same, or what it said last when it does not answer at once. Only the first caller who meets
+  // a look that stands still waits for it.
+  TDaemonPathSeen AskBriefly() KZ_EXCLUDES(FLock) {
     constexpr std::int64_t kLongestMs = 100;
     const TMutexLock lock(FLock);
     const std::int64_t asked = ++FAsked;
-    FChanged.NotifyAll();
-    // Only the first caller who meets a look that stands still waits for it.
     if (FStandsStill) return FSeen;
-    FStandsStill =
-        !SystemClock().WaitUntil(FLock, FChanged, SystemTickCount() + kLongestMs,
-                                 [this, asked]() KZ_REQUIRES(FLock) { return FAnswered >= asked; });
+    FStandsStill = !WaitForAnswerLocked(asked, kLongestMs);
     return FSeen;
   }
 
  private:
   void Execute() override {
-    while (const auto task = WaitUntilAsked()) Publish(task->first, Look(task->second, FFiles));
+    constexpr std::chrono::milliseconds kPauseAfterFailure{100};
+    while (!Terminated()) {
+      const bool done = Guarded("Look for the daemon", SystemClock(), [this] { AnswerNext(); });
+      if (!done) SystemClock().Sleep(kPauseAfterFailure);
+    }
+  }
+
+  void AnswerNext() {
+    if (const auto task = WaitUntilAsked()) Publish(task->first, Look(task->second, FFiles));
+  }
+
+  bool WaitForAnswerLocked(std::int64_t asked, std::int64_t longestMs) KZ_REQUIRES(FLock) {
+    FChanged.NotifyAll();
+    return SystemClock().WaitUntil(FLock, FChanged, SystemTickCount() + longestMs,
+                                   [this, asked]()
+                                       KZ_REQUIRES(FLock) { return FAnswered >= asked; });
   }
 
   // The number of the last question and where to look; nothing when the thread is to end.
@@ -112,7 +134,9 @@ TDaemonPath::~TDaemonPath() {
 
 std::string TDaemonPath::Get() {
   const std::string beside = DaemonPathBeside(FOwnPath);
-  const bool besideExists = FFiles.FileExists(beside);
+  const std::optional<TDaemonPathSeen> seen = FLooks->Ask();
+  if (!seen) throw SoftException("The file system of the daemon does not answer: " + beside);
+  const bool besideExists = seen->Path == beside && seen->Exists;
   // The daemon's path would be the Guardian's own when the Guardian's file was renamed.
   if (!besideExists || beside == FOwnPath) ReadConf();
   std::string path = Choose({FOwnPath, beside, FPathFromConf}, besideExists);
@@ -123,7 +147,7 @@ std::string TDaemonPath::Get() {
   return path;
 }
 
-TDaemonPathSeen TDaemonPath::Seen() const { return FLooks->Ask(); }
+TDaemonPathSeen TDaemonPath::Seen() const { return FLooks->AskBriefly(); }
 
 void TDaemonPath::ReadConf() {
   if (FConfRead) return;

@@ -15,8 +15,8 @@ struct TDaemonPathSeen {
 
 // Where the daemon's executable lies: beside the Guardian, or where the configuration says.
 //
-// The watchdog looks with Get. The pages look with Seen, for which a thread of its own asks the
-// file system: a path on a dead network mount holds that thread alone.
+// The watchdog looks with Get, the pages look with Seen. For both a thread of its own asks the file
+// system: a path on a dead network mount holds that thread alone.
 // Owner: the guardian service.
 // Threads: one thread at a time calls Get, any calls Seen.
 // Lifetime: the file system outlives it, and the process when a look stands still.
@@ -32,8 +32,8 @@ class TDaemonPath {
   // The path to act on: derived from the Guardian's own path; what the configuration says when no
   // file is there, or when the derived path is the Guardian's own, as it is for a renamed Guardian.
   // The configuration is read when it is first needed, and again after a failure. Throws
-  // SoftException when it cannot be read, and when the path is the Guardian's own after all. Blocks
-  // as the file system does.
+  // SoftException when it cannot be read, when the file system does not answer within 5 seconds,
+  // and when the path is the Guardian's own after all.
   [[nodiscard]] std::string Get();
 
   // The path by the file system of this moment and the configuration as far as it was read. Blocks

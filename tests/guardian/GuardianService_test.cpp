@@ -187,7 +187,7 @@ TEST(DaemonPathTest, IsLookedAtForEachPageUnlessTheLookStandsStill) {
   }
   files.StandsStill = true;
   files.Exists = false;
-  for (int page = 0; page < 1'000; ++page) EXPECT_TRUE(path.Seen().Exists);
+  for (int page = 0; page < 10'000; ++page) EXPECT_TRUE(path.Seen().Exists);
   files.StandsStill = false;
   EXPECT_TRUE(Eventually([&] { return !path.Seen().Exists; }));
 }
@@ -218,6 +218,7 @@ TEST_F(GuardianServiceTest, JudgesNothingThatTheEndOfTheProcessCutsShort) {
   FService.RequestStart();
   EXPECT_THAT(TickAfter(0), ElementsAre(kPs)) << "no step begins any more";
   EXPECT_THAT(FFakes.SystemLog, IsEmpty());
+  EXPECT_EQ(FService.Status().Watchdog.Rounds, 0);
   EXPECT_THAT(DetailedLog(), IsEmpty());
 }
 
