@@ -143,6 +143,8 @@ void TKZSQLIniFile::WriteLocked(const TStatements& statements) {
   if (database.HasMoved()) throw KZException("The file was replaced meanwhile.");
   statements(database);
   CommitLocked();
+  // A file that was deleted before the commit may have been saved before it too.
+  if (database.HasMoved()) throw KZException("The file was replaced meanwhile.");
 }
 
 void TKZSQLIniFile::CommitLocked() {
@@ -329,6 +331,7 @@ bool TKZSQLIniFile::RecoverLocked(const char* operation) {
       FFile.LogCurrentException(operation);
       return FAttempts < kMaxAttempts && RepairAfterDamageLocked();
     case TSqlIniFault::Empty:
+    case TSqlIniFault::NoStore:
     case TSqlIniFault::Other:
       FFile.LogCurrentException(operation);
       return ReopenLocked(operation);

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+
+// NOLINTNEXTLINE(readability-identifier-naming): the library's name.
+namespace SQLite {
+class Database;
+}  // namespace SQLite
+
+namespace guardian {
+
+class TSqlIniComponents;
+class TSqlIniScan;
+
+// What a damaged store still answers: rows by their ids, names and keys by the indexes, values by
+// the look-ups of a store. Each look-up is made for itself, so a damaged page costs what is on it.
+// Nothing is written to the damaged store. Every operation throws SQLite::Exception for an error
+// that does not tell of damage.
+// Owner: the repair.
+// Threads: not shared.
+// Lifetime: the connection outlives it. Nobody may write to the damaged store meanwhile.
+class TSqlIniRemains {
+ public:
+  explicit TSqlIniRemains(SQLite::Database& damaged);
+  ~TSqlIniRemains();
+  TSqlIniRemains(const TSqlIniRemains&) = delete;
+  TSqlIniRemains& operator=(const TSqlIniRemains&) = delete;
+
+  // Takes over the rows that can be read by their ids; of two rows of a key the later. Keys of a
+  // section with two ids come together. Call it while all that the target has comes from the
+  // damaged store: a new section could get an id that lost sections of that store have.
+  void TakeRows(TSqlIniComponents& target);
+  // Makes the target answer each look-up that the damaged store answers as that does.
+  void TakeAnswers(TSqlIniComponents& target);
+
+  // How many values the target did not have, or not so.
+  [[nodiscard]] std::int64_t Taken() const noexcept { return FTaken; }
+
+ private:
+  void FindSections();
+  // Adds to the rows and the keys what the index of the keys knows.
+  void FindIndexedRows();
+  void TakeEachRow(TSqlIniComponents& target);
+  void TakeSection(const std::string& name, TSqlIniComponents& target);
+  void Put(const std::string& value, std::int64_t sectionId, const std::string& key,
+           TSqlIniComponents& target);
+
+  SQLite::Database& FDamaged;
+  std::int64_t FMaxRows = 0;  // More than fit into the file.
+  std::map<std::int64_t, std::string> FSectionNames;
+  std::set<std::string> FIndexedSections;
+  std::set<std::int64_t> FRows;                         // The ids of the rows with keys.
+  std::map<std::int64_t, std::set<std::string>> FKeys;  // By the id of their section.
+  std::unique_ptr<TSqlIniScan> FRowById;
+  std::unique_ptr<TSqlIniScan> FSectionByName;
+  std::unique_ptr<TSqlIniScan> FValueByName;
+  std::int64_t FTaken = 0;
+};
+
+}  // namespace guardian
