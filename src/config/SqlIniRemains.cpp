@@ -14,22 +14,24 @@
 namespace guardian {
 namespace {
 
-// A cell takes four bytes at least.
+// A row and its entry in the index take sixteen bytes at least.
 constexpr const char* kMaxRows =
-    "SELECT page_count * page_size / 4 FROM pragma_page_count, pragma_page_size";
-constexpr const char* kSectionIds = "SELECT ID, SECTIONNAME FROM SECTIONS NOT INDEXED WHERE ID>=?";
+    "SELECT page_count * page_size / 16 FROM pragma_page_count, pragma_page_size";
 constexpr const char* kSectionIndex =
-    "SELECT SECTIONNAME, ID FROM SECTIONS INDEXED BY sqlite_autoindex_SECTIONS_1 "
-    "WHERE SECTIONNAME>=? ORDER BY SECTIONNAME";
+    "SELECT SECTIONNAME, ID FROM SECTIONS INDEXED BY sqlite_autoindex_SECTIONS_1 WHERE SECTIONNAME";
 constexpr const char* kRowIds = "SELECT ID FROM DATA NOT INDEXED WHERE ID>=? ORDER BY ID";
 constexpr const char* kRowIndex =
-    "SELECT NAME, SECTIONID, ID FROM DATA INDEXED BY sqlite_autoindex_DATA_1 "
-    "WHERE NAME>=? ORDER BY NAME";
+    "SELECT NAME, SECTIONID, ID FROM DATA INDEXED BY sqlite_autoindex_DATA_1 WHERE NAME";
 constexpr const char* kRowById =
     "SELECT NAME, SECTIONID, COALESCE(VALUE, BINVALUE) FROM DATA WHERE ID=?";
+constexpr const char* kSectionById = "SELECT SECTIONNAME FROM SECTIONS WHERE ID=?";
 constexpr const char* kSectionByName = "SELECT ID FROM SECTIONS WHERE SECTIONNAME=?";
 constexpr const char* kValueByName =
     "SELECT COALESCE(VALUE, BINVALUE) FROM DATA WHERE SECTIONID=? AND NAME=?";
+
+const std::string kLastName = "\xff\xff\xff\xff";
+
+constexpr std::int64_t kLastId = std::numeric_limits<std::int64_t>::max();
 
 enum class TStep { Row, End, Damage };
 
@@ -41,18 +43,13 @@ std::optional<std::string> NameIn(const SQLite::Column& column) {
   return name;
 }
 
-std::optional<std::int64_t> NextId(std::int64_t id) {
-  if (id == std::numeric_limits<std::int64_t>::max()) return std::nullopt;
-  return id + 1;
-}
-
 }  // namespace
 
 // A statement over a damaged store that goes on where a row cannot be read. It finds nothing when
 // the schema no longer has what the statement names.
 class TSqlIniScan {
  public:
-  TSqlIniScan(SQLite::Database& connection, const char* text) : FConnection(connection) {
+  TSqlIniScan(SQLite::Database& connection, const std::string& text) : FConnection(connection) {
     try {
       FStatement = std::make_unique<SQLite::Statement>(connection, text);
     } catch (const SQLite::Exception&) {
@@ -70,20 +67,17 @@ class TSqlIniScan {
     return Step() == TStep::Row ? FStatement.get() : nullptr;
   }
 
-  // Visits the rows from the key on; a visit returns the key of its row. Behind damage it goes on
-  // at the key that `after` names for the last one, and ends when there is none. Damage can lead
-  // round in circles, so it ends after `maxSteps` as well.
-  template <typename TKey, typename TVisit, typename TAfter>
-  void Walk(TKey key, std::int64_t maxSteps, const TVisit& visit, const TAfter& after) {
-    std::optional<TKey> next = std::move(key);
-    while (FStatement && next && maxSteps > 0) {
-      Begin(*next);
+  // Visits the rows from the key on. Behind damage it begins anew at the key that `next` gives for
+  // the last begin, until it gives none. Damage can lead round in circles: it ends after `maxRows`.
+  template <typename TKey, typename TVisit, typename TNext>
+  void Walk(const TKey& from, std::int64_t maxRows, const TVisit& visit, const TNext& next) {
+    std::optional<TKey> key = from;
+    while (FStatement && key) {
+      Begin(*key);
       TStep step = TStep::Row;
-      while (maxSteps-- > 0 && (step = Step()) == TStep::Row) {
-        next = std::max<TKey>(*next, visit(*FStatement));
-      }
+      while (maxRows-- > 0 && (step = Step()) == TStep::Row) visit(*FStatement);
       if (step != TStep::Damage) return;
-      next = after(*next);
+      key = next(*key);
     }
   }
 
@@ -115,9 +109,34 @@ class TSqlIniScan {
   std::unique_ptr<SQLite::Statement> FStatement;
 };
 
+// Visits the entries of an index of names. Where it cannot be read, it goes on at the next of the
+// known names that was not visited, and from there back as well.
+template <typename TVisit>
+void WalkNames(SQLite::Database& damaged, const std::string& index, std::int64_t maxRows,
+               std::set<std::string> known, const TVisit& visit) {
+  TSqlIniScan forward(damaged, index + ">=? ORDER BY 1");
+  TSqlIniScan back(damaged, index + "<=? ORDER BY 1 DESC");
+  const auto visitEntry = [&](const SQLite::Statement& entry) {
+    const auto name = NameIn(entry.getColumn(0));
+    if (!name) return;
+    known.erase(*name);
+    visit(*name, entry);
+  };
+  const auto stop = [](const std::string&) { return std::optional<std::string>(); };
+  const auto goOn = [&](const std::string& last) {
+    const auto found = known.upper_bound(last);
+    std::optional<std::string> next;
+    if (found != known.end()) next = *found;
+    back.Walk(next.value_or(kLastName), maxRows, visitEntry, stop);
+    return next;
+  };
+  forward.Walk(std::string(), maxRows, visitEntry, goOn);
+}
+
 TSqlIniRemains::TSqlIniRemains(SQLite::Database& damaged)
     : FDamaged(damaged),
       FRowById(std::make_unique<TSqlIniScan>(damaged, kRowById)),
+      FSectionById(std::make_unique<TSqlIniScan>(damaged, kSectionById)),
       FSectionByName(std::make_unique<TSqlIniScan>(damaged, kSectionByName)),
       FValueByName(std::make_unique<TSqlIniScan>(damaged, kValueByName)) {
   TSqlIniScan size(damaged, kMaxRows);
@@ -127,79 +146,73 @@ TSqlIniRemains::TSqlIniRemains(SQLite::Database& damaged)
 TSqlIniRemains::~TSqlIniRemains() = default;
 
 void TSqlIniRemains::TakeRows(TSqlIniComponents& target) {
-  FindSections();
-  for (const auto& [id, name] : FSectionNames) target.NameSection(id, name);
-  const auto visit = [this](const SQLite::Statement& row) {
-    return *FRows.insert(row.getColumn(0).getInt64()).first;
+  FindIndexedSections();
+  const auto visitRow = [this](const SQLite::Statement& row) { NoteRow(row.getColumn(0)); };
+  const auto nextId = [this](std::int64_t last) {
+    if (!FRows.empty()) last = std::max(last, *FRows.rbegin());
+    return last < kLastId ? std::optional(last + 1) : std::nullopt;
   };
-  TSqlIniScan(FDamaged, kRowIds).Walk<std::int64_t>(1, FMaxRows, visit, NextId);
+  TSqlIniScan(FDamaged, kRowIds).Walk(FMaxRows + 1, FMaxRows, visitRow, nextId);
   TakeEachRow(target);
-  const std::size_t found = FRows.size();
+  const std::size_t known = FRows.size();
   FindIndexedRows();
-  if (FRows.size() > found) TakeEachRow(target);
+  if (FRows.size() > known) TakeEachRow(target);
 }
 
-void TSqlIniRemains::FindSections() {
-  const auto visitRow = [this](const SQLite::Statement& row) {
-    const std::int64_t id = row.getColumn(0).getInt64();
-    if (auto name = NameIn(row.getColumn(1))) FSectionNames.emplace(id, std::move(*name));
-    return id;
-  };
-  TSqlIniScan(FDamaged, kSectionIds).Walk<std::int64_t>(1, FMaxRows, visitRow, NextId);
-  const auto visitEntry = [this](const SQLite::Statement& entry) {
-    if (const auto name = NameIn(entry.getColumn(0))) {
-      FIndexedSections.insert(*name);
-      FSectionNames.emplace(entry.getColumn(1).getInt64(), *name);
-    }
-    return entry.getColumn(0).getString();
-  };
-  const auto nextName = [this](const std::string& last) {
-    std::optional<std::string> next;
-    for (const auto& [id, name] : FSectionNames) {
-      if (name > last && (!next || name < *next)) next = name;
-    }
-    return next;
-  };
-  TSqlIniScan(FDamaged, kSectionIndex).Walk(std::string(), FMaxRows, visitEntry, nextName);
+void TSqlIniRemains::FindIndexedSections() {
+  WalkNames(FDamaged, kSectionIndex, FMaxRows, {},
+            [this](const std::string& name, const SQLite::Statement& entry) {
+              FIndexedSections.emplace(entry.getColumn(1).getInt64(), name);
+            });
 }
 
 void TSqlIniRemains::FindIndexedRows() {
-  const auto visit = [this](const SQLite::Statement& entry) {
-    const auto name = NameIn(entry.getColumn(0));
-    if (name && entry.getColumn(1).isInteger()) {
-      FKeys[entry.getColumn(1).getInt64()].insert(*name);
-    }
-    FRows.insert(entry.getColumn(2).getInt64());
-    return entry.getColumn(0).getString();
-  };
-  const auto nextName = [this](const std::string& last) {
-    std::optional<std::string> next;
-    for (const auto& [section, keys] : FKeys) {
-      const auto key = keys.upper_bound(last);
-      if (key != keys.end() && (!next || *key < *next)) next = *key;
-    }
-    return next;
-  };
-  TSqlIniScan(FDamaged, kRowIndex).Walk(std::string(), FMaxRows, visit, nextName);
+  std::set<std::string> known;
+  for (const auto& [section, keys] : FKeys) known.insert(keys.begin(), keys.end());
+  WalkNames(FDamaged, kRowIndex, FMaxRows, std::move(known),
+            [this](const std::string& name, const SQLite::Statement& entry) {
+              if (entry.getColumn(1).isInteger()) FKeys[entry.getColumn(1).getInt64()].insert(name);
+              NoteRow(entry.getColumn(2));
+            });
+}
+
+void TSqlIniRemains::NoteRow(std::int64_t id) {
+  if (id < 1 || id > FMaxRows) FRows.insert(id);
 }
 
 // In the order of the ids, so that the last of two rows of a key is the later one.
 void TSqlIniRemains::TakeEachRow(TSqlIniComponents& target) {
-  for (const std::int64_t id : FRows) {
-    const SQLite::Statement* const row = FRowById->Find(id);
-    if (row == nullptr || !row->getColumn(1).isInteger()) continue;
-    const auto key = NameIn(row->getColumn(0));
-    if (!key) continue;
-    std::int64_t section = row->getColumn(1).getInt64();
-    FKeys[section].insert(*key);
-    const auto name = FSectionNames.find(section);
-    if (name != FSectionNames.end()) section = target.SectionId(name->second).value_or(section);
-    Put(row->getColumn(2).getString(), section, *key, target);
+  for (std::int64_t id = 1; id <= FMaxRows; ++id) TakeRow(id, target);
+  for (const std::int64_t id : FRows) TakeRow(id, target);
+}
+
+void TSqlIniRemains::TakeRow(std::int64_t id, TSqlIniComponents& target) {
+  const SQLite::Statement* const row = FRowById->Find(id);
+  if (row == nullptr || !row->getColumn(1).isInteger()) return;
+  const auto key = NameIn(row->getColumn(0));
+  if (!key) return;
+  const std::int64_t section = row->getColumn(1).getInt64();
+  FKeys[section].insert(*key);
+  Put(row->getColumn(2).getString(), IdInTarget(section, target), *key, target);
+}
+
+std::int64_t TSqlIniRemains::IdInTarget(std::int64_t section, TSqlIniComponents& target) {
+  const auto [found, isNew] = FIdsInTarget.emplace(section, section);
+  if (!isNew) return found->second;
+  std::optional<std::string> name;
+  if (const SQLite::Statement* row = FSectionById->Find(section)) name = NameIn(row->getColumn(0));
+  const auto indexed = FIndexedSections.find(section);
+  if (!name && indexed != FIndexedSections.end()) name = indexed->second;
+  if (name) {
+    target.NameSection(section, *name);
+    found->second = target.SectionId(*name).value_or(section);
   }
+  return found->second;
 }
 
 void TSqlIniRemains::TakeAnswers(TSqlIniComponents& target) {
-  std::set<std::string> names = FIndexedSections;
+  std::set<std::string> names;
+  for (const auto& [id, name] : FIndexedSections) names.insert(name);
   for (const TSqlIniSection& section : target.Sections()) names.insert(section.Name);
   for (const std::string& name : names) TakeSection(name, target);
 }

@@ -42,21 +42,27 @@ class TSqlIniRemains {
   [[nodiscard]] std::int64_t Taken() const noexcept { return FTaken; }
 
  private:
-  void FindSections();
-  // Adds to the rows and the keys what the index of the keys knows.
+  void FindIndexedSections();
+  // Adds to the keys and the rows what the index of the keys knows.
   void FindIndexedRows();
+  void NoteRow(std::int64_t id);
   void TakeEachRow(TSqlIniComponents& target);
+  void TakeRow(std::int64_t id, TSqlIniComponents& target);
+  // The id of the damaged store's section there, which gets the section's name if need be.
+  [[nodiscard]] std::int64_t IdInTarget(std::int64_t section, TSqlIniComponents& target);
   void TakeSection(const std::string& name, TSqlIniComponents& target);
   void Put(const std::string& value, std::int64_t sectionId, const std::string& key,
            TSqlIniComponents& target);
 
   SQLite::Database& FDamaged;
   std::int64_t FMaxRows = 0;  // More than fit into the file.
-  std::map<std::int64_t, std::string> FSectionNames;
-  std::set<std::string> FIndexedSections;
-  std::set<std::int64_t> FRows;                         // The ids of the rows with keys.
+  std::multimap<std::int64_t, std::string> FIndexedSections;
+  std::map<std::int64_t, std::int64_t> FIdsInTarget;    // Of sections, by their ids here.
   std::map<std::int64_t, std::set<std::string>> FKeys;  // By the id of their section.
+  // The ids of rows that are no numbers from 1 to FMaxRows; those are all tried.
+  std::set<std::int64_t> FRows;
   std::unique_ptr<TSqlIniScan> FRowById;
+  std::unique_ptr<TSqlIniScan> FSectionById;
   std::unique_ptr<TSqlIniScan> FSectionByName;
   std::unique_ptr<TSqlIniScan> FValueByName;
   std::int64_t FTaken = 0;

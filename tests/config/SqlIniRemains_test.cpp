@@ -101,6 +101,7 @@ TEST_F(TSqlIniRemainsTest, KeepsWhatCouldBeReadAndWhatWasWrittenAfterAnyDamage) 
       readable += static_cast<int>(expected.size());
       ++repairs;
       check("READ", expected);
+      if (std::getenv("KEEP")) std::filesystem::copy_file(previous, std::string(std::getenv("KEEP")) + "/" + std::to_string(seed) + ".db", std::filesystem::copy_options::overwrite_existing);
       std::filesystem::remove(previous);
     };
     store = Open();
