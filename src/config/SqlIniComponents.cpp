@@ -4,7 +4,9 @@
 #include <SQLiteCpp/Database.h>
 #include <SQLiteCpp/Exception.h>
 #include <SQLiteCpp/Statement.h>
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string>
@@ -121,10 +123,20 @@ void TSqlIniComponents::Configure(TSqlIniAccess access) {
     IB_Connection->exec("PRAGMA query_only=1;");
     return;
   }
+  RequireWritableHead();
   // Truncated and synced, the journal ends a transaction for good, and no folder has to be synced
   // for it. While others use the file in another mode, that mode stays; it is as safe.
   IB_Connection->tryExec("PRAGMA journal_mode=TRUNCATE;");
   IB_Connection->exec("PRAGMA synchronous=FULL;");
+}
+
+// One damaged byte in its head makes a file that can be read, and never be written to.
+void TSqlIniComponents::RequireWritableHead() const {
+  const bool isReadOnly = ::sqlite3_db_readonly(IB_Connection->getHandle(), "main") == 1;
+  const std::string& name = IB_Connection->getFilename();
+  if (!isReadOnly || ::faccessat(AT_FDCWD, name.c_str(), W_OK, AT_EACCESS) != 0) return;
+  throw SQLite::Exception("database disk image is malformed: it says that it is read-only",
+                          SQLITE_CORRUPT);
 }
 
 void TSqlIniComponents::Prepare() {

@@ -112,6 +112,7 @@ class TSqlIniComponents {
   };
 
   void Configure(TSqlIniAccess access);
+  void RequireWritableHead() const;
   void Prepare();
   // A number that changes when another connection has committed something.
   [[nodiscard]] std::int64_t DataVersion();

@@ -21,7 +21,7 @@ constexpr const char* kSectionIndex =
     "SELECT SECTIONNAME, ID FROM SECTIONS INDEXED BY sqlite_autoindex_SECTIONS_1 WHERE SECTIONNAME";
 constexpr const char* kRowIds = "SELECT ID FROM DATA NOT INDEXED WHERE ID>=? ORDER BY ID";
 constexpr const char* kRowIndex =
-    "SELECT NAME, SECTIONID, ID FROM DATA INDEXED BY sqlite_autoindex_DATA_1 WHERE NAME";
+    "SELECT NAME, ID, SECTIONID FROM DATA INDEXED BY sqlite_autoindex_DATA_1 WHERE NAME";
 constexpr const char* kRowById =
     "SELECT NAME, SECTIONID, COALESCE(VALUE, BINVALUE) FROM DATA WHERE ID=?";
 constexpr const char* kSectionById = "SELECT SECTIONNAME FROM SECTIONS WHERE ID=?";
@@ -35,13 +35,11 @@ constexpr std::int64_t kLastId = std::numeric_limits<std::int64_t>::max();
 
 enum class TStep { Row, End, Damage };
 
-// The column, when it holds a name as a store takes it.
-std::optional<std::string> NameIn(const SQLite::Column& column) {
-  if (!column.isText()) return std::nullopt;
-  std::string name = column.getString();
-  if (name.find('\0') != std::string::npos) return std::nullopt;
-  return name;
+bool IsName(const SQLite::Column& column) {
+  return column.isText() && column.getString().find('\0') == std::string::npos;
 }
+
+std::optional<std::string> Stop(const std::string& /*last*/) { return std::nullopt; }
 
 }  // namespace
 
@@ -67,16 +65,17 @@ class TSqlIniScan {
     return Step() == TStep::Row ? FStatement.get() : nullptr;
   }
 
-  // Visits the rows from the key on. Behind damage it begins anew at the key that `next` gives for
-  // the last begin, until it gives none. Damage can lead round in circles: it ends after `maxRows`.
+  // Visits the rows from the key on, until a visit returns false. Then, and behind damage, it begins
+  // anew at the key that `next` gives for the last begin, until that gives none. Damage can lead
+  // round in circles, so it ends after `maxRows` as well.
   template <typename TKey, typename TVisit, typename TNext>
   void Walk(const TKey& from, std::int64_t maxRows, const TVisit& visit, const TNext& next) {
     std::optional<TKey> key = from;
     while (FStatement && key) {
       Begin(*key);
-      TStep step = TStep::Row;
-      while (maxRows-- > 0 && (step = Step()) == TStep::Row) visit(*FStatement);
-      if (step != TStep::Damage) return;
+      TStep step = TStep::Damage;
+      while (maxRows-- > 0 && (step = Step()) == TStep::Row && visit(*FStatement)) continue;
+      if (step == TStep::End || maxRows < 0) return;
       key = next(*key);
     }
   }
@@ -109,29 +108,37 @@ class TSqlIniScan {
   std::unique_ptr<SQLite::Statement> FStatement;
 };
 
-// Visits the entries of an index of names. Where it cannot be read, it goes on at the next of the
-// known names that was not visited, and from there back as well.
+namespace {
+
+// Visits the entries of an index of names, whose second column is the id. Behind damage it goes on
+// at the next of the known names that was not visited, and from there back to the damage as well.
 template <typename TVisit>
 void WalkNames(SQLite::Database& damaged, const std::string& index, std::int64_t maxRows,
                std::set<std::string> known, const TVisit& visit) {
   TSqlIniScan forward(damaged, index + ">=? ORDER BY 1");
   TSqlIniScan back(damaged, index + "<=? ORDER BY 1 DESC");
-  const auto visitEntry = [&](const SQLite::Statement& entry) {
-    const auto name = NameIn(entry.getColumn(0));
-    if (!name) return;
-    known.erase(*name);
-    visit(*name, entry);
+  std::set<std::pair<std::string, std::int64_t>> visited;
+  const auto visitBack = [&](const SQLite::Statement& entry) {
+    if (IsName(entry.getColumn(0))) visit(entry);
+    return !visited.contains({entry.getColumn(0), entry.getColumn(1)});
   };
-  const auto stop = [](const std::string&) { return std::optional<std::string>(); };
-  const auto goOn = [&](const std::string& last) {
+  const auto visitForward = [&](const SQLite::Statement& entry) {
+    const bool isNew = visitBack(entry);
+    known.erase(entry.getColumn(0));
+    visited.insert({entry.getColumn(0), entry.getColumn(1)});
+    return isNew;
+  };
+  const auto next = [&](const std::string& last) -> std::optional<std::string> {
     const auto found = known.upper_bound(last);
-    std::optional<std::string> next;
-    if (found != known.end()) next = *found;
-    back.Walk(next.value_or(kLastName), maxRows, visitEntry, stop);
-    return next;
+    const bool isLast = found == known.end();
+    back.Walk(isLast ? kLastName : *found, maxRows, visitBack, Stop);
+    if (isLast) return std::nullopt;
+    return *found;
   };
-  forward.Walk(std::string(), maxRows, visitEntry, goOn);
+  forward.Walk(std::string(), maxRows, visitForward, next);
 }
+
+}  // namespace
 
 TSqlIniRemains::TSqlIniRemains(SQLite::Database& damaged)
     : FDamaged(damaged),
@@ -147,7 +154,7 @@ TSqlIniRemains::~TSqlIniRemains() = default;
 
 void TSqlIniRemains::TakeRows(TSqlIniComponents& target) {
   FindIndexedSections();
-  const auto visitRow = [this](const SQLite::Statement& row) { NoteRow(row.getColumn(0)); };
+  const auto visitRow = [this](const SQLite::Statement& row) { return NoteRow(row.getColumn(0)); };
   const auto nextId = [this](std::int64_t last) {
     if (!FRows.empty()) last = std::max(last, *FRows.rbegin());
     return last < kLastId ? std::optional(last + 1) : std::nullopt;
@@ -160,24 +167,25 @@ void TSqlIniRemains::TakeRows(TSqlIniComponents& target) {
 }
 
 void TSqlIniRemains::FindIndexedSections() {
-  WalkNames(FDamaged, kSectionIndex, FMaxRows, {},
-            [this](const std::string& name, const SQLite::Statement& entry) {
-              FIndexedSections.emplace(entry.getColumn(1).getInt64(), name);
-            });
+  const auto visit = [this](const SQLite::Statement& entry) {
+    FIndexedSections.emplace(entry.getColumn(1), entry.getColumn(0));
+  };
+  WalkNames(FDamaged, kSectionIndex, FMaxRows, {}, visit);
 }
 
 void TSqlIniRemains::FindIndexedRows() {
+  const auto visit = [this](const SQLite::Statement& entry) {
+    NoteRow(entry.getColumn(1));
+    if (entry.getColumn(2).isInteger()) FKeys[entry.getColumn(2)].insert(entry.getColumn(0));
+  };
   std::set<std::string> known;
   for (const auto& [section, keys] : FKeys) known.insert(keys.begin(), keys.end());
-  WalkNames(FDamaged, kRowIndex, FMaxRows, std::move(known),
-            [this](const std::string& name, const SQLite::Statement& entry) {
-              if (entry.getColumn(1).isInteger()) FKeys[entry.getColumn(1).getInt64()].insert(name);
-              NoteRow(entry.getColumn(2));
-            });
+  WalkNames(FDamaged, kRowIndex, FMaxRows, std::move(known), visit);
 }
 
-void TSqlIniRemains::NoteRow(std::int64_t id) {
-  if (id < 1 || id > FMaxRows) FRows.insert(id);
+bool TSqlIniRemains::NoteRow(std::int64_t id) {
+  const bool isTried = id >= 1 && id <= FMaxRows;
+  return !isTried && FRows.insert(id).second;
 }
 
 // In the order of the ids, so that the last of two rows of a key is the later one.
@@ -188,26 +196,28 @@ void TSqlIniRemains::TakeEachRow(TSqlIniComponents& target) {
 
 void TSqlIniRemains::TakeRow(std::int64_t id, TSqlIniComponents& target) {
   const SQLite::Statement* const row = FRowById->Find(id);
-  if (row == nullptr || !row->getColumn(1).isInteger()) return;
-  const auto key = NameIn(row->getColumn(0));
-  if (!key) return;
-  const std::int64_t section = row->getColumn(1).getInt64();
-  FKeys[section].insert(*key);
-  Put(row->getColumn(2).getString(), IdInTarget(section, target), *key, target);
+  if (row == nullptr || !IsName(row->getColumn(0)) || !row->getColumn(1).isInteger()) return;
+  const std::string key = row->getColumn(0);
+  const std::int64_t section = row->getColumn(1);
+  FKeys[section].insert(key);
+  Put(row->getColumn(2), IdInTarget(section, target), key, target);
 }
 
 std::int64_t TSqlIniRemains::IdInTarget(std::int64_t section, TSqlIniComponents& target) {
   const auto [found, isNew] = FIdsInTarget.emplace(section, section);
   if (!isNew) return found->second;
-  std::optional<std::string> name;
-  if (const SQLite::Statement* row = FSectionById->Find(section)) name = NameIn(row->getColumn(0));
+  std::string name;
+  const SQLite::Statement* const row = FSectionById->Find(section);
   const auto indexed = FIndexedSections.find(section);
-  if (!name && indexed != FIndexedSections.end()) name = indexed->second;
-  if (name) {
-    target.NameSection(section, *name);
-    found->second = target.SectionId(*name).value_or(section);
+  if (row != nullptr && IsName(row->getColumn(0))) {
+    name = row->getColumn(0).getString();
+  } else if (indexed != FIndexedSections.end()) {
+    name = indexed->second;
+  } else {
+    return section;
   }
-  return found->second;
+  target.NameSection(section, name);
+  return found->second = target.SectionId(name).value_or(section);
 }
 
 void TSqlIniRemains::TakeAnswers(TSqlIniComponents& target) {

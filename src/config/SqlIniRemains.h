@@ -45,7 +45,8 @@ class TSqlIniRemains {
   void FindIndexedSections();
   // Adds to the keys and the rows what the index of the keys knows.
   void FindIndexedRows();
-  void NoteRow(std::int64_t id);
+  // Returns whether it is one of FRows, and new there.
+  bool NoteRow(std::int64_t id);
   void TakeEachRow(TSqlIniComponents& target);
   void TakeRow(std::int64_t id, TSqlIniComponents& target);
   // The id of the damaged store's section there, which gets the section's name if need be.

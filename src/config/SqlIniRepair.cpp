@@ -116,9 +116,10 @@ SQLite::Database KeepWritersAway(const std::string& fileName, TClock& clock) {
   try {
     connection.exec("BEGIN IMMEDIATE");
   } catch (const SQLite::Exception&) {
-    // No connection can begin to write to a file that is damaged at its head.
+    // No connection can begin to write to a file that is damaged at its head. Its permissions are
+    // no reason: they were looked at before.
     const TSqlIniFault fault = CurrentSqlIniFault();
-    if (fault != TSqlIniFault::Damaged && fault != TSqlIniFault::NoStore) throw;
+    if (fault == TSqlIniFault::Other || fault == TSqlIniFault::Refused) throw;
   }
   return connection;
 }

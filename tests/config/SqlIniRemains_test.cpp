@@ -115,7 +115,7 @@ TEST_F(TSqlIniRemainsTest, KeepsWhatCouldBeReadAndWhatWasWrittenAfterAnyDamage) 
       afterStep(done ? TValues{{key, value}} : TValues{});
     }
     FClock.Advance(std::chrono::minutes(1));
-    EXPECT_TRUE(store->AttemptRepair());
+    EXPECT_TRUE(store->AttemptRepair()) << Lines();
     afterStep({});
     check("ACK", written);
   }
