@@ -18,16 +18,16 @@ namespace {
 constexpr const char* kMaxRows =
     "SELECT page_count * page_size / 16 FROM pragma_page_count, pragma_page_size";
 constexpr const char* kSectionIndex =
-    "SELECT SECTIONNAME, ID FROM SECTIONS INDEXED BY sqlite_autoindex_SECTIONS_1 WHERE SECTIONNAME";
-constexpr const char* kRowIds = "SELECT ID FROM DATA NOT INDEXED WHERE ID>=? ORDER BY ID";
+    "SELECT SECTIONNAME, rowid FROM SECTIONS INDEXED BY sqlite_autoindex_SECTIONS_1 WHERE SECTIONNAME";
+constexpr const char* kRowIds = "SELECT rowid FROM DATA NOT INDEXED WHERE rowid>=? ORDER BY rowid";
 constexpr const char* kRowIndex =
-    "SELECT NAME, ID, SECTIONID FROM DATA INDEXED BY sqlite_autoindex_DATA_1 WHERE NAME";
+    "SELECT NAME, rowid, SECTIONID FROM DATA INDEXED BY sqlite_autoindex_DATA_1 WHERE NAME";
 constexpr const char* kRowById =
-    "SELECT NAME, SECTIONID, COALESCE(VALUE, BINVALUE) FROM DATA WHERE ID=?";
-constexpr const char* kSectionById = "SELECT SECTIONNAME FROM SECTIONS WHERE ID=?";
+    "SELECT NAME, SECTIONID, COALESCE(VALUE, BINVALUE) FROM DATA WHERE rowid=?";
+constexpr const char* kSectionById = "SELECT SECTIONNAME FROM SECTIONS WHERE rowid=?";
 constexpr const char* kSectionByName = "SELECT ID FROM SECTIONS WHERE SECTIONNAME=?";
 constexpr const char* kValueByName =
-    "SELECT COALESCE(VALUE, BINVALUE) FROM DATA WHERE SECTIONID=? AND NAME=?";
+    "SELECT COALESCE(VALUE, BINVALUE), rowid FROM DATA WHERE SECTIONID=? AND NAME=?";
 
 const std::string kLastName = "\xff\xff\xff\xff";
 
@@ -154,16 +154,13 @@ TSqlIniRemains::~TSqlIniRemains() = default;
 
 void TSqlIniRemains::TakeRows(TSqlIniComponents& target) {
   FindIndexedSections();
-  const auto visitRow = [this](const SQLite::Statement& row) { return NoteRow(row.getColumn(0)); };
-  const auto nextId = [this](std::int64_t last) {
-    if (!FRows.empty()) last = std::max(last, *FRows.rbegin());
-    return last < kLastId ? std::optional(last + 1) : std::nullopt;
-  };
-  TSqlIniScan(FDamaged, kRowIds).Walk(FMaxRows + 1, FMaxRows, visitRow, nextId);
-  TakeEachRow(target);
-  const std::size_t known = FRows.size();
-  FindIndexedRows();
-  if (FRows.size() > known) TakeEachRow(target);
+  FindRows();
+  std::set<std::string> names;
+  VisitRows([&](std::int64_t /*id*/, const SQLite::Statement& row) {
+    names.insert(row.getColumn(0));
+  });
+  FindIndexedRows(std::move(names));
+  VisitRows([&](std::int64_t id, const SQLite::Statement& row) { TakeRow(id, row, target); });
 }
 
 void TSqlIniRemains::FindIndexedSections() {
@@ -173,14 +170,22 @@ void TSqlIniRemains::FindIndexedSections() {
   WalkNames(FDamaged, kSectionIndex, FMaxRows, {}, visit);
 }
 
-void TSqlIniRemains::FindIndexedRows() {
+void TSqlIniRemains::FindRows() {
+  const auto visit = [this](const SQLite::Statement& row) { return NoteRow(row.getColumn(0)); };
+  const auto nextId = [this](std::int64_t last) {
+    if (!FRows.empty()) last = std::max(last, *FRows.rbegin());
+    return last < kLastId ? std::optional(last + 1) : std::nullopt;
+  };
+  TSqlIniScan(FDamaged, kRowIds).Walk(FMaxRows + 1, FMaxRows, visit, nextId);
+}
+
+void TSqlIniRemains::FindIndexedRows(std::set<std::string> knownNames) {
   const auto visit = [this](const SQLite::Statement& entry) {
     NoteRow(entry.getColumn(1));
-    if (entry.getColumn(2).isInteger()) FKeys[entry.getColumn(2)].insert(entry.getColumn(0));
+    if (!entry.getColumn(2).isInteger()) return;
+    FIndexedKeys.emplace(entry.getColumn(1), TKey(entry.getColumn(2), entry.getColumn(0)));
   };
-  std::set<std::string> known;
-  for (const auto& [section, keys] : FKeys) known.insert(keys.begin(), keys.end());
-  WalkNames(FDamaged, kRowIndex, FMaxRows, std::move(known), visit);
+  WalkNames(FDamaged, kRowIndex, FMaxRows, std::move(knownNames), visit);
 }
 
 bool TSqlIniRemains::NoteRow(std::int64_t id) {
@@ -189,18 +194,26 @@ bool TSqlIniRemains::NoteRow(std::int64_t id) {
 }
 
 // In the order of the ids, so that the last of two rows of a key is the later one.
-void TSqlIniRemains::TakeEachRow(TSqlIniComponents& target) {
-  for (std::int64_t id = 1; id <= FMaxRows; ++id) TakeRow(id, target);
-  for (const std::int64_t id : FRows) TakeRow(id, target);
+void TSqlIniRemains::VisitRows(const TVisitRow& visit) {
+  const auto visitRow = [&](std::int64_t id) {
+    const SQLite::Statement* const row = FRowById->Find(id);
+    if (row == nullptr || !IsName(row->getColumn(0)) || !row->getColumn(1).isInteger()) return;
+    visit(id, *row);
+  };
+  for (std::int64_t id = 1; id <= FMaxRows; ++id) visitRow(id);
+  for (const std::int64_t id : FRows) visitRow(id);
 }
 
-void TSqlIniRemains::TakeRow(std::int64_t id, TSqlIniComponents& target) {
-  const SQLite::Statement* const row = FRowById->Find(id);
-  if (row == nullptr || !IsName(row->getColumn(0)) || !row->getColumn(1).isInteger()) return;
-  const std::string key = row->getColumn(0);
-  const std::int64_t section = row->getColumn(1);
-  FKeys[section].insert(key);
-  Put(row->getColumn(2), IdInTarget(section, target), key, target);
+void TSqlIniRemains::TakeRow(std::int64_t id, const SQLite::Statement& row,
+                             TSqlIniComponents& target) {
+  const TKey key(row.getColumn(1), row.getColumn(0));
+  const std::int64_t section = IdInTarget(key.first, target);
+  Put(row.getColumn(2), section, key.second, target);
+  // A row that the index has under other keys alone has its own by damage.
+  const auto [begin, end] = FIndexedKeys.equal_range(id);
+  const bool isMisnamed =
+      begin != end && std::none_of(begin, end, [&](const auto& at) { return at.second == key; });
+  if (!isMisnamed) FLatest[{section, key.second}] = id;
 }
 
 std::int64_t TSqlIniRemains::IdInTarget(std::int64_t section, TSqlIniComponents& target) {
@@ -230,18 +243,27 @@ void TSqlIniRemains::TakeAnswers(TSqlIniComponents& target) {
 void TSqlIniRemains::TakeSection(const std::string& name, TSqlIniComponents& target) {
   const SQLite::Statement* const section = FSectionByName->Find(name);
   if (section == nullptr) return;
-  const std::int64_t id = section->getColumn(0).getInt64();
-  std::optional<std::int64_t> targetId = target.SectionId(name);
-  std::set<std::string> keys = FKeys[id];
-  if (targetId) {
-    for (std::string& key : target.Keys(*targetId)) keys.insert(std::move(key));
+  const std::int64_t id = section->getColumn(0);
+  std::set<std::string> keys;
+  for (const auto& [row, key] : FIndexedKeys) {
+    if (key.first == id) keys.insert(key.second);
   }
-  for (const std::string& key : keys) {
-    const SQLite::Statement* const value = FValueByName->Find(id, key);
-    if (value == nullptr) continue;
-    if (!targetId) targetId = target.InsertSection(name);
-    Put(value->getColumn(0).getString(), *targetId, key, target);
+  const std::int64_t here = IdInTarget(id, target);
+  for (const std::int64_t known : {here, target.SectionId(name).value_or(here)}) {
+    for (std::string& key : target.Keys(known)) keys.insert(std::move(key));
   }
+  for (const std::string& key : keys) TakeAnswer(name, id, key, target);
+}
+
+void TSqlIniRemains::TakeAnswer(const std::string& section, std::int64_t id, const std::string& key,
+                                TSqlIniComponents& target) {
+  const SQLite::Statement* const row = FValueByName->Find(id, key);
+  if (row == nullptr) return;
+  const auto known = target.SectionId(section);
+  const std::int64_t here = known ? *known : target.InsertSection(section);
+  const auto latest = FLatest.find({here, key});
+  if (latest != FLatest.end() && latest->second > row->getColumn(1).getInt64()) return;
+  Put(row->getColumn(0), here, key, target);
 }
 
 void TSqlIniRemains::Put(const std::string& value, std::int64_t sectionId, const std::string& key,

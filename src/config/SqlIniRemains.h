@@ -1,15 +1,17 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 
 // NOLINTNEXTLINE(readability-identifier-naming): the library's name.
 namespace SQLite {
 class Database;
+class Statement;
 }  // namespace SQLite
 
 namespace guardian {
@@ -42,16 +44,22 @@ class TSqlIniRemains {
   [[nodiscard]] std::int64_t Taken() const noexcept { return FTaken; }
 
  private:
+  using TKey = std::pair<std::int64_t, std::string>;  // The id of a section, the name of a key.
+  using TVisitRow = std::function<void(std::int64_t id, const SQLite::Statement& row)>;
+
   void FindIndexedSections();
-  // Adds to the keys and the rows what the index of the keys knows.
-  void FindIndexedRows();
+  void FindRows();
+  void FindIndexedRows(std::set<std::string> knownNames);
   // Returns whether it is one of FRows, and new there.
   bool NoteRow(std::int64_t id);
-  void TakeEachRow(TSqlIniComponents& target);
-  void TakeRow(std::int64_t id, TSqlIniComponents& target);
+  // Visits name, section and value of each row that can be read and that has a key.
+  void VisitRows(const TVisitRow& visit);
+  void TakeRow(std::int64_t id, const SQLite::Statement& row, TSqlIniComponents& target);
   // The id of the damaged store's section there, which gets the section's name if need be.
   [[nodiscard]] std::int64_t IdInTarget(std::int64_t section, TSqlIniComponents& target);
   void TakeSection(const std::string& name, TSqlIniComponents& target);
+  void TakeAnswer(const std::string& section, std::int64_t id, const std::string& key,
+                  TSqlIniComponents& target);
   void Put(const std::string& value, std::int64_t sectionId, const std::string& key,
            TSqlIniComponents& target);
 
@@ -59,7 +67,8 @@ class TSqlIniRemains {
   std::int64_t FMaxRows = 0;  // More than fit into the file.
   std::multimap<std::int64_t, std::string> FIndexedSections;
   std::map<std::int64_t, std::int64_t> FIdsInTarget;    // Of sections, by their ids here.
-  std::map<std::int64_t, std::set<std::string>> FKeys;  // By the id of their section.
+  std::multimap<std::int64_t, TKey> FIndexedKeys;       // By the ids of their rows.
+  std::map<TKey, std::int64_t> FLatest;  // The id of the last row of a key in the target.
   // The ids of rows that are no numbers from 1 to FMaxRows; those are all tried.
   std::set<std::int64_t> FRows;
   std::unique_ptr<TSqlIniScan> FRowById;
