@@ -261,9 +261,16 @@ void TSqlIniRemains::TakeAnswer(const std::string& section, std::int64_t id, con
   if (row == nullptr) return;
   const auto known = target.SectionId(section);
   const std::int64_t here = known ? *known : target.InsertSection(section);
-  const auto latest = FLatest.find({here, key});
-  if (latest != FLatest.end() && latest->second > row->getColumn(1).getInt64()) return;
-  Put(row->getColumn(0), here, key, target);
+  if (!HasLaterRow(row->getColumn(1), key, FLatest[{here, key}])) {
+    Put(row->getColumn(0), here, key, target);
+  }
+}
+
+// A row that an index leads to by damage is the store's answer all the same.
+bool TSqlIniRemains::HasLaterRow(std::int64_t id, const std::string& key, std::int64_t latest) {
+  if (latest <= id) return false;
+  const SQLite::Statement* const row = FRowById->Find(id);
+  return row != nullptr && row->getColumn(0).getString() == key;
 }
 
 void TSqlIniRemains::Put(const std::string& value, std::int64_t sectionId, const std::string& key,

@@ -60,6 +60,7 @@ class TSqlIniRemains {
   void TakeSection(const std::string& name, TSqlIniComponents& target);
   void TakeAnswer(const std::string& section, std::int64_t id, const std::string& key,
                   TSqlIniComponents& target);
+  [[nodiscard]] bool HasLaterRow(std::int64_t id, const std::string& key, std::int64_t latest);
   void Put(const std::string& value, std::int64_t sectionId, const std::string& key,
            TSqlIniComponents& target);
 
