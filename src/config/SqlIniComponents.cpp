@@ -318,6 +318,7 @@ bool TSqlIniComponents::HasMoved() const noexcept {
 }
 
 void TSqlIniComponents::CheckIntegrity() {
+  RequireWritableHead();
   const std::string finding = IB_Connection->execAndGet("PRAGMA integrity_check(1)").getString();
   if (finding == "ok") return;
   throw SQLite::Exception("database disk image is malformed: " + finding, SQLITE_CORRUPT);

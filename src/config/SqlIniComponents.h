@@ -83,8 +83,8 @@ class TSqlIniComponents {
 
   // True when the file's name no longer leads to the file that was opened. Never throws.
   [[nodiscard]] bool HasMoved() const noexcept;
-  // Runs SQLite's own check of the whole file, which takes as long as reading it does. When that
-  // finds damage, the message is "database disk image is malformed: " and the first finding.
+  // Runs SQLite's own check of the whole file, which takes as long as reading it does. When it is
+  // damaged, the message is "database disk image is malformed: " and the first finding.
   void CheckIntegrity();
   // Copies the database, as it is at one moment, over the existing target.
   void CopyTo(const std::string& target);
