@@ -81,7 +81,7 @@ class TSqlIniOpenFile {
   pid_t FOpenedBy = 0;                             // 0 while the file is closed.
   std::string FOpenFailure;
   std::optional<TSqlIniOwnership> FOwnership;  // When the file was last seen.
-  bool FChanged = false;  // Written to since the last backup.
+  bool FChanged = false;                       // Written to since the last backup.
   // Ticks before which the work is not done again.
   std::int64_t FNextOpenTick = 0;
   std::int64_t FNextRepairTick = 0;

@@ -18,7 +18,8 @@ namespace {
 constexpr const char* kMaxRows =
     "SELECT page_count * page_size / 16 FROM pragma_page_count, pragma_page_size";
 constexpr const char* kSectionIndex =
-    "SELECT SECTIONNAME, rowid FROM SECTIONS INDEXED BY sqlite_autoindex_SECTIONS_1 WHERE SECTIONNAME";
+    "SELECT SECTIONNAME, rowid FROM SECTIONS INDEXED BY sqlite_autoindex_SECTIONS_1 WHERE "
+    "SECTIONNAME";
 constexpr const char* kRowIds = "SELECT rowid FROM DATA NOT INDEXED WHERE rowid>=? ORDER BY rowid";
 constexpr const char* kRowIndex =
     "SELECT NAME, rowid, SECTIONID FROM DATA INDEXED BY sqlite_autoindex_DATA_1 WHERE NAME";
@@ -29,8 +30,7 @@ constexpr const char* kSectionByName = "SELECT ID FROM SECTIONS WHERE SECTIONNAM
 constexpr const char* kValueByName =
     "SELECT COALESCE(VALUE, BINVALUE), rowid FROM DATA WHERE SECTIONID=? AND NAME=?";
 
-const std::string kLastName = "\xff\xff\xff\xff";
-
+constexpr const char* kLastName = "\xff\xff\xff\xff";
 constexpr std::int64_t kLastId = std::numeric_limits<std::int64_t>::max();
 
 enum class TStep { Row, End, Damage };
@@ -65,9 +65,9 @@ class TSqlIniScan {
     return Step() == TStep::Row ? FStatement.get() : nullptr;
   }
 
-  // Visits the rows from the key on, until a visit returns false. Then, and behind damage, it begins
-  // anew at the key that `next` gives for the last begin, until that gives none. Damage can lead
-  // round in circles, so it ends after `maxRows` as well.
+  // Visits the rows from the key on, until a visit returns false. Then, and behind damage, it
+  // begins anew at the key that `next` gives for the last begin, until that gives none. Damage can
+  // lead round in circles, so it ends after `maxRows` as well.
   template <typename TKey, typename TVisit, typename TNext>
   void Walk(const TKey& from, std::int64_t maxRows, const TVisit& visit, const TNext& next) {
     std::optional<TKey> key = from;
@@ -131,7 +131,7 @@ void WalkNames(SQLite::Database& damaged, const std::string& index, std::int64_t
   const auto next = [&](const std::string& last) -> std::optional<std::string> {
     const auto found = known.upper_bound(last);
     const bool isLast = found == known.end();
-    back.Walk(isLast ? kLastName : *found, maxRows, visitBack, Stop);
+    back.Walk(isLast ? std::string(kLastName) : *found, maxRows, visitBack, Stop);
     if (isLast) return std::nullopt;
     return *found;
   };
@@ -156,9 +156,8 @@ void TSqlIniRemains::TakeRows(TSqlIniComponents& target) {
   FindIndexedSections();
   FindRows();
   std::set<std::string> names;
-  VisitRows([&](std::int64_t /*id*/, const SQLite::Statement& row) {
-    names.insert(row.getColumn(0));
-  });
+  VisitRows(
+      [&](std::int64_t /*id*/, const SQLite::Statement& row) { names.insert(row.getColumn(0)); });
   FindIndexedRows(std::move(names));
   VisitRows([&](std::int64_t id, const SQLite::Statement& row) { TakeRow(id, row, target); });
 }
@@ -183,7 +182,9 @@ void TSqlIniRemains::FindIndexedRows(std::set<std::string> knownNames) {
   const auto visit = [this](const SQLite::Statement& entry) {
     NoteRow(entry.getColumn(1));
     if (!entry.getColumn(2).isInteger()) return;
-    FIndexedKeys.emplace(entry.getColumn(1), TKey(entry.getColumn(2), entry.getColumn(0)));
+    const TKey key(entry.getColumn(2), entry.getColumn(0));
+    FIndexedKeys.insert(key);
+    FIndexedRows.emplace(entry.getColumn(1), key);
   };
   WalkNames(FDamaged, kRowIndex, FMaxRows, std::move(knownNames), visit);
 }
@@ -210,7 +211,7 @@ void TSqlIniRemains::TakeRow(std::int64_t id, const SQLite::Statement& row,
   const std::int64_t section = IdInTarget(key.first, target);
   Put(row.getColumn(2), section, key.second, target);
   // A row that the index has under other keys alone has its own by damage.
-  const auto [begin, end] = FIndexedKeys.equal_range(id);
+  const auto [begin, end] = FIndexedRows.equal_range(id);
   const bool isMisnamed =
       begin != end && std::none_of(begin, end, [&](const auto& at) { return at.second == key; });
   if (!isMisnamed) FLatest[{section, key.second}] = id;
@@ -245,8 +246,9 @@ void TSqlIniRemains::TakeSection(const std::string& name, TSqlIniComponents& tar
   if (section == nullptr) return;
   const std::int64_t id = section->getColumn(0);
   std::set<std::string> keys;
-  for (const auto& [row, key] : FIndexedKeys) {
-    if (key.first == id) keys.insert(key.second);
+  for (auto key = FIndexedKeys.lower_bound({id, ""}); key != FIndexedKeys.end(); ++key) {
+    if (key->first != id) break;
+    keys.insert(key->second);
   }
   const std::int64_t here = IdInTarget(id, target);
   for (const std::int64_t known : {here, target.SectionId(name).value_or(here)}) {

@@ -67,9 +67,10 @@ class TSqlIniRemains {
   SQLite::Database& FDamaged;
   std::int64_t FMaxRows = 0;  // More than fit into the file.
   std::multimap<std::int64_t, std::string> FIndexedSections;
-  std::map<std::int64_t, std::int64_t> FIdsInTarget;    // Of sections, by their ids here.
-  std::multimap<std::int64_t, TKey> FIndexedKeys;       // By the ids of their rows.
-  std::map<TKey, std::int64_t> FLatest;  // The id of the last row of a key in the target.
+  std::map<std::int64_t, std::int64_t> FIdsInTarget;  // Of sections, by their ids here.
+  std::set<TKey> FIndexedKeys;
+  std::multimap<std::int64_t, TKey> FIndexedRows;  // By their ids.
+  std::map<TKey, std::int64_t> FLatest;            // The id of the last row of a key in the target.
   // The ids of rows that are no numbers from 1 to FMaxRows; those are all tried.
   std::set<std::int64_t> FRows;
   std::unique_ptr<TSqlIniScan> FRowById;

@@ -8,6 +8,7 @@
 namespace guardian {
 namespace {
 
+using testing::HasSubstr;
 using TKey = std::pair<std::string, std::string>;  // Of a section.
 using TValues = std::map<TKey, std::string>;
 
@@ -27,10 +28,15 @@ class TSqlIniRemainsTest : public TSettingsStoreTest {
     Open()->UpdateFile();
     const std::string count = "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i+1 FROM n) ";
     Execute("INSERT INTO SECTIONS " + count + "SELECT 'section'||i, i+1 FROM n LIMIT 5;" +
-            "INSERT INTO DATA " + count + "SELECT 'key'||i, NULL, 'old'||i||"
-            "hex(zeroblob(20+i%50/49*1500)), NULL, i%5+1 FROM n LIMIT " + std::to_string(kKeys));
+            "INSERT INTO DATA " + count +
+            "SELECT 'key'||i, NULL, 'old'||i||"
+            "hex(zeroblob(20+i%50/49*1500)), NULL, i%5+1 FROM n LIMIT " +
+            std::to_string(kKeys));
+    Execute(
+        "INSERT INTO SECTIONS VALUES('gone', 99); INSERT INTO DATA VALUES('k', 'v', '', 999, 99)");
     FBackup = FFolder.Read("x.cfg");
     FBackedUp = ValuesIn(File());
+    Execute("DELETE FROM DATA WHERE ID=999; DELETE FROM SECTIONS WHERE ID=99");
     Execute("UPDATE DATA SET BINVALUE='new'||BINVALUE WHERE ID%3=0");
     FWhole = FFolder.Read("x.cfg");
     FStored = ValuesIn(File());
@@ -75,8 +81,10 @@ class TSqlIniRemainsTest : public TSettingsStoreTest {
     for (int i = 0; i < kKeys; ++i) {
       const TKey key{"section" + std::to_string(i % 5), "key" + std::to_string(i)};
       const std::string query = "SELECT coalesce(VALUE, BINVALUE) FROM DATA WHERE NAME='" +
-                                key.second + "' AND SECTIONID=(SELECT ID FROM SECTIONS WHERE "
-                                "SECTIONNAME='" + key.first + "')";
+                                key.second +
+                                "' AND SECTIONID=(SELECT ID FROM SECTIONS WHERE "
+                                "SECTIONNAME='" +
+                                key.first + "')";
       try {
         values[key] = database.execAndGet(query).getString();
       } catch (const SQLite::Exception&) {
@@ -124,7 +132,8 @@ TEST_F(TSqlIniRemainsTest, KeepsWhatCouldBeReadAndWhatWasWrittenAfterAnyDamage) 
     const auto expectKept = [&] {
       if (!FFolder.Has("x.cfg-previous")) return;
       TValues expected = ValuesIn(File() + "-previous");
-      std::erase_if(expected, [&](const auto& value) { return stored[value.first] != value.second; });
+      std::erase_if(expected,
+                    [&](const auto& value) { return stored[value.first] != value.second; });
       ExpectValues(*store, expected);
       EXPECT_FALSE(FFolder.Has("x.cfg.sqlnew-journal"));
       std::filesystem::remove(File() + "-previous");
@@ -132,7 +141,9 @@ TEST_F(TSqlIniRemainsTest, KeepsWhatCouldBeReadAndWhatWasWrittenAfterAnyDamage) 
     };
     expectKept();
     for (const char* value : {"one", "two"}) {
-      const TKey key = std::next(stored.begin(), static_cast<int>(FRandom() % static_cast<unsigned>(kKeys)))->first;
+      const TKey key =
+          std::next(stored.begin(), static_cast<int>(FRandom() % static_cast<unsigned>(kKeys)))
+              ->first;
       const std::string old = std::exchange(stored[key], value);
       written.erase(key);
       if (store->TryWriteString(key.first, key.second, value)) written[key] = value;
@@ -189,6 +200,7 @@ TEST_F(TSqlIniRemainsTest, RepairsWhatOneDamageHasSpoilt) {
       EXPECT_TRUE(store->TryWriteString("section1", "new", "v"));
       EXPECT_TRUE(store->AttemptRepair());
       EXPECT_EQ(store->ReadString("section1", "new", ""), "v");
+      EXPECT_EQ(store->ReadString("gone", "k", "none"), withBackup ? "v" : "none");
       if (name == std::string("names nowhere") && !withBackup) {
         EXPECT_EQ(store->ReadString("Recovered 3", "key2", ""), FStored[TKey("section2", "key2")]);
       } else {
@@ -197,6 +209,8 @@ TEST_F(TSqlIniRemainsTest, RepairsWhatOneDamageHasSpoilt) {
       EXPECT_EQ(Ask("PRAGMA integrity_check"), "ok");
     }
   }
+  EXPECT_THAT(Lines(), testing::AllOf(HasSubstr("Trying to close and re-open the database."),
+                                      HasSubstr("The damaged file is kept as ")));
 }
 
 }  // namespace
