@@ -169,8 +169,15 @@ void TSqlIniRemains::FindIndexedSections() {
   WalkNames(FDamaged, kSectionIndex, FMaxRows, {}, visit);
 }
 
+// Ids up to the number of rows that fit into the file are tried one by one, since a damaged page
+// can hide others from a walk. Most stores have no higher ones.
 void TSqlIniRemains::FindRows() {
-  const auto visit = [this](const SQLite::Statement& row) { return NoteRow(row.getColumn(0)); };
+  for (std::int64_t id = 1; id <= FMaxRows; ++id) {
+    if (FRowById->Find(id) != nullptr) FRows.insert(id);
+  }
+  const auto visit = [this](const SQLite::Statement& row) {
+    return FRows.insert(row.getColumn(0)).second;
+  };
   const auto nextId = [this](std::int64_t last) {
     if (!FRows.empty()) last = std::max(last, *FRows.rbegin());
     return last < kLastId ? std::optional(last + 1) : std::nullopt;
@@ -180,7 +187,7 @@ void TSqlIniRemains::FindRows() {
 
 void TSqlIniRemains::FindIndexedRows(std::set<std::string> knownNames) {
   const auto visit = [this](const SQLite::Statement& entry) {
-    NoteRow(entry.getColumn(1));
+    FRows.insert(entry.getColumn(1));
     if (!entry.getColumn(2).isInteger()) return;
     const TKey key(entry.getColumn(2), entry.getColumn(0));
     FIndexedKeys.insert(key);
@@ -189,20 +196,13 @@ void TSqlIniRemains::FindIndexedRows(std::set<std::string> knownNames) {
   WalkNames(FDamaged, kRowIndex, FMaxRows, std::move(knownNames), visit);
 }
 
-bool TSqlIniRemains::NoteRow(std::int64_t id) {
-  const bool isTried = id >= 1 && id <= FMaxRows;
-  return !isTried && FRows.insert(id).second;
-}
-
 // In the order of the ids, so that the last of two rows of a key is the later one.
 void TSqlIniRemains::VisitRows(const TVisitRow& visit) {
-  const auto visitRow = [&](std::int64_t id) {
+  for (const std::int64_t id : FRows) {
     const SQLite::Statement* const row = FRowById->Find(id);
-    if (row == nullptr || !IsName(row->getColumn(0)) || !row->getColumn(1).isInteger()) return;
+    if (row == nullptr || !IsName(row->getColumn(0)) || !row->getColumn(1).isInteger()) continue;
     visit(id, *row);
-  };
-  for (std::int64_t id = 1; id <= FMaxRows; ++id) visitRow(id);
-  for (const std::int64_t id : FRows) visitRow(id);
+  }
 }
 
 void TSqlIniRemains::TakeRow(std::int64_t id, const SQLite::Statement& row,

@@ -50,8 +50,6 @@ class TSqlIniRemains {
   void FindIndexedSections();
   void FindRows();
   void FindIndexedRows(std::set<std::string> knownNames);
-  // Returns whether it is one of FRows, and new there.
-  bool NoteRow(std::int64_t id);
   // Visits name, section and value of each row that can be read and that has a key.
   void VisitRows(const TVisitRow& visit);
   void TakeRow(std::int64_t id, const SQLite::Statement& row, TSqlIniComponents& target);
@@ -71,8 +69,7 @@ class TSqlIniRemains {
   std::set<TKey> FIndexedKeys;
   std::multimap<std::int64_t, TKey> FIndexedRows;  // By their ids.
   std::map<TKey, std::int64_t> FLatest;            // The id of the last row of a key in the target.
-  // The ids of rows that are no numbers from 1 to FMaxRows; those are all tried.
-  std::set<std::int64_t> FRows;
+  std::set<std::int64_t> FRows;                    // The ids of rows that may be readable.
   std::unique_ptr<TSqlIniScan> FRowById;
   std::unique_ptr<TSqlIniScan> FSectionById;
   std::unique_ptr<TSqlIniScan> FSectionByName;
