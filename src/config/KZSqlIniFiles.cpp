@@ -43,6 +43,11 @@ std::string NameOf(std::string_view name) {
   return std::string(name);
 }
 
+// What is written to a file that has lost its name may be found by nobody.
+void RequireInPlace(const TSqlIniComponents& database) {
+  if (database.HasMoved()) throw KZException("The file was replaced meanwhile.");
+}
+
 }  // namespace
 
 TKZSQLIniFile::TKZSQLIniFile(const std::string& fileName, TSqlIniAccess access, TClock& clock)
@@ -140,9 +145,11 @@ void TKZSQLIniFile::WriteLocked(const TStatements& statements) {
   const TAtEnd rollback([&database] { database.Rollback(); });
   database.Begin(TSqlIniBegin::Write);
   // While this waited for its turn, a repair may have put another file into the place.
-  if (database.HasMoved()) throw KZException("The file was replaced meanwhile.");
+  RequireInPlace(database);
   statements(database);
   CommitLocked();
+  // When the file was deleted before the commit, another process may have saved it before that.
+  RequireInPlace(database);
 }
 
 void TKZSQLIniFile::CommitLocked() {
@@ -329,6 +336,7 @@ bool TKZSQLIniFile::RecoverLocked(const char* operation) {
       FFile.LogCurrentException(operation);
       return FAttempts < kMaxAttempts && RepairAfterDamageLocked();
     case TSqlIniFault::Empty:
+    case TSqlIniFault::NoStore:
     case TSqlIniFault::Other:
       FFile.LogCurrentException(operation);
       return ReopenLocked(operation);

@@ -4,7 +4,9 @@
 #include <SQLiteCpp/Database.h>
 #include <SQLiteCpp/Exception.h>
 #include <SQLiteCpp/Statement.h>
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string>
@@ -36,17 +38,20 @@ constexpr const char* kInsertRow =
     "INSERT INTO DATA (VALUE, BINVALUE, SECTIONID, NAME) "
     "VALUES (:VALUE, :BINVALUE, :SECTIONID, :NAME)";
 
+constexpr const char* kLostSections =
+    "SELECT DISTINCT SECTIONID, 'Recovered ' || SECTIONID FROM DATA "
+    "WHERE SECTIONID NOT IN (SELECT ID FROM SECTIONS)";
+constexpr const char* kLostSectionsOfOther =
+    "SELECT ID, SECTIONNAME FROM other.SECTIONS WHERE ID IN (SELECT SECTIONID FROM DATA) "
+    "AND ID NOT IN (SELECT ID FROM SECTIONS)";
 constexpr const char* kFillFromOther = R"(
-INSERT OR IGNORE INTO SECTIONS (SECTIONNAME, ID)
-  SELECT SECTIONNAME, ID FROM other.SECTIONS
-  WHERE ID IN (SELECT SECTIONID FROM DATA) AND ID NOT IN (SELECT ID FROM SECTIONS);
 INSERT OR IGNORE INTO SECTIONS (SECTIONNAME) SELECT SECTIONNAME FROM other.SECTIONS;
 INSERT OR IGNORE INTO DATA (NAME, VALUE, BINVALUE, SECTIONID)
   SELECT o.NAME, o.VALUE, o.BINVALUE, mine.ID FROM other.DATA o
   JOIN other.SECTIONS s ON s.ID=o.SECTIONID JOIN SECTIONS mine ON mine.SECTIONNAME=s.SECTIONNAME;)";
-constexpr const char* kNameLostSections =
-    "INSERT OR IGNORE INTO SECTIONS (SECTIONNAME, ID) SELECT DISTINCT 'Recovered ' || SECTIONID, "
-    "SECTIONID FROM DATA WHERE SECTIONID NOT IN (SELECT ID FROM SECTIONS);";
+constexpr const char* kDropUselessRows = R"(
+DELETE FROM SECTIONS WHERE typeof(SECTIONNAME)<>'text';
+DELETE FROM DATA WHERE typeof(NAME)<>'text' OR typeof(SECTIONID)<>'integer';)";
 
 // Keep the result for the scope: it leaves the statement ready for its next use, also when an
 // exception passes. An unfinished statement would hold the file's lock.
@@ -86,14 +91,15 @@ class TRowBinding {
                           SQLITE_CORRUPT);
 }
 
-// Allows what an insert of a row needs, with the functions by which the tool writes line feeds.
+// Allows what an insert of a row needs, with the functions by which tools write line feeds.
 int AllowRowsAlone(void* /*context*/, int action, const char* first, const char* second,
                    const char* /*database*/, const char* /*trigger*/) {
   const std::string_view table = first == nullptr ? "" : first;
   const std::string_view function = second == nullptr ? "" : second;
   if (action == SQLITE_INSERT && (table == "DATA" || table == "SECTIONS")) return SQLITE_OK;
-  if (action == SQLITE_FUNCTION && (function == "char" || function == "replace")) return SQLITE_OK;
-  return SQLITE_DENY;
+  if (action != SQLITE_FUNCTION) return SQLITE_DENY;
+  const bool writesText = function == "char" || function == "replace" || function == "unistr";
+  return writesText ? SQLITE_OK : SQLITE_DENY;
 }
 
 }  // namespace
@@ -117,10 +123,20 @@ void TSqlIniComponents::Configure(TSqlIniAccess access) {
     IB_Connection->exec("PRAGMA query_only=1;");
     return;
   }
+  RequireWritableHead();
   // Truncated and synced, the journal ends a transaction for good, and no folder has to be synced
   // for it. While others use the file in another mode, that mode stays; it is as safe.
   IB_Connection->tryExec("PRAGMA journal_mode=TRUNCATE;");
   IB_Connection->exec("PRAGMA synchronous=FULL;");
+}
+
+// One damaged byte in its head makes a file that can be read, and never be written to.
+void TSqlIniComponents::RequireWritableHead() const {
+  const bool isReadOnly = ::sqlite3_db_readonly(IB_Connection->getHandle(), "main") == 1;
+  const std::string& name = IB_Connection->getFilename();
+  if (!isReadOnly || ::faccessat(AT_FDCWD, name.c_str(), W_OK, AT_EACCESS) != 0) return;
+  throw SQLite::Exception("database disk image is malformed: it says that it is read-only",
+                          SQLITE_CORRUPT);
 }
 
 void TSqlIniComponents::Prepare() {
@@ -302,6 +318,7 @@ bool TSqlIniComponents::HasMoved() const noexcept {
 }
 
 void TSqlIniComponents::CheckIntegrity() {
+  RequireWritableHead();
   const std::string finding = IB_Connection->execAndGet("PRAGMA integrity_check(1)").getString();
   if (finding == "ok") return;
   throw SQLite::Exception("database disk image is malformed: " + finding, SQLITE_CORRUPT);
@@ -320,9 +337,41 @@ void TSqlIniComponents::Attach(const std::string& otherStore) {
   attach.exec();
 }
 
-void TSqlIniComponents::FillFromAttached() { IB_GeneralScript(kFillFromOther); }
+void TSqlIniComponents::NameSection(std::int64_t id, const std::string& name) {
+  if (SectionName(id)) return;
+  const auto sameName = SectionId(name);
+  if (!sameName) {
+    SQLite::Statement insert(*IB_Connection, "INSERT INTO SECTIONS VALUES(?, ?)");
+    insert.bindNoCopy(1, name);
+    insert.bind(2, id);
+    insert.exec();
+    return;
+  }
+  const std::string from = " WHERE SECTIONID=" + std::to_string(id);
+  IB_GeneralScript((id > *sameName ? "UPDATE OR REPLACE" : "UPDATE OR IGNORE") +
+                   (" DATA SET SECTIONID=" + std::to_string(*sameName)) + from +
+                   "; DELETE FROM DATA" + from);
+}
 
-void TSqlIniComponents::NameLostSections() { IB_GeneralScript(kNameLostSections); }
+void TSqlIniComponents::NameSections(const char* query) {
+  std::vector<TSqlIniSection> sections;
+  SQLite::Statement names(*IB_Connection, query);
+  while (names.executeStep()) {
+    sections.push_back({names.getColumn(0).getInt64(), names.getColumn(1).getString()});
+  }
+  for (const TSqlIniSection& section : sections) NameSection(section.Id, section.Name);
+}
+
+void TSqlIniComponents::NameLostSections() { NameSections(kLostSections); }
+
+// A new section could get an id that keys of a lost one have, so those come first.
+void TSqlIniComponents::FillFromAttached() {
+  NameSections(kLostSectionsOfOther);
+  NameLostSections();
+  IB_GeneralScript(kFillFromOther);
+}
+
+void TSqlIniComponents::DropUselessRows() { IB_GeneralScript(kDropUselessRows); }
 
 bool TSqlIniComponents::TryInsertRow(const std::string& line) noexcept {
   ::sqlite3* const connection = IB_Connection->getHandle();

@@ -83,19 +83,23 @@ class TSqlIniComponents {
 
   // True when the file's name no longer leads to the file that was opened. Never throws.
   [[nodiscard]] bool HasMoved() const noexcept;
-  // Runs SQLite's own check of the whole file, which takes as long as reading it does. When that
-  // finds damage, throws "database disk image is malformed: " and the first finding.
+  // Runs SQLite's own check of the whole file, which takes as long as reading it does. When it is
+  // damaged, the message is "database disk image is malformed: " and the first finding.
   void CheckIntegrity();
   // Copies the database, as it is at one moment, over the existing target.
   void CopyTo(const std::string& target);
   // Makes another store's tables known. Call it once, outside a transaction.
   void Attach(const std::string& otherStore);
-  // Adds the sections and keys that only the attached store has; what both have stays as it is
-  // here. A section whose name is lost, and only its keys are left, gets the name it has there.
-  void FillFromAttached();
-  // Gives each section whose name is lost, and only its keys are left, the name "Recovered " and
-  // its number.
+  // Names a section of which only keys are left; does nothing when the id has a name. When another
+  // section has the name, the keys become keys of that one; of two keys the later section's stays.
+  void NameSection(std::int64_t id, const std::string& name);
+  // Names each section of which only keys are left "Recovered " and its id.
   void NameLostSections();
+  // Adds the sections and keys that only the attached store has; what both have stays as it is
+  // here. A section of which only keys are left gets the name it has there, if any.
+  void FillFromAttached();
+  // Drops rows that no look-up can find, since a name is no text or an id no number.
+  void DropUselessRows();
   // Runs one line of a dump, and returns whether it succeeded. The line comes from a damaged file:
   // anything but an insert of one row of a store is refused.
   [[nodiscard]] bool TryInsertRow(const std::string& line) noexcept;
@@ -108,10 +112,13 @@ class TSqlIniComponents {
   };
 
   void Configure(TSqlIniAccess access);
+  void RequireWritableHead() const;
   void Prepare();
   // A number that changes when another connection has committed something.
   [[nodiscard]] std::int64_t DataVersion();
   [[nodiscard]] static std::string ValueOf(SQLite::Statement& row, const TColumns& columns);
+  // Names the sections that a query for ids and names yields.
+  void NameSections(const char* query);
   bool UpdateRow(std::int64_t sectionId, const std::string& key, std::string_view value);
   void InsertRow(std::int64_t sectionId, const std::string& key, std::string_view value);
 

@@ -34,6 +34,9 @@ TSqlIniFault FaultOf(const std::string& message, int extendedCode) {
       code == SQLITE_NOTADB) {
     return TSqlIniFault::Damaged;
   }
+  for (const char* text : {"no such ", "Unknown column name", "unsupported file format"}) {
+    if (Contains(message, text)) return TSqlIniFault::NoStore;
+  }
   if (code == SQLITE_EMPTY) return TSqlIniFault::Empty;
   if (code == SQLITE_TOOBIG) return TSqlIniFault::Refused;
   return TSqlIniFault::Other;

@@ -16,6 +16,7 @@ namespace guardian {
 enum class TSqlIniFault {
   ReadOnlyFile,
   Damaged,  // The file is damaged, or is no database at all.
+  NoStore,  // The tables are not those of a store, or their definitions are damaged.
   Empty,    // The database holds nothing, not even a table.
   Refused,  // What was asked for can never be stored.
   Other,

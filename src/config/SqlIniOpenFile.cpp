@@ -54,7 +54,7 @@ TSqlIniComponents& TSqlIniOpenFile::Connection(TSqlIniBegin kind) {
 
 void TSqlIniOpenFile::Open() {
   if (IsForeign()) throw KZException("The file was opened before a fork.");
-  Leave();
+  Close();
   try {
     OpenOrRepair();
   } catch (...) {
@@ -89,11 +89,15 @@ bool TSqlIniOpenFile::Connect() {
     FConnection = std::make_unique<TSqlIniComponents>(Name(), FAccess, FClock);
   } catch (...) {
     const TSqlIniFault fault = CurrentSqlIniFault();
-    if (fault != TSqlIniFault::Damaged && fault != TSqlIniFault::Empty) ThrowUnopenable(FPaths);
+    const bool wasStore = fault == TSqlIniFault::NoStore && !FPaths.Copies().empty();
+    if (fault != TSqlIniFault::Damaged && fault != TSqlIniFault::Empty && !wasStore) {
+      ThrowUnopenable(FPaths);
+    }
     LogCurrentException("OpenDatabase");
     return false;
   }
   FOpenedBy = ::getpid();
+  FOwnership = TSqlIniPaths::OwnershipOf(Name());
   FNextBackupTick = FClock.TickCount() + kBackupCheckMs;
   return true;
 }
@@ -113,20 +117,16 @@ void TSqlIniOpenFile::Close() noexcept {
     [[maybe_unused]] const TSqlIniComponents* abandoned = FConnection.release();
     return;
   }
+  if (FConnection && FConnection->HasMoved() && FPaths.StoreKind() == TSqlIniFileKind::Missing) {
+    TryBackUp(kSqlIniBusyTimeout);
+  }
   FConnection.reset();
   FOpenedBy = 0;
 }
 
-// The connection to a file that was deleted may be the last one that can read it.
-void TSqlIniOpenFile::Leave() noexcept {
-  if (FConnection && FConnection->HasMoved() && FPaths.StoreKind() == TSqlIniFileKind::Missing) {
-    BackUp();
-  }
-  Close();
-}
-
 void TSqlIniOpenFile::CloseAfterFailedRead() {
-  if (CurrentSqlIniFault() == TSqlIniFault::Other) Close();
+  const TSqlIniFault fault = CurrentSqlIniFault();
+  if (fault == TSqlIniFault::Other || fault == TSqlIniFault::NoStore) Close();
 }
 
 bool TSqlIniOpenFile::IsForeign() const { return FOpenedBy != 0 && FOpenedBy != ::getpid(); }
@@ -157,15 +157,17 @@ void TSqlIniOpenFile::NoteWritten() {
 
 void TSqlIniOpenFile::BackUpIfDue() {
   FNextBackupTick = FClock.TickCount() + kBackupCheckMs;
-  if (FChanged && FPaths.BackupIsDue()) BackUp();
+  if (FChanged && FPaths.BackupIsDue() && TryBackUp(std::chrono::milliseconds(0))) FChanged = false;
 }
 
-void TSqlIniOpenFile::BackUp() noexcept {
-  if (FAccess == TSqlIniAccess::ReadOnly || !FConnection || IsForeign()) return;
+bool TSqlIniOpenFile::TryBackUp(std::chrono::milliseconds wait) noexcept {
+  if (FAccess == TSqlIniAccess::ReadOnly || !FConnection || IsForeign()) return false;
   try {
-    if (TakeSqlIniBackup(*FConnection, FPaths, FClock)) FChanged = false;
+    if (const auto ownership = TSqlIniPaths::OwnershipOf(Name())) FOwnership = ownership;
+    return TakeSqlIniBackup(*FConnection, FPaths, FClock, FOwnership, wait);
   } catch (...) {
     LogCurrentException("BackUp");
+    return false;
   }
 }
 

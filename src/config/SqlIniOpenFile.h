@@ -2,8 +2,10 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "common/Clock.h"
@@ -40,7 +42,8 @@ class TSqlIniOpenFile {
   // Opens the file anew; a missing, empty or damaged one is repaired first, at most once a minute
   // when the repair fails. Returns whether it is open; when not, a failure line says why.
   [[nodiscard]] bool TryOpen();
-  // Ends the connection. Saves nothing: see BackUpIfDue.
+  // Ends the connection. Backs the file up first when its name no longer leads to any file: this
+  // connection may be the last that can read it. A file in its place is not touched.
   void Close() noexcept;
   // Call it in a catch block of a read. Closes a connection that may have become useless. A damaged
   // file stays open, since other parts of it can be read and a write will repair it.
@@ -65,8 +68,9 @@ class TSqlIniOpenFile {
   void Open();
   void OpenOrRepair();
   [[nodiscard]] bool Connect();
-  void Leave() noexcept;
-  void BackUp() noexcept;
+  // Waits for another process that replaces the file or its backups, and returns whether a backup
+  // was made; when not, nothing has changed.
+  bool TryBackUp(std::chrono::milliseconds wait) noexcept;
   // True in a process forked from the one that opened the file.
   [[nodiscard]] bool IsForeign() const;
 
@@ -76,7 +80,8 @@ class TSqlIniOpenFile {
   std::unique_ptr<TSqlIniComponents> FConnection;  // Null while the file is closed.
   pid_t FOpenedBy = 0;                             // 0 while the file is closed.
   std::string FOpenFailure;
-  bool FChanged = false;  // Written to since the last backup.
+  std::optional<TSqlIniOwnership> FOwnership;  // When the file was last seen.
+  bool FChanged = false;                       // Written to since the last backup.
   // Ticks before which the work is not done again.
   std::int64_t FNextOpenTick = 0;
   std::int64_t FNextRepairTick = 0;

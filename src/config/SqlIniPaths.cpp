@@ -78,8 +78,8 @@ void SyncFolderOf(const std::string& name) {
 }
 
 // As far as the system allows it: only root may give a file away.
-void TakeOwnerFrom(const struct stat& model, int descriptor) {
-  [[maybe_unused]] const int refused = ::fchown(descriptor, model.st_uid, model.st_gid);
+void TakeOwnerFrom(const TSqlIniOwnership& model, int descriptor) {
+  [[maybe_unused]] const int refused = ::fchown(descriptor, model.User, model.Group);
 }
 
 std::string ResolvedName(const std::string& name) {
@@ -133,17 +133,23 @@ void TSqlIniPaths::MakeBackupFolder() const {
     if (errno == EEXIST) return;
     ThrowErrno("mkdir", FBackupFolder);
   }
-  const auto parent = Look(std::filesystem::path(FStore).parent_path().string());
+  const auto parent = OwnershipOf(std::filesystem::path(FStore).parent_path().string());
   const TFileDescriptor folder(
       ::open(FBackupFolder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!parent || !folder) return;
   TakeOwnerFrom(*parent, folder.Get());
-  ::fchmod(folder.Get(), parent->st_mode & 07777);
+  ::fchmod(folder.Get(), parent->Mode);
 }
 
-void TSqlIniPaths::MakeEmptyFile(const std::string& name) const {
+std::optional<TSqlIniOwnership> TSqlIniPaths::OwnershipOf(const std::string& name) {
+  const auto info = Look(name);
+  if (!info) return std::nullopt;
+  return TSqlIniOwnership{info->st_mode & 07777, info->st_uid, info->st_gid};
+}
+
+void TSqlIniPaths::MakeEmptyFile(const std::string& name,
+                                 const std::optional<TSqlIniOwnership>& model) {
   Remove(name);
-  const auto model = Look(FStore);
   const TFileDescriptor file(RetryOnEintr([&] {
     return ::open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                   model ? 0600 : 0644);
@@ -151,7 +157,7 @@ void TSqlIniPaths::MakeEmptyFile(const std::string& name) const {
   if (!file) ThrowErrno("create", name);
   if (!model) return;
   TakeOwnerFrom(*model, file.Get());
-  if (::fchmod(file.Get(), model->st_mode & 0777) != 0) ThrowErrno("chmod", name);
+  if (::fchmod(file.Get(), model->Mode & 0777) != 0) ThrowErrno("chmod", name);
 }
 
 void TSqlIniPaths::Remove(const std::string& name) {
@@ -197,6 +203,7 @@ void TSqlIniPaths::KeepAs(const std::string& name) const {
 
 void TSqlIniPaths::PutReplacementInPlace() const {
   Rename(Replacement(), FStore);
+  Remove(Replacement());  // Its journal is empty.
   SyncFolderOf(FStore);
 }
 

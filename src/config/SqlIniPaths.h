@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <optional>
 #include <string>
@@ -16,6 +18,12 @@ enum class TSqlIniFileKind {
   Regular,
   Other,      // A folder, a device, a named pipe.
   Forbidden,  // A folder on the way to it may not be entered.
+};
+
+struct TSqlIniOwnership {
+  mode_t Mode = 0;  // The permissions alone.
+  uid_t User = 0;
+  gid_t Group = 0;
 };
 
 // The files of one store, and the renames by which one takes the place of another. For the store
@@ -61,9 +69,12 @@ class TSqlIniPaths {
   // Makes the folder of the backups; throws ESystemError.
   void MakeBackupFolder() const;
 
-  // Makes an empty file in the place of an older one. It gets the mode of the store and, as far as
-  // the system allows, its owner; mode 0644 when there is no store. Throws ESystemError.
-  void MakeEmptyFile(const std::string& name) const;
+  // Nothing for a file that is not there.
+  [[nodiscard]] static std::optional<TSqlIniOwnership> OwnershipOf(const std::string& name);
+
+  // Makes an empty file in the place of an older one. It gets the mode and, as far as the system
+  // allows, the owner of its model; mode 0644 without a model. Throws ESystemError.
+  static void MakeEmptyFile(const std::string& name, const std::optional<TSqlIniOwnership>& model);
 
   // Removes the file and its journals, if they are there.
   static void Remove(const std::string& name);

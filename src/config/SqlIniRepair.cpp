@@ -14,6 +14,7 @@
 #include "common/Exceptions.h"
 #include "common/Texts.h"
 #include "config/SqlIniComponents.h"
+#include "config/SqlIniRemains.h"
 #include "guardian/process.h"
 
 namespace guardian {
@@ -78,6 +79,7 @@ void RequireDamage(std::string_view line) {
   if (line.substr(0, kError.size()) != kError) return;
   const std::string_view code = line.substr(kError.size(), 3);
   if (code == "11)" || code == "26)") return;  // SQLITE_CORRUPT and SQLITE_NOTADB.
+  if (line.find("unsupported file format") != std::string_view::npos) return;
   throw KZException("The dump failed: " + std::string(line));
 }
 
@@ -114,8 +116,10 @@ SQLite::Database KeepWritersAway(const std::string& fileName, TClock& clock) {
   try {
     connection.exec("BEGIN IMMEDIATE");
   } catch (const SQLite::Exception&) {
-    // No connection can begin to write to a file that is damaged at its head.
-    if (CurrentSqlIniFault() != TSqlIniFault::Damaged) throw;
+    // No connection can begin to write to a file that is damaged at its head. Its permissions are
+    // no reason: they were looked at before.
+    const TSqlIniFault fault = CurrentSqlIniFault();
+    if (fault == TSqlIniFault::Other || fault == TSqlIniFault::Refused) throw;
   }
   return connection;
 }
@@ -150,14 +154,19 @@ void TSqlIniRepair::Run() {
   // A replacement that is left over is older than what the dump of a damaged store will give.
   if (state != TState::Missing) TSqlIniPaths::Remove(FFiles.Replacement());
   const std::string copy = FindGoodCopy();
+  // A file of which there is a backup was a store once.
+  if (state == TState::NoStore && copy.empty()) {
+    throw KZException(FFiles.Store() + ": It is no settings store, and has no good backup.");
+  }
+  const bool isDamaged = state == TState::Damaged || state == TState::NoStore;
   // The replacement is the copy when a repair was cut off between two renames.
-  if (copy != FFiles.Replacement()) BuildReplacement(state, copy);
+  if (copy != FFiles.Replacement()) BuildReplacement(isDamaged ? &*barrier : nullptr, copy);
   if (state == TState::Empty) {
     FFiles.ReplaceEmpty();
   } else {
     FFiles.ReplaceDamaged();
   }
-  if (state == TState::Damaged) Log("The damaged file is kept as " + FFiles.Previous());
+  if (isDamaged) Log("The damaged file is kept as " + FFiles.Previous());
   if (!copy.empty()) Log("Opening good DB that we found: " + FFiles.Store());
 }
 
@@ -170,6 +179,7 @@ TSqlIniRepair::TState TSqlIniRepair::Examine() const {
     const TSqlIniFault fault = CurrentSqlIniFault();
     if (fault == TSqlIniFault::Empty) return TState::Empty;
     if (fault == TSqlIniFault::Damaged) return TState::Damaged;
+    if (fault == TSqlIniFault::NoStore) return TState::NoStore;
     throw;
   }
 }
@@ -184,42 +194,59 @@ std::string TSqlIniRepair::FindGoodCopy() const {
   return {};
 }
 
-void TSqlIniRepair::BuildReplacement(TState state, const std::string& copy) {
+void TSqlIniRepair::BuildReplacement(SQLite::Database* damaged, const std::string& copy) {
   const TRemoveAtEnd dump(FFiles.Dump());
-  if (state == TState::Damaged) {
-    WriteDump();
-  } else if (copy.empty()) {
-    Log(FFiles.Store() + ": creating new SQL file");
-  }
+  const bool hasDump = damaged != nullptr && WriteDump();
+  if (damaged == nullptr && copy.empty()) Log(FFiles.Store() + ": creating new SQL file");
   TRemoveAtEnd replacement(FFiles.Replacement());
-  FFiles.MakeEmptyFile(FFiles.Replacement());
+  const auto ownership = TSqlIniPaths::OwnershipOf(FFiles.Store());
+  FFiles.MakeEmptyFile(FFiles.Replacement(),
+                       ownership ? ownership : TSqlIniPaths::OwnershipOf(copy));
   CreateTables(FFiles.Replacement(), FClock);
   TSqlIniComponents target(FFiles.Replacement(), TSqlIniAccess::ReadWrite);
   if (!copy.empty()) target.Attach(copy);
   // One transaction: a replacement that holds anything holds everything.
   target.Begin(TSqlIniBegin::Read);
-  if (state == TState::Damaged) ImportDump(target);
-  if (!copy.empty()) target.FillFromAttached();
-  target.NameLostSections();
+  if (hasDump) ImportDump(target);
+  if (damaged != nullptr) {
+    TakeRemains(*damaged, target, copy);
+  } else if (!copy.empty()) {
+    target.FillFromAttached();
+  }
+  if (damaged != nullptr && !hasDump && target.CountKeys(std::nullopt) == 0) {
+    throw KZException("Without a dump nothing was found for a new file.");
+  }
   target.Commit();
   target.CheckIntegrity();
   replacement.Keep();
 }
 
+void TSqlIniRepair::TakeRemains(SQLite::Database& damaged, TSqlIniComponents& target,
+                                const std::string& copy) const {
+  TSqlIniRemains remains(damaged);
+  remains.TakeRows(target);
+  if (!copy.empty()) target.FillFromAttached();
+  target.NameLostSections();
+  remains.TakeAnswers(target);
+  Log(FFiles.Store() + ": " + std::to_string(remains.Taken()) + " values were read one by one");
+}
+
 // The database is named by a path that begins with "/", which the tool takes for no option.
-void TSqlIniRepair::WriteDump() const {
-  FFiles.MakeEmptyFile(FFiles.Dump());
+bool TSqlIniRepair::WriteDump() const {
+  FFiles.MakeEmptyFile(FFiles.Dump(), TSqlIniPaths::OwnershipOf(FFiles.Store()));
   // In brackets: the runner redirects the end of the line to a file that may not grow without end.
   const std::string command = "(echo .dump | sqlite3 -batch -init /dev/null " +
                               ShellWord(FFiles.Store()) + " >" + ShellWord(FFiles.Dump()) + ")";
   std::string output;
   int exitCode = -1;
   RunShellCmdWithOutput(output, command, kDumpTimeoutSec, true, "", exitCode);
+  const std::string failure =
+      "The dump was not made, exit code " + std::to_string(exitCode) + ": " + output;
+  if (exitCode == -1) throw KZException(failure);
   // Any other code tells of the damage.
-  if (exitCode == -1 || exitCode == kToolNotRunnable || exitCode == kToolNotFound) {
-    throw KZException("The dump was not made, exit code " + std::to_string(exitCode) + ": " +
-                      output);
-  }
+  if (exitCode != kToolNotRunnable && exitCode != kToolNotFound) return true;
+  Log(failure);
+  return false;
 }
 
 // The tool writes each row as one line. Rows that the tables refuse, since they are damaged or come
@@ -242,16 +269,19 @@ void TSqlIniRepair::ImportDump(TSqlIniComponents& target) const {
   if (last != "COMMIT;" && last.rfind("ROLLBACK;", 0) != 0) {
     throw KZException("The dump " + FFiles.Dump() + " is not complete.");
   }
+  target.DropUselessRows();
   Log(FFiles.Store() + ": " + std::to_string(taken) + " rows could be read, " +
       std::to_string(refused) + " were unusable");
 }
 
-bool TakeSqlIniBackup(TSqlIniComponents& store, const TSqlIniPaths& files, TClock& clock) {
+bool TakeSqlIniBackup(TSqlIniComponents& store, const TSqlIniPaths& files, TClock& clock,
+                      const std::optional<TSqlIniOwnership>& ownership,
+                      std::chrono::milliseconds wait) {
   files.MakeBackupFolder();
-  const auto replacing = TSqlIniReplacing::Begin(files, clock, std::chrono::milliseconds(0));
+  const auto replacing = TSqlIniReplacing::Begin(files, clock, wait);
   if (!replacing) return false;
   const TRemoveAtEnd copy(files.NewBackup());
-  files.MakeEmptyFile(files.NewBackup());
+  files.MakeEmptyFile(files.NewBackup(), ownership);
   store.CopyTo(files.NewBackup());
   TSqlIniComponents(files.NewBackup(), TSqlIniAccess::ReadOnly).CheckIntegrity();
   files.RotateBackups();
