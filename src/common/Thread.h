@@ -56,6 +56,10 @@ class TThread {
   // nothing for a thread that was not started.
   void Join();
 
+  // The same for a thread that never waits for the main thread: runs no requests meanwhile, so that
+  // the caller need not expect anything to have changed.
+  void JoinWithoutRequests();
+
   [[nodiscard]] const std::string& Name() const noexcept { return FName; }
 
   // The kernel's thread id; 0 before the thread runs.
@@ -79,6 +83,7 @@ class TThread {
   static void* Run(void* self);
   void RunWhole();
   void RunGuarded(const std::function<void()>& work);
+  void Release();
 
   const std::string FName;
   const std::size_t FStackBytes;
