@@ -56,15 +56,17 @@ TPipeClient::~TPipeClient() {
   assert(IsMainThread());
   // From here on WndMethod does nothing, also while the threads are joined.
   FRegistration.End();
-  std::vector<TWorkers> workers;
+  std::vector<TWorkers> ending;
+  TWorkers current;
   {
     const TKZLockGuard lock(FLock);
-    workers = std::move(FEnding);
-    if (FCurrent) workers.push_back(std::move(FCurrent));
+    ending = std::move(FEnding);
+    current = std::move(FCurrent);
   }
   // Joined here: the last holder may be a Disconnect further down the stack, and the threads must
   // not post to an owner that is gone.
-  for (const TWorkers& each : workers) each->EndAndJoin();
+  for (const TWorkers& each : ending) each->EndAndJoin();
+  if (current) current->EndAndJoin();
 }
 
 void TPipeClient::Free(std::unique_ptr<TPipeClient>& client) {

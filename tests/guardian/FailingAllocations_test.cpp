@@ -132,21 +132,10 @@ TEST_F(FailingAllocationsTest, APipeMessageThereAndBack) {
     return connected && Eventually([&] { return answers > before || enough(); });
   };
   FailEach(
-      1, [&] { (void)answered(HasFailed); },
+      13, [&] { (void)answered(HasFailed); },
       [&] {
         EXPECT_TRUE(Eventually([&] { return answered([&] { return !client.Connected(); }); }));
-      });
-}
-
-TEST_F(FailingAllocationsTest, AnExceptionReport) {
-  const std::string failing = "failing";
-  int reports = 0;
-  FailEach(
-      3, [&] { HandleException(FError, TLogToFiles::Yes, failing); },
-      [&] {
-        const std::string where = "Where: later " + std::to_string(++reports);
-        HandleException(FError, TLogToFiles::Yes, where.substr(7));
-        EXPECT_NE(FFolder.Read("_Exceptions.log").find(where), std::string::npos);
+        client.Disconnect(TPipeClient::TWait::Yes);
       });
 }
 
@@ -165,9 +154,12 @@ TEST_F(FailingAllocationsTest, AStoreWriteAndARepair) {
     stored = store.TryWriteString("s", "k", std::to_string(++value));
   };
   FailEach(1, write, check);
-  stored = false;
-  FailEach(
-      9, [&] { (void)store.AttemptRepair(); }, check);
+  const auto writeToGarbage = [&] {
+    store.CloseDatabase();
+    FFolder.Write("x.cfg", "this is no store any more");
+    write();
+  };
+  FailEach(31, writeToGarbage, check);
 }
 
 TEST_F(FailingAllocationsTest, StartAndStop) {
