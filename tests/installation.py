@@ -1,7 +1,9 @@
 # The Guardian beside a stand-in for its daemon, in a folder of their own, as an installation has
 # them: for the soak, the browser check and the demonstration. Needs port 8900.
 
+import contextlib
 import ctypes
+import http.client
 import os
 import shutil
 import signal
@@ -144,6 +146,13 @@ class Installation:
         with open(self.path("home/faults.draft"), "w", encoding="utf-8") as file:
             file.write("\n".join(words) + "\n")
         os.rename(self.path("home/faults.draft"), self.path("home/faults"))
+
+    # As files, for whoever looks for the reason of a failure.
+    def keep_pages(self):
+        for page in ("status.json", "threadreport.php", ""):
+            with open(self.path(f"page-{page or 'main'}"), "w", encoding="utf-8") as file, \
+                    contextlib.suppress(OSError, http.client.HTTPException):
+                file.write(fetch(page, 2))
 
     @staticmethod
     def _refuse_what_is_in_use():

@@ -95,6 +95,17 @@ void TThread::Join() {
   while (!WaitFinished(std::chrono::hours(1))) continue;
   // A request that ran meanwhile may have joined it.
   if (!FStarted) return;
+  Release();
+}
+
+void TThread::JoinWithoutRequests() {
+  if (!FStarted) return;
+  assert(pthread_equal(FHandle, pthread_self()) == 0);
+  Terminate();
+  Release();
+}
+
+void TThread::Release() {
   pthread_join(FHandle, nullptr);
   FStarted = false;
 }

@@ -56,6 +56,10 @@ class TThread {
   // nothing for a thread that was not started.
   void Join();
 
+  // The same for a thread that never waits for the main thread: runs no requests meanwhile, so that
+  // the caller need not expect anything to have changed.
+  void JoinWithoutRequests();
+
   // Asks a started thread to end, waits for at most the grace and frees it; returns whether it has
   // ended. One that stands still is never freed and ends with the process, so it uses nothing but
   // what lives as long. Threads: as the thread's owner.
@@ -84,6 +88,7 @@ class TThread {
   static void* Run(void* self);
   void RunWhole();
   void RunGuarded(const std::function<void()>& work);
+  void Release();
 
   const std::string FName;
   const std::size_t FStackBytes;

@@ -88,7 +88,9 @@ class TRemoveAtEnd {
  public:
   explicit TRemoveAtEnd(std::string name) : FName(std::move(name)) {}
   ~TRemoveAtEnd() {
-    if (!FName.empty()) TSqlIniPaths::Remove(FName);
+    if (FName.empty()) return;
+    // Whoever makes the file again removes what is left of it now.
+    Guarded("TRemoveAtEnd", SystemClock(), [this] { TSqlIniPaths::Remove(FName); });
   }
   TRemoveAtEnd(const TRemoveAtEnd&) = delete;
   TRemoveAtEnd& operator=(const TRemoveAtEnd&) = delete;

@@ -8,6 +8,7 @@
 
 #include "common/AtEnd.h"
 #include "common/Clock.h"
+#include "common/DiagnosticMessage.h"
 #include "common/ErrorLog.h"
 #include "common/Exceptions.h"
 #include "common/MainThread.h"
@@ -78,10 +79,15 @@ bool DeliveryAllowed(const TMessageUnit& unit) {
 
 void TMessageDeliveryThread::Execute() {
   constexpr milliseconds kLongestWait{1000};
+  KZCP::Checkpoint(Name());
   TMessageUnit& unit = Unit();
   do {
+    KZCP::Checkpoint("MessageDelivery:Wait");
     unit.GMsgEvent.WaitFor(kLongestWait);
-    if (!unit.GMsgList.Empty() && !unit.DeliveryStopped.load()) Synchronize(&ProcessMessages);
+    if (unit.GMsgList.Empty() || unit.DeliveryStopped.load()) continue;
+    KZCP::Checkpoint("MessageDelivery:Synchronize");
+    // What fails is tried again after the next wait.
+    Guarded("MessageDelivery", SystemClock(), [] { Synchronize(&ProcessMessages); });
   } while (!Terminated() && ApplicationState() == TApplicationState::Running);
 }
 
@@ -328,6 +334,17 @@ void PostMessage(TKZMessageReceiverClass& receiver, std::uint32_t msg, std::int6
   wrapper->Receiver = &receiver;
   wrapper->Payload = std::move(payload);
   Enqueue(Unit(), std::move(wrapper));
+}
+
+TReservedMessage::TReservedMessage() : FWrapper(std::make_unique<TMessageWrapper>()) {}
+
+TReservedMessage::~TReservedMessage() = default;
+
+void TReservedMessage::Post(TKZMessageReceiverClass& receiver, std::uint32_t msg,
+                            std::int64_t wParam, std::int64_t lParam) noexcept {
+  FWrapper->Message = {.Msg = msg, .WParam = wParam, .LParam = lParam};
+  FWrapper->Receiver = &receiver;
+  Enqueue(Unit(), std::move(FWrapper));
 }
 
 std::string_view MessagePayload(const TKZMessage& message) noexcept {

@@ -58,6 +58,24 @@ void PostMessage(TKZMessageReceiverClass& receiver, std::uint32_t msg, std::int6
 void PostMessage(TKZMessageReceiverClass& receiver, std::uint32_t msg, std::int64_t wParam,
                  TMessagePayload payload);
 
+// A message of which the memory is there beforehand, for news that no lack of memory may keep from
+// the receiver. Can be posted once; dropped as others are while the unit is not started. Threads:
+// not shared.
+struct TMessageWrapper;
+class TReservedMessage {
+ public:
+  TReservedMessage();
+  ~TReservedMessage();
+  TReservedMessage(const TReservedMessage&) = delete;
+  TReservedMessage& operator=(const TReservedMessage&) = delete;
+
+  void Post(TKZMessageReceiverClass& receiver, std::uint32_t msg, std::int64_t wParam,
+            std::int64_t lParam) noexcept;
+
+ private:
+  std::unique_ptr<TMessageWrapper> FWrapper;
+};
+
 // The bytes of a message that was posted with a payload.
 [[nodiscard]] std::string_view MessagePayload(const TKZMessage& message) noexcept;
 

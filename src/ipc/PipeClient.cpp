@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cassert>
 #include <chrono>
+#include <functional>
 #include <utility>
 
 #include "common/AtEnd.h"
@@ -20,26 +21,21 @@ namespace {
 
 using std::chrono::milliseconds;
 
-bool IsCancelled(const TCancellation* stopping) {
-  return stopping != nullptr && stopping->IsCancelled();
-}
-
-// Sleeps with synchronise requests running in the main thread; ends early when cancelled.
-void SleepBetweenTries(milliseconds duration, const TCancellation* stopping) {
+// Sleeps with synchronise requests running in the main thread; ends early when it is to stop.
+void SleepBetweenTries(milliseconds duration, const std::function<bool()>& isToStop) {
   constexpr milliseconds kStep{50};
   const std::int64_t end = SystemTickCount() + duration.count();
-  while (SystemTickCount() < end && !IsCancelled(stopping)) {
-    CheckSynchronize(std::min(kStep, duration));
-  }
+  while (SystemTickCount() < end && !isToStop()) CheckSynchronize(std::min(kStep, duration));
 }
 
-TFileDescriptor ConnectWithin(const std::string& path, int waitMs, const TCancellation* stopping) {
+TFileDescriptor ConnectWithin(const std::string& path, int waitMs,
+                              const std::function<bool()>& isToStop) {
   constexpr int kTryIntervalMs = 500;
   for (int failed = 0;;) {
     TFileDescriptor socket = TryConnect(path);
     if (socket || ++failed > waitMs / kTryIntervalMs) return socket;
-    SleepBetweenTries(milliseconds(std::min(waitMs, kTryIntervalMs)), stopping);
-    if (IsCancelled(stopping)) return {};
+    SleepBetweenTries(milliseconds(std::min(waitMs, kTryIntervalMs)), isToStop);
+    if (isToStop()) return {};
   }
 }
 
@@ -60,15 +56,17 @@ TPipeClient::~TPipeClient() {
   assert(IsMainThread());
   // From here on WndMethod does nothing, also while the threads are joined.
   FRegistration.End();
-  std::vector<TWorkers> workers;
+  std::vector<TWorkers> ending;
+  TWorkers current;
   {
     const TKZLockGuard lock(FLock);
-    workers = std::move(FEnding);
-    if (FCurrent) workers.push_back(std::move(FCurrent));
+    ending = std::move(FEnding);
+    current = std::move(FCurrent);
   }
   // Joined here: the last holder may be a Disconnect further down the stack, and the threads must
   // not post to an owner that is gone.
-  for (const TWorkers& each : workers) each->EndAndJoin();
+  for (const TWorkers& each : ending) each->EndAndJoin();
+  if (current) current->EndAndJoin();
 }
 
 void TPipeClient::Free(std::unique_ptr<TPipeClient>& client) {
@@ -94,7 +92,10 @@ bool TPipeClient::Connect(int waitMs) {
   if (const TWorkers current = Current(); current && !current->Connection().Ended()) return true;
   const std::string path = FullPipeNameOf(PipeName());
   if (::access(path.c_str(), F_OK) != 0) return false;
-  TFileDescriptor socket = ConnectWithin(path, waitMs, FStopping);
+  const auto isToStop = [stopping = FStopping, life = Life()] {
+    return life.expired() || (stopping != nullptr && stopping->IsCancelled());
+  };
+  TFileDescriptor socket = ConnectWithin(path, waitMs, isToStop);
   return socket && StartWorkers(std::move(socket), path);
 }
 
@@ -112,13 +113,11 @@ bool TPipeClient::StartWorkers(TFileDescriptor socket, const std::string& path) 
   try {
     workers->Start();
     return true;
-  } catch (const KZException& error) {
-    WritePipeDiagnostic(error.Message());
+  } catch (...) {
+    Take(workers->Connection().Serial());
+    ForgetPipe();
+    WritePipeDiagnostic(CurrentExceptionMessage());
   }
-  // Null when the reader could report its end and the main thread has taken it.
-  const TWorkers failed = Take(workers->Connection().Serial());
-  ForgetPipe();
-  if (failed) failed->EndAndJoin();
   return false;
 }
 
@@ -126,10 +125,10 @@ bool TPipeClient::StartWorkers(TFileDescriptor socket, const std::string& path) 
 TPipeEndpoint::TWorkers TPipeClient::TakeCurrent() {
   const TKZLockGuard lock(FLock);
   if (!FCurrent) return nullptr;
+  FEnding.push_back(FCurrent);
   FPipe.store(kNoPipe);
   FConnected.store(false);
-  FEnding.push_back(std::exchange(FCurrent, nullptr));
-  return FEnding.back();
+  return std::exchange(FCurrent, nullptr);
 }
 
 void TPipeClient::Disconnect(TWait wait) {

@@ -4,8 +4,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
-#include <span>
 #include <utility>
 
 #include "common/Clock.h"
@@ -68,52 +68,64 @@ TPipeConnection::~TPipeConnection() { --OpenSockets(FSide); }
 void TPipeConnection::End() noexcept {
   if (FEnded.exchange(true)) return;
   ::shutdown(FSocket.Get(), SHUT_RDWR);
-  FQueue.Wake();
+  FQueue.Close();
   FPayloads->Wake();
 }
 
 void TPipeConnection::ReadAll(const TFrameParser::TSink& onPayload) {
-  KZCP::Checkpoint("PipeRead:Sock#" + std::to_string(Pipe()));
+  KZCP::Checkpoint(FReads);
   TFrameParser parser(FMaxFrameSize);
   TPathWatch watch(FWatchedPath);
   while (!Ended() && !watch.IsGone()) {
     if (FPayloads->IsFull()) {
+      KZCP::Checkpoint("PipeRead:WaitForRoom");
       FPayloads->WaitForRoom(kLongestWait);
+      KZCP::Checkpoint(FReads);
     } else if (QueuedRead(parser, onPayload) == TReadResult::PeerGone) {
       return;
     }
   }
 }
 
+ssize_t TPipeConnection::Receive(std::span<char> room, int flags) const noexcept {
+  const ssize_t got =
+      RetryOnEintr([&] { return ::recv(FSocket.Get(), room.data(), room.size(), flags); });
+  return got < 0 ? -errno : got;
+}
+
 TPipeConnection::TReadResult TPipeConnection::QueuedRead(TFrameParser& parser,
                                                          const TFrameParser::TSink& onPayload) {
   const std::span<char> room = parser.Room(kReadBytes);
-  const ssize_t got =
-      RetryOnEintr([&] { return ::recv(FSocket.Get(), room.data(), room.size(), 0); });
-  if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return TReadResult::TimedOut;
+  ssize_t got = Receive(room, MSG_DONTWAIT);
+  if (got == -EAGAIN) {
+    KZCP::Checkpoint(FWaitsToRead);
+    got = Receive(room, 0);
+    KZCP::Checkpoint(FReads);
+  }
+  if (got == -EAGAIN) return TReadResult::TimedOut;
   if (got <= 0) return TReadResult::PeerGone;
   parser.Filled(static_cast<std::size_t>(got), onPayload);
   return TReadResult::Received;
 }
 
 void TPipeConnection::WriteAll(const TOnSent& onSent) {
-  const std::string waiting = "WaitforDataForSock#" + std::to_string(Pipe());
+  KZCP::Checkpoint(FWrites);
   while (!Ended()) {
     if (std::optional<TPipeWrite> write = FQueue.Dequeue()) {
       QueuedWrite(*write, onSent);
       FQueue.Recycle(std::move(*write));
       continue;
     }
-    // The Dequeue may have taken away the signal of an End that came meanwhile.
-    if (Ended()) return;
-    KZCP::Checkpoint(waiting);
+    KZCP::Checkpoint(FWaitsToWrite);
     FQueue.WaitForData(kLongestWait);
+    KZCP::Checkpoint(FWrites);
   }
 }
 
 void TPipeConnection::QueuedWrite(const TPipeWrite& write, const TOnSent& onSent) {
   const std::string& bytes = *write.Buffer;
-  const ssize_t sent = ::send(FSocket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  const ssize_t sent =
+      RetryOnEintr([&] { return ::send(FSocket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL); });
   // A short write is not retried: the call blocks until all is taken, so it is short only when the
   // connection breaks, and then the rest of the frame is of no use.
   if (sent == static_cast<ssize_t>(bytes.size())) onSent(bytes.size());

@@ -1,10 +1,13 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 
 #include "common/FileDescriptor.h"
@@ -61,6 +64,8 @@ class TPipeConnection {
  private:
   enum class TReadResult { Received, TimedOut, PeerGone };
 
+  // Negative: no bytes but this error number.
+  ssize_t Receive(std::span<char> room, int flags) const noexcept;
   TReadResult QueuedRead(TFrameParser& parser, const TFrameParser::TSink& onPayload);
   void QueuedWrite(const TPipeWrite& write, const TOnSent& onSent);
 
@@ -69,6 +74,12 @@ class TPipeConnection {
   const std::string FWatchedPath;
   const std::uint32_t FMaxFrameSize;
   const std::int64_t FSerial;
+  // The threads' checkpoints, which each leaves before it waits and when it goes on.
+  const std::string FSocketText = "Sock#" + std::to_string(Pipe());
+  const std::string FReads = "PipeRead:" + FSocketText;
+  const std::string FWaitsToRead = "PipeRead:Wait" + FSocketText;
+  const std::string FWrites = "PipeWrite:" + FSocketText;
+  const std::string FWaitsToWrite = "WaitforDataFor" + FSocketText;
   const std::shared_ptr<TPayloadPool> FPayloads = std::make_shared<TPayloadPool>();
   TWriteQueue FQueue;
   std::atomic<bool> FEnded = false;  // Atomic: a one-way flag that both loops look at.

@@ -77,7 +77,8 @@ class TMadeInMainThread {
 };
 
 // What clients and servers have in common: the events and how the transport's messages raise them.
-// An event may free the object that raises it.
+// An event may free the object that raises it, also while an operation of the object waits further
+// down the main thread's stack: that operation then returns.
 // Owner: see TPipeClient and TPipeServer.
 // Threads: main thread. The slots are set before the first connection; OnPipeSent may be set at any
 // time.
@@ -96,6 +97,9 @@ class TPipeEndpoint : private TMadeInMainThread, public TKZMessageReceiverClass 
   // Throws EPipeException for an empty name, one of 64 characters and more or with a backslash.
   static void RequireValidName(const std::string& name);
 
+  // Expires with the object: what goes on after a wait that runs events looks here first.
+  [[nodiscard]] std::weak_ptr<const void> Life() const { return FLife; }
+
   // Removes the connection from the list and returns it; null when it is not there.
   static TWorkers TakeBySerial(std::vector<TWorkers>& list, std::int64_t serial);
   static TWorkers TakeByPipe(std::vector<TWorkers>& list, std::int64_t pipe);
@@ -109,6 +113,8 @@ class TPipeEndpoint : private TMadeInMainThread, public TKZMessageReceiverClass 
   void RaiseError(const TKZMessage& message, TPipeContext context);
   void RaiseSent(const TKZMessage& message);
   void RaiseMessage(const TKZMessage& message);
+
+  const std::shared_ptr<const void> FLife = std::make_shared<bool>();
 };
 
 }  // namespace guardian

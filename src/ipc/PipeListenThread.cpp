@@ -24,6 +24,7 @@ TPipeListenThread::TPipeListenThread(std::string pipeName, std::string path, TOn
       FOnAccepted(std::move(onAccepted)) {}
 
 void TPipeListenThread::Execute() {
+  KZCP::Checkpoint(Name());
   // The mutex only tells others that a server is there. This one goes on when somebody else holds
   // it.
   const TNamedMutex mutex = TNamedMutex::Create(FPath + ".mutex");
@@ -33,7 +34,8 @@ void TPipeListenThread::Execute() {
   }
   {
     const TFileDescriptor listener = ListenAt(FPath);
-    if (!listener) return WritePipeDiagnostic("listen on " + FPath + ": " + SystemErrorText(errno));
+    const int error = errno;
+    if (!listener) return WritePipeDiagnostic("listen on " + FPath + ": " + SystemErrorText(error));
     AcceptAll(listener.Get());
   }
   RemoveSocketFile();
@@ -56,13 +58,14 @@ bool TPipeListenThread::WaitForClient(int listener) const {
 void TPipeListenThread::AcceptOne(int listener) const {
   TFileDescriptor client(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
   if (!client) {
-    if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) return;
+    const int error = errno;
+    if (error == EAGAIN || error == EINTR || error == ECONNABORTED) return;
     // No descriptor or no memory is left: the client stays in the queue until there is one.
-    WritePipeDiagnostic("accept on " + FPath + ": " + SystemErrorText(errno));
+    WritePipeDiagnostic("accept on " + FPath + ": " + SystemErrorText(error));
     return PauseAfterFailure();
   }
-  KZCP::Checkpoint("PipeListen:fpaccept[" + FPipeName + "]-got#" + std::to_string(client.Get()));
   try {
+    KZCP::Checkpoint("PipeListen:fpaccept[" + FPipeName + "]-got#" + std::to_string(client.Get()));
     Synchronize([&] { FOnAccepted(std::move(client)); });
   } catch (...) {
     ReportPipeException("serve a client of " + FPath);
@@ -72,6 +75,7 @@ void TPipeListenThread::AcceptOne(int listener) const {
 
 void TPipeListenThread::PauseAfterFailure() const {
   constexpr int kPauseMs = 1000;
+  KZCP::Checkpoint("PipeListen:Pause");
   pollfd stop{.fd = FStopping.Descriptor(), .events = POLLIN, .revents = 0};
   ::poll(&stop, 1, kPauseMs);
 }
@@ -81,6 +85,7 @@ void TPipeListenThread::PauseAfterFailure() const {
 void TPipeListenThread::RemoveSocketFile() const {
   constexpr int kTries = 100;
   constexpr std::chrono::milliseconds kPause{200};
+  KZCP::Checkpoint("PipeListen:RemoveSocketFile");
   for (int i = 0; i < kTries && ::unlink(FPath.c_str()) != 0; ++i) {
     if (::access(FPath.c_str(), F_OK) != 0) return;
     SystemClock().Sleep(kPause);

@@ -38,8 +38,9 @@ void TPipeServer::SetPipeName(std::string name) {
 
 void TPipeServer::SetActive(bool active) {
   assert(IsMainThread());
-  if (active == Active()) return;
+  if (FRemovingListener) return;
   if (!active) return DoShutdown();
+  if (Active() || !RemoveListenerThread()) return;
   FListener = CreateThread<TPipeListenThread>(
       FPipeName, FullPipeNameOf(FPipeName),
       [this](TFileDescriptor socket) { AddClient(std::move(socket)); });
@@ -90,9 +91,16 @@ void TPipeServer::AddClient(TFileDescriptor socket) {
   assert(IsMainThread());
   const TWorkers client = std::make_shared<TPipeWorkers>(
       std::move(socket), TPipeSide::Server, FPipeName, std::string(), FMaxFrameSize.load(), *this);
-  client->Start();
-  const TKZLockGuard lock(FLock);
-  FClients.push_back(client);
+  {
+    const TKZLockGuard lock(FLock);
+    FClients.push_back(client);
+  }
+  try {
+    client->Start();
+  } catch (...) {
+    TakeClient(client->Connection().Serial());
+    throw;
+  }
 }
 
 // Both threads are joined before the disconnect is posted, so that it comes after all that they
@@ -124,13 +132,10 @@ TPipeEndpoint::TWorkers TPipeServer::TakeClient(std::int64_t serial) {
 }
 
 void TPipeServer::DoShutdown() {
-  if (FShuttingDown) return;
-  FShuttingDown = true;
   KZCP::Checkpoint("PipSrc.Shut1");
   if (FListener) FListener->Terminate();
   KZCP::Checkpoint("PipSrc.Shut2");
-  // The joins here and below run synchronise requests, and with them events.
-  FListener.reset();
+  if (!RemoveListenerThread()) return;
   KZCP::Checkpoint("PipSrc.Shut3");
   std::vector<TWorkers> clients;
   {
@@ -142,8 +147,21 @@ void TPipeServer::DoShutdown() {
   KZCP::Checkpoint("PipSrc.Shut5");
   for (const TWorkers& client : clients) RemoveClient(client);
   KZCP::Checkpoint("PipSrc.Shut6");
-  FShuttingDown = false;
   KZCP::Checkpoint("PipSrc.ShutX");
+}
+
+// The join runs events, which may free the server: its destructor joins the listener too, and this
+// returns false, and the server is not touched any more.
+bool TPipeServer::RemoveListenerThread() {
+  const std::shared_ptr<TKZThread> listener = FListener;
+  if (!listener) return true;
+  const std::weak_ptr<const void> life = Life();
+  FRemovingListener = true;
+  listener->Join();
+  if (life.expired()) return false;
+  FRemovingListener = false;
+  FListener = nullptr;
+  return true;
 }
 
 TPipeEndpoint::TWorkers TPipeServer::FindClient(std::int64_t pipe) const {

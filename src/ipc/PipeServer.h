@@ -41,11 +41,14 @@ class TPipeServer final : public TPipeEndpoint {
   void SetMaxFrameSize(std::uint32_t bytes) noexcept { FMaxFrameSize.store(bytes); }
 
   // Starts listening, or ends it and every connection. A listener that cannot listen says so in
-  // the error log and ends. While it is being switched off it counts as active, and what an event
-  // asks for meanwhile is left undone. Throws KZException when the path is too long, and
-  // ESystemError when the listener cannot be started. Main thread.
+  // the error log and ends; the server is then no longer active, and can be switched on again.
+  // While it is being switched off it counts as active, and what an event asks for meanwhile is
+  // left undone. Throws KZException when the path is too long, and ESystemError when the listener
+  // cannot be started. Main thread.
   void SetActive(bool active) KZ_EXCLUDES(FLock);
-  [[nodiscard]] bool Active() const noexcept { return FListener != nullptr || FShuttingDown; }
+  [[nodiscard]] bool Active() const noexcept {
+    return FRemovingListener || (FListener && !FListener->Finished());
+  }
 
   // Queues one frame for a client; false when there is no such pipe.
   bool Write(std::int64_t pipe, std::string_view payload) KZ_EXCLUDES(FLock);
@@ -66,6 +69,7 @@ class TPipeServer final : public TPipeEndpoint {
   void RemoveClient(const TWorkers& client);
   void ReportDisconnect(std::int64_t pipe);
   void DoShutdown() KZ_EXCLUDES(FLock);
+  bool RemoveListenerThread();
   TWorkers FindClient(std::int64_t pipe) const KZ_EXCLUDES(FLock);
   TWorkers TakeClient(std::int64_t serial) KZ_EXCLUDES(FLock);
 
@@ -74,8 +78,8 @@ class TPipeServer final : public TPipeEndpoint {
   // Main thread only, as far as the lock. Leaving are the removed clients whose disconnect was not
   // raised yet.
   std::string FPipeName = "PipeServer";
-  std::unique_ptr<TKZThread> FListener;
-  bool FShuttingDown = false;
+  std::shared_ptr<TKZThread> FListener;
+  bool FRemovingListener = false;
   std::vector<TWorkers> FLeaving;
   mutable TKZCriticalSection FLock{"PipeServerClients"};
   std::vector<TWorkers> FClients KZ_GUARDED_BY(FLock);

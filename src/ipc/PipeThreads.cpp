@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "common/AtEnd.h"
-#include "common/Exceptions.h"
+#include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exceptions/PipeCounters.h"
 #include "ipc/PipeObjects.h"
 
@@ -31,17 +31,25 @@ TPipeThread::TPipeThread(std::string name, const char* registeredAs, TRole role,
       FConnection(connection),
       FOwner(owner) {}
 
+// The reader posts the end after the last message, so that the owner hears of it after all that
+// came before. The numbers 1124 and 1125 are never posted: a failure shows as an end and nothing
+// else.
 void TPipeThread::Execute() {
+  KZCP::Checkpoint(Name());
   std::atomic<int>& live = LiveThreads(FConnection.Side());
   ++live;
-  const TAtEnd leave([&] { --live; });
+  const TAtEnd leave([&] {
+    FConnection.End();
+    if (FRole == TRole::Reader) {
+      FEnd.Post(FOwner, kMsgPipeWorkerEnded, FConnection.Pipe(), FConnection.Serial());
+    }
+    --live;
+  });
   try {
     FRole == TRole::Reader ? Read() : Write();
   } catch (...) {
     ReportPipeException(Name());
   }
-  FConnection.End();
-  if (FRole == TRole::Reader) ReportEnd();
 }
 
 void TPipeThread::Read() {
@@ -59,14 +67,6 @@ void TPipeThread::Write() {
     if (!FOwner.OnPipeSent.IsSet()) return;
     PostMessage(FOwner, kMsgPipeSent, FConnection.Pipe(), 0, static_cast<std::int64_t>(bytes));
   });
-}
-
-// Posts the end after the last message, so that the owner hears of it after all that came before.
-// The numbers 1124 and 1125 are never posted: a failure shows as an end and nothing else.
-void TPipeThread::ReportEnd() noexcept try {
-  PostMessage(FOwner, kMsgPipeWorkerEnded, FConnection.Pipe(), FConnection.Serial(), 0);
-} catch (...) {
-  WritePipeDiagnostic(Name() + " cannot report its end: " + CurrentExceptionMessage());
 }
 
 TPipeClientThread::TPipeClientThread(const std::string& pipeName, TRole role,
@@ -93,13 +93,14 @@ TPipeWorkers::TPipeWorkers(TFileDescriptor socket, TPipeSide side, const std::st
   FWriter = makeThread(TPipeThread::TRole::Writer);
 }
 
-TPipeWorkers::~TPipeWorkers() { FConnection->End(); }
+TPipeWorkers::~TPipeWorkers() { EndAndJoin(); }
 
 void TPipeWorkers::Start() {
   const TMutexLock lock(FStartLock);
   try {
-    FReader->Start();
+    // The reader last: it reports the beginning and the end.
     FWriter->Start();
+    FReader->Start();
   } catch (...) {
     FConnection->End();
     throw;
@@ -112,8 +113,8 @@ void TPipeWorkers::EndAndJoin() {
     // A connection may end while another thread is still starting its threads.
     const TMutexLock lock(FStartLock);
   }
-  FReader->Join();
-  FWriter->Join();
+  FReader->JoinWithoutRequests();
+  FWriter->JoinWithoutRequests();
 }
 
 }  // namespace guardian

@@ -27,13 +27,13 @@ class TPipeThread : public TKZThread {
   void Execute() override;
   void Read();
   void Write();
-  void ReportEnd() noexcept;
   void OnTerminate() override { FConnection.End(); }
 
   const TRegistration FRegistration;
   const TRole FRole;
   TPipeConnection& FConnection;
   TPipeEndpoint& FOwner;
+  TReservedMessage FEnd;  // So that no lack of memory keeps the end from the owner.
 };
 
 class TPipeClientThread final : public TPipeThread {
@@ -51,6 +51,7 @@ class TPipeServerThread final : public TPipeThread {
 };
 
 // A connection with its reader and its writer.
+// Neither thread ever waits for the main thread, so that joining them runs no event.
 // Owner: shared by the client or server and by those who wait for the threads; the last holder
 // joins them.
 // Threads: any but the two threads themselves.
@@ -62,8 +63,8 @@ class TPipeWorkers {
   TPipeWorkers(const TPipeWorkers&) = delete;
   TPipeWorkers& operator=(const TPipeWorkers&) = delete;
 
-  // Starts both threads. Throws ESystemError; the connection has then ended, and its end is not
-  // reported.
+  // Starts both threads. Throws ESystemError; the connection has then ended, and neither its
+  // beginning nor its end is reported.
   void Start() KZ_EXCLUDES(FStartLock);
 
   // Ends the connection and waits for both threads.

@@ -21,12 +21,18 @@ void TWriteQueue::Append(std::string_view payload) {
 std::optional<TPipeWrite> TWriteQueue::Dequeue() {
   const TKZLockGuard lock(FLock);
   if (FWrites.empty()) {
-    FDataEvent.Reset();
+    if (!FClosed) FDataEvent.Reset();
     return std::nullopt;
   }
   TPipeWrite write = std::move(FWrites.front());
   FWrites.pop_front();
   return write;
+}
+
+void TWriteQueue::Close() {
+  const TKZLockGuard lock(FLock);
+  FClosed = true;
+  FDataEvent.Signal();
 }
 
 std::size_t TWriteQueue::Count() {

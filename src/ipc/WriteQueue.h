@@ -39,17 +39,18 @@ class TWriteQueue {
   // Drops the oldest frames until at most this many are left.
   void Limit(std::size_t maxItems) KZ_EXCLUDES(FLock);
 
-  // Waits until there is a frame, Wake was called or the time is over. Call it after a Dequeue that
-  // gave nothing.
+  // Waits until there is a frame, the queue is closed or the time is over. Call it after a Dequeue
+  // that gave nothing.
   void WaitForData(std::chrono::milliseconds timeout) { FDataEvent.WaitFor(timeout); }
 
-  // Ends a wait that is under way. The next Dequeue that gives nothing forgets a Wake.
-  void Wake() { FDataEvent.Signal(); }
+  // From now on nobody waits. The frames stay.
+  void Close() KZ_EXCLUDES(FLock);
 
  private:
   TBufferPool FBuffers;
   TKZCriticalSection FLock{"WriteQueue"};
   std::deque<TPipeWrite> FWrites KZ_GUARDED_BY(FLock);
+  bool FClosed KZ_GUARDED_BY(FLock) = false;
   TKZEvent FDataEvent{"WriteQueueDataEvent", TEventReset::Manual};
   const TRegistration FRegistration{this, "WriteQueue"};
 };

@@ -1,5 +1,6 @@
 #include "ipc/KZUnixPipes.h"
 
+#include <dlfcn.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -10,6 +11,7 @@
 
 #include "common/AtEnd.h"
 #include "common/NamedMutex.h"
+#include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exceptions/PipeCounters.h"
 #include "ipc/MessageUnit.h"
 #include "support/ErrorLogInFolder.h"
@@ -31,6 +33,9 @@ std::string Frame(std::string_view payload) {
   AppendFrame(frame, payload);
   return frame;
 }
+
+// So many starts of threads until one fails; 0 for none.
+std::atomic<int> threadsUntilFailure = 0;
 
 class KZUnixPipesTest : public TUnitsTest {
  protected:
@@ -136,6 +141,7 @@ TEST_F(KZUnixPipesTest, CarriesFramesBothWays) {
 TEST_F(KZUnixPipesTest, TriesAgainEveryHalfSecondAsOftenAsTheTimeAllows) {
   EXPECT_FALSE(FClient->Connect(1'000'000)) << "at once, without a socket file";
   // The server comes in the pause between the first two tries, in which the main thread works.
+  bool freed = false;
   const auto connectWhileItComes = [&](int waitMs) {
     std::filesystem::remove(FSocketPath);
     RawSocket(::bind).Close();  // The file stays.
@@ -143,11 +149,15 @@ TEST_F(KZUnixPipesTest, TriesAgainEveryHalfSecondAsOftenAsTheTimeAllows) {
     const TCrew crew = AskMainThread([&] {
       std::filesystem::remove(FSocketPath);
       server = RawSocket(::bind);
+      if (freed) FClient.reset();
     });
-    return FClient->Connect(waitMs);
+    return FClient.get()->Connect(waitMs);
   };
   EXPECT_FALSE(connectWhileItComes(499));
   EXPECT_TRUE(connectWhileItComes(500));
+  FClient->Disconnect(TWait::Yes);
+  freed = true;
+  EXPECT_FALSE(connectWhileItComes(500));
 }
 
 TEST_F(KZUnixPipesTest, DoesNotHangOnAServerThatDoesNotAccept) {
@@ -229,6 +239,47 @@ TEST_F(KZUnixPipesTest, MayBeDisconnectedAndFreedInItsOwnEvents) {
   FServer->OnPipeConnect = [&](auto&, std::int64_t) { FServer.reset(); };
   ASSERT_TRUE(FClient->Connect(0));
   EXPECT_TRUE(Eventually([&] { return FServer == nullptr; }));
+  // In the wait for the listener's end, but for luck.
+  for (int round = 0; round < 10; ++round) {
+    FServer = std::make_unique<TPipeServer>();
+    ServeAndConnect();
+    const TCrew crew = AskMainThread([&] { FServer.reset(); });
+    FServer.get()->SetActive(false);
+  }
+}
+
+// Without one of its threads there is no connection, and nobody is told of any.
+TEST_F(KZUnixPipesTest, IsNotConnectedWhenAThreadCannotBeStarted) {
+  const TAtEnd restore([] { threadsUntilFailure = 0; });
+  FServer->OnPipeConnect = [&](auto&, std::int64_t) { FServerReceived.emplace_back("connect"); };
+  ServeAndConnect();
+  threadsUntilFailure = 2;
+  const TFileDescriptor peer = RawSocket(::connect);
+  pollfd end{.fd = peer.Get(), .events = POLLRDHUP, .revents = 0};
+  EXPECT_TRUE(Eventually([&] { return ::poll(&end, 1, 0) == 1; }));
+  for (const int failing : {1, 2}) {
+    threadsUntilFailure = failing;
+    TPipeClient refused;
+    refused.OnPipeDisconnect = FClient->OnPipeDisconnect;
+    EXPECT_FALSE(refused.Connect(0) || refused.Connected());
+    ProcessMessages();
+  }
+  EXPECT_TRUE(FServerReceived.size() == 1 && FClientDisconnects.empty() && FDisconnects == 0);
+}
+
+TEST_F(KZUnixPipesTest, ShowsWhereItsThreadsWait) {
+  KZCP::Init();
+  const TAtEnd fini([] { KZCP::Fini(); });
+  ServeAndConnect();
+  const auto waits = [](const char* mark) {
+    return Eventually([&] {
+      return KZCP::ThreadReport(KZCP::TReportHeader::Without).find(mark) != std::string::npos;
+    });
+  };
+  for (const char* mark : {"PipeListen:fpaccept[PipeServer]", "PipeRead:WaitSock#",
+                           "WaitforDataForSock#", "MessageDelivery:Wait"}) {
+    EXPECT_TRUE(waits(mark)) << mark;
+  }
 }
 
 // What each pipe went through, in the order of its events, whatever its peer did before it died.
@@ -330,29 +381,39 @@ TEST_F(KZUnixPipesTest, SaysWhyItCannotListenOrAcceptAndGoesOn) {
   const auto logSize = [&] { return std::filesystem::file_size(log.Folder().Path("error.log")); };
   std::filesystem::create_directory(FSocketPath);
   FServer->SetActive(true);
-  EXPECT_TRUE(Eventually([&] { return logSize() > 0; }));
-  FServer->SetActive(false);
+  EXPECT_TRUE(Eventually([&] { return !FServer->Active(); })) << "and can be switched on again";
   std::filesystem::remove(FSocketPath);
 
   // Without descriptors clients wait until there are some.
   ServeAndConnect();
   TPipeClient last;
+  TPipeServer other;
+  other.SetPipeName("other");
   rlimit limit{};
   ::getrlimit(RLIMIT_NOFILE, &limit);
   {
     const TAtEnd restore([&] { ::setrlimit(RLIMIT_NOFILE, &limit); });
-    const int next = ::dup(0);
-    ::close(next);
-    const rlimit one{.rlim_cur = static_cast<rlim_t>(next) + 1, .rlim_max = limit.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &one);
+    const auto leave = [&](int free) {
+      std::vector<TFileDescriptor> taken;
+      for (int i = 0; i < free; ++i) taken.emplace_back(::dup(0));
+      const rlimit few{.rlim_cur = static_cast<rlim_t>(taken.back().Get()) + 1,
+                       .rlim_max = limit.rlim_max};
+      ::setrlimit(RLIMIT_NOFILE, &few);
+    };
+    leave(2);  // For the request to end and the mutex.
+    other.SetActive(true);
+    EXPECT_TRUE(Eventually([&] { return !other.Active(); }));
+    leave(1);
     const auto before = logSize();
     EXPECT_TRUE(last.Connect(0));
     EXPECT_FALSE(TPipeClient().Connect(0));
     EXPECT_TRUE(Eventually([&] { return logSize() > before; }));
   }
   EXPECT_TRUE(Eventually([&] { return FServer->ClientCount() == 2; }));
-  EXPECT_THAT(log.Text(), AllOf(HasSubstr("listen on " + FSocketPath + ": Address already in use"),
-                                HasSubstr("accept on " + FSocketPath + ": Too many open files")));
+  EXPECT_THAT(log.Text(),
+              AllOf(HasSubstr("listen on " + FSocketPath + ": Address already in use"),
+                    HasSubstr("listen on " + FFolder.Path("other") + ": Too many open files"),
+                    HasSubstr("accept on " + FSocketPath + ": Too many open files")));
   EXPECT_TRUE(FClient->Connected()) << "a second of silence is no end";
 }
 
@@ -486,6 +547,9 @@ TEST(TWriteQueueTest, LosesItsOldestFramesAboveALimit) {
   queue.Limit(2);
   for (const char* each : {"b", "c"}) EXPECT_EQ(*queue.Dequeue()->Buffer, Frame(each));
   EXPECT_FALSE(queue.Dequeue());
+  queue.Close();
+  EXPECT_FALSE(queue.Dequeue());
+  queue.WaitForData(std::chrono::hours(1));  // The test's time limit would end it.
 }
 
 TEST(TBufferPoolTest, KeepsBuffersUpToItsLimits) {
@@ -513,3 +577,12 @@ TEST(TPayloadPoolTest, IsFullAboveSixteenMebibytesWithTheCostOfEachMessage) {
 
 }  // namespace
 }  // namespace guardian
+
+// In the place of the library's.
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                              void* (*work)(void*), void* argument) {
+  if (guardian::threadsUntilFailure > 0 && --guardian::threadsUntilFailure == 0) return EAGAIN;
+  static const auto next =
+      reinterpret_cast<decltype(&pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
+  return next(thread, attributes, work, argument);
+}

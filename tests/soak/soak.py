@@ -279,13 +279,6 @@ class Soak:
         require(not inherited, f"the daemon, PID {pid}, has inherited {', '.join(inherited)}")
 
 
-def keep_pages(installation):
-    for page in ("status.json", "threadreport.php", ""):
-        with open(installation.path(f"page-{page or 'main'}"), "w", encoding="utf-8") as file, \
-                contextlib.suppress(OSError, http.client.HTTPException):
-            file.write(fetch(page, 2))
-
-
 def main(bin_folder, minutes, seed, factor, slowness, only):
     folder = tempfile.mkdtemp(prefix="guardian-soak.")
     print(f"soak: seed {seed}, {minutes} minutes, time {factor}-fold, in {folder}")
@@ -296,7 +289,7 @@ def main(bin_folder, minutes, seed, factor, slowness, only):
         try:
             run.run(float(minutes), only)
         except Exception as failure:  # Whatever failed, the folder is kept.
-            keep_pages(installation)
+            installation.keep_pages()
             sys.exit(f'soak: VIOLATION during "{run.story}", seed {seed}, load '
                      f"{os.getloadavg()[0]}: {failure!r}; {run.summary()}; kept: {folder}")
     shutil.rmtree(folder)

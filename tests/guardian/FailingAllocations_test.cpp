@@ -1,0 +1,187 @@
+#include <cstdlib>
+#include <new>
+
+#include <gmock/gmock.h>
+
+#include "config/KZSqlIniFiles.h"
+#include "diagnostics/exception_report.h"
+#include "guardian/FakeSurroundings.h"
+#include "guardian/Units.h"
+#include "ipc/KZCustomApplication.h"
+#include "ipc/KZUnixPipes.h"
+#include "support/Eventually.h"
+#include "support/OpenDescriptors.h"
+#include "support/SettingsBackup.h"
+#include "support/TempFolder.h"
+#include "webstatus/HttpClient.h"
+#include "webstatus/WebStatusServer.h"
+
+namespace guardian {
+namespace {
+
+// So many allocations of the process until one fails; none from 0 on.
+std::atomic<int> allocationsUntilFailure = 0;
+
+bool HasFailed() { return allocationsUntilFailure <= 0; }
+
+std::size_t CountThreads() {
+  std::size_t count = 0;
+  for ([[maybe_unused]] const auto& each : std::filesystem::directory_iterator("/proc/self/task")) {
+    ++count;
+  }
+  return count;
+}
+
+// The n-th allocation of something that the Guardian does fails, for each n, or for every so many
+// unless FAILING_ALLOCATIONS is "all". What is done then may fail, but not end the process, wait
+// for ever or leave anything behind, and it works the next time.
+class FailingAllocationsTest : public testing::Test {
+ protected:
+  ~FailingAllocationsTest() override {
+    std::cout << FTried << " failing allocations tried\n";
+    FService.Stop();
+  }
+
+  void FailEach(int every, const std::function<void()>& act, const std::function<void()>& check) {
+    const char* wanted = std::getenv("FAILING_ALLOCATIONS");
+    if (wanted != nullptr && std::string_view(wanted) == "all") every = 1;
+    // What is made once is made here.
+    HandleException(FError, TLogToFiles::Yes, "first");
+    check();
+    const auto descriptors = OpenDescriptors().size();
+    const std::size_t threads = CountThreads();
+    bool failed = true;
+    for (int number = 1; failed && !HasFailure(); number += every) {
+      SCOPED_TRACE(number);
+      allocationsUntilFailure = number;
+      try {
+        act();
+      } catch (const std::exception&) {
+        EXPECT_TRUE(HasFailed()) << CurrentExceptionMessage();
+      }
+      failed = allocationsUntilFailure.exchange(0) <= 0;
+      check();
+      EXPECT_TRUE(Eventually(
+          [&] { return OpenDescriptors().size() <= descriptors && CountThreads() <= threads; }));
+      if (failed) ++FTried;
+    }
+  }
+
+  const std::exception_ptr FError = std::make_exception_ptr(KZException("on purpose"));
+  const TSettingsBackup FSettings{};
+  const TTempFolder FFolder;
+  const bool FSet = (Settings().LogDirectory.Set(FFolder.Path()), true);
+  TKZCustomApplication FApplication;
+  TUnits FUnits;
+  TFakeSurroundings FFakes;
+  std::vector<std::string> FRun;
+  TGuardianService FService{FFakes.Make([this](const std::string& command, int) {
+    FRun.push_back(command);
+    return TShellOutcome{"root 42 VellumarkCL\n", {}};
+  })};
+  int FTried = 0;
+};
+
+TEST_F(FailingAllocationsTest, ARound) {
+  FService.Start();
+  FService.Pause();
+  FFakes.Scheduler->MutexOK = false;  // So that each round looks for the process.
+  const auto tick = [&] {
+    FFakes.Clock.Advance(std::chrono::seconds(10));
+    FService.Tick();
+  };
+  FailEach(1, tick, [&] {
+    tick();
+    FRun.clear();
+    tick();
+    EXPECT_THAT(FRun, testing::ElementsAre(testing::StartsWith("ps -ef ")));
+  });
+}
+
+TEST_F(FailingAllocationsTest, EachPage) {
+  FService.Start();
+  FService.Pause();
+  TWebStatusServer server({.Guardian = &FService, .TerminateGuardian = [] {}, .Shell = {}});
+  server.StartServer();
+  for (const std::string page : {"", "status.php", "status.json", "metrics", "threadreport.php",
+                                 "logfiles.php", "overview.html", "startdaemon.php"}) {
+    SCOPED_TRACE(page);
+    const auto get = [&] {
+      return HttpGet("localhost:" + std::to_string(server.Port()) + "/" + page,
+                     std::chrono::seconds(30));
+    };
+    FailEach(
+        5, [&] { (void)get(); }, [&] { EXPECT_NO_THROW((void)get()); });
+  }
+  EXPECT_TRUE(server.StopServer());
+}
+
+TEST_F(FailingAllocationsTest, APipeMessageThereAndBack) {
+  SetPipeDirectory(FFolder.Path());
+  TPipeServer server;
+  server.OnPipeMessage = [&](auto&, std::int64_t pipe, std::string_view payload) {
+    server.Write(pipe, payload);
+  };
+  server.SetActive(true);
+  TPipeClient client;
+  int answers = 0;
+  client.OnPipeMessage = [&](auto&, std::int64_t, std::string_view) { ++answers; };
+  const auto answered = [&](const std::function<bool()>& enough) {
+    const int before = answers;
+    const bool connected = client.Connect(0) && client.Write(std::string(10'000, 'x'));
+    return connected && Eventually([&] { return answers > before || enough(); });
+  };
+  FailEach(
+      13, [&] { (void)answered(HasFailed); },
+      [&] {
+        EXPECT_TRUE(Eventually([&] { return answered([&] { return !client.Connected(); }); }));
+        client.Disconnect(TPipeClient::TWait::Yes);
+      });
+}
+
+TEST_F(FailingAllocationsTest, AStoreWriteAndARepair) {
+  const std::string file = FFolder.Path("x.cfg");
+  TKZSQLIniFile store(file);
+  int value = 0;
+  bool stored = false;
+  const auto check = [&] {
+    const std::string kept = TKZSQLIniFile(file).ReadString("s", "k", "none");
+    EXPECT_TRUE(!stored || kept == std::to_string(value)) << kept;
+    EXPECT_TRUE(store.TryWriteString("s", "k", std::to_string(++value)));
+  };
+  const auto write = [&] {
+    stored = false;
+    stored = store.TryWriteString("s", "k", std::to_string(++value));
+  };
+  FailEach(1, write, check);
+  const auto writeToGarbage = [&] {
+    store.CloseDatabase();
+    FFolder.Write("x.cfg", "this is no store any more");
+    write();
+  };
+  FailEach(31, writeToGarbage, check);
+}
+
+TEST_F(FailingAllocationsTest, StartAndStop) {
+  const auto live = [&] {
+    FService.Start();
+    TWebStatusServer server({.Guardian = &FService, .TerminateGuardian = [] {}, .Shell = {}});
+    server.StartServer();
+    EXPECT_TRUE(HasFailed() || server.Port() > 0);
+    EXPECT_TRUE(server.StopServer());
+    FService.Stop();
+  };
+  FailEach(7, live, live);
+}
+
+}  // namespace
+}  // namespace guardian
+
+void* operator new(std::size_t size) {
+  using guardian::allocationsUntilFailure;
+  if (allocationsUntilFailure > 0 && --allocationsUntilFailure == 0) throw std::bad_alloc();
+  if (void* memory = std::malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
