@@ -51,7 +51,7 @@ class TPieces {
   // NOLINTBEGIN(readability-identifier-naming): a loop over a range asks for these names.
   [[nodiscard]] const_iterator begin() const noexcept { return {FText, FSeparator, 0}; }
   [[nodiscard]] const_iterator end() const noexcept { return {}; }
-  // NOLINTEND(readability-identifier-naming)
+  // NOLINTEND(readability-identifier-naming): as above.
 
  private:
   const std::string_view FText;
