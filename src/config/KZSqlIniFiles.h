@@ -38,8 +38,9 @@ enum class TSectionCreation { No, IfMissing };
 // order never leaves less than before: the damaged file keeps its place until a checked new one
 // takes it, and is then kept under another name; deleted settings may come back, but no setting
 // that could be read is lost. A store that has the old file open finds the new one with its next
-// write, or after 50 ms with its next read. A database with other tables, a folder or a device is
-// left alone, and so is every file of a read-only store.
+// write, or after 50 ms with its next read. A database with other tables that has no good backup, a
+// folder or a device is left alone, and so is every file of a read-only store. A file that is
+// deleted is saved by the stores that have it open, unless another one was made in its place before.
 //
 // Backups: at UpdateFile, when the store is closed, and once an hour at a write, a store that has
 // written copies the file to the folder "CfgBackups" beside it, when the newest backup is older
@@ -54,7 +55,7 @@ enum class TSectionCreation { No, IfMissing };
 // Threads: any thread may call anything; the lock serialises the one connection and is held while a
 // statement runs and a failure line is written. A call waits for other connections at most
 // kSqlIniBusyTimeout at a time, a write three times that; one that repairs takes as long as a dump
-// takes, at most five minutes.
+// takes, at most five minutes, and as a look-up of each value does.
 // Lifetime: the clock outlives it. Not usable in a process forked from the one that opened it.
 class TKZSQLIniFile final : public TKZCustomINIFile {
  public:

@@ -15,10 +15,13 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
+#include "common/AtEnd.h"
 #include "common/Exceptions.h"
+#include "common/Progress.h"
 #include "webstatus/HttpMessage.h"
 
 namespace guardian {
@@ -34,6 +37,7 @@ constexpr std::size_t kKeptBufferBytes = 8192;  // What an idle connection may k
 constexpr std::size_t kFileChunkBytes = 65'536;
 constexpr std::size_t kMaxDrainBytes = 1'048'576;
 constexpr std::size_t kFewConnections = 8;
+constexpr std::string_view kWaits = "HTTPServer:Wait";
 
 }  // namespace
 
@@ -165,6 +169,8 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
   }
 
   THttpResponse ResponseTo(const THttpRequest& request) const {
+    const TAtEnd waits([] { NoteProgress(kWaits); });
+    NoteProgress("HTTPServer:" + request.Path);
     try {
       THttpResponse response = FAll.FHandler(request);
       if (response.Status >= 200 && response.Status <= 599) return response;
@@ -227,6 +233,8 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
     FAll.FThreads.CallBlocking(
         shared_from_this(),
         [this] {
+          const TAtEnd waits([] { NoteProgress(kWaits); });
+          NoteProgress("HTTPServer:Read");
           return RetryOnEintr([this] {
             return ::pread(FResponse.File.Get(), FChunk.data(), FChunk.size(),
                            static_cast<off_t>(FFileOffset));
