@@ -39,9 +39,9 @@ struct TCheckpointSwitches {
 //   KZCP::Checkpoint("PipCl.ReadOK");
 //
 // A thread is listed in ThreadCPList from its first checkpoint on until RemoveThread, and at the
-// latest until its end. The first checkpoint of a TThread is its name, passed at its start. Checkpoints that a thread passes while its thread-local objects are
-// destroyed are ignored.
-// Owner: process-wide. The entry calls Init at start-up, after the daemon has forked, and Fini at
+// latest until its end. The first checkpoint of a TThread is its name, passed at its start.
+// Checkpoints that a thread passes while its thread-local objects are destroyed are ignored. Owner:
+// process-wide. The entry calls Init at start-up, after the daemon has forked, and Fini at
 // shut-down; both can be called again and again. Before Init and after Fini checkpoints are kept,
 // but no thread is listed.
 // Threads: any thread may call anything but Init and Fini, which the main thread calls.
