@@ -79,6 +79,7 @@ class Installation:
         self.environment = {**os.environ, "TMPDIR": self.path("tmp"),
                             "VELLUMARKCL_HOME": self.path("home"), **variables}
         self.guardian = None
+        self.launcher = []  # The Guardian is run by this command.
         for name in ("home/logs", "tmp"):
             os.makedirs(self.path(name))
         shutil.copy2(os.path.join(bin_folder, guardian), self.guardian_path)
@@ -118,9 +119,9 @@ class Installation:
     # another open file is given.
     def start_guardian(self, output=None):
         with open(self.path("guardian.out"), "wb") as file:
-            self.guardian = subprocess.Popen([self.guardian_path], stdout=output or file,
-                                             stderr=subprocess.STDOUT, env=self.environment,
-                                             start_new_session=True)
+            self.guardian = subprocess.Popen([*self.launcher, self.guardian_path],
+                                             stdout=output or file, stderr=subprocess.STDOUT,
+                                             env=self.environment, start_new_session=True)
         await_that("the Guardian's answer", answers, 30, self.require_guardian)
 
     def require_guardian(self):

@@ -4,6 +4,7 @@
 
 import collections
 import contextlib
+import fcntl
 import glob
 import http.client
 import json
@@ -11,6 +12,8 @@ import os
 import random
 import re
 import shutil
+import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -36,27 +39,55 @@ DAEMON_MAY_OPEN = re.compile(r"(/dev/null|socket:\[\d+\]|.*/home/.*"
                              r"|anon_inode:\[(signalfd|eventfd|eventpoll)\])( \(deleted\))?")
 
 
-# With a temporary directory that can be full, where it can be mounted.
+# Nobody reads the Guardian's system log, nor its standard error, on which a sanitizer would report.
+# Where mounts are allowed, its temporary directory can be full.
 class SoakInstallation(Installation):
-    def __init__(self, bin_folder, folder, factor):
+    def __init__(self, bin_folder, folder, factor, has_sanitizer):
         super().__init__(bin_folder, folder, "FastGuardian", FAST_GUARDIAN_FACTOR=factor)
-        self._temp = self.path("tmp")
+        self._mount, self._temp = self.path("tmp"), self.path("tmp/now")
+        self.environment["TMPDIR"] = self._temp
+        self._leased = None
         self.order_faults()
         options = f"size={TEMP_BYTES},nr_inodes={TEMP_FILES},mode=0700"
-        self.mounted = subprocess.run(["mount", "-t", "tmpfs", "-o", options, "tmpfs", self._temp],
+        self.mounted = subprocess.run(["mount", "-t", "tmpfs", "-o", options, "tmpfs", self._mount],
                                       check=False, capture_output=True).returncode == 0
+        os.mkdir(self._temp)
+        if self.mounted:
+            self._silence_system_log()
+        if not has_sanitizer:
+            self._stuff_standard_error()
 
     def __exit__(self, *failure):
         super().__exit__(*failure)
         if self.mounted:
-            subprocess.run(["umount", self._temp], check=True)
+            subprocess.run(["umount", self._mount], check=True)
+
+    # In a mount namespace that is the Guardian's alone.
+    def _silence_system_log(self):
+        os.mkdir(self.path("dev"))
+        self._log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self._log.bind(self.path("dev/log"))
+        self.launcher += ["unshare", "--mount", "sh", "-c", f"cd '{self.path('dev')}' && "
+                          "for node in null urandom; do touch $node && "
+                          "mount --bind /dev/$node $node || exit; done; mount --rbind . /dev && "
+                          'exec "$0" "$@"']
+
+    def _stuff_standard_error(self):
+        os.mkfifo(self.path("stderr"))
+        self._full = os.open(self.path("stderr"), os.O_RDWR | os.O_NONBLOCK)
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                os.write(self._full, bytes(4096))
+        self.launcher += ["sh", "-c", f"exec \"$0\" 2<>'{self.path('stderr')}'"]
 
     # What the daemon inherits stays open in it, so that it can be seen.
     def order_faults(self, *words):
         super().order_faults("keep-open", *words)
 
     def temp_files(self):
-        return [name for name in os.listdir(self._temp) if not name.startswith("ballast")]
+        with contextlib.suppress(FileNotFoundError):
+            return [name for name in os.listdir(self._temp) if not name.startswith("ballast")]
+        return []
 
     # Not a byte more fits in, though a file does.
     def fill_temp(self):
@@ -71,8 +102,21 @@ class SoakInstallation(Installation):
             for number in range(TEMP_FILES + 1):
                 os.mknod(os.path.join(self._temp, f"ballast{number}"))
 
+    def lose_temp(self):
+        os.rename(self._temp, self.path("tmp/lost"))
+
+    # Opening the file would wait until the lease is given back, or for 45 seconds.
+    def lease_log(self):
+        signal.signal(signal.SIGIO, signal.SIG_IGN)
+        self._leased = open(self.path("home/logs/leased.log"), "w+", encoding="ascii")
+        fcntl.fcntl(self._leased, fcntl.F_SETLEASE, fcntl.F_WRLCK)
+
     def mend(self):
         self.order_faults()
+        if self._leased:
+            self._leased.close()
+        if not os.path.exists(self._temp):
+            os.rename(self.path("tmp/lost"), self._temp)
         for path in glob.glob(os.path.join(self._temp, "ballast*")):
             os.unlink(path)
 
@@ -282,7 +326,7 @@ class Soak:
 def main(bin_folder, minutes, seed, factor, slowness, only):
     folder = tempfile.mkdtemp(prefix="guardian-soak.")
     print(f"soak: seed {seed}, {minutes} minutes, time {factor}-fold, in {folder}")
-    with SoakInstallation(bin_folder, folder, factor) as installation:
+    with SoakInstallation(bin_folder, folder, factor, float(slowness) > 1) as installation:
         if not installation.mounted:
             print("soak: nothing can be mounted: the temporary directory is never full or unusable")
         run = Soak(installation, int(seed), int(factor), float(slowness))

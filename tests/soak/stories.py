@@ -95,6 +95,11 @@ def refused(run, bound):
         require(answer in said, f'a second Guardian with "{word}" said: {said[:200]!r}')
 
 
+def refused_log(run, bound):
+    text = fetch("vellumark_logs/leased.log", run.seconds(bound))
+    require("EXCPTION: " in text, f"a leased log: {text[:200]!r}")
+
+
 KILL = send(signal.SIGKILL)
 DEAD = Bound(1, 0, START)
 COMMANDS = NOTICE + STOP + START
@@ -123,10 +128,9 @@ STORIES = (
     Story("start refused", (order("start-fails"), KILL, wait(1, 4), call("mend")), restarted, DEAD),
     # A page's order is carried out after a second.
     Story("killed by page", (lambda _: fetch("killdaemon.php"),), restarted, Bound(2, 1, START)),
-    # The output of a command is lost, and nothing else.
     Story("temporary directory full", (call("fill_temp"), hold(1, 3), KILL), restarted, DEAD),
-    # No command can be run meanwhile.
-    Story("temporary directory unusable",
-          (call("use_up_temp"), hold(1, 2), KILL, wait(1, 3), call("mend")), restarted, DEAD),
+    Story("temporary directory unusable", (call("use_up_temp"), hold(1, 2), KILL), restarted, DEAD),
+    Story("temporary folder lost", (call("lose_temp"), hold(1, 2), KILL), restarted, DEAD),
+    Story("log leased", (call("lease_log"),), refused_log, Bound(0, 0, 2)),
     Story("second Guardian", (), refused, Bound(0, 0, 5)),
 )
