@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <boost/beast/core/string.hpp>
 #include <boost/beast/http/status.hpp>
 #include <ctime>
 
@@ -15,8 +14,8 @@ namespace {
 
 namespace http = boost::beast::http;
 
-bool EqualNames(std::string_view a, std::string_view b) {
-  return boost::beast::iequals({a.data(), a.size()}, {b.data(), b.size()});
+char LowerCaseOf(char c) noexcept {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
 std::string_view ReasonOf(int status) {
@@ -48,6 +47,17 @@ std::string HttpDate(TDateTime utc) {
 }
 
 }  // namespace
+
+std::string LowerCase(std::string_view text) {
+  std::string lower(text);
+  std::transform(lower.begin(), lower.end(), lower.begin(), LowerCaseOf);
+  return lower;
+}
+
+bool EqualNames(std::string_view a, std::string_view b) noexcept {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                    [](char x, char y) { return LowerCaseOf(x) == LowerCaseOf(y); });
+}
 
 std::optional<std::string_view> THttpRequest::Header(std::string_view name) const {
   for (const auto& [key, value] : Headers) {

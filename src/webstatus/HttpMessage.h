@@ -13,6 +13,10 @@
 
 namespace guardian {
 
+// Of the letters A to Z, as in names of headers and hosts.
+[[nodiscard]] std::string LowerCase(std::string_view text);
+[[nodiscard]] bool EqualNames(std::string_view a, std::string_view b) noexcept;
+
 struct THttpRequest {
   // The value of the first header of that name, in any case of letters; none when there is none.
   [[nodiscard]] std::optional<std::string_view> Header(std::string_view name) const;

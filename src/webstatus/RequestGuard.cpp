@@ -20,14 +20,6 @@ namespace {
 constexpr std::string_view kCookieName = "vellumark_guardian";
 constexpr const char* kHostsVariable = "VELLUMARK_GUARDIAN_HOSTS";
 
-std::string LowerCase(std::string_view text) {
-  std::string lower(text);
-  for (char& c : lower) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return lower;
-}
-
 // "NAS.Example.:8900" to "nas.example", "[::1]:8900" to "::1".
 std::string HostWithoutPort(std::string_view authority) {
   if (authority.starts_with('[')) {
@@ -59,7 +51,7 @@ std::string_view AuthorityOf(std::string_view url) {
 }
 
 bool SameAuthority(std::string_view a, std::string_view b) {
-  return !a.empty() && LowerCase(a) == LowerCase(b);
+  return !a.empty() && EqualNames(a, b);
 }
 
 THttpResponse Refusal(int status, std::string text) {
