@@ -123,6 +123,10 @@ class FailingCalls:
             yield
         finally:
             tracer.terminate()
+            # A tracer that does not come to its end lets go of everybody when it is killed.
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                tracer.wait(2)
+            tracer.kill()
             tracer.wait(10)
 
     def _is_traced(self, threads):
