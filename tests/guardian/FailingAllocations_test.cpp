@@ -28,9 +28,10 @@ auto CountThreads() {
   return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
 
-// The n-th allocation of something that the Guardian does fails, for each n, or for every so many
-// unless FAILING_ALLOCATIONS is "all". What is done then may fail, but not end the process, wait
-// for ever or leave anything behind, and it works the next time.
+// The n-th allocation of something that the Guardian does fails, for each n, or
+// for every so many unless FAILING_ALLOCATIONS is "all". What is done then may
+// fail, but not end the process, wait for ever or leave anything behind, and it
+// works the next time.
 class FailingAllocationsTest : public testing::Test {
  protected:
   ~FailingAllocationsTest() override {
@@ -132,6 +133,18 @@ TEST_F(FailingAllocationsTest, APipeMessageThereAndBack) {
       [&] {
         EXPECT_TRUE(Eventually([&] { return answered([&] { return !client.Connected(); }); }));
         client.Disconnect(TPipeClient::TWait::Yes);
+      });
+}
+
+TEST_F(FailingAllocationsTest, AnExceptionReport) {
+  const std::string failing = "failing";
+  int reports = 0;
+  FailEach(
+      3, [&] { HandleException(FError, TLogToFiles::Yes, failing); },
+      [&] {
+        const std::string where = "Where: later " + std::to_string(++reports);
+        HandleException(FError, TLogToFiles::Yes, where.substr(7));
+        EXPECT_NE(FFolder.Read("_Exceptions.log").find(where), std::string::npos);
       });
 }
 
