@@ -22,9 +22,12 @@ import psutil
 
 from installation import Failed, Installation, await_that, fetch, require
 
-FACTOR = 10  # The watchdog's time; a round is a second.
+# The watchdog's time; a round is a second. A lost wake-up of the main loop lasts 10 s by the machine's
+# time, which would be a dead daemon if the watchdog's went by much faster.
+FACTOR = 10
 CENSUS_ROUNDS = 16
 MOST = 6  # Calls of a kind in a thread; later ones repeat what the first ones did.
+TIMER, STARTED = "GuardianTimer", "started by GuardianTimer"
 PAGES = ("status.json", "", "status.php", "metrics", "threadreport.php", "logfiles.php",
          "logfiles.php?file=daemon.log")
 KINDS = {
@@ -72,10 +75,8 @@ class FailingCalls:
         threads = self._threads()
         with self._traced(threads, f"trace={','.join(kind_of)}"):
             self._let_rounds_go_by(CENSUS_ROUNDS)
-        for line in self._traces():
-            if found := re.match(r"(\d+) +(\w+)\(", line):
-                thread = threads.get(int(found[1]), "started by GuardianTimer")
-                calls[thread, int(found[1]), kind_of[found[2]]] += 1
+        for task, call in re.findall(r"^(\d+) +(\w+)\(", self._installation.read("strace.out"), re.M):
+            calls[threads.get(int(task), STARTED), task, kind_of[call]] += 1
         most = collections.defaultdict(int)
         for (thread, _, kind), count in calls.items():
             most[thread, kind] = max(most[thread, kind], min(count, MOST))
@@ -84,8 +85,8 @@ class FailingCalls:
 
     # Returns whether the call was made, and so failed.
     def try_point(self, point):
-        of_children = point.thread.startswith("started")
-        wanted = "GuardianTimer" if of_children else point.thread
+        of_children = point.thread == STARTED
+        wanted = TIMER if of_children else point.thread
         threads = {each: name for each, name in self._threads().items() if name == wanted}
         if not threads:
             return False
@@ -100,7 +101,7 @@ class FailingCalls:
     def _require_normal(self):
         self._installation.require_guardian()
         self._let_rounds_go_by(2)  # The round under way may be the one that failed.
-        await_that("all is well again", self._is_healthy, 10)
+        await_that("all is well again", self._is_healthy, 3)
         self._ask_all()
         pid = self._installation.daemon_pid()
         require(pid == self._pid, f"the daemon was ended without need: PID {self._pid}, now {pid}")
@@ -122,6 +123,10 @@ class FailingCalls:
             yield
         finally:
             tracer.terminate()
+            # A tracer that does not come to its end lets go of everybody when it is killed.
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                tracer.wait(2)
+            tracer.kill()
             tracer.wait(10)
 
     def _is_traced(self, threads):
@@ -140,11 +145,8 @@ class FailingCalls:
                 names[each.id] = self._task(each.id, "comm").strip()
         return names
 
-    def _traces(self):
-        return self._installation.read("strace.out").splitlines()
-
     def _has_failed(self):
-        return any("(INJECTED)" in line for line in self._traces())
+        return "(INJECTED)" in self._installation.read("strace.out")
 
     # Asks for the pages meanwhile, of which one may fail.
     def _let_rounds_go_by(self, count, until=lambda: False):

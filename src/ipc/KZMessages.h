@@ -58,10 +58,11 @@ void PostMessage(TKZMessageReceiverClass& receiver, std::uint32_t msg, std::int6
 void PostMessage(TKZMessageReceiverClass& receiver, std::uint32_t msg, std::int64_t wParam,
                  TMessagePayload payload);
 
+struct TMessageWrapper;
+
 // A message of which the memory is there beforehand, for news that no lack of memory may keep from
 // the receiver. Can be posted once; dropped as others are while the unit is not started. Threads:
 // not shared.
-struct TMessageWrapper;
 class TReservedMessage {
  public:
   TReservedMessage();

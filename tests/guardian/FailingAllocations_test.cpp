@@ -24,17 +24,14 @@ std::atomic<int> allocationsUntilFailure = 0;
 
 bool HasFailed() { return allocationsUntilFailure <= 0; }
 
-std::size_t CountThreads() {
-  std::size_t count = 0;
-  for ([[maybe_unused]] const auto& each : std::filesystem::directory_iterator("/proc/self/task")) {
-    ++count;
-  }
-  return count;
+auto CountThreads() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
 
-// The n-th allocation of something that the Guardian does fails, for each n, or for every so many
-// unless FAILING_ALLOCATIONS is "all". What is done then may fail, but not end the process, wait
-// for ever or leave anything behind, and it works the next time.
+// The n-th allocation of something that the Guardian does fails, for each n, or
+// for every so many unless FAILING_ALLOCATIONS is "all". What is done then may
+// fail, but not end the process, wait for ever or leave anything behind, and it
+// works the next time.
 class FailingAllocationsTest : public testing::Test {
  protected:
   ~FailingAllocationsTest() override {
@@ -49,7 +46,7 @@ class FailingAllocationsTest : public testing::Test {
     HandleException(FError, TLogToFiles::Yes, "first");
     check();
     const auto descriptors = OpenDescriptors().size();
-    const std::size_t threads = CountThreads();
+    const auto threads = CountThreads();
     bool failed = true;
     for (int number = 1; failed && !HasFailure(); number += every) {
       SCOPED_TRACE(number);
@@ -136,6 +133,18 @@ TEST_F(FailingAllocationsTest, APipeMessageThereAndBack) {
       [&] {
         EXPECT_TRUE(Eventually([&] { return answered([&] { return !client.Connected(); }); }));
         client.Disconnect(TPipeClient::TWait::Yes);
+      });
+}
+
+TEST_F(FailingAllocationsTest, AnExceptionReport) {
+  const std::string failing = "failing";
+  int reports = 0;
+  FailEach(
+      3, [&] { HandleException(FError, TLogToFiles::Yes, failing); },
+      [&] {
+        const std::string where = "Where: later " + std::to_string(++reports);
+        HandleException(FError, TLogToFiles::Yes, where.substr(7));
+        EXPECT_NE(FFolder.Read("_Exceptions.log").find(where), std::string::npos);
       });
 }
 
