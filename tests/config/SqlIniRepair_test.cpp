@@ -31,10 +31,10 @@ class TSqlIniRepairTest : public TSettingsStoreTest {
   TSqlIniRepairTest() {
     Open()->UpdateFile();
     const std::string count = "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i+1 FROM n) ";
-    Execute("INSERT INTO SECTIONS " + count + "SELECT 'section'||i, i+1 FROM n LIMIT 5;" +
+    Execute("INSERT INTO SECTIONS " + count + "SELECT 'section'||i, i*2+1 FROM n LIMIT 5;" +
             "INSERT INTO DATA " + count +
             "SELECT 'key'||i, NULL, 'old'||i||"
-            "hex(zeroblob(20+i%50/49*1500)), NULL, i%5+1 FROM n LIMIT " +
+            "hex(zeroblob(20+i%50/49*1500)), NULL, i%5*2+1 FROM n LIMIT " +
             std::to_string(kKeys));
     Execute(
         "INSERT INTO SECTIONS VALUES('gone', 99); INSERT INTO DATA VALUES('k', 'v', '', 999, 99)");
@@ -161,9 +161,7 @@ TEST_F(TSqlIniRepairTest, TakesADumpThatStoppedForDamageAndNoOther) {
     std::string Value;  // Of the dump.
   } cases[] = {
       {"fails at once", "exit 3", cut, false, ""},
-      {"is killed in the middle", rows + "kill -9 $$", cut, false, ""},
       {"meets a busy file", stopped("5"), "The dump failed: /**** ERROR: (5) text", false, ""},
-      {"meets an unknown error", stopped("111"), "The dump failed: ", false, ""},
       {"cannot be run", "exit 126", noTool + "6", true, ""},
       {"is missing", "exit 127", noTool + "7", true, ""},
       {"meets damage", stopped("11") + "exit 1", "", true, "a\nb"},
@@ -235,7 +233,6 @@ TEST_F(TSqlIniRepairTest, FindsTheSectionsOfKeysWhereverTheirNamesStand) {
   const std::string emptyIndex("\x0a\0\0\0\0\x08\0\0", 8);
   const std::string sectionIndex = "sqlite_autoindex_SECTIONS_1";
   const std::pair<std::string, std::function<void()>> cases[] = {
-      {"names in the index alone", [&] { OverwriteLeaf("SECTIONS", 0); }},
       {"names nowhere",
        [&] {
          OverwriteLeaf("SECTIONS", 0);
@@ -259,7 +256,7 @@ TEST_F(TSqlIniRepairTest, FindsTheSectionsOfKeysWhereverTheirNamesStand) {
       EXPECT_EQ(store->ReadString("section1", "new", ""), "v");
       EXPECT_EQ(store->ReadString("gone", "k", "none"), withBackup ? "v" : "none");
       if (name == "names nowhere" && !withBackup) {
-        EXPECT_EQ(store->ReadString("Recovered 3", "key2", ""), FStored[2]);
+        EXPECT_EQ(store->ReadString("Recovered 5", "key2", ""), FStored[2]);
       } else {
         ExpectValues(*store, FStored);
       }
