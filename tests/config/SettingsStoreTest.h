@@ -2,6 +2,7 @@
 
 #include <SQLiteCpp/Database.h>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
 #include <map>
 
@@ -29,9 +30,13 @@ class TImpatientClock final : public TFakeClock {
   std::function<void()> AtNextWait;
 };
 
+constexpr std::size_t kPageSize = 2048;
+
 // A folder with one settings file, and the error log in another folder.
 class TSettingsStoreTest : public testing::Test {
  protected:
+  ~TSettingsStoreTest() override { ::setenv("PATH", FPath.c_str(), 1); }
+
   [[nodiscard]] std::string File() const { return FFolder.Path("x.cfg"); }
   [[nodiscard]] std::string Backup(const std::string& ending) const {
     return FFolder.Path("CfgBackups/x.cfg" + ending);
@@ -51,9 +56,30 @@ class TSettingsStoreTest : public testing::Test {
     SQLite::Database(File(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE, 5000).exec(statements);
   }
 
+  // Damages one of the pages that hold the rows of a table or an index, by default as a disk does
+  // that loses a sector. The store is closed.
+  void OverwriteLeaf(const std::string& table, int number,
+                     const std::string& bytes = std::string(kPageSize, '\x0f')) const {
+    const std::string page =
+        Ask("SELECT pageno FROM dbstat WHERE name='" + table +
+            "' AND pagetype='leaf' ORDER BY path LIMIT 1 OFFSET " + std::to_string(number));
+    std::string content = FFolder.Read("x.cfg");
+    content.replace((std::stoul(page) - 1) * kPageSize, bytes.size(), bytes);
+    FFolder.Write("x.cfg", content);
+  }
+
+  // Puts a shell script in the place of SQLite's tool.
+  void UseTool(const std::string& script) const {
+    std::filesystem::create_directory(FFolder.Path("tool"));
+    FFolder.Write("tool/sqlite3", "#!/bin/sh\n" + script);
+    ::chmod(FFolder.Path("tool/sqlite3").c_str(), 0755);
+    ::setenv("PATH", (FFolder.Path("tool:") + FPath).c_str(), 1);
+  }
+
   // The failure lines so far.
   [[nodiscard]] std::string Lines() const { return FLog.Text(); }
 
+  const std::string FPath = ::getenv("PATH");
   TTempFolder FFolder;
   TImpatientClock FClock;
 

