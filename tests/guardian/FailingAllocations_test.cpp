@@ -24,12 +24,8 @@ std::atomic<int> allocationsUntilFailure = 0;
 
 bool HasFailed() { return allocationsUntilFailure <= 0; }
 
-std::size_t CountThreads() {
-  std::size_t count = 0;
-  for ([[maybe_unused]] const auto& each : std::filesystem::directory_iterator("/proc/self/task")) {
-    ++count;
-  }
-  return count;
+std::ptrdiff_t CountThreads() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
 
 // The n-th allocation of something that the Guardian does fails, for each n, or for every so many
@@ -49,7 +45,7 @@ class FailingAllocationsTest : public testing::Test {
     HandleException(FError, TLogToFiles::Yes, "first");
     check();
     const auto descriptors = OpenDescriptors().size();
-    const std::size_t threads = CountThreads();
+    const std::ptrdiff_t threads = CountThreads();
     bool failed = true;
     for (int number = 1; failed && !HasFailure(); number += every) {
       SCOPED_TRACE(number);
