@@ -1,7 +1,6 @@
 #include "common/FileDescriptor.h"
 
 #include <gtest/gtest.h>
-#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -11,7 +10,6 @@
 #include "common/TextFile.h"
 #include "support/ChildProcess.h"
 #include "support/Crew.h"
-#include "support/FakeClock.h"
 #include "support/OpenDescriptors.h"
 #include "support/Program.h"
 #include "support/ThrownMessage.h"
@@ -21,22 +19,6 @@ namespace {
 
 TFileDescriptor Opened(const std::string& file, int flags) {
   return TFileDescriptor(::open(file.c_str(), flags | O_CLOEXEC, 0600));
-}
-
-TEST(TFileDescriptorTest, ClosesWhatItOwnsOnce) {
-  const std::set<int> before = OpenDescriptors();
-  TFileDescriptor first = Opened("/dev/null", O_RDONLY);
-  const int number = first.Get();
-  TFileDescriptor moved(std::move(first));
-  EXPECT_FALSE(first);
-  EXPECT_TRUE(OpenDescriptors().contains(number));
-  moved = Opened("/dev/null", O_RDONLY);
-  EXPECT_FALSE(OpenDescriptors().contains(number)) << "assignment closes the old one";
-  const int second = moved.Release();
-  moved.Close();
-  EXPECT_TRUE(OpenDescriptors().contains(second)) << "released";
-  TFileDescriptor{second}.Close();
-  EXPECT_EQ(OpenDescriptors(), before);
 }
 
 std::atomic<int> interruptions = 0;
@@ -75,20 +57,6 @@ TEST(TFileDescriptorTest, WritesAndReadsAllThroughShortAndInterruptedCalls) {
   EXPECT_TRUE(received == sent);
 }
 
-TEST(TFileDescriptorTest, ReadsNoMoreThanItIsAllowedAndTellsErrors) {
-  const TTempFolder folder;
-  folder.Write("file", "0123456789");
-  const TFileDescriptor file = Opened(folder.Path("file"), O_RDONLY);
-  std::string text;
-  for (const char* expected : {"0123", "4567", "89", ""}) {
-    EXPECT_EQ(ReadToEnd(file.Get(), 4, text), 0);
-    EXPECT_EQ(text, expected);
-  }
-  EXPECT_EQ(WriteAll(file.Get(), "x"), EBADF) << "open for reading only";
-  EXPECT_EQ(WriteAll(Opened("/dev/full", O_WRONLY).Get(), "x"), ENOSPC);
-  EXPECT_EQ(ReadToEnd(Opened(folder.Path(), O_RDONLY).Get(), 6, text), EISDIR);
-}
-
 TEST(TextFileTest, OpensRegularFilesOnlyAndEndsWhatAFullDiskCuts) {
   const TTempFolder folder;
   folder.Write("file", "of others");
@@ -121,26 +89,9 @@ TEST(TextFileTest, OpensRegularFilesOnlyAndEndsWhatAFullDiskCuts) {
   ::signal(SIGXFSZ, SIG_DFL);
 }
 
-TEST(FileHandleTest, UnlocksAtOnceAndWaitsASecondForABorrower) {
-  const TTempFolder folder;
-  const auto lock = [&](const TFileDescriptor& file) {
-    return ::flock(file.Get(), LOCK_EX | LOCK_NB) == 0;
-  };
-  TFakeClock clock;
-  TFileDescriptor file = Opened(folder.Path("f"), O_RDWR | O_CREAT);
-  ASSERT_TRUE(lock(file));
-  const TFileHandle handle = AddFileObject(std::move(file));
-  const auto borrowed = BorrowFileObject(handle);
-  const std::int64_t start = clock.TickCount();
-  const TCrew closer(1, [&](int) { CloseHandle(handle, clock); });
-  EXPECT_TRUE(Eventually([&] { return lock(Opened(folder.Path("f"), O_RDWR)); }));
-  EXPECT_TRUE(Eventually([&] {
-    clock.Advance(std::chrono::milliseconds(50));
-    return closer.Finished();
-  }));
-  EXPECT_GE(clock.TickCount() - start, 1000);
-  EXPECT_EQ(BorrowFileObject(handle), nullptr);
-  EXPECT_EQ(OpenDescriptors().count(borrowed->Get()), 1U);
+TEST(FileHandleTest, ClosesAFileOnce) {
+  const TFileHandle handle = AddFileObject(Opened("/dev/null", O_RDONLY));
+  CloseHandle(handle);
   EXPECT_EQ(ThrownMessage([&] { CloseHandle(handle); }), "Invalid handle passed to CloseHandle");
 }
 

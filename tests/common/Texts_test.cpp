@@ -1,7 +1,6 @@
 #include "common/Texts.h"
 
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 
 #include <limits>
 
@@ -55,20 +54,6 @@ TEST(TextsTest, FormatsNumbers) {
                        &FormatByteSize);
   EXPECT_EQ(FormatFixed(1.005, 10, 2), "      1.00");
   EXPECT_EQ(FormatFixed(std::numeric_limits<double>::max(), 0, 2).size(), 312U);
-}
-
-// A list of these lines would take 16 times as much memory as the text.
-TEST(TextsTest, SplitsATextOfManyPiecesInItsPlace) {
-  const auto peakKiB = [] {
-    rusage usage{};
-    ::getrusage(RUSAGE_SELF, &usage);
-    return usage.ru_maxrss;
-  };
-  const std::string feeds(4'194'304, '\n');
-  const long before = peakKiB();
-  const TPieces pieces = Split(feeds, '\n');
-  EXPECT_EQ(std::distance(pieces.begin(), pieces.end()), 4'194'305);
-  EXPECT_LT(peakKiB() - before, 16'384);
 }
 
 TEST(TextsTest, CutsReplacesSplitsAndJoins) {

@@ -4,7 +4,6 @@ namespace guardian {
 namespace {
 
 using testing::ElementsAreArray;
-using testing::HasSubstr;
 
 using EscalationTest = GuardianSystemTest;
 
@@ -39,40 +38,20 @@ TEST_F(EscalationTest, GoesFromStopThroughTerminateToKillOnALostMutex) {
   ExpectOnPage(": MutexOK=Y, PipeStatusOK=Y, ServiceOK=Y");
 }
 
-// It holds its mutex and its pipe, and no signal but SIGKILL moves it.
-TEST_F(EscalationTest, KillsADaemonThatStandsStill) {
-  StartHealthy();
-  const pid_t pid = FInstallation.DaemonPid();
-  FInstallation.OrderFault("ignore-stop");
-  ASSERT_EQ(::kill(pid, SIGSTOP), 0);
-  ExpectAnotherDaemon(pid);
-  const std::string page = Page("");
-  EXPECT_THAT(page, HasSubstr("<br>Pipe failure counter = 6<br>"));
-  EXPECT_THAT(page, HasSubstr("<br>Executed kill -9 " + std::to_string(pid) + ", Result: <br>"));
-  // The next daemon takes its mutex a moment after its start.
-  const std::string before = page.substr(0, page.find("<br>Executed kill -9"));
-  EXPECT_TRUE(LogLines(before, {"Mutex failure counter = "}).empty()) << page;
-}
-
 TEST_F(EscalationTest, EachControlPageActsOnTheDaemon) {
   StartHealthy();
   const std::string pid = std::to_string(FInstallation.DaemonPid());
   const std::string daemon = FInstallation.DaemonPath();
   FInstallation.OrderFault("ignore-stop\nignore-term");
-  struct TControl {
-    const char* Page;
-    const char* Answer;
-    std::string Command;
-  };
-  for (const TControl& control : {
-           TControl{"stopdaemon.php", "VellumarkCL will be asked to stop.", daemon + " stop"},
+  for (const auto& [page, answer, command] : std::vector<std::array<std::string, 3>>{
+           {"stopdaemon.php", "VellumarkCL will be asked to stop.", daemon + " stop"},
            {"terminatedaemon.php", "STOP signal will be sent to VellumarkCL", "kill " + pid},
            {"startdaemon.php", "VellumarkCL will be started", daemon + " start"},
            {"killdaemon.php", "KILL signal will be sent to VellumarkCL", "kill -9 " + pid},
        }) {
-    EXPECT_EQ(std::to_string(FInstallation.DaemonPid()), pid) << "before " << control.Page;
-    EXPECT_EQ(Page(control.Page), control.Answer);
-    ExpectOnPage("<br>Executed " + control.Command + ", Result: ");
+    EXPECT_EQ(std::to_string(FInstallation.DaemonPid()), pid) << "before " << page;
+    EXPECT_EQ(Page(page), answer);
+    ExpectOnPage("<br>Executed " + command + ", Result: ");
   }
   ExpectInDaemonLog(" ignored");
   ExpectAnotherDaemon(std::stoi(pid));

@@ -121,9 +121,15 @@ TEST_F(GuardianSystemTest, WatchesOnInAWorldThatStandsStill) {
   EXPECT_EQ(FGuardian->Wait(), 0);
 }
 
-// In its loop, while the handshake's command hangs, and while a command of a round does.
+// In its loop, after a handshake that fails or floods, and while a command of either hangs.
 TEST_F(GuardianSystemTest, EndsOnSignalsInEveryState) {
-  for (const char* fault : {"", "hang-paths", "hang-stop"}) {
+  for (const auto& [fault, state] : std::vector<std::array<std::string, 2>>{
+           {"", "MutexOK=Y, PipeStatusOK=Y, ServiceOK=Y"},
+           {"no-mutex-path", "WARNING: Mutex Path Not Received from VellumarkCL<br>"},
+           {"paths-flood", "Inactive: GotPaths=N, GetPathsError=Y<br><br>"},
+           {"hang-paths", "A command hangs"},
+           {"hang-stop", "A command hangs"},
+       }) {
     for (const int number : {SIGTERM, SIGINT}) {
       SCOPED_TRACE(fault + std::to_string(number));
       FInstallation.OrderFault("");
@@ -132,8 +138,8 @@ TEST_F(GuardianSystemTest, EndsOnSignalsInEveryState) {
       FInstallation.OrderFault(fault);
       FGuardian = FInstallation.Run({FInstallation.GuardianPath()});
       ASSERT_TRUE(Eventually([&] {
-        const bool answers = !Page("stopdaemon.php").empty();
-        return *fault == '\0' ? answers : Contains(FInstallation.DaemonLog(), "A command hangs");
+        if (fault == "hang-stop") Page("stopdaemon.php");
+        return Contains(Page("") + FInstallation.DaemonLog(), state);
       }));
       FGuardian->Signal(number);
       ExpectEnded();
@@ -141,15 +147,42 @@ TEST_F(GuardianSystemTest, EndsOnSignalsInEveryState) {
   }
 }
 
-TEST_F(GuardianSystemTest, RunsOnWithAHandshakeThatFailsOrFloods) {
-  for (const char* fault : {"no-mutex-path", "paths-flood"}) {
-    FInstallation.OrderFault(fault);
-    StartGuardian();
-    EXPECT_THAT(Page(""), HasSubstr("Inactive: GotPaths=N, GetPathsError=Y<br><br>")) << fault;
-    EXPECT_THAT(Page(""), HasSubstr("WARNING: Mutex Path Not Received from VellumarkCL<br>"));
-    EXPECT_EQ(Command("stop"), "Stopping Guardian Service.\nGuardian stopped.\n");
-    ExpectEnded();
-  }
+// Reads both pages as programs do, and prints what they agree on.
+constexpr const char* kParser = R"(
+import json, sys
+from prometheus_client.openmetrics.parser import text_string_to_metric_families as parse
+status = json.load(open(sys.argv[1]))
+metrics = {(sample.name.removeprefix("vellumark_guardian_"), *sample.labels.values()): sample.value
+           for family in parse(open(sys.argv[2]).read()) for sample in family.samples}
+assert metrics["build_info", status["version"], str(status["build"])] == 1
+for name in "mutex", "pipe", "service":
+    assert metrics["check_ok", name] == status["checks"][name], name
+    print(name, status["checks"][name])
+for name, action in status["actions"].items():
+    assert metrics["actions_total", name] == action["total"], name
+    print(name, action["total"])
+print("pid", status["daemon"]["pid"])
+)";
+
+TEST_F(GuardianSystemTest, MachinePagesTellTheSameToTheirParsersAndFollowARestart) {
+  StartHealthy();
+  const pid_t before = FInstallation.DaemonPid();
+  ASSERT_TRUE(FInstallation.KillDaemon());
+  ExpectAnotherDaemon(before);
+  const TTempFolder& folder = FInstallation.Folder();
+  const std::string expected =
+      "mutex True\npipe True\nservice True\nstart 1\nstop 0\nterminate 0\nkill 0\npid " +
+      std::to_string(FInstallation.DaemonPid()) + "\n";
+  std::string parsed;
+  EXPECT_TRUE(Eventually([&] {
+    folder.Write("status.json", Page("status.json"));
+    folder.Write("metrics", Page("metrics"));
+    TProgram parser(
+        {"/usr/bin/python3", "-c", kParser, folder.Path("status.json"), folder.Path("metrics")});
+    (void)parser.Wait();
+    parsed = parser.Output();
+    return parsed == expected;
+  })) << parsed;
 }
 
 TEST_F(GuardianSystemTest, ShowsEachThreadAndLeavesAReportWhereTheDaemonsLogsAreWhenItCrashes) {
