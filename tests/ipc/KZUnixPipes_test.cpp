@@ -517,8 +517,6 @@ TEST(TFrameParserTest, KeepsTheMemoryOfItsReads) {
 TEST(TWriteQueueTest, LosesItsOldestFramesAboveALimit) {
   TWriteQueue queue;
   for (const char* each : {"a", "b", "c"}) queue.Append(each);
-  queue.Limit(3);
-  EXPECT_EQ(queue.Count(), 3U);
   queue.Limit(2);
   for (const char* each : {"b", "c"}) EXPECT_EQ(*queue.Dequeue()->Buffer, Frame(each));
   EXPECT_FALSE(queue.Dequeue());
