@@ -30,9 +30,7 @@ TEST(RequestGuardTest, AnswersToTheNamesOfThisMachineAlone) {
   for (const char* const foreign :
        {"rebind.attacker.example:8900", "nas.example.com.attacker.example", "xguardian.example.org",
         "192.0.2.7.attacker.example", "local.attacker", "[]", "", "user@nas", "<b>"}) {
-    SCOPED_TRACE(foreign);
-    ASSERT_TRUE(refusal(foreign));
-    EXPECT_EQ(refusal(foreign)->Status, 421);
+    EXPECT_EQ(refusal(foreign).value_or(THttpResponse()).Status, 421) << foreign;
   }
   EXPECT_EQ(
       refusal("Box.Attacker.example:8900")->Body,
@@ -68,9 +66,8 @@ TEST(RequestGuardTest, ActsForItsOwnPagesTypedAddressesAndProgramsAlone) {
       {"no origin", {{"Origin", "null"}, {"Referer", "http://nas:8900/"}}, 403},
       {"own page by Referer", {{"User-Agent", kBrowser}, {"Referer", "http://nas:8900/x?y"}}, 200},
       {"another port by Referer", {{"Referer", "http://nas:8080/"}}, 403},
-      {"foreign Referer", {{"Referer", "http://attacker.example/http://nas:8900/"}}, 403},
       {"foreign Referer with a cookie",
-       {{"Referer", "http://attacker.example/"}, {"Cookie", cookie}},
+       {{"Referer", "http://attacker.example/http://nas:8900/"}, {"Cookie", cookie}},
        403},
       {"typed after a visit", {{"User-Agent", kBrowser}, {"Cookie", "a=b;  " + cookie}}, 200},
       {"somebody's cookie", {{"User-Agent", kBrowser}, {"Cookie", cookie + "x; a=" + cookie}}, 403},
@@ -79,8 +76,7 @@ TEST(RequestGuardTest, ActsForItsOwnPagesTypedAddressesAndProgramsAlone) {
       {"web socket", {{"Upgrade", "websocket"}}, 403},
   };
   for (const auto& item : cases) {
-    const auto refused = refusal(item.Headers);
-    EXPECT_EQ(refused ? refused->Status : 200, item.Status) << item.Name;
+    EXPECT_EQ(refusal(item.Headers).value_or(THttpResponse()).Status, item.Status) << item.Name;
   }
   EXPECT_THAT(refusal({{"User-Agent", kBrowser}})->Body, testing::HasSubstr("<a HREF=\"/\">"));
 }
