@@ -162,10 +162,10 @@ class Soak:
             self._rest()
 
     def _await_healthy(self):
-        def is_healthy():
+        def is_well():
             self.require_same_daemon()
             return is_healthy(self._status) and self._status["daemon"]["pid"] == str(self.pid)
-        self.await_that("all is well again", is_healthy, HEALTHY)
+        self.await_that("all is well again", is_well, HEALTHY)
         starts = self.installation.read("home/logs/daemon.log").count(": Started, PID ")
         require(starts == self.starts, f"{starts} starts of the daemon instead of {self.starts}")
 
