@@ -20,7 +20,7 @@ import time
 
 import psutil
 
-from installation import Failed, Installation, await_that, fetch, require
+from installation import PAGES, Failed, Installation, await_that, fetch, is_healthy, require
 
 # The watchdog's time; a round is a second. A lost wake-up of the main loop lasts 10 s by the machine's
 # time, which would be a dead daemon if the watchdog's went by much faster.
@@ -28,8 +28,6 @@ FACTOR = 10
 CENSUS_ROUNDS = 16
 MOST = 6  # Calls of a kind in a thread; later ones repeat what the first ones did.
 TIMER, STARTED = "GuardianTimer", "started by GuardianTimer"
-PAGES = ("status.json", "", "status.php", "metrics", "threadreport.php", "logfiles.php",
-         "logfiles.php?file=daemon.log")
 KINDS = {
     "open,openat": ("EMFILE", "EACCES"),
     "read,pread64,readv": ("EIO", "EINTR"),
@@ -59,7 +57,7 @@ class FailingCalls:
     def start(self):
         self._installation.start_guardian()
         self._guardian = psutil.Process(self._installation.guardian.pid)
-        await_that("all is well", self._is_healthy, 20)
+        await_that("all is well", lambda: is_healthy(self._status()), 20)
         self._pid = self._installation.daemon_pid()
         self._ask_all()
         usages = collections.Counter()
@@ -101,10 +99,9 @@ class FailingCalls:
     def _require_normal(self):
         self._installation.require_guardian()
         self._let_rounds_go_by(2)  # The round under way may be the one that failed.
-        await_that("all is well again", self._is_healthy, 3)
+        await_that("all is well again", lambda: is_healthy(self._status()), 10)
         self._ask_all()
-        pid = self._installation.daemon_pid()
-        require(pid == self._pid, f"the daemon was ended without need: PID {self._pid}, now {pid}")
+        self._installation.require_daemon(self._pid)
         await_that(f"descriptors, threads and children are {self._usage}, now {self._usage_now()}",
                    lambda: self._usage_now() == self._usage, 10)
 
@@ -170,10 +167,6 @@ class FailingCalls:
         with contextlib.suppress(OSError, http.client.HTTPException, ValueError):
             return json.loads(fetch("status.json", 3))
         return json.loads(fetch("status.json", 3))
-
-    def _is_healthy(self):
-        status = self._status()
-        return all(status["checks"][name] for name in ("mutex", "pipe", "service"))
 
     # Without what a connection to the daemon has.
     def _usage_now(self):

@@ -17,6 +17,8 @@ import psutil
 
 PORT = 8900
 POLL_SECONDS = 0.05
+PAGES = ("status.json", "", "status.php", "metrics", "threadreport.php", "logfiles.php",
+         "vellumark_logs/daemon.log")
 _PR_SET_CHILD_SUBREAPER = 36
 # Without a proxy.
 _OPENER = urllib.request.build_opener(urllib.request.ProxyHandler({}))
@@ -48,6 +50,11 @@ def await_that(what, condition, limit_seconds, meanwhile=lambda: None):
 def fetch(page="", limit_seconds=10):
     with _OPENER.open(f"http://127.0.0.1:{PORT}/{page}", timeout=limit_seconds) as answer:
         return answer.read().decode("utf-8", "replace")
+
+
+# Whether status.json tells that all is well with the daemon.
+def is_healthy(status):
+    return all(status["checks"][name] for name in ("mutex", "pipe", "service"))
 
 
 def answers():
@@ -141,6 +148,10 @@ class Installation:
             return int(pid) if os.readlink(f"/proc/{pid}/exe") == self.daemon_path else 0
         except (OSError, ValueError):
             return 0
+
+    def require_daemon(self, pid):
+        now = self.daemon_pid()
+        require(now == pid, f"the daemon was ended without need: PID {pid}, now {now}")
 
     # Replaces what was ordered of the stand-in before; none withdraws it.
     def order_faults(self, *words):

@@ -47,6 +47,7 @@ inline TCrew AskMainThread(const std::function<void()>& function) {
 class TRecorder : public TKZMessageReceiverClass {
  public:
   void WndMethod(TKZMessage& message) override {
+    EXPECT_TRUE(IsMainThread());
     Received.push_back(message.WParam);
     if (OnMessage) OnMessage(message);
   }

@@ -21,10 +21,10 @@ import time
 
 import psutil
 
-from installation import POLL_SECONDS, Failed, Installation, await_that, fetch, require
+from installation import (PAGES, POLL_SECONDS, Failed, Installation, await_that, fetch, is_healthy,
+                          require)
 from stories import DEAD, KILL, LOOK, SILENCE, STORIES, TICK, Bound, restarted
 
-PAGES = ("status.json", "", "status.php", "metrics", "logfiles.php", "threadreport.php")
 PAGE_LIMIT = 1.0
 # The longest round: a "stop" that hangs for 20 + 2 seconds, a look of 5 + 2, a connect of 5.
 ROUND = Bound(1, 0, 36)
@@ -156,8 +156,7 @@ class Soak:
             time.sleep(POLL_SECONDS)
 
     def require_same_daemon(self):
-        pid = self.installation.daemon_pid()
-        require(pid == self.pid, f"the daemon was ended without need: PID {self.pid}, now {pid}")
+        self.installation.require_daemon(self.pid)
 
     def run(self, minutes, only):
         self.installation.start_guardian()
@@ -207,12 +206,10 @@ class Soak:
             self._rest()
 
     def _await_healthy(self):
-        def is_healthy():
+        def is_well():
             self.require_same_daemon()
-            checks = self._status["checks"]
-            return all(checks[name] for name in ("mutex", "pipe", "service")) \
-                and self._status["daemon"]["pid"] == str(self.pid)
-        self.await_that("all is well again", is_healthy, HEALTHY)
+            return is_healthy(self._status) and self._status["daemon"]["pid"] == str(self.pid)
+        self.await_that("all is well again", is_well, HEALTHY)
         starts = self.installation.read("home/logs/daemon.log").count(": Started, PID ")
         require(starts == self.starts, f"{starts} starts of the daemon instead of {self.starts}")
 

@@ -154,14 +154,10 @@ TEST_F(HttpServerTest, AnswersEachRequestAndClosesAfterTheLast) {
       {"GET / HTTP/1.0\r\n\r\n" + kNever, 200, "hello"},
       {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n" + kNever, 200, "hello"},
       {"GET / HTTP/1.1\r\nContent-Length: 24\r\n\r\n" + kNever, 200, "hello"},
-      {"GET / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", 200, "hello"},
       {"POST / HTTP/1.1\r\nContent-Length: 3\r\n\r\nabc" + kNever, 405, refused},
       {"POST / HTTP/1.1\r\nContent-Length: 500000\r\n\r\n" + Pattern(500'000), 405, refused},
       {std::string("\x16\x03\x01\x02\x00\x01\x00", 7), 400, bad},
-      {"GET / HTTP/2.0\r\n\r\n", 400, bad},
-      {"GET / HTTP/1.1\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\n", 400, bad},
       {"GET / HTTP/1.1\r\nHost: x\r\nHost: x\r\n\r\n" + kNever, 400, bad},
-      {"GET / HTTP/1.1\r\nTransfer-Encoding: zip\r\n\r\n" + kNever, 400, bad},
   };
   for (const auto& item : cases) {
     SCOPED_TRACE(item.Request.substr(0, 80));
@@ -485,12 +481,8 @@ TEST(HttpClientTest, ReadsAnswersOrTellsWhyItFailed) {
       {"HTTP/1.1 400 Bad\r\n\r\n", TThen::Close, "", "answered 400"},
       {Ok("Content-Length: 16777216\r\n\r\n" + largest), TThen::Close, "200 16777216", ""},
       {Ok("\r\n" + largest + "x"), TThen::Hold, "", "body limit exceeded"},
-      {Ok("A: " + std::string(65'000, 'x') + "\r\n\r\n"), TThen::Close, "200 ", ""},
       {Ok("A: " + std::string(66'000, 'x')), TThen::Hold, "", "header limit exceeded"},
-      {"SSH-2.0-OpenSSH\r\n", TThen::Hold, "", "bad version"},
-      {Ok("Content-Length: 6\r\n\r\nhello"), TThen::Close, "", "partial message"},
       {"", TThen::Close, "", "end of stream"},
-      {"", TThen::Hold, "", "timed out after 50 ms", milliseconds(50)},
       {Ok("\r\n"), TThen::Drip, "", "timed out after 50 ms", milliseconds(50)},
   };
   for (const auto& item : cases) {

@@ -14,57 +14,37 @@ const TRequestGuard& Guard() {
   return guard;
 }
 
-int StatusOf(const std::optional<THttpResponse>& refusal) {
-  return refusal ? refusal->Status : 200;
-}
-
 TEST(RequestGuardTest, AnswersToTheNamesOfThisMachineAlone) {
-  const struct {
-    const char* Host;
-    int Status;
-  } cases[] = {
-      {"192.0.2.7", 200},
-      {"192.0.2.7:8900", 200},
-      {"[2001:db8::7]:8900", 200},
-      {"[::1]", 200},
-      {"localhost:8900", 200},
-      {"LocalHost.", 200},
-      {"nas", 200},
-      {"another-box", 200},
-      {"NAS.example.com.:8900", 200},
-      {"guardian.example.org", 200},
-      {"box.local", 200},
-      {"box.lan", 200},
-      {"box.home.arpa", 200},
-      {"box.internal", 200},
-      {"rebind.attacker.example:8900", 421},
-      {"nas.example.com.attacker.example", 421},
-      {"xguardian.example.org", 421},
-      {"192.0.2.7.attacker.example", 421},
-      {"local.attacker", 421},
-      {"[::1", 200},
-      {"[]", 421},
-      {"", 421},
-      {"user@nas", 421},
-      {"<b>", 421},
-  };
-  for (const auto& item : cases) {
-    SCOPED_TRACE(item.Host);
+  const auto refusal = [](const std::string& host) {
     THttpRequest request;
-    request.Headers = {{"hOST", item.Host}};
-    EXPECT_EQ(StatusOf(Guard().RefuseHost(request)), item.Status);
+    request.Headers = {{"hOST", host}};
+    return Guard().RefuseHost(request);
+  };
+  for (const char* const own :
+       {"192.0.2.7", "192.0.2.7:8900", "[2001:db8::7]:8900", "[::1]", "[::1", "localhost:8900",
+        "LocalHost.", "nas", "another-box", "NAS.example.com.:8900", "guardian.example.org",
+        "box.local", "box.lan", "box.home.arpa", "box.internal"}) {
+    EXPECT_FALSE(refusal(own)) << own;
   }
-  EXPECT_EQ(StatusOf(Guard().RefuseHost({})), 200) << "a bare client";
-
-  THttpRequest request;
-  request.Headers = {{"Host", "Box.Attacker.example:8900"}};
+  EXPECT_FALSE(Guard().RefuseHost({})) << "a bare client";
+  for (const char* const foreign :
+       {"rebind.attacker.example:8900", "nas.example.com.attacker.example", "xguardian.example.org",
+        "192.0.2.7.attacker.example", "local.attacker", "[]", "", "user@nas", "<b>"}) {
+    EXPECT_EQ(refusal(foreign).value_or(THttpResponse()).Status, 421) << foreign;
+  }
   EXPECT_EQ(
-      Guard().RefuseHost(request)->Body,
+      refusal("Box.Attacker.example:8900")->Body,
       "The Guardian does not answer to the name \"box.attacker.example\". To allow it, add it "
       "to VELLUMARK_GUARDIAN_HOSTS.");
 }
 
 TEST(RequestGuardTest, ActsForItsOwnPagesTypedAddressesAndProgramsAlone) {
+  const auto refusal = [](const THeaders& headers) {
+    THttpRequest request;
+    request.Headers = headers;
+    request.Headers.emplace_back("Host", "nas:8900");
+    return Guard().RefuseAction(request);
+  };
   const std::string cookie = "vellumark_guardian=secret";
   const struct {
     const char* Name;
@@ -86,9 +66,8 @@ TEST(RequestGuardTest, ActsForItsOwnPagesTypedAddressesAndProgramsAlone) {
       {"no origin", {{"Origin", "null"}, {"Referer", "http://nas:8900/"}}, 403},
       {"own page by Referer", {{"User-Agent", kBrowser}, {"Referer", "http://nas:8900/x?y"}}, 200},
       {"another port by Referer", {{"Referer", "http://nas:8080/"}}, 403},
-      {"foreign Referer", {{"Referer", "http://attacker.example/http://nas:8900/"}}, 403},
       {"foreign Referer with a cookie",
-       {{"Referer", "http://attacker.example/"}, {"Cookie", cookie}},
+       {{"Referer", "http://attacker.example/http://nas:8900/"}, {"Cookie", cookie}},
        403},
       {"typed after a visit", {{"User-Agent", kBrowser}, {"Cookie", "a=b;  " + cookie}}, 200},
       {"somebody's cookie", {{"User-Agent", kBrowser}, {"Cookie", cookie + "x; a=" + cookie}}, 403},
@@ -97,18 +76,9 @@ TEST(RequestGuardTest, ActsForItsOwnPagesTypedAddressesAndProgramsAlone) {
       {"web socket", {{"Upgrade", "websocket"}}, 403},
   };
   for (const auto& item : cases) {
-    SCOPED_TRACE(item.Name);
-    THttpRequest request;
-    request.Headers = item.Headers;
-    request.Headers.emplace_back("Host", "nas:8900");
-    EXPECT_EQ(StatusOf(Guard().RefuseAction(request)), item.Status);
+    EXPECT_EQ(refusal(item.Headers).value_or(THttpResponse()).Status, item.Status) << item.Name;
   }
-}
-
-TEST(RequestGuardTest, TellsABrowserWithoutMarksWhereToClick) {
-  THttpRequest request;
-  request.Headers = {{"User-Agent", kBrowser}};
-  EXPECT_THAT(Guard().RefuseAction(request)->Body, testing::HasSubstr("<a HREF=\"/\">"));
+  EXPECT_THAT(refusal({{"User-Agent", kBrowser}})->Body, testing::HasSubstr("<a HREF=\"/\">"));
 }
 
 TEST(RequestGuardTest, KnowsASecretOfItsOwnInEachProcess) {
