@@ -40,7 +40,8 @@ enum class TSectionCreation { No, IfMissing };
 // that could be read is lost. A store that has the old file open finds the new one with its next
 // write, or after 50 ms with its next read. A database with other tables that has no good backup, a
 // folder or a device is left alone, and so is every file of a read-only store. A file that is
-// deleted is saved by the stores that have it open, unless another one was made in its place before.
+// deleted is saved by the stores that have it open, unless another one was made in its place
+// before.
 //
 // Backups: at UpdateFile, when the store is closed, and once an hour at a write, a store that has
 // written copies the file to the folder "CfgBackups" beside it, when the newest backup is older
