@@ -12,7 +12,7 @@ using testing::HasSubstr;
 using TKey = std::pair<std::string, std::string>;  // Of a section.
 using TValues = std::map<TKey, std::string>;
 
-constexpr int kKeys = 120;
+constexpr int kKeys = 80;
 constexpr std::size_t kPage = 2048;
 
 // A whole store of five sections, and a backup that is older. Both are put in place over and over,
