@@ -141,16 +141,14 @@ TEST_F(TKZSQLIniRecoveryTest, TakesADumpThatStoppedForDamageAndNoOther) {
       {"fails at once", "exit 3", cut, false, ""},
       {"is killed in the middle", rows + "kill -9 $$", cut, false, ""},
       {"stops without a word", rows, cut, false, ""},
-      {"meets a busy file", stopped("5"), "The dump failed: /**** ERROR: (5) text *****/", false,
-       ""},
+      {"meets a busy file", stopped("5"), "The dump failed: /**** ERROR: (5) text", false, ""},
       {"is out of disk", stopped("13"), "The dump failed: ", false, ""},
       {"meets an unknown error", stopped("111"), "The dump failed: ", false, ""},
       {"cannot be run", "exit 126", noTool + "6", true, ""},
       {"is missing", "exit 127", noTool + "7", true, ""},
       {"meets damage", stopped("11") + "exit 1", "", true, "a\nb"},
       {"finds no database", stopped("26") + "exit 1", "", true, "a\nb"},
-      {"ends well", rows + "echo 'COMMIT;'", ": 2 rows could be read, 2 were unusable", true,
-       "a\nb"},
+      {"ends well", rows + "echo 'COMMIT;'", ": 2 rows could be read, 2 were", true, "a\nb"},
       {"is the real one", ofUser, "", true, ""},
   };
   FillStore();
@@ -231,6 +229,17 @@ TEST_F(TKZSQLIniRecoveryTest, KeepsTheValuesOfAFileThatIsDeletedUnderAnOpenStore
   expectKept("c: by a repair", [&] { EXPECT_TRUE(store->AttemptRepair()); });
   expectKept("d: by closing it", [&] { store->CloseDatabase(); });
   expectKept("e: at the end", [&] { store.reset(); });
+  // The commit waits for a reader; meanwhile another store makes the file anew.
+  store = Open();
+  other = std::make_unique<SQLite::Database>(File(), SQLite::OPEN_READWRITE);
+  other->exec("BEGIN; SELECT * FROM DATA");
+  FClock.AtNextWait = [&] {
+    std::filesystem::remove(File());
+    std::ignore = Open();
+    other->exec("COMMIT");
+  };
+  write();
+  EXPECT_EQ(Open()->ReadString("s", keys.back(), ""), "w");
 }
 
 TEST_F(TKZSQLIniRecoveryTest, KeepsFiveGoodBackupsADayApart) {

@@ -1,7 +1,7 @@
 #include <unistd.h>
 
 #include <random>
-#include <utility>
+#include <tuple>
 
 #include "config/SettingsStoreTest.h"
 
@@ -12,7 +12,7 @@ using testing::HasSubstr;
 using TKey = std::pair<std::string, std::string>;  // Of a section.
 using TValues = std::map<TKey, std::string>;
 
-constexpr int kKeys = 80;
+constexpr unsigned kKeys = 80;
 constexpr std::size_t kPage = 2048;
 
 // A whole store of five sections, and a backup that is older. Both are put in place over and over,
@@ -27,13 +27,12 @@ class TSqlIniRemainsTest : public TSettingsStoreTest {
   TSqlIniRemainsTest() {
     Open()->UpdateFile();
     const std::string count = "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i+1 FROM n) ";
-    Execute("INSERT INTO SECTIONS " + count + "SELECT 'section'||i, i+1 FROM n LIMIT 5;" +
-            "INSERT INTO DATA " + count +
-            "SELECT 'key'||i, NULL, 'old'||i||"
-            "hex(zeroblob(20+i%50/49*1500)), NULL, i%5+1 FROM n LIMIT " +
+    Execute("INSERT INTO SECTIONS " + count + "SELECT 'section'||i, i+1 FROM n LIMIT 5");
+    Execute("INSERT INTO DATA " + count +
+            "SELECT 'key'||i, NULL, 'old'||i||hex(zeroblob(20+i%50/"
+            "49*1500)), NULL, i%5+1 FROM n LIMIT " +
             std::to_string(kKeys));
-    Execute(
-        "INSERT INTO SECTIONS VALUES('gone', 99); INSERT INTO DATA VALUES('k', 'v', '', 999, 99)");
+    Execute("INSERT INTO SECTIONS VALUES('gone',99); INSERT INTO DATA VALUES('k','v','',999,99)");
     FBackup = FFolder.Read("x.cfg");
     FBackedUp = ValuesIn(File());
     Execute("DELETE FROM DATA WHERE ID=999; DELETE FROM SECTIONS WHERE ID=99");
@@ -74,17 +73,19 @@ class TSqlIniRemainsTest : public TSettingsStoreTest {
     return bytes;
   }
 
+  static TKey Key(std::size_t i) {
+    return {"section" + std::to_string(i % 5), "key" + std::to_string(i)};
+  }
   // What the look-ups of a store find in a file.
   [[nodiscard]] TValues ValuesIn(const std::string& file) const {
     TValues values;
     SQLite::Database database(file, SQLite::OPEN_READWRITE);
-    for (int i = 0; i < kKeys; ++i) {
-      const TKey key{"section" + std::to_string(i % 5), "key" + std::to_string(i)};
-      const std::string query = "SELECT coalesce(VALUE, BINVALUE) FROM DATA WHERE NAME='" +
-                                key.second +
-                                "' AND SECTIONID=(SELECT ID FROM SECTIONS WHERE "
-                                "SECTIONNAME='" +
-                                key.first + "')";
+    for (unsigned i = 0; i < kKeys; ++i) {
+      const TKey key = Key(i);
+      const std::string query =
+          "SELECT coalesce(VALUE, BINVALUE) FROM DATA WHERE SECTIONID=(SELECT "
+          "ID FROM SECTIONS WHERE SECTIONNAME='" +
+          key.first + "') AND NAME='" + key.second + "'";
       try {
         values[key] = database.execAndGet(query).getString();
       } catch (const SQLite::Exception&) {
@@ -98,10 +99,13 @@ class TSqlIniRemainsTest : public TSettingsStoreTest {
     std::string content = FFolder.Read("x.cfg");
     FFolder.Write("x.cfg", content.replace(offset, bytes.size(), bytes));
   }
-  // The root page of a table or an index.
-  void OverwriteRoot(const std::string& name, const std::string& bytes) const {
+  // The root page of a table or an index, which is returned as it was.
+  std::string OverwriteRoot(const std::string& name, const std::string& bytes) const {
     const std::string root = Ask("SELECT rootpage FROM sqlite_master WHERE name='" + name + "'");
-    Overwrite((std::stoul(root) - 1) * kPage, bytes);
+    const std::size_t start = (std::stoul(root) - 1) * kPage;
+    const std::string page = FFolder.Read("x.cfg").substr(start, kPage);
+    Overwrite(start, bytes);
+    return page;
   }
 
   void ExpectValues(TKZSQLIniFile& store, const TValues& values) const {
@@ -141,10 +145,8 @@ TEST_F(TSqlIniRemainsTest, KeepsWhatCouldBeReadAndWhatWasWrittenAfterAnyDamage) 
     };
     expectKept();
     for (const char* value : {"one", "two"}) {
-      const TKey key =
-          std::next(stored.begin(), static_cast<int>(FRandom() % static_cast<unsigned>(kKeys)))
-              ->first;
-      const std::string old = std::exchange(stored[key], value);
+      const TKey key = Key(FRandom() % kKeys);
+      stored[key] = value;
       written.erase(key);
       if (store->TryWriteString(key.first, key.second, value)) written[key] = value;
       expectKept();
@@ -162,35 +164,30 @@ TEST_F(TSqlIniRemainsTest, RepairsWhatOneDamageHasSpoilt) {
   const std::string noPage(kPage, '\x0f');
   const std::string emptyIndex("\x0a\0\0\0\0\x08\0\0", 8);
   const std::string sectionIndex = "sqlite_autoindex_SECTIONS_1";
-  struct TCase {
-    const char* Name;
-    std::function<void()> Damage;
-    bool IsOfNoStore;  // As if another program had made it.
-  };
+  // What is inserted behind the back of the index, the pages or the place that get the bytes.
+  using TCase =
+      std::tuple<std::string, const char*, std::vector<std::string>, std::size_t, std::string>;
+  const std::size_t column = FWhole.find("VALUE VARCHAR");
   const std::vector<TCase> cases = {
-      {"an unknown file format", [&] { Overwrite(47, "\x09"); }, true},
-      {"no such column", [&] { Overwrite(FWhole.find("VALUE VARCHAR") + 4, "F"); }, true},
-      {"a file that says it is read-only", [&] { Overwrite(18, "\x09"); }, false},
-      {"names in the index alone", [&] { OverwriteRoot("SECTIONS", noPage); }, false},
-      {"names nowhere",
-       [&] {
-         OverwriteRoot("SECTIONS", noPage);
-         OverwriteRoot(sectionIndex, noPage);
-       },
-       false},
-      {"a section with two numbers", [&] { OverwriteRoot(sectionIndex, emptyIndex); }, false},
-      {"a number that is none",
-       [&] {
-         Execute("INSERT INTO DATA VALUES('key1', 'lost', NULL, 999, 'x')");
-         OverwriteRoot(sectionIndex, emptyIndex);
-       },
-       false},
+      {"an unknown file format", "", {}, 47, "\x09"},
+      {"no such column", "", {}, column, "W"},
+      {"a file that says it is read-only", "", {}, 18, "\x09"},
+      {"names in the index alone", "", {"SECTIONS"}, 0, noPage},
+      {"names nowhere", "", {"SECTIONS", sectionIndex}, 0, noPage},
+      {"a section with two numbers", "", {sectionIndex}, 0, emptyIndex},
+      {"a later row of a key", "('key1','later',NULL,999,2)", {}, 0, ""},
+      {"a number that is none", "('key1','lost',NULL,999,'x')", {}, 0, ""},
   };
-  for (const auto& [name, damage, isOfNoStore] : cases) {
+  for (const auto& [name, row, pages, offset, bytes] : cases) {
+    const bool isOfNoStore = offset == 47 || offset == column;
     for (const bool withBackup : {true, false}) {
-      SCOPED_TRACE(name + std::string(withBackup ? ", with a backup" : ", without a backup"));
+      SCOPED_TRACE(name + (withBackup ? ", with a backup" : ", without a backup"));
       PutInPlace(FWhole, withBackup, !withBackup);
-      damage();
+      const std::string index = OverwriteRoot("sqlite_autoindex_DATA_1", emptyIndex);
+      if (*row != '\0') Execute("INSERT INTO DATA VALUES" + std::string(row));
+      OverwriteRoot("sqlite_autoindex_DATA_1", index);
+      for (const std::string& page : pages) OverwriteRoot(page, bytes);
+      if (pages.empty()) Overwrite(offset, bytes);
       const auto store = Open();
       if (isOfNoStore && !withBackup) {
         EXPECT_FALSE(store->AttemptRepair());
@@ -201,10 +198,12 @@ TEST_F(TSqlIniRemainsTest, RepairsWhatOneDamageHasSpoilt) {
       EXPECT_TRUE(store->AttemptRepair());
       EXPECT_EQ(store->ReadString("section1", "new", ""), "v");
       EXPECT_EQ(store->ReadString("gone", "k", "none"), withBackup ? "v" : "none");
-      if (name == std::string("names nowhere") && !withBackup) {
-        EXPECT_EQ(store->ReadString("Recovered 3", "key2", ""), FStored[TKey("section2", "key2")]);
+      if (name == "names nowhere" && !withBackup) {
+        EXPECT_EQ(store->ReadString("Recovered 3", "key2", ""), FStored[Key(2)]);
       } else {
-        ExpectValues(*store, isOfNoStore ? FBackedUp : FStored);
+        TValues expected = isOfNoStore ? FBackedUp : FStored;
+        if (name == "a later row of a key") expected[Key(1)] = "later";
+        ExpectValues(*store, expected);
       }
       EXPECT_EQ(Ask("PRAGMA integrity_check"), "ok");
     }
