@@ -130,6 +130,8 @@ void CheckReadWrite(TStoreFolder& folder, const std::string& content) {
   CheckFiles(folder);
   CheckRepaired(folder);
   if (!store.AttemptRepair()) return;
+  Require(!found || store.ReadString("section", "key", "none") == "value",
+          "a repair loses a value");
   Require(SQLite::Database(folder.Store()).execAndGet("PRAGMA integrity_check").getString() == "ok",
           "a repaired store is damaged");
 }

@@ -169,9 +169,8 @@ std::optional<std::int64_t> TKZSQLIniFile::FindSection(TSqlIniComponents& databa
                                                        TSectionCreation creation) const {
   const std::string name = NameOf(section);
   try {
-    const auto id = database.SectionId(name);
-    if (id || creation == TSectionCreation::No) return id;
-    return database.InsertSection(name);
+    if (creation == TSectionCreation::No) return database.SectionId(name);
+    return database.PutSection(name);
   } catch (...) {
     FFile.LogCurrentException("GetSectionID");
     throw;

@@ -194,15 +194,21 @@ std::optional<std::int64_t> TSqlIniComponents::SectionId(const std::string& name
   return qrySectionByName->getColumn(0).getInt64();
 }
 
-std::int64_t TSqlIniComponents::InsertSection(const std::string& name) {
-  {
-    const auto use = Using(*IB_InsertSection);
-    IB_InsertSection->bindNoCopy(1, name);
-    IB_InsertSection->exec();
+std::int64_t TSqlIniComponents::PutSection(const std::string& name) {
+  auto id = SectionId(name);
+  if (!id) {
+    InsertSection(name);
+    id = SectionId(name);
   }
-  const auto id = SectionId(name);
-  if (!id) ThrowNotThere();
+  // A damaged index leads nowhere, or into another section.
+  if (!id || SectionName(*id) != name) ThrowNotThere();
   return *id;
+}
+
+void TSqlIniComponents::InsertSection(const std::string& name) {
+  const auto use = Using(*IB_InsertSection);
+  IB_InsertSection->bindNoCopy(1, name);
+  IB_InsertSection->exec();
 }
 
 std::optional<std::string> TSqlIniComponents::SectionName(std::int64_t id) {

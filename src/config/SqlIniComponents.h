@@ -62,8 +62,8 @@ class TSqlIniComponents {
   [[nodiscard]] bool AutoCommit() const noexcept;
 
   [[nodiscard]] std::optional<std::int64_t> SectionId(const std::string& name);
-  // Returns its id.
-  std::int64_t InsertSection(const std::string& name);
+  // Returns the id of the section, which it makes if need be. Throws when that is not found then.
+  std::int64_t PutSection(const std::string& name);
   [[nodiscard]] std::optional<std::string> SectionName(std::int64_t id);
   // The sections that hold a key, in the order of their ids; read again only after a write by this
   // or another connection. Valid until the next call of any operation.
@@ -117,6 +117,7 @@ class TSqlIniComponents {
   // A number that changes when another connection has committed something.
   [[nodiscard]] std::int64_t DataVersion();
   [[nodiscard]] static std::string ValueOf(SQLite::Statement& row, const TColumns& columns);
+  void InsertSection(const std::string& name);
   // Names the sections that a query for ids and names yields.
   void NameSections(const char* query);
   bool UpdateRow(std::int64_t sectionId, const std::string& key, std::string_view value);

@@ -50,9 +50,10 @@ class TSqlIniScan {
   TSqlIniScan(SQLite::Database& connection, const std::string& text) : FConnection(connection) {
     try {
       FStatement = std::make_unique<SQLite::Statement>(connection, text);
-    } catch (const SQLite::Exception&) {
-      const TSqlIniFault fault = CurrentSqlIniFault();
-      if (fault != TSqlIniFault::Damaged && fault != TSqlIniFault::NoStore) throw;
+    } catch (const SQLite::Exception& error) {
+      if (error.getErrorCode() != SQLITE_ERROR && CurrentSqlIniFault() != TSqlIniFault::Damaged) {
+        throw;
+      }
     }
   }
 
@@ -261,8 +262,7 @@ void TSqlIniRemains::TakeAnswer(const std::string& section, std::int64_t id, con
                                 TSqlIniComponents& target) {
   const SQLite::Statement* const row = FValueByName->Find(id, key);
   if (row == nullptr) return;
-  const auto known = target.SectionId(section);
-  const std::int64_t here = known ? *known : target.InsertSection(section);
+  const std::int64_t here = target.PutSection(section);
   if (!HasLaterRow(row->getColumn(1), key, FLatest[{here, key}])) {
     Put(row->getColumn(0), here, key, target);
   }

@@ -152,9 +152,9 @@ void TSqlIniRepair::Run() {
     barrier.emplace(KeepWritersAway(FFiles.Store(), FClock));
     // Somebody may have filled or mended it before the barrier stood.
     if (IsGoodStore(FFiles.Store())) return;
+    // A replacement that is left over is older than what the damaged store will give.
+    TSqlIniPaths::Remove(FFiles.Replacement());
   }
-  // A replacement that is left over is older than what the dump of a damaged store will give.
-  if (state != TState::Missing) TSqlIniPaths::Remove(FFiles.Replacement());
   const std::string copy = FindGoodCopy();
   // A file of which there is a backup was a store once.
   if (state == TState::NoStore && copy.empty()) {
@@ -163,13 +163,17 @@ void TSqlIniRepair::Run() {
   const bool isDamaged = state == TState::Damaged || state == TState::NoStore;
   // The replacement is the copy when a repair was cut off between two renames.
   if (copy != FFiles.Replacement()) BuildReplacement(isDamaged ? &*barrier : nullptr, copy);
+  Replace(state);
+  if (!copy.empty()) Log("Opening good DB that we found: " + FFiles.Store());
+}
+
+void TSqlIniRepair::Replace(TState state) const {
   if (state == TState::Empty) {
     FFiles.ReplaceEmpty();
-  } else {
-    FFiles.ReplaceDamaged();
+    return;
   }
-  if (isDamaged) Log("The damaged file is kept as " + FFiles.Previous());
-  if (!copy.empty()) Log("Opening good DB that we found: " + FFiles.Store());
+  FFiles.ReplaceDamaged();
+  if (state != TState::Missing) Log("The damaged file is kept as " + FFiles.Previous());
 }
 
 TSqlIniRepair::TState TSqlIniRepair::Examine() const {

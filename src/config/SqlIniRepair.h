@@ -43,6 +43,7 @@ class TSqlIniRepair {
   enum class TState { Good, Missing, Empty, Damaged, NoStore };
 
   [[nodiscard]] TState Examine() const;
+  void Replace(TState state) const;
   // `damaged` is null for a file that is missing or empty, and `copy` empty where there is none.
   void BuildReplacement(SQLite::Database* damaged, const std::string& copy);
   void TakeRemains(SQLite::Database& damaged, TSqlIniComponents& target,

@@ -91,6 +91,17 @@ TEST_F(TKZSQLIniRecoveryTest, KeepsTheValuesOfAFileThatIsDeletedUnderAnOpenStore
   expectKept("c: by a repair", [&] { EXPECT_TRUE(store->AttemptRepair()); });
   expectKept("d: by closing it", [&] { store->CloseDatabase(); });
   expectKept("e: at the end", [&] { store.reset(); });
+  // The commit waits for a reader; meanwhile another store makes the file anew.
+  store = Open();
+  other = std::make_unique<SQLite::Database>(File(), SQLite::OPEN_READWRITE);
+  other->exec("BEGIN; SELECT * FROM DATA");
+  FClock.AtNextWait = [&] {
+    std::filesystem::remove(File());
+    std::ignore = Open();
+    other->exec("COMMIT");
+  };
+  write();
+  EXPECT_EQ(Open()->ReadString("s", keys.back(), ""), "w");
 }
 
 TEST_F(TKZSQLIniRecoveryTest, KeepsFiveGoodBackupsADayApart) {
