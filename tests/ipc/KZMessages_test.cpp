@@ -2,6 +2,7 @@
 
 #include <deque>
 #include <map>
+#include <optional>
 #include <random>
 
 #include "ipc/MessageUnit.h"
@@ -63,8 +64,9 @@ TEST_F(KZMessagesTest, LeavesTheMainThreadItsOtherWorkInAFlood) {
   constexpr std::size_t kEnough = 5'000'000;
   TRecorder flood;
   bool otherWork = false;
-  const TCrew crew = AskMainThread([&] { otherWork = true; });
+  std::optional<TCrew> crew;
   flood.OnMessage = [&](const TKZMessage& message) {
+    if (!crew) crew = AskMainThread([&] { otherWork = true; });
     if (!otherWork && flood.Received.size() < kEnough) flood.Post(message.WParam + 1);
   };
   flood.Post(0);
