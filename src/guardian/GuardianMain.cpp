@@ -55,17 +55,8 @@ void UseLogFolder() {
   }
 }
 
-void RunGuardian(TClock& clock) {
-  BindMainThread();
-  const TAtEnd closeQueue([] { CloseMainThreadQueue(); });
-  TKZCustomApplication application;
-  application.Initialize();
-  const TSystemLogWriter systemLog;
-  // The lines that nobody else would see.
-  SetLastResort([](std::string_view line) { WriteSystemLog(line, TSystemLogKind::Warning); });
-  const TAtEnd noLastResort([] { SetLastResort({}); });
-  const TUnits units;
-  TGuardianService service({
+TGuardianSurroundings SurroundingsOf(TKZCustomApplication& application, TClock& clock) {
+  return {
       .Shell =
           [&application](const std::string& commandLine, int timeoutSec) {
             return RunCommand(commandLine, timeoutSec, application.Stopping());
@@ -81,7 +72,20 @@ void RunGuardian(TClock& clock) {
       .Stopping = application.Stopping(),
       .IsOwnProcess = &IsOwnProcess,
       .Clock = &clock,
-  });
+  };
+}
+
+void RunGuardian(TClock& clock) {
+  BindMainThread();
+  const TAtEnd closeQueue([] { CloseMainThreadQueue(); });
+  TKZCustomApplication application;
+  application.Initialize();
+  const TSystemLogWriter systemLog;
+  // The lines that nobody else would see.
+  SetLastResort([](std::string_view line) { WriteSystemLog(line, TSystemLogKind::Warning); });
+  const TAtEnd noLastResort([] { SetLastResort({}); });
+  const TUnits units;
+  TGuardianService service(SurroundingsOf(application, clock));
   service.Start();
   UseLogFolder();
   StartWebStatusServer({

@@ -47,8 +47,8 @@ constexpr std::string_view kWaits = "HTTPServer:Wait";
 // Threads: the server's own. Lifetime: the table outlives it.
 class THttpConnection final : public std::enable_shared_from_this<THttpConnection> {
  public:
-  THttpConnection(THttpConnections& all, const THttpPeer& peer, tcp::socket socket)
-      : FAll(all), FPeer(peer), FSocket(std::move(socket)) {
+  THttpConnection(THttpConnections& all, THttpPeer peer, tcp::socket socket)
+      : FAll(all), FPeer(std::move(peer)), FSocket(std::move(socket)) {
     FPlace = FAll.FOpen.insert(FAll.FOpen.end(), this);
     FParser.emplace();
     BecomeIdle(FAll.FOptions.HeaderTimeout);
@@ -188,8 +188,8 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
     if (FIsHead || !HasBody(FResponse.Status)) {
       FResponse.File.Close();
     } else if (!FResponse.File) {
-      FOutput.push_back(asio::buffer(FResponse.Body));
-      for (const auto& text : FResponse.Tail) FOutput.push_back(asio::buffer(*text));
+      FOutput.emplace_back(asio::buffer(FResponse.Body));
+      for (const auto& text : FResponse.Tail) FOutput.emplace_back(asio::buffer(*text));
     }
     FFileOffset = 0;
     WriteAtOnce();

@@ -59,6 +59,7 @@ class THttpRun {
   void Accept(TListener& listener);
   void AcceptAfterFailure(TListener& listener, const TErrorCode& error);
   void Welcome(TListener& listener, tcp::socket socket);
+  void WelcomeLater(TListener& listener, tcp::socket socket);
   void Sweep();
 
   // Repeats a step without which the server would stand still until there is memory for it.
@@ -178,21 +179,13 @@ void THttpRun::AcceptAfterFailure(TListener& listener, const TErrorCode& error) 
   });
 }
 
-// While there is no room, those who come next wait in the kernel's queue.
 void THttpRun::Welcome(TListener& listener, tcp::socket socket) {
+  TErrorCode gone;
+  const tcp::endpoint from = socket.remote_endpoint(gone);
   try {
-    TErrorCode gone;
-    const tcp::endpoint from = socket.remote_endpoint(gone);
-    if (gone) return Accept(listener);
     const THttpPeer peer(from.address());
-    const auto room = FConnections.MakeRoom(peer);
-    if (room == THttpConnections::TRoom::Later) {
-      listener.Pause.expires_after(kPause);
-      return listener.Pause.async_wait(
-          [this, &listener, socket = std::move(socket)](const TErrorCode&) mutable {
-            if (!FStopping) Welcome(listener, std::move(socket));
-          });
-    }
+    const auto room = gone ? THttpConnections::TRoom::Refused : FConnections.MakeRoom(peer);
+    if (room == THttpConnections::TRoom::Later) return WelcomeLater(listener, std::move(socket));
     if (room == THttpConnections::TRoom::Free) {
       FConnections.Open(peer, std::move(socket));
       if (FConnections.Count() == 1) Sweep();
@@ -201,6 +194,15 @@ void THttpRun::Welcome(TListener& listener, tcp::socket socket) {
     FOptions.Report(std::current_exception());
   }
   Accept(listener);
+}
+
+// While there is no room, those who come next wait in the kernel's queue.
+void THttpRun::WelcomeLater(TListener& listener, tcp::socket socket) {
+  listener.Pause.expires_after(kPause);
+  listener.Pause.async_wait(
+      [this, &listener, socket = std::move(socket)](const TErrorCode&) mutable {
+        if (!FStopping) Welcome(listener, std::move(socket));
+      });
 }
 
 // Goes on while there are connections: a server that nobody asks sleeps.
@@ -228,7 +230,13 @@ void THttpServerOptions::Report(std::exception_ptr error) const noexcept {
 THttpServer::THttpServer(THandler handler, THttpServerOptions options, TClock& clock)
     : FHandler(std::move(handler)), FOptions(std::move(options)), FClock(clock) {}
 
-THttpServer::~THttpServer() { Deactivate(); }
+THttpServer::~THttpServer() {
+  try {
+    Deactivate();
+  } catch (...) {
+    FOptions.Report(std::current_exception());
+  }
+}
 
 void THttpServer::Activate(std::uint16_t port) {
   if (FRun) throw KZException("The HTTP server is active already");

@@ -177,7 +177,9 @@ TRequestGuard MakeRequestGuard() {
   std::vector<std::string> names;
   if (const std::string host = HostName(); IsName(host)) {
     names.push_back(host);
-    for (const std::string& domain : ResolverDomains()) names.push_back(host + "." + domain);
+    for (const std::string& domain : ResolverDomains()) {
+      names.push_back(std::string(host).append(".").append(domain));
+    }
   }
   std::vector<std::string> allowed;
   for (const std::string& entry : EnvironmentList(kHostsVariable)) {
