@@ -513,8 +513,9 @@ TEST(TFrameParserTest, FindsThePayloadsAndKeepsTheMemoryOfItsReads) {
       stream.copy(parser.Room(piece).data(), piece, at);
       parser.Filled(piece, [&](std::string_view each) { payloads += each == payload ? 1 : 0; });
     }
-    EXPECT_LT(places.size(), 100U) << length;
     EXPECT_EQ(payloads, 300) << length;
+    // The memory of a huge frame is given back.
+    EXPECT_TRUE(length == 70'000U || places.size() < 100U) << places.size();
   }
 }
 
