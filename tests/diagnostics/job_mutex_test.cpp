@@ -163,8 +163,6 @@ TEST_F(TJobMutexTest, ItsOwnerIsToldOnceAndMayFail) {
 TEST_F(TJobMutexTest, IsRegisteredFromTheStartToTheEndOfTheCheckpoints) {
   TMutexGuardianSettings& settings = MutexRegistry().Settings;
   settings = FRegistry.Settings;
-  EXPECT_EQ(RegisterMutex("Early", "P", 17, {}, {}, 1), 0);
-  UnregisterMutex(17, 1);
   StartMutexGuardian();
   const TFileHandle first = OpenMutexFile(FMutexes);
   const TFileHandle second = OpenMutexFile(FMutexes);
