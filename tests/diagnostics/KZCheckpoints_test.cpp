@@ -1,9 +1,7 @@
 #include "diagnostics/KZCheckpoints.h"
 
-#include <map>
 #include <new>
 #include <optional>
-#include <random>
 #include <thread>
 
 #include "diagnostics/Diagnostics.h"
@@ -14,45 +12,6 @@
 
 namespace guardian {
 namespace {
-
-// A thread that does what it is told, one thing after the other.
-class TPuppet {
- public:
-  TPuppet() {
-    FThread.Start();
-    Do([this] { FId = CurrentThreadId(); });
-  }
-  ~TPuppet() {
-    FWork = {};
-    FGo.Signal();
-  }
-  TPuppet(const TPuppet&) = delete;
-  TPuppet& operator=(const TPuppet&) = delete;
-
-  void Do(std::function<void()> work) {
-    FWork = std::move(work);
-    FGo.Signal();
-    ASSERT_TRUE(FDone.WaitFor(std::chrono::seconds(60)));
-  }
-  void Pass(const std::string& text) {
-    Do([&text] { KZCP::Checkpoint(text); });
-  }
-  [[nodiscard]] std::int32_t Id() const { return FId; }
-
- private:
-  void Run() {
-    while (FGo.WaitFor(std::chrono::seconds(120)) && FWork) {
-      FWork();
-      FDone.Signal();
-    }
-  }
-
-  std::int32_t FId = 0;
-  std::function<void()> FWork;
-  TKZEvent FGo{"Go"};
-  TKZEvent FDone{"Done"};
-  TFunctionThread FThread{"Puppet", [this] { Run(); }};
-};
 
 class KZCheckpointsTest : public testing::Test {
  protected:
@@ -89,81 +48,58 @@ TEST_F(KZCheckpointsTest, ReportsEveryThreadAndTheLockItWaitsFor) {
   EXPECT_THAT(report, HasSubstr("\nThread " + std::to_string(waiterId) +
                                 ", CP: before the lock\nWaiting for CS Store owned by thread #" +
                                 mainId + "\n"));
+  EXPECT_EQ(KZCP::CurrentCP(waiterId), "before the lock");
+  EXPECT_GT(KZCP::CPTime(waiterId).CPTime, 0);
   held.reset();
   waiter.Join();
+  EXPECT_EQ(KZCP::CurrentCP(waiterId), "N/A");
+  EXPECT_EQ(KZCP::CPTime(waiterId).CPTime, 0);
 }
 
-// Threads that pass checkpoints, leave the list and end, while the list itself comes and goes.
-TEST_F(KZCheckpointsTest, ListsThreadsAsAModelDoesThroughARandomLife) {
-  struct TModelThread {
-    bool Listed = false;
-    bool MessageBoxFlag = false;
-    std::string Current;
+TEST_F(KZCheckpointsTest, ListsAThreadFromItsCheckpointsOnWhileTheListComesAndGoes) {
+  const auto pass = [](const std::string& text) { return [text] { KZCP::Checkpoint(text); }; };
+  const auto leave = [](bool messageBox, KZCP::TRemoval removal) {
+    return [messageBox, removal] {
+      KZCP::SetMessageBoxFlag(messageBox);
+      KZCP::RemoveThread(removal);
+      KZCP::SetMessageBoxFlag(false);
+    };
   };
-  SCOPED_TRACE(GTEST_FLAG_GET(random_seed));
-  std::mt19937 random(static_cast<unsigned>(GTEST_FLAG_GET(random_seed)));
-  const auto below = [&random](int limit) { return static_cast<int>(random() % unsigned(limit)); };
-  bool hasList = true;
-  std::map<int, TModelThread> model;
-  std::vector<std::unique_ptr<TPuppet>> puppets(3);
-  KZCP::Checkpoint("main");
-  KZCP::RemoveThread();
-  const auto expectedReport = [&] {
-    std::string text = "Main thread ID: " + std::to_string(CurrentThreadId()) + ", CP: main\n";
-    if (!hasList) return text;
-    std::string lines;
-    for (const auto& [id, thread] : model) {
-      if (thread.Listed) lines += "Thread " + std::to_string(id) + ", CP: " + thread.Current + "\n";
-    }
-    return text + "Performance Counter Resolution: 1000 ticks per second.\n\nNumber of threads: " +
-           std::to_string(CountOf(lines, "Thread ")) + "\n" + lines;
+  const auto renewList = [] {
+    KZCP::Fini();
+    KZCP::Init();
   };
-  for (int step = 0; step < 1000; ++step) {
-    auto& puppet = puppets[static_cast<std::size_t>(below(3))];
-    const int act = puppet != nullptr ? below(10) : 0;
-    if (act == 0) {
-      if (puppet != nullptr) model.erase(puppet->Id());
-      puppet = nullptr;
-      puppet = std::make_unique<TPuppet>();
-      model[puppet->Id()] = {hasList, false, "Puppet"};
-    }
-    TModelThread& thread = model[puppet->Id()];
-    if (act == 1) {
-      thread.MessageBoxFlag = !thread.MessageBoxFlag;
-      puppet->Do([&] { KZCP::SetMessageBoxFlag(thread.MessageBoxFlag); });
-    } else if (act == 2 || act == 3) {
-      const auto removal = act == 2 ? KZCP::TRemoval::Normal : KZCP::TRemoval::Forced;
-      puppet->Do([&] { KZCP::RemoveThread(removal); });
-      if (act == 3 || !thread.MessageBoxFlag) thread.Listed = false;
-    } else if (act == 4) {
-      KZCP::Fini();
-      hasList = false;
-      for (auto& [id, each] : model) each.Listed = false;
-    } else if (act == 5) {
-      KZCP::Init();
-      hasList = true;
-    } else if (act > 5) {
-      std::string text(static_cast<std::size_t>(below(act == 6 ? 300 : 20)), 'x');
-      for (char& c : text) c = static_cast<char>('a' + below(26));
-      puppet->Pass(text);
-      thread = {hasList, thread.MessageBoxFlag, text.substr(0, 255)};
-    }
-    ASSERT_EQ(Report(), expectedReport()) << "step " << step << ", act " << act;
-    const std::string unlisted = hasList ? "N/A" : "NA";
-    ASSERT_EQ(KZCP::CurrentCP(puppet->Id()), thread.Listed ? thread.Current : unlisted);
-    ASSERT_EQ(KZCP::CPTime(puppet->Id()).CPTime > 0, thread.Listed);
-  }
-}
-
-TEST_F(KZCheckpointsTest, TakesTextsOfAnyWidth) {
+  const TShortString two{2, {'s', 's', 's'}};
   const char16_t halves[] = {u'a', 0xDC00, 0xD83D, u'\u20AC', 0xD83D};
-  KZCP::Checkpoint(std::u16string_view(halves, 5));
-  EXPECT_EQ(Own(), "a\uFFFD\uFFFD\u20AC\uFFFD");
-  TShortString text;
-  text.Length = 7;
-  text.Text.fill('s');
-  KZCP::Checkpoint(text);
-  EXPECT_EQ(Own(), "sssssss");
+  const std::string repaired = "a\uFFFD\uFFFD\u20AC\uFFFD";
+  const std::string clipped(255, 'x');
+  const struct {
+    std::function<void()> Act;
+    std::string CP;
+    bool Listed;
+  } steps[] = {
+      {pass("one"), "one", true},
+      {[] { KZCP::Init(); }, "one", true},
+      {leave(true, KZCP::TRemoval::Normal), "one", true},
+      {leave(true, KZCP::TRemoval::Forced), "one", false},
+      {pass(clipped + "y"), clipped, true},
+      {leave(false, KZCP::TRemoval::Normal), clipped, false},
+      {[&] { KZCP::Checkpoint(std::u16string_view(halves, 5)); }, repaired, true},
+      {renewList, repaired, false},
+      {[&] { KZCP::Checkpoint(two); }, "ss", true},
+      {[] { InThread([] { KZCP::Checkpoint("short life"); }); }, "ss", true},
+  };
+  const std::string thread = "Thread " + std::to_string(CurrentThreadId()) + ", CP: ";
+  for (const auto& [act, cp, listed] : steps) {
+    act();
+    const std::string line = listed ? "1\n" + thread + cp + "\n" : "0\n";
+    EXPECT_THAT(Report(), EndsWith("\n\nNumber of threads: " + line));
+    EXPECT_EQ(Own(), cp);
+  }
+  KZCP::Fini();
+  KZCP::Checkpoint("without a list");
+  EXPECT_EQ(Report(), "Main thread ID: " + thread.substr(7) + "without a list\n");
+  EXPECT_EQ(KZCP::CurrentCP(0), "NA");
 }
 
 // Made before the thread's first checkpoint, hence destroyed after the thread's record.
@@ -224,25 +160,22 @@ TEST_F(KZCheckpointsTest, TracesToTheChosenOutputs) {
   const TErrorLogInFolder log;
   const TTempFolder folder;
   Settings().TempDirectory.Set(folder.Path());
-  Settings().CommandLine = {"prog", "plain", "two words"};
+  Settings().CommandLine = {"prog", "two words"};
   Settings().OwnExecutablePath = "/opt/x/prog";
   auto& switches = KZCP::Switches();
   switches.ErrorLogTrace = true;
   for (const auto* text : {"one", "Find files", "Traverse", "find"}) KZCP::Checkpoint(text);
   switches.TimeStampErrorLogTrace = true;
-  KZCP::Checkpoint("stamped");
-  switches.ErrorLogTrace = false;
   switches.RawErrorLogTrace = true;
   switches.CPFileTrace = true;
-  KZCP::Checkpoint("Find raw");
-  EXPECT_THAT(log.Text(),
-              MatchesRegex("CP one\nCP find\n[-0-9]{10} [:0-9]{8} CP stamped\nFind raw\n"));
+  KZCP::Checkpoint("raw");
+  EXPECT_THAT(log.Text(), MatchesRegex("CP one\nCP find\nraw\n[-0-9]{10} [:0-9]{8} CP raw\n"));
   KZCP::RemoveThread();
   ASSERT_THAT(NamesIn(folder), ElementsAre(ContainsRegex("^KZCP-prog-[0-9]+[.]log$")));
   EXPECT_THAT(folder.Read(NamesIn(folder)[0]),
               MatchesRegex("-------------\nNEW KZCP FILE\n-------------\n"
-                           "exe: /opt/x/prog plain \"two words\"\n-------------\n"
-                           "[:0-9]{8} Find raw\n[:0-9]{8} REMOVING THREAD FROM CP LIST\n"));
+                           "exe: /opt/x/prog \"two words\"\n-------------\n"
+                           "[:0-9]{8} raw\n[:0-9]{8} REMOVING THREAD FROM CP LIST\n"));
 }
 
 TEST_F(KZCheckpointsTest, SurvivesReportsWhileThreadsComeAndGo) {

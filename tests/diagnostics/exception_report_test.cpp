@@ -36,14 +36,13 @@ std::exception_ptr OurOwn() {
   return Caught([] { RaiseOurOwn(); });
 }
 
-// Does something in the middle of its report.
+// Another thread fails in the middle of its report.
 struct EDuring : std::exception {
-  explicit EDuring(std::function<void()> act) : Act(std::move(act)) {}
   const char* what() const noexcept override {
-    Act();
+    EXPECT_GT(ExceptionReportsInProgress(), 0);
+    InThread([] { HandleException(OurOwn(), TLogToFiles::Yes, "2"); });
     return "during";
   }
-  std::function<void()> Act;
 };
 
 // A store of one value, which outlives the object.
@@ -83,15 +82,6 @@ class ExceptionReportTest : public testing::Test {
     std::filesystem::create_directory(FFolder.Path("logs"));
     FFolder.Write("guardian.exe", "12345");
     KZCP::Init();
-    Start();
-    KZCP::Checkpoint("Testing");
-  }
-  ~ExceptionReportTest() override {
-    StopExceptionReports();
-    KZCP::Fini();
-  }
-
-  void Start() {
     const auto openStore = [this](TStoreUse use) -> std::unique_ptr<TKZCustomINIFile> {
       KZCP::Checkpoint("In the store");
       if (use == TStoreUse::Look) return nullptr;
@@ -99,7 +89,13 @@ class ExceptionReportTest : public testing::Test {
       return std::make_unique<TStore>(FStored);
     };
     StartExceptionReports({.Heading = "Heading", .OpenStore = openStore, .Clock = &FClock});
+    KZCP::Checkpoint("Testing");
   }
+  ~ExceptionReportTest() override {
+    StopExceptionReports();
+    KZCP::Fini();
+  }
+
   std::string Log() const { return FFolder.Read("logs/guardian_Exceptions.log"); }
 
   // The log of one report more than before.
@@ -276,13 +272,7 @@ TEST_F(ExceptionReportTest, HandlesExceptionsAsTheOuterHandler) {
 }
 
 TEST_F(ExceptionReportTest, DropsWhatReachesTheOuterHandlerMeanwhile) {
-  const std::exception_ptr during = Caught([] {
-    throw EDuring([] {
-      EXPECT_GT(ExceptionReportsInProgress(), 0);
-      InThread([] { HandleException(OurOwn(), TLogToFiles::Yes, "2"); });
-    });
-  });
-  HandleException(during, TLogToFiles::Yes, "1");
+  HandleException(Caught([] { throw EDuring(); }), TLogToFiles::Yes, "1");
   HandleException(FError, TLogToFiles::Yes, "3");
   EXPECT_EQ(CountOf(Log(), "\nWhere: "), 2);
   EXPECT_THAT(Log(), HasSubstr("\nWhere: 3, CP: "));

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include "common/DiagnosticMessage.h"
 #include "config/KZSqlIniFiles.h"
 #include "diagnostics/exception_report.h"
 #include "guardian/FakeSurroundings.h"
@@ -140,12 +141,18 @@ TEST_F(FailingAllocationsTest, AnExceptionReport) {
   const std::string failing = "failing";
   int reports = 0;
   FailEach(
-      3, [&] { HandleException(FError, TLogToFiles::Yes, failing); },
+      1, [&] { HandleException(FError, TLogToFiles::Yes, failing); },
       [&] {
         const std::string where = "Where: later " + std::to_string(++reports);
         HandleException(FError, TLogToFiles::Yes, where.substr(7));
         EXPECT_NE(FFolder.Read("_Exceptions.log").find(where), std::string::npos);
+        EXPECT_EQ(ExceptionReportsInProgress(), 0);
       });
+  // A message for which there is no memory begins all the same.
+  testing::internal::CaptureStderr();
+  allocationsUntilFailure = 1;
+  EXPECT_FALSE(Guarded("where", SystemClock(), [&] { std::rethrow_exception(FError); }));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "where\n");
 }
 
 TEST_F(FailingAllocationsTest, AStoreWriteAndARepair) {
