@@ -9,8 +9,7 @@ import random
 import sys
 
 KEPT_SECONDS = 10 + 2  # The server's time for a whole header, and some grace.
-# The crowd is more than the server keeps open.
-SLOW_CLIENTS, FLOODS, CROWD = 40, 15, 300
+SLOW_CLIENTS, FLOODS = 40, 15
 HEAD = b"GET / HTTP/1.1\r\nHost: localhost\r\n"
 
 
@@ -44,11 +43,6 @@ async def never_read(writer, chance):
         await asyncio.sleep(chance.uniform(0.1, 0.2))
 
 
-# Only there, and gone without a word.
-async def crowd(_writer, chance):
-    await asyncio.sleep(chance.uniform(1, 5))
-
-
 SENT_AWAY = (drip, stall, flood)  # By the server, in time.
 
 
@@ -77,8 +71,6 @@ async def visit(behave, chance, slowness):
 async def wave(seed, slowness):
     chance = random.Random(seed)
     kinds = chance.choices((*SENT_AWAY, never_read), k=SLOW_CLIENTS) + [flood] * FLOODS
-    if chance.random() < 0.4:
-        kinds += [crowd] * CROWD
     visits = [visit(kind, random.Random(chance.random()), slowness) for kind in kinds]
     problems = set(await asyncio.gather(*visits)) - {None}
     await asyncio.sleep(3)  # Until the server has let go of the last client.

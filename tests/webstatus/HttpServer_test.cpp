@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 
 #include "common/Texts.h"
 #include "support/Crew.h"
@@ -143,7 +142,6 @@ TEST_F(HttpServerTest, AnswersEachRequestAndClosesAfterTheLast) {
       {"GET /path/%41%2e%2E/%zz%4" + kEnd, 200, "/path/A../%zz%4", false},
       {"GET /path%3Fa?b" + kEnd, 200, "/path?a", false},
       {"GET HTTP://host:80/path" + kEnd, 200, "/path", false},
-      {"GET http://host?/path" + kEnd, 200, "hello", false},
       {"GET /echo?a=%20b?c" + kEnd, 200, "a=%20b?c|", false},
       {"GET /echo? HTTP/1.1\r\nsec-fetch-SITE:  x-y \r\nX: y\r\n\r\n", 200, "|x-y", false},
       {"GET /status599" + kEnd, 599, "hello", false},
@@ -355,27 +353,6 @@ TEST_F(HttpServerTest, KeepsPagesThatMayBlockFromTheOthersAndFromTheEnd) {
   one.reset();
   two.reset();
   FDescriptors = OpenDescriptors();
-}
-
-TEST_F(HttpServerTest, WaitsForDescriptorsWithoutSpinning) {
-#ifdef __SANITIZE_ADDRESS__
-  GTEST_SKIP() << "the sanitizer needs descriptors of its own";
-#endif
-  Start();
-  TRawClient first(FServer->Port());
-  EXPECT_EQ(first.Get("/").Body, "hello");
-  rlimit limit{};
-  ::getrlimit(RLIMIT_NOFILE, &limit);
-  const int next = TFileDescriptor(::fcntl(0, F_DUPFD_CLOEXEC, 0)).Get();
-  const rlimit lowered{static_cast<rlim_t>(next) + 1, limit.rlim_max};
-  ::setrlimit(RLIMIT_NOFILE, &lowered);  // Enough for the client alone.
-  TRawClient waiting(FServer->Port());
-  EXPECT_TRUE(Eventually([&] { return FErrors == 1; }));
-  EXPECT_THAT(FLastError.Copy(), HasSubstr("Too many open files"));
-  EXPECT_EQ(first.Get("/").Body, "hello");
-  ::setrlimit(RLIMIT_NOFILE, &limit);
-  EXPECT_EQ(waiting.Get("/").Body, "hello");
-  FExpectedErrors = 1;
 }
 
 TEST_F(HttpServerTest, SharesItsPortWithNobodyAndReturnsToIt) {

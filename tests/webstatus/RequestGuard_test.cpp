@@ -21,7 +21,7 @@ TEST(RequestGuardTest, AnswersToTheNamesOfThisMachineAlone) {
     return Guard().RefuseHost(request);
   };
   for (const char* const own :
-       {"192.0.2.7", "192.0.2.7:8900", "[2001:db8::7]:8900", "[::1]", "[::1", "localhost:8900",
+       {"192.0.2.7", "192.0.2.7:8900", "[2001:db8::7]:8900", "[::1]", "localhost:8900",
         "LocalHost.", "nas", "another-box", "NAS.example.com.:8900", "guardian.example.org",
         "box.local", "box.lan", "box.home.arpa", "box.internal"}) {
     EXPECT_FALSE(refusal(own)) << own;
