@@ -21,8 +21,7 @@ TEST(TKZLogFileTest, AppendsWholeLinesWithTheTimeToTheFileThatWasNamedLast) {
   EXPECT_EQ(folder.Read("a.log"), kTime + "one\ntwo\n");
   clock.Advance(std::chrono::seconds(1));
   log.WriteLine(u"\u20AC");
-  EXPECT_EQ(folder.Read("b.log"),
-            kTime + "a block\n" + kTime + "\n2026-11-21 06:00:01: \u20AC\n");
+  EXPECT_EQ(folder.Read("b.log"), kTime + "a block\n" + kTime + "\n2026-11-21 06:00:01: \u20AC\n");
 }
 
 TEST(TKZLogFileTest, MovesAFileAboveTheLimitAwayAtItsStart) {
