@@ -62,10 +62,6 @@ class THttpRun {
   void WelcomeLater(TListener& listener, tcp::socket socket);
   void Sweep();
 
-  // Repeats a step without which the server would stand still until there is memory for it.
-  template <typename TStep>
-  void Persist(const TStep& step);
-
   const THttpServer::THandler FHandler;
   const THttpServerOptions FOptions;
   std::uint16_t FPort;
@@ -141,20 +137,8 @@ bool THttpRun::Stop() {
   return FThreads.StopBlockingCalls();
 }
 
-template <typename TStep>
-void THttpRun::Persist(const TStep& step) {
-  while (!FThreads.Context().stopped()) {
-    try {
-      return step();
-    } catch (...) {
-      FOptions.Report(std::current_exception());
-      SystemClock().Sleep(kPause);
-    }
-  }
-}
-
 void THttpRun::Accept(TListener& listener) {
-  Persist([&] {
+  FThreads.Persist([&] {
     listener.Acceptor.async_accept([this, &listener](const TErrorCode& error, tcp::socket socket) {
       if (FStopping) return;
       if (error) return AcceptAfterFailure(listener, error);
@@ -171,7 +155,7 @@ void THttpRun::AcceptAfterFailure(TListener& listener, const TErrorCode& error) 
     FOptions.Report(
         std::make_exception_ptr(ESystemError("Accept", "HTTP connection", error.value())));
   }
-  Persist([&] {
+  FThreads.Persist([&] {
     listener.Pause.expires_after(kPause);
     listener.Pause.async_wait([this, &listener](const TErrorCode&) {
       if (!FStopping) Accept(listener);
@@ -207,7 +191,7 @@ void THttpRun::WelcomeLater(TListener& listener, tcp::socket socket) {
 
 // Goes on while there are connections: a server that nobody asks sleeps.
 void THttpRun::Sweep() {
-  Persist([this] {
+  FThreads.Persist([this] {
     FSweepTimer.expires_after(FOptions.SweepInterval);
     FSweepTimer.async_wait([this](const TErrorCode& error) {
       if (error) return;

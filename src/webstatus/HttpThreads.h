@@ -8,7 +8,9 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -19,10 +21,9 @@ namespace guardian {
 
 // The server's own thread, in which everything happens, and two for calls that may stand still.
 // Owner: the server from one Activate to the next Deactivate.
-// Threads: Start, the stops and the destructor by the owner; Context by any; the rest by the
-// server's own thread.
-// Lifetime: the options and the clock outlive it. When StopBlockingCalls has returned false,
-// nothing of it is freed.
+// Threads: Start, the stops and the destructor by the owner; Context and Persist by any; the rest
+// by the server's own thread. Lifetime: the options and the clock outlive it. When
+// StopBlockingCalls has returned false, nothing of it is freed.
 class THttpThreads {
  public:
   THttpThreads(const THttpServerOptions& options, TClock& clock);
@@ -42,19 +43,48 @@ class THttpThreads {
   // Returns whether both calls ended within StopGrace.
   [[nodiscard]] bool StopBlockingCalls();
 
-  // Runs the call in a blocking thread, then the other in the server's own, with its result. What
-  // keeps their owner alive is never let go in the blocking thread.
+  // Runs the call in a blocking thread, then the other in the server's own, with its result. The
+  // blocking thread never lets go of the owner, whatever fails there; when the call throws, only
+  // that is left to do for the other.
   template <typename TOwner, typename TCall, typename TThen>
   void CallBlocking(std::shared_ptr<TOwner> owner, TCall call, TThen then) {
-    boost::asio::post(FBlockingContext, [this, owner = std::move(owner), call = std::move(call),
-                                         then = std::move(then)]() mutable {
+    struct TTask {
+      std::shared_ptr<TOwner> Owner;
+      TCall Call;
+      TThen Then;
+      std::optional<decltype(call())> Result;
+    };
+    auto task = std::make_shared<TTask>(
+        TTask{std::move(owner), std::move(call), std::move(then), std::nullopt});
+    boost::asio::post(FBlockingContext, [this, task = std::move(task)] {
       std::atomic<std::int64_t>& since = TakePlace();
-      auto result = call();
+      try {
+        task->Result.emplace(task->Call());
+      } catch (...) {
+        FOptions.Report(std::current_exception());
+      }
       since = 0;
-      boost::asio::post(FContext,
-                        [owner = std::move(owner), then = std::move(then),
-                         result = std::move(result)]() mutable { then(std::move(result)); });
+      Persist([&] {
+        boost::asio::post(FContext, [task] {
+          const auto released = std::move(task->Owner);
+          if (task->Result) task->Then(std::move(*task->Result));
+        });
+      });
     });
+  }
+
+  // Repeats a step without which the server would stand still until there is memory for it.
+  template <typename TStep>
+  void Persist(const TStep& step) {
+    constexpr std::chrono::milliseconds kPause{100};
+    while (!FContext.stopped()) {
+      try {
+        return step();
+      } catch (...) {
+        FOptions.Report(std::current_exception());
+        SystemClock().Sleep(kPause);
+      }
+    }
   }
 
   // Whether all blocking calls have stood still for StuckAfter.
