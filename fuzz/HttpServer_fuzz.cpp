@@ -14,6 +14,7 @@
 
 #include "Fuzz.h"
 #include "common/Exceptions.h"
+#include "support/FakeClock.h"
 #include "webstatus/HttpServer.h"
 #include "webstatus/RawClient.h"
 
@@ -67,7 +68,8 @@ THttpServerOptions ServerOptions() {
 }
 
 std::uint16_t Port() {
-  static THttpServer server(AnswerWithinRange, ServerOptions());
+  static TFakeClock clock;  // Stands still: two answers have the same date.
+  static THttpServer server(AnswerWithinRange, ServerOptions(), clock);
   if (!server.Active()) server.Activate(0);
   return server.Port();
 }

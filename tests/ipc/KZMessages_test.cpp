@@ -63,10 +63,11 @@ TEST_F(KZMessagesTest, DeliversAsAQueueDoesWhateverTheHandlersDo) {
 TEST_F(KZMessagesTest, LeavesTheMainThreadItsOtherWorkInAFlood) {
   constexpr std::size_t kEnough = 5'000'000;
   TRecorder flood;
+  bool asked = false;
   bool otherWork = false;
   std::optional<TCrew> crew;
   flood.OnMessage = [&](const TKZMessage& message) {
-    if (!crew) crew = AskMainThread([&] { otherWork = true; });
+    if (!std::exchange(asked, true)) crew = AskMainThread([&] { otherWork = true; });
     if (!otherWork && flood.Received.size() < kEnough) flood.Post(message.WParam + 1);
   };
   flood.Post(0);
