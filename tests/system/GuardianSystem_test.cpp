@@ -193,13 +193,13 @@ TEST_F(GuardianSystemTest, ShowsEachThreadAndLeavesAReportWhereTheDaemonsLogsAre
   StartHealthy();
   ::unsetenv("VELLUMARK_GUARDIAN_DEBUG");
   const std::string tasks = "/proc/" + std::to_string(FGuardian->Pid()) + "/task";
-  // The marks are in the histories of the debug mode.
-  std::vector<std::string> wanted = {"MainLoop:Wait", "GuardianTimer:Wait", "Tick.Mutex",
-                                     "Tick.Pipe"};
-  for (const auto& task : std::filesystem::directory_iterator(tasks)) {
-    wanted.push_back("Thread " + task.path().filename().string() + ", CP: ");
-  }
   EXPECT_TRUE(Eventually([&] {
+    // The marks are in the histories of the debug mode.
+    std::vector<std::string> wanted = {"MainLoop:Wait", "GuardianTimer:Wait", "Tick.Mutex",
+                                       "Tick.Pipe"};
+    for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+      wanted.push_back("Thread " + task.path().filename().string() + ", CP: ");
+    }
     const std::string page = Page("threadreport.php");
     return std::all_of(wanted.begin(), wanted.end(),
                        [&](const std::string& each) { return Contains(page, each); });
