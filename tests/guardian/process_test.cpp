@@ -444,7 +444,8 @@ TEST_F(ProcessTest, KnowsItselfAndItsCommandsByTheirIds) {
   ASSERT_TRUE(Eventually([this] { return FWork.Has("told"); }));
   const pid_t shell = pids().at(0);
   const pid_t left = pids().at(1);
-  EXPECT_TRUE(IsOwnProcess(shell) && IsOwnProcess(left));
+  EXPECT_TRUE(Eventually([=] { return IsOwnProcess(shell) && IsOwnProcess(left); }))
+      << "known as soon as its start has returned";
   FWork.Write("go", "");
   crew.Join();
   EXPECT_TRUE(IsOwnProcess(shell)) << "an old process list may show it";

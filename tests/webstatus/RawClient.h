@@ -71,7 +71,8 @@ class TRawClient {
   // When the peer has gone, the bytes are lost and the next read shows it.
   void Send(std::string_view bytes) {
     while (!bytes.empty()) {
-      const ssize_t sent = ::send(FSocket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+      const ssize_t sent = RetryOnEintr(
+          [&] { return ::send(FSocket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL); });
       FReset = FReset || sent < 0;
       if (sent < 0) return;
       bytes.remove_prefix(static_cast<std::size_t>(sent));
@@ -146,9 +147,13 @@ class TRawClient {
   // False at the end of the connection. Throws when nothing comes within the hang limit.
   bool ReadSome() {
     pollfd waited{FSocket.Get(), POLLIN, 0};
-    if (::poll(&waited, 1, kHangLimitMs) != 1) throw std::runtime_error("no answer, no end");
+    // The alarms of a fuzzer start the wait anew.
+    if (RetryOnEintr([&] { return ::poll(&waited, 1, kHangLimitMs); }) != 1) {
+      throw std::runtime_error("no answer, no end");
+    }
     char bytes[65'536];
-    const ssize_t got = ::recv(FSocket.Get(), bytes, sizeof(bytes), 0);
+    const ssize_t got =
+        RetryOnEintr([&] { return ::recv(FSocket.Get(), bytes, sizeof(bytes), 0); });
     FReset = FReset || got < 0;
     if (got <= 0) return false;
     FInput.append(bytes, static_cast<std::size_t>(got));
