@@ -63,7 +63,9 @@ class TRawClient {
     if (receiveBufferBytes > 0) SetOption(FSocket, SOL_SOCKET, SO_RCVBUF, receiveBufferBytes);
     SetOption(FSocket, IPPROTO_TCP, TCP_NODELAY, 1);
     const sockaddr_in address = LoopbackAddress(port);
-    if (::connect(FSocket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address))) {
+    const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+    // A second call waits for the same connection. The alarms of a fuzzer interrupt the first.
+    if (RetryOnEintr([&] { return ::connect(FSocket.Get(), generic, sizeof(address)); }) != 0) {
       throw std::runtime_error("connect: " + std::to_string(errno));
     }
   }
@@ -147,7 +149,6 @@ class TRawClient {
   // False at the end of the connection. Throws when nothing comes within the hang limit.
   bool ReadSome() {
     pollfd waited{FSocket.Get(), POLLIN, 0};
-    // The alarms of a fuzzer start the wait anew.
     if (RetryOnEintr([&] { return ::poll(&waited, 1, kHangLimitMs); }) != 1) {
       throw std::runtime_error("no answer, no end");
     }
