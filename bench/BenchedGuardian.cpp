@@ -34,12 +34,6 @@ TBenchedGuardian::TBenchedGuardian(TGuardianKind kind, const std::string& folder
 
 void TBenchedGuardian::StartDaemon() const { RunToEnd({DaemonPath(), "start"}); }
 
-void TBenchedGuardian::StopDaemon() const { RunToEnd({DaemonPath(), "stop"}); }
-
-pid_t TBenchedGuardian::DaemonPid() const {
-  return FInstallation.DaemonRuns() ? FInstallation.DaemonPid() : 0;
-}
-
 void TBenchedGuardian::StartGuardian() { FGuardian = FInstallation.Run({GuardianPath()}); }
 
 void TBenchedGuardian::StopGuardian() {

@@ -33,10 +33,6 @@ class TBenchedGuardian {
   // Each of these throws when it cannot do what its name says.
 
   void StartDaemon() const;
-  void StopDaemon() const;
-
-  // The pid of the daemon that runs; 0 for none.
-  [[nodiscard]] pid_t DaemonPid() const;
 
   // Starts the Guardian; does not wait for anything.
   void StartGuardian();
@@ -51,6 +47,8 @@ class TBenchedGuardian {
   [[nodiscard]] pid_t GuardianPid() const { return FGuardian->Pid(); }
   [[nodiscard]] std::string GuardianPath() const { return FInstallation.GuardianPath(); }
   [[nodiscard]] std::string DaemonPath() const { return FInstallation.DaemonPath(); }
+  // Where the daemon's mutex and its pipe are.
+  [[nodiscard]] std::string MutexFolder() const { return FInstallation.Home() + "/mutex"; }
 
  private:
   const TInstallation FInstallation;

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <charconv>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -97,6 +98,19 @@ double ChildSecondsOf(pid_t process) {
   return (user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
+double SwitchesOf(pid_t process) {
+  double switches = 0;
+  for (const auto& task :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
+    std::ifstream file(task.path() / "status");
+    std::string word;
+    double count = 0;
+    while (file >> word && word != "voluntary_ctxt_switches:") continue;
+    if (file >> count) switches += count;
+  }
+  return switches;
+}
+
 TMemory MemoryOf(pid_t process) {
   std::ifstream file("/proc/" + std::to_string(process) + "/smaps_rollup");
   TMemory memory;
@@ -108,6 +122,7 @@ TMemory MemoryOf(pid_t process) {
     words >> name >> kilobytes;
     if (name == "Rss:") memory.ResidentMb = kilobytes / 1024;
     if (name == "Pss:") memory.ProportionalMb = kilobytes / 1024;
+    if (name == "Private_Dirty:") memory.PrivateDirtyMb = kilobytes / 1024;
   }
   if (memory.ProportionalMb == 0) throw std::runtime_error("the memory cannot be read");
   return memory;

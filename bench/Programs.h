@@ -30,9 +30,13 @@ double ProcessorSecondsOf(pid_t process);
 // few hundredths.
 double ChildSecondsOf(pid_t process);
 
+// How often the threads that the process has now gave the processor up by themselves.
+double SwitchesOf(pid_t process);
+
 struct TMemory {
   double ResidentMb = 0;
   double ProportionalMb = 0;
+  double PrivateDirtyMb = 0;
 };
 
 TMemory MemoryOf(pid_t process);

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <atomic>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <latch>
@@ -172,9 +173,9 @@ std::int64_t TimesAsleep() {
   return usage.ru_nvcsw;
 }
 
-// Passes checkpoints until told to stop and keeps the time of the longest one that waited, that is,
-// in which the thread gave the processor up by itself. One that is long because the processor was
-// taken away has waited for nobody.
+// Passes checkpoints until told to stop and counts those that waited, that is, in which the thread
+// gave the processor up by itself. One that is long because the processor was taken away has waited
+// for nobody.
 class TCheckpointing {
  public:
   void Run(const std::atomic<bool>& stop) {
@@ -187,16 +188,15 @@ class TCheckpointing {
       FLongestCall = std::max(FLongestCall, took);
       if (took < kSuspiciousMicroseconds) continue;
       const std::int64_t before = std::exchange(asleep, TimesAsleep());
-      if (asleep != before) FLongestWait = std::max(FLongestWait, took);
+      if (asleep != before) ++FWaits;
     }
   }
 
-  // Microseconds.
-  [[nodiscard]] double LongestWait() const { return FLongestWait; }
-  [[nodiscard]] double LongestCall() const { return FLongestCall; }
+  [[nodiscard]] int Waits() const { return FWaits; }
+  [[nodiscard]] double LongestCall() const { return FLongestCall; }  // Microseconds.
 
  private:
-  double FLongestWait = 0;
+  int FWaits = 0;
   double FLongestCall = 0;
 };
 
@@ -240,22 +240,36 @@ class TFullHistories {
   std::vector<std::thread> FThreads;
 };
 
+// As many entries as the report shows, each a text of that length and a number, in one text.
+std::size_t PrintBareEntries() {
+  std::string text;
+  std::array<char, 16> number;
+  for (int i = 0; i < TCheckpointHistory::kEntries * TCheckpointHistory::kMaxOwners; ++i) {
+    const auto end = std::to_chars(number.begin(), number.end(), i % 100).ptr;
+    text.append(number.begin(), end).append(kText).append("   ");
+  }
+  return text.size();
+}
+
 void ThreadReportOfFullHistories(benchmark::State& state) {
   const THistorySwitch history;
   TFullHistories threads;
-  std::vector<double> times;
   std::size_t bytes = 0;
-  for ([[maybe_unused]] auto _ : state) {
-    times.push_back(Seconds([&] { bytes = KZCP::ThreadReport(KZCP::TReportHeader::With).size(); }));
-    state.SetIterationTime(times.back());
-  }
+  const TComparison seconds = Compare(
+      state,
+      [&] {
+        return Seconds([&] { bytes = KZCP::ThreadReport(KZCP::TReportHeader::With).size(); });
+      },
+      [&] { return Seconds([&] { benchmark::DoNotOptimize(PrintBareEntries()); }); });
   threads.End();
   constexpr std::size_t kFewestBytesOfEntry = 23;
   if (bytes < kFewestBytesOfEntry * TCheckpointHistory::kEntries * TCheckpointHistory::kMaxOwners) {
     state.SkipWithError("the report does not show all histories");
   }
-  state.counters["ms"] = Median(times) * 1e3;
-  state.counters["longest_wait_us"] = threads.GoingOn().LongestWait();
+  state.counters["ms"] = seconds.Ours * 1e3;
+  state.counters["bare_ms"] = seconds.Bare * 1e3;
+  state.counters["ratio"] = seconds.OursPerBare;
+  state.counters["waits"] = threads.GoingOn().Waits();
   state.counters["longest_call_us"] = threads.GoingOn().LongestCall();
   state.counters["report_mb"] = static_cast<double>(bytes) / 1e6;
 }

@@ -36,13 +36,9 @@ void RunMainThreadUntil(const std::function<bool()>& happened) {
 
 class TCounter final : public TKZMessageReceiverClass {
  public:
-  void WndMethod(TKZMessage& /*message*/) override {
-    ++Count;
-    DeliveredAt = std::chrono::steady_clock::now();
-  }
+  void WndMethod(TKZMessage& /*message*/) override { ++Count; }
 
   int Count = 0;
-  TInstant DeliveredAt;
 };
 
 class TBareQueue {
@@ -91,25 +87,40 @@ void PostedMessages(benchmark::State& state) {
 }
 BENCHMARK(PostedMessages)->UseManualTime()->Iterations(Rounds(81))->Unit(benchmark::kMillisecond);
 
+// From what another thread does to its effect in this one. Both are asleep before, and so is
+// whoever hands it on, as in the daemon.
+double SecondsUntil(const std::function<void()>& effect, const std::function<void()>& cause) {
+  TInstant causedAt;
+  std::thread other([&] {
+    std::this_thread::sleep_for(milliseconds(1));
+    causedAt = std::chrono::steady_clock::now();
+    cause();
+  });
+  effect();
+  const TInstant happenedAt = std::chrono::steady_clock::now();
+  other.join();
+  return Microseconds(causedAt, happenedAt) / 1e6;
+}
+
+// From thread to thread by a futex.
+double SecondsOfBareHandOver() {
+  std::atomic<bool> handedOver = false;
+  return SecondsUntil([&] { handedOver.wait(false); },
+                      [&] {
+                        handedOver = true;
+                        handedOver.notify_one();
+                      });
+}
+
 // From another thread's PostMessage to WndMethod, the queue being empty each time.
 void PostedMessageLatency(benchmark::State& state) {
   TCounter counter;
-  std::vector<double> latencies;
-  for ([[maybe_unused]] auto _ : state) {
-    TInstant postedAt;
+  const auto ours = [&] {
     const int before = counter.Count;
-    std::thread poster([&] {
-      // The delivery thread and the main thread are asleep by then, as they are in the daemon.
-      std::this_thread::sleep_for(milliseconds(1));
-      postedAt = std::chrono::steady_clock::now();
-      PostMessage(counter, 1124, 0, 0, 0);
-    });
-    RunMainThreadUntil([&] { return counter.Count > before; });
-    poster.join();
-    latencies.push_back(Microseconds(postedAt, counter.DeliveredAt));
-    state.SetIterationTime(latencies.back() / 1e6);
-  }
-  state.counters["median_us"] = Median(latencies);
+    return SecondsUntil([&] { RunMainThreadUntil([&] { return counter.Count > before; }); },
+                        [&] { PostMessage(counter, 1124, 0, 0, 0); });
+  };
+  ReportTimes(state, Compare(state, ours, SecondsOfBareHandOver));
 }
 BENCHMARK(PostedMessageLatency)
     ->UseManualTime()
@@ -130,7 +141,6 @@ class TPipe {
     FClient.OnPipeMessage = [this](auto&, std::int64_t, std::string_view) {
       ++Received;
       if (OnReceived) OnReceived();
-      ReceivedAt = std::chrono::steady_clock::now();
     };
   }
   ~TPipe() {
@@ -144,7 +154,6 @@ class TPipe {
   void Send(std::string_view payload) { FServer.Write(FPipe, payload); }
 
   int Received = 0;
-  TInstant ReceivedAt;
   std::function<void()> OnReceived;
 
  private:
@@ -209,25 +218,16 @@ void PipeRecords(benchmark::State& state) {
 }
 BENCHMARK(PipeRecords)->UseManualTime()->Iterations(Rounds(81))->Unit(benchmark::kMillisecond);
 
-// One record's way, from Write to OnPipeMessage, everybody being asleep.
+// One record's way, from Write to OnPipeMessage.
 void PipeRecordLatency(benchmark::State& state) {
   TPipe pipe;
   const std::string record(kSyncCommRecordBytes, 'r');
-  std::vector<double> latencies;
-  for ([[maybe_unused]] auto _ : state) {
-    TInstant sentAt;
+  const auto ours = [&] {
     const int before = pipe.Received;
-    std::thread sender([&] {
-      std::this_thread::sleep_for(milliseconds(1));
-      sentAt = std::chrono::steady_clock::now();
-      pipe.Send(record);
-    });
-    RunMainThreadUntil([&] { return pipe.Received > before; });
-    sender.join();
-    latencies.push_back(Microseconds(sentAt, pipe.ReceivedAt));
-    state.SetIterationTime(latencies.back() / 1e6);
-  }
-  state.counters["median_us"] = Median(latencies);
+    return SecondsUntil([&] { RunMainThreadUntil([&] { return pipe.Received > before; }); },
+                        [&] { pipe.Send(record); });
+  };
+  ReportTimes(state, Compare(state, ours, SecondsOfBareHandOver));
 }
 BENCHMARK(PipeRecordLatency)
     ->UseManualTime()

@@ -2,12 +2,14 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <new>
 #include <string>
 
@@ -24,7 +26,7 @@ namespace guardian {
 namespace {
 
 // A healthy daemon's round, also the text of its status line, and of every other round also that of
-// a fresh pulse.
+// a fresh pulse. The baseline prints the two texts and does nothing else.
 void DecisionOfTick(benchmark::State& state) {
   const int decisions = Rounds(20'000, 100);
   TObservation seen{.Now = SystemClock().SteadyNow(),
@@ -36,37 +38,44 @@ void DecisionOfTick(benchmark::State& state) {
                     .Pulse = 1,
                     .Pid = "12345"};
   TWatchdogState watchdog{.LastPulseAt = seen.Now};
-  std::vector<double> microseconds;
-  for ([[maybe_unused]] auto _ : state) {
-    const double seconds = ProcessorSeconds([&] {
-      for (int i = 0; i < decisions; ++i) {
-        seen.Now += 10 * kSecond;
-        seen.Pulse += i % 2;
-        benchmark::DoNotOptimize(DecideRound(seen, watchdog));
-      }
-    });
-    microseconds.push_back(seconds / decisions * 1e6);
-    state.SetIterationTime(seconds);
-  }
-  state.counters["us"] = Median(microseconds);
+  const auto ours = [&] {
+    for (int i = 0; i < decisions; ++i) {
+      seen.Now += 10 * kSecond;
+      seen.Pulse += i % 2;
+      benchmark::DoNotOptimize(DecideRound(seen, watchdog));
+    }
+  };
+  const auto bare = [&] {
+    char text[200];
+    for (int i = 0; i < decisions; ++i) {
+      std::snprintf(text, sizeof(text), "Status: Mutex=%c Service=%c Pipe=%c Pulse: %d PID: %s",
+                    'Y', 'Y', 'Y', i, seen.Pid.c_str());
+      benchmark::DoNotOptimize(text);
+      if (i % 2 == 0) continue;
+      std::snprintf(text, sizeof(text), "%s%04d-%02d-%02d %02d:%02d:%02d",
+                    "Pulse change detected, FLastPulseAt now:", 2026, 11, 21, 6, 13, i % 60);
+      benchmark::DoNotOptimize(text);
+    }
+  };
+  CompareRates(state, decisions, ours, bare, &ProcessorSeconds);
 }
 BENCHMARK(DecisionOfTick)->UseManualTime()->Iterations(Rounds(15));
 
-// A line behind a detailed log that is as long as it may become.
+// A line behind a detailed log that is as long as it may become, against one copy of that log,
+// which its readers keep.
 void AppendToFullLog(benchmark::State& state) {
   const std::string line = "Pulse change detected, FLastPulseAt now:2026-11-21 06:13:45";
   TActivityLog log([](std::string_view, TSystemLogKind) {});
-  while (log.DetailedLog()->size() + 2 * line.size() < kActivityLogLimit) log.AddDetailEntry(line);
-  std::vector<double> microseconds;
-  for ([[maybe_unused]] auto _ : state) {
-    const double seconds = ProcessorSeconds([&] { log.AddDetailEntry(line); });
-    microseconds.push_back(seconds * 1e6);
-    state.SetIterationTime(seconds);
-  }
-  if (log.DetailedLog()->size() + 2 * line.size() < kActivityLogLimit) {
-    state.SkipWithError("the log is not full");
-  }
-  state.counters["us"] = Median(microseconds);
+  const auto isFull = [&] {
+    return log.DetailedLog()->size() + 2 * line.size() >= kActivityLogLimit;
+  };
+  while (!isFull()) log.AddDetailEntry(line);
+  const std::string full = *log.DetailedLog();
+  const auto copy = [&] { benchmark::DoNotOptimize(std::make_shared<const std::string>(full)); };
+  ReportTimes(state, Compare(
+                         state, [&] { return ProcessorSeconds([&] { log.AddDetailEntry(line); }); },
+                         [&] { return ProcessorSeconds(copy); }));
+  if (!isFull()) state.SkipWithError("the log is not full");
 }
 BENCHMARK(AppendToFullLog)->UseManualTime()->Iterations(Rounds(2'000, 20));
 
@@ -135,14 +144,26 @@ struct TDaemonReport {
   std::atomic<bool> Written = false;
 };
 
+// What a daemon cannot do without, each call made once.
+void BecomeBareDaemon() {
+  for (int i = 0; i < 2; ++i) {
+    if (::fork() > 0) ::_exit(0);
+    if (i == 0) ::setsid();
+  }
+  ::umask(0);
+  if (::chdir("/") != 0) std::abort();
+  ::close_range(0, ~0U, 0);
+  for (int i = 0; i < 3; ++i) static_cast<void>(::open("/dev/null", O_RDWR));
+}
+
 // With some descriptors open, the highest of all among them.
-[[noreturn]] void MeasureBecomingDaemon(TDaemonReport& report) {
+[[noreturn]] void MeasureBecomingDaemon(void (*becomeDaemon)(), TDaemonReport& report) {
   constexpr int kOpen = 200;
   report.Limit = RaiseDescriptorLimit();
   for (int i = 0; i < kOpen; ++i) static_cast<void>(::open("/dev/null", O_RDONLY));
   ::dup2(STDERR_FILENO, static_cast<int>(report.Limit.load()) - 1);
   const auto start = std::chrono::steady_clock::now();
-  BecomeDaemon();
+  becomeDaemon();
   report.Microseconds = Microseconds(start, std::chrono::steady_clock::now());
   report.Written = ::getppid() != 0 && ::getsid(0) != ::getpid();
   ::_exit(0);
@@ -152,21 +173,21 @@ void BecomingDaemon(benchmark::State& state) {
   void* const shared = ::mmap(nullptr, sizeof(TDaemonReport), PROT_READ | PROT_WRITE,
                               MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (shared == MAP_FAILED) return state.SkipWithError("no shared memory");
-  std::vector<double> milliseconds;
   double limit = 0;
-  for ([[maybe_unused]] auto _ : state) {
+  const auto seconds = [&](void (*becomeDaemon)()) {
     auto& report = *new (shared) TDaemonReport;
     std::fflush(nullptr);
     const pid_t child = ::fork();
-    if (child == 0) MeasureBecomingDaemon(report);
+    if (child == 0) MeasureBecomingDaemon(becomeDaemon, report);
     ::waitpid(child, nullptr, 0);
     if (!Eventually([&] { return report.Written.load(); })) std::abort();
-    milliseconds.push_back(report.Microseconds / 1e3);
     limit = report.Limit;
-    state.SetIterationTime(report.Microseconds / 1e6);
-  }
+    return report.Microseconds / 1e6;
+  };
+  ReportTimes(state, Compare(
+                         state, [&] { return seconds(&BecomeDaemon); },
+                         [&] { return seconds(&BecomeBareDaemon); }));
   ::munmap(shared, sizeof(TDaemonReport));
-  state.counters["ms"] = Median(milliseconds);
   state.SetLabel("at a descriptor limit of " + std::to_string(static_cast<long>(limit)));
 }
 BENCHMARK(BecomingDaemon)->UseManualTime()->Iterations(Rounds(21));

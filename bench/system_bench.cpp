@@ -9,6 +9,7 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -41,7 +42,9 @@ class TBareServer {
   static constexpr std::uint16_t kPort = 8990;
 
   explicit TBareServer(const std::string& answer)
-      : FServer({BARE_SERVER_EXECUTABLE, std::to_string(kPort), AnswerFile(answer)}) {
+      : FServer({BARE_SERVER_EXECUTABLE, std::to_string(kPort), AnswerFile(answer)}) {}
+
+  void WaitForAnswer(const std::string& answer) {
     if (!Eventually([&] { return FServer.Running() && RawAnswerIs(answer); })) {
       throw std::runtime_error("the minimal server does not give the answer");
     }
@@ -126,7 +129,9 @@ class TLoadedServer {
 
 void CompareLoads(benchmark::State& state, const TBenchedGuardian& guardian,
                   const std::string& page, int connections) {
-  const TBareServer bareServer(RawAnswer(kGuardianPort, "/" + page));
+  const std::string answer = RawAnswer(kGuardianPort, "/" + page);
+  TBareServer bareServer(answer);
+  bareServer.WaitForAnswer(answer);
   TLoadedServer ours(kGuardianPort, guardian.GuardianPid(), page, connections);
   TLoadedServer bare(TBareServer::kPort, bareServer.Pid(), page, connections);
   const TComparison seconds = Compare(
@@ -136,6 +141,7 @@ void CompareLoads(benchmark::State& state, const TBenchedGuardian& guardian,
   state.counters["ratio"] = 1 / seconds.OursPerBare;
   state.counters["p99_ms"] = ours.P99Ms();
   state.counters["bare_p99_ms"] = bare.P99Ms();
+  state.counters["p99_ratio"] = ours.P99Ms() / bare.P99Ms();
   state.counters["processor_us"] = ours.ProcessorMicroseconds();
   state.counters["bare_processor_us"] = bare.ProcessorMicroseconds();
 }
@@ -260,18 +266,24 @@ BENCHMARK(Guarded<StatusCommand>)
     ->UseManualTime()
     ->Iterations(Rounds(101, 3));
 
-double SecondsUntilAnswer(TBenchedGuardian& guardian) {
-  constexpr std::chrono::microseconds kPause{200};
+// The seconds until the program that the start runs takes connections on the port.
+double SecondsUntilConnected(std::uint16_t port, const std::function<void()>& start) {
+  constexpr std::chrono::microseconds kPause{100};
   int connection = -1;
   const double seconds = Seconds([&] {
-    guardian.StartGuardian();
-    for (int round = 0; round < 50'000 && connection < 0; ++round) {
+    start();
+    for (int round = 0; round < 100'000 && connection < 0; ++round) {
       std::this_thread::sleep_for(kPause);
-      connection = TryConnect(kGuardianPort);
+      connection = TryConnect(port);
     }
   });
-  if (connection < 0) throw std::runtime_error("the Guardian does not answer");
+  if (connection < 0) throw std::runtime_error("no connection on the port");
   ::close(connection);
+  return seconds;
+}
+
+double SecondsOfGuardianStart(TBenchedGuardian& guardian) {
+  const double seconds = SecondsUntilConnected(kGuardianPort, [&] { guardian.StartGuardian(); });
   if (Page("status.php").find("running") == std::string::npos) {
     throw std::runtime_error("somebody else answers");
   }
@@ -279,17 +291,30 @@ double SecondsUntilAnswer(TBenchedGuardian& guardian) {
   return seconds;
 }
 
+double SecondsOfBareStart() {
+  std::optional<TBareServer> server;
+  return SecondsUntilConnected(TBareServer::kPort, [&] { server.emplace("answer"); });
+}
+
+// Against the handshake's command and the start of the minimal server, one after the other. Of the
+// Guardian's time beyond the handshake against the server's start, too.
 void StartToAnswer(benchmark::State& state) {
   TBenchedGuardian guardian(TGuardianKind::Product);
   const std::string handshake = guardian.DaemonPath() + " /PATHS";
+  std::vector<double> handshakes;
+  std::vector<double> starts;
   const TComparison seconds = Compare(
-      state, [&] { return SecondsUntilAnswer(guardian); },
+      state, [&] { return SecondsOfGuardianStart(guardian); },
       [&] {
-        return RunToEnd({"/bin/sh", "-c", handshake}).Seconds;
+        handshakes.push_back(RunToEnd({"/bin/sh", "-c", handshake}).Seconds);
+        starts.push_back(SecondsOfBareStart());
+        return handshakes.back() + starts.back();
       });
-  state.counters["ms"] = seconds.Ours * 1e3;
-  state.counters["bare_ms"] = seconds.Bare * 1e3;
-  state.counters["over_ms"] = (seconds.Ours - seconds.Bare) * 1e3;
+  ReportTimes(state, seconds);
+  const double beyond = seconds.Ours - Median(handshakes);
+  state.counters["beyond_us"] = beyond * 1e6;
+  state.counters["bare_start_us"] = Median(starts) * 1e6;
+  state.counters["beyond_ratio"] = beyond / Median(starts);
 }
 BENCHMARK(Guarded<StartToAnswer>)->Name("StartToAnswer")->UseManualTime()->Iterations(Rounds(31));
 
@@ -314,24 +339,42 @@ void PlayFast(std::chrono::seconds watched) {
   }
 }
 
-// The processor time of the product itself in a minute, in which it reads the process list once. It
-// is measured in real time, since in a fast hour only the ticks come faster.
-double ProcessorSecondsOfAMinute() {
+// What a process has used so far.
+struct TUse {
+  explicit TUse(pid_t pid) : Seconds(ProcessorSecondsOf(pid)), Switches(SwitchesOf(pid)) {}
+  double Seconds;
+  double Switches;
+};
+
+// The product itself in an hour, and the bare watcher beside it on the same daemon. Measured over a
+// minute of real time, in which the product reads the process list once, since in a fast hour only
+// the ticks come faster.
+void OwnUseOfAnHour(benchmark::State& state) {
   const milliseconds window(Rounds(60'000, 500));
+  const double perHour = 3'600'000 / static_cast<double>(window.count());
   TBenchedGuardian guardian(TGuardianKind::Product);
   guardian.StartDaemon();
   guardian.StartGuardian();
   guardian.WaitForHealthyRound();
-  const double before = ProcessorSecondsOf(guardian.GuardianPid());
+  const TProgram watcher({BARE_WATCHER_EXECUTABLE, guardian.MutexFolder()});
+  std::this_thread::sleep_for(milliseconds(1500));  // Until both are past their first record.
+  const TUse ours(guardian.GuardianPid());
+  const TUse bare(watcher.Pid());
   std::this_thread::sleep_for(window);
-  return (ProcessorSecondsOf(guardian.GuardianPid()) - before) * 60'000 /
-         static_cast<double>(window.count());
+  const TUse oursAfter(guardian.GuardianPid());
+  const TUse bareAfter(watcher.Pid());
+  state.counters["own_s"] = (oursAfter.Seconds - ours.Seconds) * perHour;
+  state.counters["bare_s"] = (bareAfter.Seconds - bare.Seconds) * perHour;
+  state.counters["own_ratio"] =
+      (oursAfter.Seconds - ours.Seconds) / (bareAfter.Seconds - bare.Seconds);
+  state.counters["switches"] = (oursAfter.Switches - ours.Switches) * perHour;
+  state.counters["bare_switches"] = (bareAfter.Switches - bare.Switches) * perHour;
 }
 
 void WatchedHour(benchmark::State& state) {
   const std::chrono::seconds hour(Rounds(3600, 60));
   for ([[maybe_unused]] auto _ : state) {
-    const double own = ProcessorSecondsOfAMinute() * 60;
+    OwnUseOfAnHour(state);
     TBenchedGuardian guardian(TGuardianKind::Fast, LongFolders());
     guardian.StartDaemon();
     guardian.StartGuardian();
@@ -343,61 +386,22 @@ void WatchedHour(benchmark::State& state) {
     const TMemory early = MemoryOf(pid);
     PlayFast(hour - hour / 10);
     const TMemory late = MemoryOf(pid);
-    const double children = ChildSecondsOf(pid) - before;
+    const double children =
+        (ChildSecondsOf(pid) - before) * 3600 / static_cast<double>(hour.count());
+    const double listings = SecondsOf60Listings();
     state.SetIterationTime(static_cast<double>(hour.count()));
-    state.counters["processor_s"] = own + children;
-    state.counters["own_s"] = own;
     state.counters["children_s"] = children;
-    state.counters["ps_s"] = SecondsOf60Listings();
+    state.counters["ps_s"] = listings;
+    state.counters["children_ratio"] = children / listings;
     state.counters["resident_mb"] = late.ResidentMb;
     state.counters["early_mb"] = early.ResidentMb;
     state.counters["proportional_mb"] = late.ProportionalMb;
+    state.counters["private_dirty_mb"] = late.PrivateDirtyMb;
     state.counters["growth"] = late.ResidentMb / early.ResidentMb;
     state.SetLabel("time " + std::to_string(kFastFactor) + "-fold");
   }
 }
 BENCHMARK(Guarded<WatchedHour>)->Name("WatchedHour")->UseManualTime()->Iterations(1);
-
-double SecondsUntilBack(const TBenchedGuardian& guardian) {
-  const pid_t killed = guardian.DaemonPid();
-  const auto isBack = [&] {
-    const pid_t pid = guardian.DaemonPid();
-    return pid != 0 && pid != killed;
-  };
-  return Seconds([&] {
-    ::kill(killed, SIGKILL);
-    if (!Eventually(isBack)) throw std::runtime_error("the daemon does not come back");
-  });
-}
-
-// Every restart begins with a tick, so each pause before a kill is the time since a tick. The
-// daemon's own start is measured as the Guardian starts it, by the shell.
-void RestartAfterKill(benchmark::State& state) {
-  constexpr milliseconds kStep{1000};
-  TBenchedGuardian guardian(TGuardianKind::Product);
-  std::vector<double> starts;
-  for (int i = 0; i < Rounds(5); ++i) {
-    starts.push_back(RunToEnd({"/bin/sh", "-c", guardian.DaemonPath() + " start"}).Seconds);
-    guardian.StopDaemon();
-  }
-  guardian.StartDaemon();
-  guardian.StartGuardian();
-  guardian.WaitForHealthyRound();
-  std::vector<double> times;
-  for ([[maybe_unused]] auto _ : state) {
-    std::this_thread::sleep_for(kStep * ((times.size() + 1) % 10));
-    times.push_back(SecondsUntilBack(guardian));
-    state.SetIterationTime(times.back());
-  }
-  const double longest = *std::max_element(times.begin(), times.end());
-  state.counters["start_s"] = Median(starts);
-  state.counters["all_s"] = longest;
-  state.counters["longest_s"] = longest - Median(starts);
-}
-BENCHMARK(Guarded<RestartAfterKill>)
-    ->Name("RestartAfterKill")
-    ->UseManualTime()
-    ->Iterations(Rounds(10));
 
 }  // namespace
 }  // namespace guardian
