@@ -116,8 +116,6 @@ TEST_F(StatusPagesTest, AnswersShortPagesByteForByte) {
       {"/threadreport.php", StartsWith("Thread Report<br>-----------------<br>")},
       {"/vellumark_logs/missing.log", StartsWith(kHead + "EXCPTION: ")},
       {"/status.json", StartsWith("{\"version\":\"1.50\""), "application/json"},
-      {"/metrics", StartsWith("# TYPE vellumark_guardian_build info\n"),
-       "application/openmetrics-text; version=1.0.0; charset=utf-8"},
       {"/logfiles.php", kHead + "Log Files in Reverse Order<br><br>EXCPTION: open folder "
                                 "/no/such/&lt;folder&gt;: No such file or directory (errno 2)"},
   };
@@ -130,6 +128,35 @@ TEST_F(StatusPagesTest, AnswersShortPagesByteForByte) {
   EXPECT_EQ(Get("/status.php"), "Guardian running. ");
   Settings().LogDirectory.Set("");
   EXPECT_EQ(Get("/logfiles.php"), kHead + "Log Files in Reverse Order<br><br>");
+}
+
+TEST_F(StatusPagesTest, AnswersOpenMetricsToThoseAloneWhoTakeIt) {
+  const std::string sample = "vellumark_guardian_build_info{version=\"1.50\",build=\"10\"} 1\n";
+  const std::string text =
+      "# TYPE vellumark_guardian_build_info gauge\n"
+      "# HELP vellumark_guardian_build_info The running Guardian.\n" +
+      sample;
+  const std::string open =
+      "# TYPE vellumark_guardian_build info\n"
+      "# HELP vellumark_guardian_build The running Guardian.\n" +
+      sample + "# EOF\n";
+  const std::pair<const char*, const std::string&> cases[] = {
+      {"", text},
+      {"*/*", text},
+      {"text/plain;version=0.0.4, application/openmetrics-text-2, application/*", text},
+      {"application/openmetrics-text; q=0.000, */*", text},
+      {"application/openmetrics-text", open},
+      {"text/html,\tApplication/OpenMetrics-Text;version=1.0.0 ; q=0.001", open},
+      {"application/openmetrics-text;Q=0,application/openmetrics-text;version=0.0.1", open}};
+  for (const auto& [accept, expected] : cases) {
+    THttpRequest request = RequestOf("GET", "/metrics");
+    request.Headers = {{"Accept", accept}};
+    const THttpResponse response = BuildPage(request, {});
+    EXPECT_EQ(response.Body, expected) << accept;
+    EXPECT_EQ(response.ContentType,
+              expected == open ? "application/openmetrics-text; version=1.0.0; charset=utf-8"
+                               : "text/plain; version=0.0.4; charset=utf-8");
+  }
 }
 
 // What each page answers is seen in a running Guardian.
