@@ -21,8 +21,8 @@ inline constexpr const char* kOpenMetricsType =
 [[nodiscard]] std::string StatusJson(const std::optional<TGuardianStatus>& status,
                                      std::optional<std::uint16_t> port);
 
-// The same numbers for monitoring: in the text format that every such program reads, or in the later
-// one, in which a family of samples has a name of its own.
+// The same numbers for monitoring: in the text format that every such program reads, or in the
+// later one, in which a family of samples has a name of its own.
 enum class TMetricsFormat { Text, OpenMetrics };
 [[nodiscard]] std::string Metrics(const std::optional<TGuardianStatus>& status,
                                   TMetricsFormat format);
