@@ -20,7 +20,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using testing::ElementsAre;
-using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Matcher;
 using testing::StartsWith;
@@ -143,8 +142,12 @@ TEST_F(StatusPagesTest, AnswersOpenMetricsToThoseAloneWhoTakeIt) {
   for (const auto& [accept, isOpen] : cases) {
     THttpRequest request = RequestOf("GET", "/metrics");
     request.Headers = {{"Accept", accept}};
-    const THttpResponse response = BuildPage(request, {});
-    EXPECT_THAT(response.Body, EndsWith(isOpen ? "} 1\n# EOF\n" : "} 1\n")) << accept;
+    const THttpResponse response = BuildPage(request, {&FGuardian, {}, FPort, &FGuard});
+    EXPECT_THAT(response.Body, StartsWith(isOpen ? "# TYPE vellumark_guardian_build info\n"
+                                                 : "# TYPE vellumark_guardian_build_info gauge\n"));
+    EXPECT_THAT(response.Body, HasSubstr(isOpen ? " vellumark_guardian_restarts counter\n"
+                                                : " vellumark_guardian_restarts_total counter\n"));
+    EXPECT_EQ(response.Body.ends_with("# EOF\n"), isOpen) << accept;
     EXPECT_EQ(response.ContentType,
               isOpen ? "application/openmetrics-text; version=1.0.0; charset=utf-8"
                      : "text/plain; version=0.0.4; charset=utf-8");
