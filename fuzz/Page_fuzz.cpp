@@ -185,11 +185,12 @@ class TPages {
  public:
   TPages(const TCase& how, std::string_view outside) : FCase(how), FGuardian(outside) {}
 
-  THttpResponse Get(const std::string& path) {
+  THttpResponse Get(const std::string& path, const std::string& accept = "") {
     THttpRequest request;
     request.Method = FCase.IsHead ? "HEAD" : "GET";
     request.Path = path;
-    if (FCase.IsCrossSite) request.Headers = {{"Sec-Fetch-Site", "cross-site"}};
+    request.Headers = {{"Accept", accept}};
+    if (FCase.IsCrossSite) request.Headers.emplace_back("Sec-Fetch-Site", "cross-site");
     TPageSources sources;
     if (FCase.HasGuardian) sources.Guardian = &FGuardian;
     sources.TerminateGuardian = [this] { ++FGuardian.Deeds; };
@@ -342,7 +343,6 @@ void CheckJson(const std::string& body, const TCase& how, std::string_view outsi
 
 void CheckMetrics(std::string_view body, const TCase& how, const TWatchdogReading& seen) {
   constexpr std::string_view kPrefix = "vellumark_guardian_";
-  Require(body.ends_with("\n# EOF\n"), "metrics do not end as they must");
   std::map<std::string, std::string, std::less<>> samples;
   for (const std::string_view line : Split(body.substr(0, body.size() - 1), '\n')) {
     if (line.starts_with("# ")) continue;
@@ -380,7 +380,11 @@ void CheckPage(const TCase& how, const std::string& path, std::string_view outsi
     CheckMarkup(response, path, how);
   }
   CheckJson(pages.Get("/status.json").Body, how, outside, pages.Now());
-  CheckMetrics(pages.Get("/metrics").Body, how, pages.Now().Watchdog);
+  const std::string open = pages.Get("/metrics", "application/openmetrics-text").Body;
+  Require(open.ends_with("\n# EOF\n"), "metrics do not end as they must");
+  for (const std::string& body : {open, pages.Get("/metrics").Body}) {
+    CheckMetrics(body, how, pages.Now().Watchdog);
+  }
 }
 
 }  // namespace

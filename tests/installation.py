@@ -78,6 +78,8 @@ def _interrupt(*_):
 # A context that leaves no process behind: a process that loses its parent becomes a child of this
 # program, which ends it by its id. A signal that interrupts the program also ends the context.
 class Installation:
+    _place = staticmethod(shutil.copy2)  # How a program gets to its place.
+
     def __init__(self, bin_folder, folder, guardian="VellumarkGuardian", **variables):
         self._refuse_what_is_in_use()
         self.folder = folder
@@ -89,8 +91,8 @@ class Installation:
         self.launcher = []  # The Guardian is run by this command.
         for name in ("home/logs", "tmp"):
             os.makedirs(self.path(name))
-        shutil.copy2(os.path.join(bin_folder, guardian), self.guardian_path)
-        shutil.copy2(os.path.join(bin_folder, "VellumarkCL"), self.daemon_path)
+        self._place(os.path.join(bin_folder, guardian), self.guardian_path)
+        self._place(os.path.join(bin_folder, "VellumarkCL"), self.daemon_path)
 
     def __enter__(self):
         ctypes.CDLL(None).prctl(_PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
@@ -125,11 +127,15 @@ class Installation:
     # In the foreground, until it answers. Its output goes into the file guardian.out, unless
     # another open file is given.
     def start_guardian(self, output=None):
+        self.launch_guardian(output)
+        await_that("the Guardian's answer", answers, 30, self.require_guardian)
+
+    # The same without waiting.
+    def launch_guardian(self, output=None):
         with open(self.path("guardian.out"), "wb") as file:
             self.guardian = subprocess.Popen([*self.launcher, self.guardian_path],
                                              stdout=output or file, stderr=subprocess.STDOUT,
                                              env=self.environment, start_new_session=True)
-        await_that("the Guardian's answer", answers, 30, self.require_guardian)
 
     def require_guardian(self):
         status = self.guardian.poll()

@@ -23,6 +23,12 @@ std::string_view ReasonOf(int status) {
   return {reason.data(), reason.size()};
 }
 
+// "q=0.00", which refuses the media type that it stands behind.
+bool IsZeroWeight(std::string_view parameter) {
+  return parameter.starts_with("q=") &&
+         parameter.find_first_not_of("0.", 2) == std::string_view::npos;
+}
+
 // A line end in a value would let it forge headers of its own.
 void AppendHeader(std::string& head, std::string_view name, std::string_view value) {
   head.append(name).append(": ");
@@ -64,6 +70,17 @@ std::optional<std::string_view> THttpRequest::Header(std::string_view name) cons
     if (EqualNames(key, name)) return value;
   }
   return std::nullopt;
+}
+
+bool THttpRequest::Accepts(std::string_view mediaType) const {
+  std::string accepted = LowerCase(Header("Accept").value_or(""));
+  std::erase_if(accepted, [](char c) { return c == ' ' || c == '\t'; });
+  for (const std::string_view range : Split(accepted, ',')) {
+    const TPieces parts = Split(range, ';');
+    if (*parts.begin() != mediaType) continue;
+    if (std::none_of(parts.begin(), parts.end(), IsZeroWeight)) return true;
+  }
+  return false;
 }
 
 THttpResponse PlainResponse(int status) {

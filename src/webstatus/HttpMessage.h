@@ -21,6 +21,10 @@ struct THttpRequest {
   // The value of the first header of that name, in any case of letters; none when there is none.
   [[nodiscard]] std::optional<std::string_view> Header(std::string_view name) const;
 
+  // Whether the first header "Accept" names the media type, which is in lower case and no pattern,
+  // with a weight above 0.
+  [[nodiscard]] bool Accepts(std::string_view mediaType) const;
+
   std::string Method;  // "GET" or "HEAD".
   std::string Path;    // Percent-decoded, without the query; as in "/status.php".
   std::string Query;   // What follows the "?", as it was sent.

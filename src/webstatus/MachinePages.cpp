@@ -100,11 +100,23 @@ std::string JsonDaemon(const TGuardianStatus& status) {
 // A metric family and its samples.
 class TMetrics {
  public:
+  explicit TMetrics(TMetricsFormat format) : FFormat(format) {}
+
   void Family(std::string_view name, std::string_view type, std::string_view help) {
     FName = std::string("vellumark_guardian_").append(name);
-    FText.append("# TYPE ").append(FName).append(" ").append(type).append("\n");
-    if (name.ends_with("_seconds")) FText.append("# UNIT ").append(FName).append(" seconds\n");
-    FText.append("# HELP ").append(FName).append(" ").append(help).append("\n");
+    std::string family = FName;
+    // In the text format a family is named as its samples are, and there are no units.
+    const bool isText = FFormat == TMetricsFormat::Text;
+    if (isText && type == "counter") family += "_total";
+    if (isText && type == "info") {
+      family += "_info";
+      type = "gauge";
+    }
+    FText.append("# TYPE ").append(family).append(" ").append(type).append("\n");
+    if (!isText && name.ends_with("_seconds")) {
+      FText.append("# UNIT ").append(family).append(" seconds\n");
+    }
+    FText.append("# HELP ").append(family).append(" ").append(help).append("\n");
   }
   // The suffix, such as "_total" of a counter, is part of the name; labels stand in braces.
   void Sample(std::string_view suffixAndLabels, std::string_view value) {
@@ -118,9 +130,12 @@ class TMetrics {
     Family(name, "counter", help);
     Sample("_total", std::to_string(value));
   }
-  [[nodiscard]] std::string Text() && { return std::move(FText) + "# EOF\n"; }
+  [[nodiscard]] std::string Text() && {
+    return std::move(FText) + (FFormat == TMetricsFormat::OpenMetrics ? "# EOF\n" : "");
+  }
 
  private:
+  const TMetricsFormat FFormat;
   std::string FName;
   std::string FText;
 };
@@ -143,7 +158,7 @@ void AddChecks(const TWatchdogReading& seen, TMetrics& metrics) {
 
 void AddActions(const TWatchdogReading& seen, TMetrics& metrics) {
   metrics.Counter("rounds", "Rounds of the watchdog.", seen.Rounds);
-  metrics.Counter("restarts", "Restarts that were begun.", seen.Restarts);
+  metrics.Counter("restarts", "Restarts of a hung daemon that were begun.", seen.Restarts);
   metrics.Gauge("restart_attempts", "Steps of the restart under way.",
                 std::to_string(seen.RestartAttempts));
   metrics.Family("actions", "counter", "Commands that were run on the daemon.");
@@ -182,8 +197,8 @@ std::string StatusJson(const std::optional<TGuardianStatus>& status,
   return json.Text() + "\n";
 }
 
-std::string OpenMetrics(const std::optional<TGuardianStatus>& status) {
-  TMetrics metrics;
+std::string Metrics(const std::optional<TGuardianStatus>& status, TMetricsFormat format) {
+  TMetrics metrics(format);
   metrics.Family("build", "info", "The running Guardian.");
   metrics.Sample("_info{version=\"1.50\",build=\"10\"}", "1");
   if (status) {

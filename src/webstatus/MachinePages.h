@@ -9,6 +9,7 @@
 namespace guardian {
 
 inline constexpr const char* kJsonType = "application/json";
+inline constexpr const char* kMetricsTextType = "text/plain; version=0.0.4; charset=utf-8";
 inline constexpr const char* kOpenMetricsType =
     "application/openmetrics-text; version=1.0.0; charset=utf-8";
 
@@ -20,7 +21,10 @@ inline constexpr const char* kOpenMetricsType =
 [[nodiscard]] std::string StatusJson(const std::optional<TGuardianStatus>& status,
                                      std::optional<std::uint16_t> port);
 
-// The OpenMetrics text format.
-[[nodiscard]] std::string OpenMetrics(const std::optional<TGuardianStatus>& status);
+// The same numbers for monitoring: in the text format that every such program reads, or in the
+// later one, in which a family of samples has a name of its own.
+enum class TMetricsFormat { Text, OpenMetrics };
+[[nodiscard]] std::string Metrics(const std::optional<TGuardianStatus>& status,
+                                  TMetricsFormat format);
 
 }  // namespace guardian

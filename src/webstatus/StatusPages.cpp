@@ -180,8 +180,9 @@ void BuildPageGuarded(std::string_view name, const THttpRequest& request,
     page = StatusJson(StatusOf(sources), sources.Port);
     response.ContentType = kJsonType;
   } else if (name == "metrics") {
-    page = OpenMetrics(StatusOf(sources));
-    response.ContentType = kOpenMetricsType;
+    const bool isOpen = request.Accepts("application/openmetrics-text");
+    page = Metrics(StatusOf(sources), isOpen ? TMetricsFormat::OpenMetrics : TMetricsFormat::Text);
+    response.ContentType = isOpen ? kOpenMetricsType : kMetricsTextType;
   }
 }
 

@@ -150,7 +150,7 @@ TEST_F(GuardianSystemTest, EndsOnSignalsInEveryState) {
 // Reads both pages as programs do, and prints what they agree on.
 constexpr const char* kParser = R"(
 import json, sys
-from prometheus_client.openmetrics.parser import text_string_to_metric_families as parse
+from prometheus_client.parser import text_string_to_metric_families as parse
 status = json.load(open(sys.argv[1]))
 metrics = {(sample.name.removeprefix("vellumark_guardian_"), *sample.labels.values()): sample.value
            for family in parse(open(sys.argv[2]).read()) for sample in family.samples}

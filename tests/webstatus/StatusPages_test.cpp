@@ -116,8 +116,6 @@ TEST_F(StatusPagesTest, AnswersShortPagesByteForByte) {
       {"/threadreport.php", StartsWith("Thread Report<br>-----------------<br>")},
       {"/vellumark_logs/missing.log", StartsWith(kHead + "EXCPTION: ")},
       {"/status.json", StartsWith("{\"version\":\"1.50\""), "application/json"},
-      {"/metrics", StartsWith("# TYPE vellumark_guardian_build info\n"),
-       "application/openmetrics-text; version=1.0.0; charset=utf-8"},
       {"/logfiles.php", kHead + "Log Files in Reverse Order<br><br>EXCPTION: open folder "
                                 "/no/such/&lt;folder&gt;: No such file or directory (errno 2)"},
   };
@@ -130,6 +128,30 @@ TEST_F(StatusPagesTest, AnswersShortPagesByteForByte) {
   EXPECT_EQ(Get("/status.php"), "Guardian running. ");
   Settings().LogDirectory.Set("");
   EXPECT_EQ(Get("/logfiles.php"), kHead + "Log Files in Reverse Order<br><br>");
+}
+
+TEST_F(StatusPagesTest, AnswersOpenMetricsToThoseAloneWhoTakeIt) {
+  const std::pair<const char*, bool> cases[] = {
+      {"", false},
+      {"*/*", false},
+      {"text/plain;version=0.0.4, application/openmetrics-text-2, application/*", false},
+      {"application/openmetrics-text; q=0.000, */*", false},
+      {"application/openmetrics-text", true},
+      {"text/html,\tApplication/OpenMetrics-Text;version=1.0.0 ; q=0.001", true},
+      {"application/openmetrics-text;Q=0,application/openmetrics-text;version=0.0.1", true}};
+  for (const auto& [accept, isOpen] : cases) {
+    THttpRequest request = RequestOf("GET", "/metrics");
+    request.Headers = {{"Accept", accept}};
+    const THttpResponse response = BuildPage(request, {&FGuardian, {}, FPort, &FGuard});
+    EXPECT_THAT(response.Body, StartsWith(isOpen ? "# TYPE vellumark_guardian_build info\n"
+                                                 : "# TYPE vellumark_guardian_build_info gauge\n"));
+    EXPECT_THAT(response.Body, HasSubstr(isOpen ? " vellumark_guardian_restarts counter\n"
+                                                : " vellumark_guardian_restarts_total counter\n"));
+    EXPECT_EQ(response.Body.ends_with("# EOF\n"), isOpen) << accept;
+    EXPECT_EQ(response.ContentType,
+              isOpen ? "application/openmetrics-text; version=1.0.0; charset=utf-8"
+                     : "text/plain; version=0.0.4; charset=utf-8");
+  }
 }
 
 // What each page answers is seen in a running Guardian.
