@@ -5,6 +5,8 @@
 
 #include "common/Console.h"
 #include "config/SettingsStoreTest.h"
+#include "config/SqlIniComponents.h"
+#include "config/SqlIniOpenFile.h"
 #include "support/ChildProcess.h"
 #include "support/Crew.h"
 #include "support/Program.h"
@@ -179,9 +181,15 @@ const TRegisterChild kAsOrdinaryUser(
     "SqlIniOrdinaryUser", [](const std::vector<std::string>& arguments) {
       if (::geteuid() == 0 && (::setgid(kNobody) != 0 || ::setuid(kNobody) != 0)) return 1;
       TKZSQLIniFile store(arguments.front());
-      std::fprintf(stderr, "read %s\n", store.ReadString("s", "k", "nothing").c_str());
+      const auto read = [&] {
+        std::fprintf(stderr, "read %s\n", store.ReadString("s", "k", "nothing").c_str());
+      };
+      read();
       store.WriteString("s", "k", "other");
-      std::fprintf(stderr, "read %s\n", store.ReadString("s", "k", "nothing").c_str());
+      ::chmod(arguments.front().c_str(), 0644);
+      read();
+      store.WriteString("s", "k", "other");
+      read();
       return 0;
     });
 
@@ -189,13 +197,16 @@ TEST_F(TKZSQLIniRecoveryTest, ReadsAFileItMayNotWriteAndFailsOnOneItMayNotRead) 
   Open()->WriteString("s", "k", "v");
   ::chmod(FFolder.Path().c_str(), 0755);
   const auto outputAt = [&](mode_t mode) {
+    for (const std::string& name : {FFolder.Path(), File()}) {
+      EXPECT_TRUE(::geteuid() != 0 || ::chown(name.c_str(), kNobody, kNobody) == 0);
+    }
     ::chmod(File().c_str(), mode);
     TProgram child({"/proc/self/exe", "--child", "SqlIniOrdinaryUser", File()});
     EXPECT_EQ(child.Wait(), 0);
     return child.Output();
   };
   const std::string message = "Config file is read-only. Cannot save updated profile status.\n";
-  EXPECT_EQ(outputAt(0444), "read v\n" + message + "read v\n");
+  EXPECT_EQ(outputAt(0444), "read v\n" + message + "read v\nread other\n");
   EXPECT_THAT(outputAt(0200), HasSubstr("Cannot open" + File() + ": Permission Denied\n"));
 }
 
@@ -285,6 +296,24 @@ TEST_F(TKZSQLIniRecoveryTest, RefusesAStoreThatWasOpenedBeforeAFork) {
   EXPECT_THAT(Lines(), HasSubstr("The file was opened before a fork."));
   EXPECT_FALSE(FFolder.Has("CfgBackups/x.cfg.bak"));
   EXPECT_TRUE(store->TryWriteString("s", "k", "x"));
+}
+
+// Its value is longer than what SQLite keeps in memory, so half of it is in the file by then.
+TEST_F(TKZSQLIniRecoveryTest, AForkDoesNotTakeBackWhatIsBeingWritten) {
+  const std::string value(3'000'000, 'v');
+  auto file = std::make_unique<TSqlIniOpenFile>(File(), TSqlIniAccess::ReadWrite, FClock);
+  TSqlIniComponents& store = file->Connection(TSqlIniBegin::Write);
+  store.Begin(TSqlIniBegin::Write);
+  store.PutValue(store.PutSection("s"), "k", value, TSqlIniEdit::LookFirst);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    file.reset();
+    ::_exit(0);
+  }
+  ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+  store.Commit();
+  EXPECT_TRUE(Open()->ReadString("s", "k", "") == value);
+  EXPECT_EQ(Ask("PRAGMA integrity_check"), "ok");
 }
 
 }  // namespace

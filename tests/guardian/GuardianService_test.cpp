@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include <cstdarg>
+
 #include "common/Cancellation.h"
 #include "guardian/FakeSurroundings.h"
 #include "guardian/RunCommand.h"
@@ -93,6 +95,7 @@ class GuardianServiceTest : public testing::Test {
     FRun.push_back(command);
     TShellOutcome answer = FAnswers[command];
     if (answer.Output == "is cut short by the end") FFakes.Stopping.Cancel();
+    if (answer.Output == "sees another click") FService.RequestStart();
     return answer;
   })};
 };
@@ -325,15 +328,18 @@ TEST_F(GuardianServiceTest, KillsByNameAtOnceWhenThePidIsGone) {
 TEST_F(GuardianServiceTest, ARequestIsCarriedOutASecondLaterAndThenTheTimerIsSlowAgain) {
   const auto rounds = [this] { return FService.Status().Watchdog.Rounds; };
   Start("MUTEX=/m\n");
+  FAnswers[kStop] = {"sees another click", {}};
   FService.RequestStop();
   EXPECT_EQ(TimerRunsAfter(1'000), kStop);
   EXPECT_TRUE(Eventually([&] { return rounds() == 1; }));
+  EXPECT_EQ(TimerRunsAfter(1'000), kStart);
+  EXPECT_TRUE(Eventually([&] { return rounds() == 2; }));
   for (int second = 1; second <= 10; ++second) {
-    EXPECT_EQ(rounds(), 1) << second;
+    EXPECT_EQ(rounds(), 2) << second;
     FFakes.Clock.Advance(milliseconds(1'000));
     CheckSynchronize(milliseconds(3));  // Time for a tick that must not come.
   }
-  EXPECT_TRUE(Eventually([&] { return rounds() == 2; }));
+  EXPECT_TRUE(Eventually([&] { return rounds() == 3; }));
 }
 
 TEST_F(GuardianServiceTest, SaysThatItIsPausedContinuedOrStopped) {
@@ -403,6 +409,8 @@ TEST(RealFileSystemTest, TellsFilesFromFoldersAndSaysWhyItCannotRead) {
   EXPECT_EQ(files.ReadText(folder.Path("pipe")), "") << "a pipe without a writer does not block";
 }
 
+TSharedText toSyslog;  // What the C library's system log was told, with the priorities.
+
 const std::string kNasty = "Path $(touch x) `id` \"quoted\" 'single' ; | & \\ \n%s -n";
 
 // The tools are scripts that write down their arguments, each in brackets. The first one then
@@ -436,6 +444,15 @@ TEST(SystemLogTest, GivesTheFirstToolItsPlainArgumentsAndWaitsForNone) {
     EXPECT_TRUE(WriteSystemLog("last words", TSystemLogKind::Information));
   }
   EXPECT_TRUE(folder.Read("told").ends_with("[last words][4]"));
+  install("write_log", "exit 3");
+  {
+    const TSystemLogWriter writer({folder.Path("write_log"), folder.Path("synolog")});
+    WriteSystemLog("dead daemon", TSystemLogKind::Error);
+    const std::string failed = "4 System log tool failed: " + folder.Path("write_log");
+    EXPECT_TRUE(Eventually([&] {
+      return toSyslog.Copy().ends_with(failed + ", exit code 3\n3 dead daemon\n");
+    })) << toSyslog.Copy();
+  }
   EXPECT_FALSE(WriteSystemLog("too late", TSystemLogKind::Error));
 }
 
@@ -456,3 +473,14 @@ TEST(RunCommandTest, SaysWhyACommandDidNotEndByItself) {
 
 }  // namespace
 }  // namespace guardian
+
+// In the place of the library's.
+extern "C" void syslog(int priority, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int length = va_arg(arguments, int);
+  const std::string_view text(va_arg(arguments, const char*), static_cast<std::size_t>(length));
+  va_end(arguments);
+  guardian::toSyslog.Set(guardian::toSyslog.Copy() + std::to_string(priority) + " " +
+                         std::string(text) + "\n");
+}

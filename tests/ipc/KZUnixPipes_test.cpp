@@ -34,6 +34,11 @@ std::string Frame(std::string_view payload) {
   return frame;
 }
 
+// Whether the thread report shows the mark.
+bool Shows(const char* mark) {
+  return KZCP::ThreadReport(KZCP::TReportHeader::Without).find(mark) != std::string::npos;
+}
+
 // So many starts of threads until one fails; 0 for none.
 std::atomic<int> threadsUntilFailure = 0;
 
@@ -183,7 +188,14 @@ TEST_F(KZUnixPipesTest, ReportsAnEndOnceWhoeverBringsItAbout) {
     ServeAndConnect();
     const std::int64_t pipe = FClient->Pipe();
     if (end == "server") FServer->SetActive(false);
-    if (end == "socket file") std::filesystem::remove(FSocketPath);
+    if (end == "socket file") {
+      std::filesystem::remove(FSocketPath);
+      // Without the main thread, which would hear of the end.
+      while (PipeCounters().ClientPipeThreads > 0) SystemClock().Sleep(milliseconds(1));
+      EXPECT_TRUE(FClient->Connected() && !FClient->Write("nobody there"));
+      while (PipeCounters().ServerPipeThreads > 0) SystemClock().Sleep(milliseconds(1));
+      EXPECT_FALSE(FServer->Write(FServer->Clients(0), "nobody there"));
+    }
     for (int i = 0; i < 2 && end == "client"; ++i) {
       FClient->Disconnect(TWait::Yes);
       EXPECT_EQ(PipeCounters().ClientPipeThreads, 0) << "it has waited for them";
@@ -271,15 +283,12 @@ TEST_F(KZUnixPipesTest, ShowsWhereItsThreadsWait) {
   KZCP::Init();
   const TAtEnd fini([] { KZCP::Fini(); });
   ServeAndConnect();
-  const auto shows = [](const char* mark) {
-    return KZCP::ThreadReport(KZCP::TReportHeader::Without).find(mark) != std::string::npos;
-  };
   for (const char* mark : {"PipeListen:fpaccept[PipeServer]", "PipeRead:WaitSock#",
                            "WaitforDataForSock#", "MessageDelivery:Wait"}) {
-    EXPECT_TRUE(Eventually([&] { return shows(mark); })) << mark;
+    EXPECT_TRUE(Eventually([&] { return Shows(mark); })) << mark;
   }
   FServer->SetActive(false);
-  EXPECT_FALSE(shows("PipeListen:")) << "what has ended is forgotten";
+  EXPECT_FALSE(Shows("PipeListen:")) << "what has ended is forgotten";
 }
 
 // What each pipe went through, in the order of its events, whatever its peer did before it died.
@@ -377,6 +386,8 @@ TEST_F(KZUnixPipesTest, SaysWhyItCannotListenOrAcceptAndGoesOn) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "the sanitizer needs descriptors of its own";
 #endif
+  KZCP::Init();
+  const TAtEnd fini([] { KZCP::Fini(); });
   const TErrorLogInFolder log;
   const auto logSize = [&] { return std::filesystem::file_size(log.Folder().Path("error.log")); };
   std::filesystem::create_directory(FSocketPath);
@@ -408,6 +419,7 @@ TEST_F(KZUnixPipesTest, SaysWhyItCannotListenOrAcceptAndGoesOn) {
     EXPECT_TRUE(last.Connect(0));
     EXPECT_FALSE(TPipeClient().Connect(0));
     EXPECT_TRUE(Eventually([&] { return logSize() > before; }));
+    EXPECT_TRUE(Eventually([&] { return Shows("PipeListen:Pause"); })) << "no spin";
   }
   EXPECT_TRUE(Eventually([&] { return FServer->ClientCount() == 2; }));
   EXPECT_THAT(log.Text(),

@@ -1,7 +1,9 @@
 #include "webstatus/HttpServer.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <malloc.h>
 
 #include "common/Texts.h"
 #include "support/Crew.h"
@@ -35,6 +37,9 @@ std::string Pattern(std::size_t bytes) {
   for (std::size_t i = 0; i < bytes; ++i) text[i] = static_cast<char>(i * 7 + i / 251);
   return text;
 }
+
+// So many connections in a row cannot be accepted, for want of a descriptor.
+std::atomic<int> acceptsThatFail = 0;
 
 // A text that is more than all socket buffers hold, and that answers share.
 const TSharedText::TText& Big() {
@@ -230,6 +235,28 @@ TEST_F(HttpServerTest, SendsOneFixedSetOfHeaders) {
             "style-src 'unsafe-inline'; frame-ancestors 'none'; base-uri 'none'; form-action "
             "'none'|Referrer-Policy: same-origin|Cross-Origin-Resource-Policy: same-origin||");
   EXPECT_TRUE(client.Get("/").Has("Content-Type: text/html\r\nContent-Disposition: inline"));
+}
+
+TEST_F(HttpServerTest, TellsOfALastingFailureToAcceptOnceAndGoesOn) {
+  Start();
+  for (const int failures : {3, 2}) {
+    acceptsThatFail = failures;
+    EXPECT_EQ(TRawClient(FServer->Port()).Get("/").Body, "hello");
+    EXPECT_EQ(FErrors, ++FExpectedErrors) << failures;
+  }
+  EXPECT_EQ(FLastError.Copy(), "Accept HTTP connection: Too many open files (errno 24)");
+}
+
+TEST_F(HttpServerTest, IdleConnectionsKeepNothingOfWhatTheyHaveSent) {
+  Start();
+  FFolder.Write("log.html", *Big());
+  FFileSize = 65'536;
+  std::vector<std::unique_ptr<TRawClient>> clients(100);
+  for (auto& client : clients) client = Client();
+  const auto before = ::mallinfo2().uordblks;
+  for (auto& client : clients) EXPECT_EQ(client->Get("/file").Body.size(), FFileSize);
+  Sync();
+  EXPECT_LT(::mallinfo2().uordblks, before + clients.size() * FFileSize / 2);
 }
 
 // Each limit is seen from the sweep that closes an older neighbour at its own limit.
@@ -493,3 +520,13 @@ TEST(HttpClientTest, ReadsAnswersOrTellsWhyItFailed) {
 
 }  // namespace
 }  // namespace guardian
+
+// In the place of the library's.
+extern "C" int accept(int listener, sockaddr* peer, socklen_t* length) {
+  if (guardian::acceptsThatFail > 0 && guardian::acceptsThatFail-- > 0) {
+    errno = EMFILE;
+    return -1;
+  }
+  static const auto next = reinterpret_cast<decltype(&accept)>(::dlsym(RTLD_NEXT, "accept"));
+  return next(listener, peer, length);
+}
