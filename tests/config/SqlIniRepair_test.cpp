@@ -100,8 +100,8 @@ class TSqlIniRepairTest : public TSettingsStoreTest {
 
   // Changes the one page of the index of the keys. The store is closed.
   void EditKeyIndex(const std::function<void(char* page)>& edit) const {
-    const std::size_t page = std::stoul(
-        Ask("SELECT rootpage FROM sqlite_master WHERE name='sqlite_autoindex_DATA_1'"));
+    const std::size_t page =
+        std::stoul(Ask("SELECT rootpage FROM sqlite_master WHERE name='sqlite_autoindex_DATA_1'"));
     std::string content = FFolder.Read("x.cfg");
     edit(content.data() + (page - 1) * kPageSize);
     FFolder.Write("x.cfg", content);
@@ -208,6 +208,11 @@ TEST_F(TSqlIniRepairTest, TakesADumpThatStoppedForDamageAndNoOther) {
     EXPECT_EQ(store->ReadString("s", "k", ""), value);
   }
   EXPECT_LT(Lines().size(), 100'000U) << "however much it has to say";
+  PutInPlace(damaged, false, true);
+  SQLite::Database writer(File(), SQLite::OPEN_READWRITE);
+  writer.exec("BEGIN IMMEDIATE");
+  EXPECT_FALSE(Open()->AttemptRepair()) << "under the hands of a writer";
+  EXPECT_FALSE(FFolder.Has("x.cfg-previous"));
   FFolder.Write("it's; exit #", damaged);
   TKZSQLIniFile named(FFolder.Path("it's; exit #"), TSqlIniAccess::ReadWrite, FClock);
   EXPECT_TRUE(named.AttemptRepair());

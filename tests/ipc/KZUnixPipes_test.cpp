@@ -559,9 +559,11 @@ TEST(TPayloadPoolTest, IsFullAboveSixteenMebibytesWithTheCostOfEachMessage) {
   EXPECT_FALSE(pool->IsFull()) << "16 MiB exactly, at 256 bytes each";
   payloads.push_back(MakePayload(pool, ""));
   EXPECT_TRUE(pool->IsFull());
+  std::atomic<bool> waits = false;
   const TCrew reader(1, [&](int) {
-    while (pool->IsFull()) pool->WaitForRoom(std::chrono::hours(1));
+    for (; pool->IsFull(); pool->WaitForRoom(std::chrono::hours(1))) waits = true;
   });
+  EXPECT_TRUE(Eventually([&] { return waits.load(); }));
   payloads.pop_back();
 }
 
