@@ -281,23 +281,16 @@ TEST_F(TKZSQLIniRecoveryTest, LosesNoReportedWriteOfThreeProcessesThatAreKilled)
   EXPECT_THAT(Lines(), Not(HasSubstr("Exception")));
 }
 
-// Whether a forked child says so.
-bool InForkedChild(const std::function<bool()>& says) {
-  const pid_t child = ::fork();
-  if (child == 0) ::_exit(says() ? 0 : 1);
-  int status = -1;
-  return ::waitpid(child, &status, 0) == child && status == 0;
-}
-
 TEST_F(TKZSQLIniRecoveryTest, RefusesAStoreThatWasOpenedBeforeAFork) {
   auto store = Open();
   store->WriteString("s", "k", "v");
-  EXPECT_TRUE(InForkedChild([&] {
+  const int status = StatusOfChild([&] {
     const bool refused = !store->TryWriteString("s", "k", "w") && !store->OpenDatabase() &&
                          store->ReadString("s", "k", "d") == "d";
     store.reset();  // It has changed, yet the child takes no backup.
-    return refused;
-  }));
+    return refused ? 0 : 1;
+  });
+  EXPECT_EQ(status, 0);
   EXPECT_THAT(Lines(), HasSubstr("The file was opened before a fork."));
   EXPECT_FALSE(FFolder.Has("CfgBackups/x.cfg.bak"));
   EXPECT_TRUE(store->TryWriteString("s", "k", "x"));
@@ -308,7 +301,7 @@ TEST_F(TKZSQLIniRecoveryTest, RefusesAStoreThatWasOpenedBeforeAFork) {
   const std::string value(3'000'000, 'v');
   writing.Begin(TSqlIniBegin::Write);
   writing.PutValue(writing.PutSection("s"), "k", value, TSqlIniEdit::LookFirst);
-  EXPECT_TRUE(InForkedChild([&] { return file.reset(), true; }));
+  EXPECT_EQ(StatusOfChild([&] { return file.reset(), 0; }), 0);
   writing.Commit();
   EXPECT_TRUE(Open()->ReadString("s", "k", "") == value) << "the child takes nothing back";
 }
