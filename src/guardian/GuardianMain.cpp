@@ -80,6 +80,7 @@ void RunGuardian(TClock& clock) {
   const TAtEnd closeQueue([] { CloseMainThreadQueue(); });
   TKZCustomApplication application;
   application.Initialize();
+  KZCP::Init();  // Before any thread, so that the thread report shows them all.
   const TSystemLogWriter systemLog;
   // The lines that nobody else would see.
   SetLastResort([](std::string_view line) { WriteSystemLog(line, TSystemLogKind::Warning); });
