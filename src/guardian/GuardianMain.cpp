@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "common/AtEnd.h"
-#include "common/Cancellation.h"
 #include "common/Console.h"
 #include "common/DiagnosticMessage.h"
 #include "common/Environment.h"

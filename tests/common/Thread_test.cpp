@@ -17,7 +17,6 @@
 #include "support/Crew.h"
 #include "support/Eventually.h"
 #include "support/FakeClock.h"
-#include "support/Program.h"
 #include "support/ThrownMessage.h"
 
 namespace guardian {

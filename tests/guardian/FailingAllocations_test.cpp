@@ -200,15 +200,13 @@ TEST(GuardianMainTest, RunsInOddSurroundingsAndLeavesNoPageAndNoFileBehind) {
   const TTempFolder folder;
   ::setenv("TMPDIR", "", 1);
   ::setenv("VELLUMARK_GUARDIAN_DEBUG", "yes", 1);
-  const std::string program = folder.Path("VellumarkGuardian");
-  const char* const line[] = {program.c_str()};
-  InitSettings(1, line);
+  const char* const program = "VellumarkGuardian";
+  InitSettings(1, &program);
   EXPECT_EQ(LogFolder(), "/tmp");
-  Settings().OwnExecutablePath = program;
   Settings().TempDirectory.Set(folder.Path());
   const auto answers = [](const std::string& page) {
-    const auto get = [&] { (void)HttpGet("localhost:8900/" + page, std::chrono::seconds(30)); };
-    return ThrownMessage(get) == "nothing thrown";
+    return ThrownMessage([&] { (void)HttpGet("localhost:8900/" + page, std::chrono::seconds(30)); })
+        .starts_with("nothing");
   };
   const TCrew ending(1, [&](int) {
     EXPECT_TRUE(Eventually([&] { return answers("status.php"); }));
@@ -221,8 +219,7 @@ TEST(GuardianMainTest, RunsInOddSurroundingsAndLeavesNoPageAndNoFileBehind) {
   EXPECT_THAT(testing::internal::GetCapturedStdout(),
               testing::StartsWith("VELLUMARK_GUARDIAN_DEBUG is neither 0 nor 1: yes\n"));
   EXPECT_FALSE(answers("status.php"));
-  std::error_code ignored;
-  EXPECT_FALSE(std::filesystem::remove("/VellumarkGuardian.cfg", ignored));
+  EXPECT_NE(::unlink("/VellumarkGuardian.cfg"), 0);
 }
 
 }  // namespace

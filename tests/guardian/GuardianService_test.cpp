@@ -9,7 +9,6 @@
 #include "support/Eventually.h"
 #include "support/SettingsBackup.h"
 #include "support/TempFolder.h"
-#include "support/ThrownMessage.h"
 
 namespace guardian {
 namespace {

@@ -9,7 +9,6 @@
 namespace guardian {
 namespace {
 
-using testing::EndsWith;
 using testing::HasSubstr;
 
 // What is delivered, on its own time.
