@@ -53,6 +53,7 @@ CREATE TABLE DATA
 )";
 
 constexpr int kDumpTimeoutSec = 300;
+constexpr std::size_t kShownErrorBytes = 1000;  // Of what the tool had to say.
 // Longer than a repair by another process takes.
 constexpr std::chrono::seconds kRepairWait{kDumpTimeoutSec + 10};
 // The shell's exit codes for a tool that is not there, and that may not be run.
@@ -246,8 +247,8 @@ bool TSqlIniRepair::WriteDump() const {
   std::string output;
   int exitCode = -1;
   RunShellCmdWithOutput(output, command, kDumpTimeoutSec, true, "", exitCode);
-  const std::string failure =
-      "The dump was not made, exit code " + std::to_string(exitCode) + ": " + output;
+  const std::string failure = "The dump was not made, exit code " + std::to_string(exitCode) +
+                              ": " + Clipped(output, kShownErrorBytes);
   if (exitCode == -1) throw KZException(failure);
   // Any other code tells of the damage.
   if (exitCode != kToolNotRunnable && exitCode != kToolNotFound) return true;

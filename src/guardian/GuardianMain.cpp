@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "common/AtEnd.h"
-#include "common/Cancellation.h"
 #include "common/Console.h"
 #include "common/DiagnosticMessage.h"
 #include "common/Environment.h"
@@ -80,6 +79,7 @@ void RunGuardian(TClock& clock) {
   const TAtEnd closeQueue([] { CloseMainThreadQueue(); });
   TKZCustomApplication application;
   application.Initialize();
+  KZCP::Init();  // Before any thread, so that the thread report shows them all.
   const TSystemLogWriter systemLog;
   // The lines that nobody else would see.
   SetLastResort([](std::string_view line) { WriteSystemLog(line, TSystemLogKind::Warning); });

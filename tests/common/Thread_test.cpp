@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <sched.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -18,7 +17,6 @@
 #include "support/Crew.h"
 #include "support/Eventually.h"
 #include "support/FakeClock.h"
-#include "support/Program.h"
 #include "support/ThrownMessage.h"
 
 namespace guardian {
@@ -52,15 +50,6 @@ TEST(TClockTest, ReadsLocalWallTimeAndShowsItWithoutAmbiguity) {
     EXPECT_EQ(DateTimeToStr(46347.0 - 0.0004 * kSecond), "2026-11-21 00:00:00") << locale;
     EXPECT_EQ(DateTimeToStr(46347.0 - 0.001 * kSecond), "2026-11-20 23:59:59") << locale;
   }
-}
-
-// What the function returns in a forked child.
-int StatusOfChild(const std::function<int()>& function) {
-  const pid_t child = ::fork();
-  if (child == 0) ::_exit(function());
-  int status = -1;
-  ::waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // A time namespace whose machine has slept for an hour more than ours.

@@ -5,6 +5,8 @@
 
 #include "common/Console.h"
 #include "config/SettingsStoreTest.h"
+#include "config/SqlIniComponents.h"
+#include "config/SqlIniOpenFile.h"
 #include "support/ChildProcess.h"
 #include "support/Crew.h"
 #include "support/Program.h"
@@ -179,9 +181,15 @@ const TRegisterChild kAsOrdinaryUser(
     "SqlIniOrdinaryUser", [](const std::vector<std::string>& arguments) {
       if (::geteuid() == 0 && (::setgid(kNobody) != 0 || ::setuid(kNobody) != 0)) return 1;
       TKZSQLIniFile store(arguments.front());
-      std::fprintf(stderr, "read %s\n", store.ReadString("s", "k", "nothing").c_str());
+      const auto read = [&] {
+        std::fprintf(stderr, "read %s\n", store.ReadString("s", "k", "nothing").c_str());
+      };
+      read();
       store.WriteString("s", "k", "other");
-      std::fprintf(stderr, "read %s\n", store.ReadString("s", "k", "nothing").c_str());
+      ::chmod(arguments.front().c_str(), 0644);
+      read();
+      store.WriteString("s", "k", "other");
+      read();
       return 0;
     });
 
@@ -189,13 +197,17 @@ TEST_F(TKZSQLIniRecoveryTest, ReadsAFileItMayNotWriteAndFailsOnOneItMayNotRead) 
   Open()->WriteString("s", "k", "v");
   ::chmod(FFolder.Path().c_str(), 0755);
   const auto outputAt = [&](mode_t mode) {
+    for (const char* name : {"", "CfgBackups", "x.cfg", "x.cfg-journal"}) {
+      const std::string path = FFolder.Path(name);
+      EXPECT_TRUE(::geteuid() != 0 || ::chown(path.c_str(), kNobody, kNobody) == 0);
+    }
     ::chmod(File().c_str(), mode);
     TProgram child({"/proc/self/exe", "--child", "SqlIniOrdinaryUser", File()});
     EXPECT_EQ(child.Wait(), 0);
     return child.Output();
   };
   const std::string message = "Config file is read-only. Cannot save updated profile status.\n";
-  EXPECT_EQ(outputAt(0444), "read v\n" + message + "read v\n");
+  EXPECT_EQ(outputAt(0444), "read v\n" + message + "read v\nread other\n");
   EXPECT_THAT(outputAt(0200), HasSubstr("Cannot open" + File() + ": Permission Denied\n"));
 }
 
@@ -272,19 +284,26 @@ TEST_F(TKZSQLIniRecoveryTest, LosesNoReportedWriteOfThreeProcessesThatAreKilled)
 TEST_F(TKZSQLIniRecoveryTest, RefusesAStoreThatWasOpenedBeforeAFork) {
   auto store = Open();
   store->WriteString("s", "k", "v");
-  const pid_t child = ::fork();
-  if (child == 0) {
+  const int status = StatusOfChild([&] {
     const bool refused = !store->TryWriteString("s", "k", "w") && !store->OpenDatabase() &&
                          store->ReadString("s", "k", "d") == "d";
     store.reset();  // It has changed, yet the child takes no backup.
-    ::_exit(refused ? 0 : 1);
-  }
-  int status = -1;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
+    return refused ? 0 : 1;
+  });
   EXPECT_EQ(status, 0);
   EXPECT_THAT(Lines(), HasSubstr("The file was opened before a fork."));
   EXPECT_FALSE(FFolder.Has("CfgBackups/x.cfg.bak"));
   EXPECT_TRUE(store->TryWriteString("s", "k", "x"));
+  // A value that is longer than what SQLite keeps in memory is half in the file by now.
+  store.reset();
+  auto file = std::make_unique<TSqlIniOpenFile>(File(), TSqlIniAccess::ReadWrite, FClock);
+  TSqlIniComponents& writing = file->Connection(TSqlIniBegin::Write);
+  const std::string value(3'000'000, 'v');
+  writing.Begin(TSqlIniBegin::Write);
+  writing.PutValue(writing.PutSection("s"), "k", value, TSqlIniEdit::LookFirst);
+  EXPECT_EQ(StatusOfChild([&] { return file.reset(), 0; }), 0);
+  writing.Commit();
+  EXPECT_TRUE(Open()->ReadString("s", "k", "") == value) << "the child takes nothing back";
 }
 
 }  // namespace

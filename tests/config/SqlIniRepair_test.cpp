@@ -30,6 +30,7 @@ class TSqlIniRepairTest : public TSettingsStoreTest {
 
   TSqlIniRepairTest() {
     Open()->UpdateFile();
+    FWithoutKeys = FFolder.Read("x.cfg");
     const std::string count = "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i+1 FROM n) ";
     Execute("INSERT INTO SECTIONS " + count + "SELECT 'section'||i, i*2+1 FROM n LIMIT 5;" +
             "INSERT INTO DATA " + count +
@@ -97,12 +98,22 @@ class TSqlIniRepairTest : public TSettingsStoreTest {
     return values;
   }
 
+  // Changes the one page of the index of the keys. The store is closed.
+  void EditKeyIndex(const std::function<void(char* page)>& edit) const {
+    const std::size_t page =
+        std::stoul(Ask("SELECT rootpage FROM sqlite_master WHERE name='sqlite_autoindex_DATA_1'"));
+    std::string content = FFolder.Read("x.cfg");
+    edit(content.data() + (page - 1) * kPageSize);
+    FFolder.Write("x.cfg", content);
+  }
+
   static void ExpectValues(TKZSQLIniFile& store, const TValues& values) {
     for (const auto& [key, value] : values) {
       EXPECT_EQ(store.ReadString(SectionOf(key), NameOf(key), "none"), value) << key;
     }
   }
 
+  std::string FWithoutKeys;
   std::string FBackup;
   std::string FWhole;
   TValues FStored;
@@ -111,10 +122,17 @@ class TSqlIniRepairTest : public TSettingsStoreTest {
 };
 
 TEST_F(TSqlIniRepairTest, TakesTheGoodBackupOfAFileThatIsEmptyGarbageOrMissing) {
+  std::filesystem::create_symlink(File(), FFolder.Path("link"));
   for (const std::string& content : {std::string(), std::string(5000, 'g')}) {
     SCOPED_TRACE(content.size());
     PutInPlace(content, true, true);
-    ExpectValues(*Open(), FBackedUp);
+    if (!content.empty()) {
+      std::filesystem::rename(Backup(".bak"), Backup(".old3"));
+      FFolder.Write("CfgBackups/x.cfg.bak", FWithoutKeys);
+    }
+    TKZSQLIniFile linked(FFolder.Path("link"), TSqlIniAccess::ReadWrite, FClock);
+    ExpectValues(linked, FBackedUp);
+    EXPECT_TRUE(std::filesystem::is_symlink(FFolder.Path("link")));
     const char* kept = content.empty() ? "CfgBackups/emptycfgfile.empty" : "x.cfg-previous";
     EXPECT_TRUE(FFolder.Read(kept) == content);
     EXPECT_FALSE(FFolder.Has("x.cfg.sqlnew") || FFolder.Has("x.cfg.sqltmp"));
@@ -164,6 +182,7 @@ TEST_F(TSqlIniRepairTest, TakesADumpThatStoppedForDamageAndNoOther) {
       {"meets a busy file", stopped("5"), "The dump failed: /**** ERROR: (5) text", false, ""},
       {"cannot be run", "exit 126", noTool + "6", true, ""},
       {"is missing", "exit 127", noTool + "7", true, ""},
+      {"is ended", rows + "echo 'COMMIT;'\nyes >&2", "exit code -1: y\n", false, ""},
       {"meets damage", stopped("11") + "exit 1", "", true, "a\nb"},
       {"finds no database", stopped("26") + "exit 1", "", true, "a\nb"},
       {"ends well", rows + "echo 'COMMIT;'", ": 2 rows could be read, 2 were", true, "a\nb"},
@@ -188,6 +207,16 @@ TEST_F(TSqlIniRepairTest, TakesADumpThatStoppedForDamageAndNoOther) {
     ExpectValues(*store, readable);
     EXPECT_EQ(store->ReadString("s", "k", ""), value);
   }
+  EXPECT_LT(Lines().size(), 100'000U) << "however much it has to say";
+  PutInPlace(damaged, false, true);
+  SQLite::Database writer(File(), SQLite::OPEN_READWRITE);
+  writer.exec("BEGIN IMMEDIATE");
+  EXPECT_FALSE(Open()->AttemptRepair()) << "under the hands of a writer";
+  EXPECT_FALSE(FFolder.Has("x.cfg-previous"));
+  FFolder.Write("it's; exit #", damaged);
+  TKZSQLIniFile named(FFolder.Path("it's; exit #"), TSqlIniAccess::ReadWrite, FClock);
+  EXPECT_TRUE(named.AttemptRepair());
+  ExpectValues(named, readable);
 }
 
 TEST_F(TSqlIniRepairTest, KeepsWhatCouldBeReadAndWhatWasWrittenAfterAnyDamage) {
@@ -233,6 +262,17 @@ TEST_F(TSqlIniRepairTest, KeepsWhatCouldBeReadAndWhatWasWrittenAfterAnyDamage) {
                              HasSubstr("The damaged file is kept as ")));
 }
 
+TEST_F(TSqlIniRepairTest, StoresAlsoWhatAnIndexInDisorderLosesWithoutAnError) {
+  FFolder.Write("x.cfg", FWhole);
+  // The places of its entries, two bytes each.
+  EditKeyIndex([](char* page) { std::rotate(page + 8, page + 28, page + 8 + 2 * kKeys); });
+  const auto store = Open();
+  for (int key = 0; key < kKeys; ++key) {
+    EXPECT_TRUE(store->TryWriteString(SectionOf(key), NameOf(key), "new"));
+    EXPECT_EQ(store->ReadString(SectionOf(key), NameOf(key), ""), "new") << key;
+  }
+}
+
 // Each with a backup and without the tool, and the other way round.
 TEST_F(TSqlIniRepairTest, FindsTheSectionsOfKeysWhereverTheirNamesStand) {
   const std::string emptyIndex("\x0a\0\0\0\0\x08\0\0", 8);
@@ -251,16 +291,13 @@ TEST_F(TSqlIniRepairTest, FindsTheSectionsOfKeysWhereverTheirNamesStand) {
        }},
       {"a later row of a key, unknown to the index",
        [&] {
-         const std::size_t page =
-             std::stoul(Ask("SELECT rootpage FROM sqlite_master WHERE "
-                            "name='sqlite_autoindex_DATA_1'"));
-         const auto replaceIndex = [&](const std::string& bytes) {
-           std::string content = FFolder.Read("x.cfg");
-           FFolder.Write("x.cfg", content.replace((page - 1) * kPageSize, bytes.size(), bytes));
-         };
-         replaceIndex(emptyIndex);
+         std::string index;
+         EditKeyIndex([&](char* page) {
+           index.assign(page, kPageSize);
+           emptyIndex.copy(page, emptyIndex.size());
+         });
          Execute("INSERT INTO DATA VALUES('key1', 'later', NULL, 999, 3)");
-         replaceIndex(FWhole.substr((page - 1) * kPageSize, kPageSize));
+         EditKeyIndex([&](char* page) { index.copy(page, kPageSize); });
        }},
   };
   for (const auto& [name, damage] : cases) {

@@ -7,13 +7,16 @@
 #include "config/KZSqlIniFiles.h"
 #include "diagnostics/exception_report.h"
 #include "guardian/FakeSurroundings.h"
+#include "guardian/GuardianMain.h"
 #include "guardian/Units.h"
 #include "ipc/KZCustomApplication.h"
 #include "ipc/KZUnixPipes.h"
+#include "support/Crew.h"
 #include "support/Eventually.h"
 #include "support/OpenDescriptors.h"
 #include "support/SettingsBackup.h"
 #include "support/TempFolder.h"
+#include "support/ThrownMessage.h"
 #include "webstatus/HttpClient.h"
 #include "webstatus/WebStatusServer.h"
 
@@ -188,6 +191,35 @@ TEST_F(FailingAllocationsTest, StartAndStop) {
     FService.Stop();
   };
   FailEach(7, live, live);
+}
+
+// With an empty TMPDIR, a setting that it does not know, a daemon that is not there, and a report
+// before that one's folders are known. A page that outlived the service would end the process.
+TEST(GuardianMainTest, RunsInOddSurroundingsAndLeavesNoPageAndNoFileBehind) {
+  const TSettingsBackup settings;
+  const TTempFolder folder;
+  ::setenv("TMPDIR", "", 1);
+  ::setenv("VELLUMARK_GUARDIAN_DEBUG", "yes", 1);
+  const char* const program = "VellumarkGuardian";
+  InitSettings(1, &program);
+  EXPECT_EQ(LogFolder(), "/tmp");
+  Settings().TempDirectory.Set(folder.Path());
+  const auto answers = [](const std::string& page) {
+    return ThrownMessage([&] { (void)HttpGet("localhost:8900/" + page, std::chrono::seconds(30)); })
+        .starts_with("nothing");
+  };
+  const TCrew ending(1, [&](int) {
+    EXPECT_TRUE(Eventually([&] { return answers("status.php"); }));
+    HandleException(std::make_exception_ptr(KZException("early")), TLogToFiles::Yes, "early");
+    EXPECT_TRUE(answers("terminateguardian.php"));
+  });
+  TFakeClock clock;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(GuardianMain(clock), 0);
+  EXPECT_THAT(testing::internal::GetCapturedStdout(),
+              testing::StartsWith("VELLUMARK_GUARDIAN_DEBUG is neither 0 nor 1: yes\n"));
+  EXPECT_FALSE(answers("status.php"));
+  EXPECT_NE(::unlink("/VellumarkGuardian.cfg"), 0);
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include "support/Eventually.h"
 #include "support/SettingsBackup.h"
 #include "support/TempFolder.h"
-#include "support/ThrownMessage.h"
 
 namespace guardian {
 namespace {
@@ -93,6 +92,7 @@ class GuardianServiceTest : public testing::Test {
     FRun.push_back(command);
     TShellOutcome answer = FAnswers[command];
     if (answer.Output == "is cut short by the end") FFakes.Stopping.Cancel();
+    if (answer.Output == "sees another click") FService.RequestStart();
     return answer;
   })};
 };
@@ -325,15 +325,18 @@ TEST_F(GuardianServiceTest, KillsByNameAtOnceWhenThePidIsGone) {
 TEST_F(GuardianServiceTest, ARequestIsCarriedOutASecondLaterAndThenTheTimerIsSlowAgain) {
   const auto rounds = [this] { return FService.Status().Watchdog.Rounds; };
   Start("MUTEX=/m\n");
+  FAnswers[kStop] = {"sees another click", {}};
   FService.RequestStop();
   EXPECT_EQ(TimerRunsAfter(1'000), kStop);
   EXPECT_TRUE(Eventually([&] { return rounds() == 1; }));
+  EXPECT_EQ(TimerRunsAfter(1'000), kStart);
+  EXPECT_TRUE(Eventually([&] { return rounds() == 2; }));
   for (int second = 1; second <= 10; ++second) {
-    EXPECT_EQ(rounds(), 1) << second;
+    EXPECT_EQ(rounds(), 2) << second;
     FFakes.Clock.Advance(milliseconds(1'000));
     CheckSynchronize(milliseconds(3));  // Time for a tick that must not come.
   }
-  EXPECT_TRUE(Eventually([&] { return rounds() == 2; }));
+  EXPECT_TRUE(Eventually([&] { return rounds() == 3; }));
 }
 
 TEST_F(GuardianServiceTest, SaysThatItIsPausedContinuedOrStopped) {
@@ -403,6 +406,8 @@ TEST(RealFileSystemTest, TellsFilesFromFoldersAndSaysWhyItCannotRead) {
   EXPECT_EQ(files.ReadText(folder.Path("pipe")), "") << "a pipe without a writer does not block";
 }
 
+std::atomic<int> toldSyslog = 0;  // The priorities of what it was told, a digit each.
+
 const std::string kNasty = "Path $(touch x) `id` \"quoted\" 'single' ; | & \\ \n%s -n";
 
 // The tools are scripts that write down their arguments, each in brackets. The first one then
@@ -436,6 +441,13 @@ TEST(SystemLogTest, GivesTheFirstToolItsPlainArgumentsAndWaitsForNone) {
     EXPECT_TRUE(WriteSystemLog("last words", TSystemLogKind::Information));
   }
   EXPECT_TRUE(folder.Read("told").ends_with("[last words][4]"));
+  install("write_log", "exit 3");
+  {
+    const TSystemLogWriter writer({folder.Path("write_log"), folder.Path("synolog")});
+    toldSyslog = 0;
+    EXPECT_TRUE(WriteSystemLog("dead daemon", TSystemLogKind::Error));
+    EXPECT_TRUE(Eventually([] { return toldSyslog == 43; })) << "that it failed, and the entry";
+  }
   EXPECT_FALSE(WriteSystemLog("too late", TSystemLogKind::Error));
 }
 
@@ -456,3 +468,8 @@ TEST(RunCommandTest, SaysWhyACommandDidNotEndByItself) {
 
 }  // namespace
 }  // namespace guardian
+
+// In the place of the library's.
+extern "C" void syslog(int priority, const char* /*format*/, ...) {
+  guardian::toldSyslog = 10 * guardian::toldSyslog + priority;
+}

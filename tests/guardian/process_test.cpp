@@ -52,6 +52,12 @@ bool MakeCallFail(long number, int error) {
          ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
+// Gives this process mounts of its own; false where that is not allowed, as to an ordinary user.
+bool HasOwnMounts() {
+  return ::unshare(CLONE_NEWNS) == 0 &&
+         ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
 struct TRun {
   std::string Output = "left over";
   int ExitCode = 99;
@@ -227,12 +233,14 @@ TEST_F(ProcessTest, ChildStartsCleanWhateverTheParentHolds) {
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-// The shell that leads the group dies of SIGTERM at once; who ignores it must not outlive it.
+// The shell that leads the group dies of SIGTERM at once; who ignores it must not outlive it,
+// whatever its name.
 TEST_F(ProcessTest, CancellationEndsTheWholeGroupButNotWhatLeftIt) {
   const TShellResult result = RunUntilFile(
       "cd '" + FWork.Path() + "'; setsid sh -c 'echo $$ >pid; mv pid daemon; exec sleep 300' & " +
-          "sh -c 'trap \"\" TERM; while [ ! -e daemon ]; do sleep 0.01; done; " +
-          "echo partial; echo $$ >pid; mv pid stubborn; while :; do sleep 0.1; done'",
+          "ln -s /bin/sh 's) h'; mkfifo never; './s) h' -c 'trap \"\" TERM; " +
+          "while [ ! -e daemon ]; do sleep 0.01; done; " +
+          "echo partial; echo $$ >pid; mv pid stubborn; read line <never'",
       FWork.Path("stubborn"));
   EXPECT_EQ(result.End, TShellEnd::Cancelled);
   EXPECT_EQ(result.ExitCode, -1);
@@ -342,10 +350,7 @@ TEST_F(ProcessTest, FailsWithoutTheGivenFile) {
 // read-only.
 const TRegisterChild kHomeless("homeless", [](const std::vector<std::string>& /*arguments*/) {
   Settings().TempDirectory.Set("/tmp");
-  if (::unshare(CLONE_NEWNS | (::geteuid() == 0 ? 0 : CLONE_NEWUSER)) != 0 ||
-      ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-    return kNotAllowedHere;
-  }
+  if (!HasOwnMounts()) return kNotAllowedHere;
   for (const unsigned long flags : {0UL, static_cast<unsigned long>(MS_RDONLY)}) {
     if (::mount("none", "/tmp", "tmpfs", flags, "size=4k") != 0) return kNotAllowedHere;
     PrintLine(RunLine("echo one; echo two").Output);
@@ -479,6 +484,7 @@ TEST_F(ProcessTest, ComesBackFromCommandThatCannotBeKilled) {
 // Not system calls: what else may fail.
 constexpr long kNothing = -1;
 constexpr long kSecondFork = -2;
+constexpr long kKeepsHandles = -3;  // Nothing: a daemon with a log of its own.
 
 const std::string kDaemon = "BecomeDaemonX, new session, umask 0, ignores SIGHUP, in /: ";
 const std::string kNulls = "0=null 1=null 2=null ";
@@ -501,6 +507,7 @@ const struct TCase {
      "BecomeDaemon, old" + kStopped},
     {40, 20'000, kSecondFork, "Cannot fork to become daemon.\nafter\n",
      "BecomeDaemon, own" + kStopped},
+    {40, 20'000, kKeepsHandles, "", kDaemon + "0=null 1=vellumarkdaemon.log 2=printed "},
 };
 
 // What became of a process that was started in this session.
@@ -528,7 +535,11 @@ bool OpenWithin(int descriptor, rlim_t limit) {
          ::dup2(2, descriptor + 1) == descriptor + 1 && ::setrlimit(RLIMIT_NOFILE, &narrow) == 0;
 }
 
-bool Fail(long what) {
+bool Fail(long what, const std::string& folder) {
+  if (what == kKeepsHandles) {
+    Settings().DebugHook = 1;
+    return HasOwnMounts() && ::mount(folder.c_str(), "/var/log", nullptr, MS_BIND, nullptr) == 0;
+  }
   if (what == kSecondFork) {
     return ::pthread_atfork(nullptr, nullptr, [] { MakeCallFail(SYS_clone, EAGAIN); }) == 0;
   }
@@ -540,7 +551,7 @@ const TRegisterChild kChild("daemon", [](const std::vector<std::string>& argumen
   const std::string& folder = arguments.at(1);
   std::atexit([] { std::puts("at exit"); });
   ::umask(022);
-  if (!OpenWithin(surroundings.Open, surroundings.Limit) || !Fail(surroundings.Fails)) {
+  if (!OpenWithin(surroundings.Open, surroundings.Limit) || !Fail(surroundings.Fails, folder)) {
     ::_exit(kNotAllowedHere);
   }
   KZCP::Init();
@@ -561,10 +572,17 @@ TEST(BecomeDaemonTest, EndsInTheStateThatItsSurroundingsAllow) {
     const TRun run =
         RunChild("daemon " + std::to_string(&expected - kCases) + " '" + folder.Path() + "'",
                  folder.Path("printed"));
-    if (run.ExitCode == kNotAllowedHere) GTEST_SKIP() << "no call filters here";
+    if (run.ExitCode == kNotAllowedHere) GTEST_SKIP() << "no call filters or mounts here";
     EXPECT_EQ(run.ExitCode, 0);
     ASSERT_TRUE(Eventually([&] { return folder.Has("report"); }));
     EXPECT_EQ(folder.Read("report"), expected.Report);
+    if (expected.Fails == kKeepsHandles) {
+      EXPECT_EQ(std::filesystem::status(folder.Path("vellumarkdaemon.log")).permissions(),
+                std::filesystem::perms(0644));
+      EXPECT_EQ(folder.Read("vellumarkdaemon.log"),
+                "End of BecomeDaemon, fd0=0, fd1=1, fd2=2\nafter\n");
+      continue;
+    }
     EXPECT_EQ(folder.Read("printed"), "unflushed\n" + expected.Printed);
   }
 }

@@ -34,6 +34,11 @@ std::string Frame(std::string_view payload) {
   return frame;
 }
 
+// Whether the thread report shows the mark.
+bool Shows(const char* mark) {
+  return KZCP::ThreadReport(KZCP::TReportHeader::Without).find(mark) != std::string::npos;
+}
+
 // So many starts of threads until one fails; 0 for none.
 std::atomic<int> threadsUntilFailure = 0;
 
@@ -161,7 +166,7 @@ TEST_F(KZUnixPipesTest, TriesAgainEveryHalfSecondAsOftenAsTheTimeAllows) {
 }
 
 TEST_F(KZUnixPipesTest, DoesNotHangOnAServerThatDoesNotAccept) {
-  const TFileDescriptor server = RawSocket(::bind);
+  TFileDescriptor server = RawSocket(::bind);
   TCancellation stopping;
   std::vector<std::unique_ptr<TPipeClient>> clients;
   for (int i = 0; i < 8; ++i) clients.push_back(std::make_unique<TPipeClient>(&stopping));
@@ -170,6 +175,10 @@ TEST_F(KZUnixPipesTest, DoesNotHangOnAServerThatDoesNotAccept) {
   EXPECT_EQ(connected, 2);
   const TCrew crew = AskMainThread([&] { stopping.Cancel(); });
   EXPECT_FALSE(clients.back()->Connect(3'600'000));
+  for (int i = 0; i < 2; ++i) clients[0]->Write(std::string(1'000'000, 'x'));
+  const TCrew end = AskMainThread([&] { server.Close(); });
+  clients[0]->WaitUntilWriteQueueEmpty(3600);
+  EXPECT_FALSE(clients[0]->Connected()) << "it has waited for what cannot be written";
 }
 
 TEST_F(KZUnixPipesTest, ReportsAnEndOnceWhoeverBringsItAbout) {
@@ -183,7 +192,13 @@ TEST_F(KZUnixPipesTest, ReportsAnEndOnceWhoeverBringsItAbout) {
     ServeAndConnect();
     const std::int64_t pipe = FClient->Pipe();
     if (end == "server") FServer->SetActive(false);
-    if (end == "socket file") std::filesystem::remove(FSocketPath);
+    if (end == "socket file") {
+      std::filesystem::remove(FSocketPath);
+      // Refused although the main thread has not heard of the end. The time limit ends this.
+      while (FClient->Write("nobody there")) SystemClock().Sleep(milliseconds(1));
+      EXPECT_TRUE(FClient->Connected());
+      while (FServer->Write(FServer->Clients(0), "nobody there")) continue;
+    }
     for (int i = 0; i < 2 && end == "client"; ++i) {
       FClient->Disconnect(TWait::Yes);
       EXPECT_EQ(PipeCounters().ClientPipeThreads, 0) << "it has waited for them";
@@ -271,15 +286,12 @@ TEST_F(KZUnixPipesTest, ShowsWhereItsThreadsWait) {
   KZCP::Init();
   const TAtEnd fini([] { KZCP::Fini(); });
   ServeAndConnect();
-  const auto shows = [](const char* mark) {
-    return KZCP::ThreadReport(KZCP::TReportHeader::Without).find(mark) != std::string::npos;
-  };
   for (const char* mark : {"PipeListen:fpaccept[PipeServer]", "PipeRead:WaitSock#",
                            "WaitforDataForSock#", "MessageDelivery:Wait"}) {
-    EXPECT_TRUE(Eventually([&] { return shows(mark); })) << mark;
+    EXPECT_TRUE(Eventually([&] { return Shows(mark); })) << mark;
   }
   FServer->SetActive(false);
-  EXPECT_FALSE(shows("PipeListen:")) << "what has ended is forgotten";
+  EXPECT_FALSE(Shows("PipeListen:")) << "what has ended is forgotten";
 }
 
 // What each pipe went through, in the order of its events, whatever its peer did before it died.
@@ -377,6 +389,8 @@ TEST_F(KZUnixPipesTest, SaysWhyItCannotListenOrAcceptAndGoesOn) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "the sanitizer needs descriptors of its own";
 #endif
+  KZCP::Init();
+  const TAtEnd fini([] { KZCP::Fini(); });
   const TErrorLogInFolder log;
   const auto logSize = [&] { return std::filesystem::file_size(log.Folder().Path("error.log")); };
   std::filesystem::create_directory(FSocketPath);
@@ -408,6 +422,7 @@ TEST_F(KZUnixPipesTest, SaysWhyItCannotListenOrAcceptAndGoesOn) {
     EXPECT_TRUE(last.Connect(0));
     EXPECT_FALSE(TPipeClient().Connect(0));
     EXPECT_TRUE(Eventually([&] { return logSize() > before; }));
+    EXPECT_TRUE(Eventually([&] { return Shows("PipeListen:Pause"); })) << "no spin";
   }
   EXPECT_TRUE(Eventually([&] { return FServer->ClientCount() == 2; }));
   EXPECT_THAT(log.Text(),
@@ -547,9 +562,11 @@ TEST(TPayloadPoolTest, IsFullAboveSixteenMebibytesWithTheCostOfEachMessage) {
   EXPECT_FALSE(pool->IsFull()) << "16 MiB exactly, at 256 bytes each";
   payloads.push_back(MakePayload(pool, ""));
   EXPECT_TRUE(pool->IsFull());
+  std::atomic<bool> waits = false;
   const TCrew reader(1, [&](int) {
-    while (pool->IsFull()) pool->WaitForRoom(std::chrono::hours(1));
+    for (; pool->IsFull(); pool->WaitForRoom(std::chrono::hours(1))) waits = true;
   });
+  EXPECT_TRUE(Eventually([&] { return waits.load(); }));
   payloads.pop_back();
 }
 

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <functional>
 #include <map>
 #include <vector>
@@ -20,5 +23,14 @@ struct TRegisterChild {
     ChildFunctions()[name] = std::move(function);
   }
 };
+
+// What the function returns in a forked child.
+inline int StatusOfChild(const std::function<int()>& function) {
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(function());
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
 }  // namespace guardian

@@ -1,7 +1,9 @@
 #include "webstatus/HttpServer.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <malloc.h>
 
 #include "common/Texts.h"
 #include "support/Crew.h"
@@ -35,6 +37,9 @@ std::string Pattern(std::size_t bytes) {
   for (std::size_t i = 0; i < bytes; ++i) text[i] = static_cast<char>(i * 7 + i / 251);
   return text;
 }
+
+// So many connections in a row cannot be accepted, for want of a descriptor.
+std::atomic<int> acceptsThatFail = 0;
 
 // A text that is more than all socket buffers hold, and that answers share.
 const TSharedText::TText& Big() {
@@ -232,6 +237,16 @@ TEST_F(HttpServerTest, SendsOneFixedSetOfHeaders) {
   EXPECT_TRUE(client.Get("/").Has("Content-Type: text/html\r\nContent-Disposition: inline"));
 }
 
+TEST_F(HttpServerTest, TellsOfALastingFailureToAcceptOnceAndGoesOn) {
+  Start();
+  for (const int failures : {3, 2}) {
+    acceptsThatFail = failures;
+    EXPECT_EQ(TRawClient(FServer->Port()).Get("/").Body, "hello");
+    EXPECT_EQ(FErrors, ++FExpectedErrors) << failures;
+  }
+  EXPECT_EQ(FLastError.Copy(), "Accept HTTP connection: Too many open files (errno 24)");
+}
+
 // Each limit is seen from the sweep that closes an older neighbour at its own limit.
 TEST_F(HttpServerTest, GivesAHeaderTenSecondsWhateverDripsInAndAnEndTwo) {
   Start();
@@ -296,13 +311,19 @@ TEST_F(HttpServerTest, GivesUpAClientThatTakesNothing) {
   EXPECT_LT(stuck->ReadToEnd().size(), Big()->size());
 }
 
-// A busy one stays, an answer makes a connection the youngest, half a request does not.
+// A busy one stays, an answer makes a connection the youngest, half a request does not. What an
+// idle one has sent costs no memory any more.
 TEST_F(HttpServerTest, SendsTheOldestIdleConnectionAwayAbove256) {
   Start();
+  FFolder.Write("log.html", *Big());
+  FFileSize = 65'536;
   const auto busy = Client(kGetBig);
   TRawReply big = busy->ReadHead();
   std::vector<std::unique_ptr<TRawClient>> idle(255);
   for (auto& client : idle) client = Client();
+  const auto before = ::mallinfo2().uordblks;
+  for (auto& client : idle) EXPECT_EQ(client->Get("/file").Body.size(), FFileSize);
+  EXPECT_LT(::mallinfo2().uordblks, before + idle.size() * FFileSize / 2);
   idle[1]->Send("GET ");
   EXPECT_EQ(idle[0]->Get("/").Body, "hello");
   EXPECT_FALSE(idle[1]->WaitGone(0));
@@ -493,3 +514,13 @@ TEST(HttpClientTest, ReadsAnswersOrTellsWhyItFailed) {
 
 }  // namespace
 }  // namespace guardian
+
+// In the place of the library's.
+extern "C" int accept(int listener, sockaddr* peer, socklen_t* length) {
+  if (guardian::acceptsThatFail > 0 && guardian::acceptsThatFail-- > 0) {
+    errno = EMFILE;
+    return -1;
+  }
+  static const auto next = reinterpret_cast<decltype(&accept)>(::dlsym(RTLD_NEXT, "accept"));
+  return next(listener, peer, length);
+}

@@ -162,9 +162,10 @@ class TRawClient {
   }
 
   std::string Take(std::size_t count) {
-    std::string taken = FInput.substr(0, count);
-    FInput.erase(0, count);
-    return taken;
+    std::string rest = FInput.substr(count);
+    FInput.resize(count);
+    FInput.swap(rest);  // So that it keeps no more memory than it needs.
+    return rest;
   }
 
   TFileDescriptor FSocket;
