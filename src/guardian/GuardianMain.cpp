@@ -20,6 +20,7 @@
 #include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exception_report.h"
 #include "guardian/GuardianService.h"
+#include "guardian/Notification.h"
 #include "guardian/RunCommand.h"
 #include "guardian/SystemLog.h"
 #include "guardian/Units.h"
@@ -55,7 +56,8 @@ void UseLogFolder() {
   }
 }
 
-TGuardianSurroundings SurroundingsOf(TKZCustomApplication& application, TClock& clock) {
+TGuardianSurroundings SurroundingsOf(TKZCustomApplication& application, TNotifier& notifier,
+                                     TClock& clock) {
   return {
       .Shell =
           [&application](const std::string& commandLine, int timeoutSec) {
@@ -67,6 +69,9 @@ TGuardianSurroundings SurroundingsOf(TKZCustomApplication& application, TClock& 
                                                       application.Stopping(), clock);
           },
       .SystemLog = &WriteSystemLog,
+      .Notify = [&notifier](TNoticeKind kind, std::string_view text,
+                            std::string_view status) { notifier.Tell(kind, text, status); },
+      .NotifyProblems = [&notifier] { return notifier.TakeProblems(); },
       .OwnPath = Settings().OwnExecutablePath,
       .ConfDir = GetDaemonConfDir(),
       .Stopping = application.Stopping(),
@@ -85,7 +90,8 @@ void RunGuardian(TClock& clock) {
   SetLastResort([](std::string_view line) { WriteSystemLog(line, TSystemLogKind::Warning); });
   const TAtEnd noLastResort([] { SetLastResort({}); });
   const TUnits units;
-  TGuardianService service(SurroundingsOf(application, clock));
+  TNotifier notifier(EnvironmentText("VELLUMARK_GUARDIAN_NOTIFY"));
+  TGuardianService service(SurroundingsOf(application, notifier, clock));
   service.Start();
   UseLogFolder();
   StartWebStatusServer({

@@ -135,7 +135,7 @@ void WriteEntry(const TSystemLogEntry& entry, const TSystemLogTools& tools) {
   constexpr int kToolTimeoutSec = 5;
   const std::vector<std::string> command = ToolCommand(entry.Message, entry.Kind, tools);
   if (!command.empty()) {
-    const int exitCode = RunProgram(command, kToolTimeoutSec);
+    const int exitCode = RunProgram(command, kToolTimeoutSec).ExitCode;
     if (exitCode == 0) return;
     WriteSyslog(LOG_WARNING, "System log tool failed: " + command.front() + ", exit code " +
                                  std::to_string(exitCode));
