@@ -251,7 +251,9 @@ void TGuardianService::LogNotifyProblems() {
 }
 
 void TGuardianService::Notify(TNoticeKind kind, std::string_view text) {
-  if (FSurroundings.Notify) FSurroundings.Notify(kind, text, *FStatusLine.Get());
+  if (!FSurroundings.Notify) return;
+  Guarded("Notification", *FSurroundings.Clock,
+          [&] { FSurroundings.Notify(kind, text, *FStatusLine.Get()); });
 }
 
 bool TGuardianService::SendPipeCommand(TSyncCommMessages command) {

@@ -32,7 +32,7 @@ struct TGuardianSurroundings {
   std::function<std::unique_ptr<TScheduler>(TScheduler::TLog log)> MakeScheduler;
   // Returns false when the text is dropped. Must not block.
   std::function<bool(std::string_view message, TSystemLogKind kind)> SystemLog;
-  // Tells somebody a plain text, with the status line. Must neither block nor throw. May be empty.
+  // Tells somebody a plain text, with the status line. Must not block. May be empty.
   std::function<void(TNoticeKind kind, std::string_view text, std::string_view status)> Notify{};
   // What went wrong with that since the last call, a line each. Must not block. May be empty.
   std::function<std::vector<std::string>()> NotifyProblems{};

@@ -1,6 +1,5 @@
 #include "guardian/Notification.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -8,7 +7,9 @@
 #include <chrono>
 #include <cstddef>
 #include <deque>
+#include <filesystem>
 #include <optional>
+#include <system_error>
 #include <utility>
 
 #include "common/Clock.h"
@@ -24,7 +25,6 @@ namespace guardian {
 namespace {
 
 constexpr std::size_t kPrograms = 4;
-constexpr std::size_t kMostWaiting = 16;
 
 struct TNotice {
   TNoticeKind Kind = TNoticeKind::Error;
@@ -50,43 +50,34 @@ std::vector<std::string> EnvironmentOf(const TNotice& notice) {
           entry("STATUS", notice.Status)};
 }
 
-bool IsExecutableFile(const std::string& path) {
-  struct stat file {};
-  return ::stat(path.c_str(), &file) == 0 && S_ISREG(file.st_mode) &&
-         ::access(path.c_str(), X_OK) == 0;
-}
-
 }  // namespace
 
 // The notices that wait for a thread, and the lines that wait for the log.
 // Threads: any.
-class TNotifier::TQueue {
+class TNoticeQueue {
  public:
-  void Close() KZ_EXCLUDES(FLock) {
+  // Ends the threads, and takes nothing any more. Returns how many notices waited.
+  std::size_t Close() KZ_EXCLUDES(FLock) {
     const TMutexLock lock(FLock);
     FOpen = false;
-    FNotices.clear();
     FChanged.NotifyAll();
+    return FNotices.size();
   }
 
   void Add(TNotice notice) KZ_EXCLUDES(FLock) {
+    constexpr std::size_t kMostNotices = 16;
     const TMutexLock lock(FLock);
     if (!FOpen) return;
-    if (FNotices.size() >= kMostWaiting) {
-      ++FDropped;
-      return;
+    if (FNotices.size() >= kMostNotices) {
+      return AddProblemLocked("The notification programs take too long; not told: " + notice.Text);
     }
     FNotices.push_back(std::move(notice));
     FChanged.NotifyOne();
   }
 
-  void CountDropped() noexcept KZ_EXCLUDES(FLock) {
-    const TMutexLock lock(FLock);
-    ++FDropped;
-  }
-
   // Waits for the next notice; nothing once the queue is closed.
   std::optional<TNotice> Take() KZ_EXCLUDES(FLock) {
+    NoteProgress("Notifier:Wait");
     const TMutexLock lock(FLock);
     while (FOpen && FNotices.empty()) FChanged.Wait(FLock);
     if (!FOpen) return std::nullopt;
@@ -95,106 +86,86 @@ class TNotifier::TQueue {
     return notice;
   }
 
-  // Of many problems the first ones are kept.
   void AddProblem(std::string line) KZ_EXCLUDES(FLock) {
     const TMutexLock lock(FLock);
-    if (FProblems.size() < kMostWaiting) FProblems.push_back(std::move(line));
+    AddProblemLocked(std::move(line));
   }
 
   std::vector<std::string> TakeProblems() KZ_EXCLUDES(FLock) {
     const TMutexLock lock(FLock);
-    if (FDropped > 0) {
-      FProblems.push_back("The notification programs take too long; notices dropped: " +
-                          std::to_string(std::exchange(FDropped, 0)));
-    }
     return std::exchange(FProblems, {});
   }
 
  private:
+  // Of many problems the first ones are kept.
+  void AddProblemLocked(std::string line) KZ_REQUIRES(FLock) {
+    constexpr std::size_t kMostProblems = 16;
+    if (FProblems.size() < kMostProblems) FProblems.push_back(std::move(line));
+  }
+
   TMutex FLock;
   TCondition FChanged;
   bool FOpen KZ_GUARDED_BY(FLock) = true;
-  std::size_t FDropped KZ_GUARDED_BY(FLock) = 0;
   std::deque<TNotice> FNotices KZ_GUARDED_BY(FLock);
   std::vector<std::string> FProblems KZ_GUARDED_BY(FLock);
 };
 
-// Runs the program for one notice after the other. Uses nothing but itself and the queue, because
-// it may be left behind.
-class TNotifier::TTellingThread final : public TThread {
- public:
-  TTellingThread(std::size_t number, std::string program, std::shared_ptr<TQueue> queue)
-      : TThread("Notifier #" + std::to_string(number), kStackBytes),
-        FIsFirst(number == 1),
-        FProgram(std::move(program)),
-        FQueue(std::move(queue)) {}
-  ~TTellingThread() override { Join(); }
+namespace {
 
- private:
-  static constexpr std::size_t kStackBytes = 1'048'576;
-
-  void Execute() override {
-    if (FIsFirst) CheckProgram();
-    NoteProgress("Notifier:Wait");
-    while (auto notice = FQueue->Take()) {
-      NoteProgress("Notifier:Run");
-      Guarded("Notification", SystemClock(), [&] { Tell(*notice); });
-      NoteProgress("Notifier:Wait");
-    }
-  }
-
-  // Here, since the file may lie on a disk that does not answer.
-  void CheckProgram() {
-    if (IsExecutableFile(FProgram)) return;
-    PrintLine("VELLUMARK_GUARDIAN_NOTIFY: \"" + FProgram +
-              "\" is no executable file; nobody is notified");
-    FQueue->Close();
-  }
-
-  void Tell(const TNotice& notice) const {
-    constexpr int kTimeoutSec = 30;
-    const TProgramEnd end = RunProgram({FProgram}, kTimeoutSec, nullptr, EnvironmentOf(notice));
-    if (end.ExitCode == 0) return;
-    std::string reason = "exit code " + std::to_string(end.ExitCode);
-    if (end.ExitCode < 0) reason = "ended after " + std::to_string(kTimeoutSec) + " seconds";
-    if (end.ErrorNumber != 0) reason = SystemErrorText(end.ErrorNumber);
-    FQueue->AddProblem("Notification failed (" + std::string(NameOf(notice.Kind)) +
-                       "): " + FProgram + ": " + reason);
-  }
-
-  void OnTerminate() override { FQueue->Close(); }
-
-  const bool FIsFirst;
-  const std::string FProgram;
-  const std::shared_ptr<TQueue> FQueue;
-};
-
-TNotifier::TNotifier(const std::string& program) : FQueue(std::make_shared<TQueue>()) {
-  if (!program.starts_with('/')) {
-    if (!program.empty()) {
-      PrintLine("VELLUMARK_GUARDIAN_NOTIFY: \"" + program +
-                "\" is no absolute path; nobody is notified");
-    }
-    FQueue->Close();
+// In a thread of the notifier's, since the file may lie on a disk that does not answer.
+void CheckProgram(const std::string& program, TNoticeQueue& queue) {
+  std::error_code error;
+  if (program.starts_with('/') && std::filesystem::is_regular_file(program, error) &&
+      ::access(program.c_str(), X_OK) == 0) {
     return;
   }
-  for (std::size_t number = 1; number <= kPrograms; ++number) {
-    FThreads.push_back(std::make_unique<TTellingThread>(number, program, FQueue));
+  PrintLine(
+      "VELLUMARK_GUARDIAN_NOTIFY is no absolute path of an executable file, so nobody is "
+      "notified: " +
+      program);
+  queue.Close();
+}
+
+void RunFor(const TNotice& notice, const std::string& program, TNoticeQueue& queue) {
+  constexpr int kTimeoutSec = 30;
+  NoteProgress("Notifier:Run");
+  const TProgramEnd end = RunProgram({program}, kTimeoutSec, nullptr, EnvironmentOf(notice));
+  if (end.ExitCode == 0) return;
+  std::string reason = "exit code " + std::to_string(end.ExitCode);
+  if (end.ExitCode < 0) reason = "ended after " + std::to_string(kTimeoutSec) + " seconds";
+  if (end.ErrorNumber != 0) reason = SystemErrorText(end.ErrorNumber);
+  queue.AddProblem("Notification failed: " + program + ": " + reason +
+                   "; not told: " + notice.Text);
+}
+
+}  // namespace
+
+TNotifier::TNotifier(const std::string& program)
+    : FQueue(std::make_shared<TNoticeQueue>()), FCloseQueue([this] { FQueue->Close(); }) {
+  constexpr std::size_t kStackBytes = 1'048'576;
+  if (program.empty()) FQueue->Close();
+  for (std::size_t number = 1; !program.empty() && number <= kPrograms; ++number) {
+    const auto work = [program, number, queue = FQueue] {
+      if (number == 1) CheckProgram(program, *queue);
+      while (const auto notice = queue->Take()) {
+        Guarded("Notification", SystemClock(), [&] { RunFor(*notice, program, *queue); });
+      }
+    };
+    FThreads.push_back(std::make_unique<TFunctionThread>("Notifier #" + std::to_string(number),
+                                                         work, kStackBytes));
     FThreads.back()->Start();
   }
 }
 
 TNotifier::~TNotifier() {
   constexpr std::chrono::milliseconds kGrace{100};
-  FQueue->Close();
+  const std::size_t waited = FQueue->Close();
+  if (waited > 0) PrintLine("Notices that nobody was told of: " + std::to_string(waited));
   for (auto& thread : FThreads) TThread::EndOrLeaveBehind(std::move(thread), kGrace);
 }
 
-void TNotifier::Tell(TNoticeKind kind, std::string_view text, std::string_view status) noexcept
-    try {
+void TNotifier::Tell(TNoticeKind kind, std::string_view text, std::string_view status) {
   FQueue->Add({kind, std::string(text), std::string(status)});
-} catch (...) {
-  FQueue->CountDropped();
 }
 
 std::vector<std::string> TNotifier::TakeProblems() { return FQueue->TakeProblems(); }

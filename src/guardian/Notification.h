@@ -1,10 +1,12 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "common/AtEnd.h"
 #include "common/Thread.h"
 
 namespace guardian {
@@ -30,19 +32,19 @@ class TNotifier {
   TNotifier(const TNotifier&) = delete;
   TNotifier& operator=(const TNotifier&) = delete;
 
-  // Plain texts; the status is the watchdog's status line. A notice for which there is no room, or
-  // no memory, is dropped and becomes one of the problems. Never throws.
-  void Tell(TNoticeKind kind, std::string_view text, std::string_view status) noexcept;
+  // Plain texts; the status is the watchdog's status line. A notice for which there is no room is
+  // dropped and becomes one of the problems.
+  void Tell(TNoticeKind kind, std::string_view text, std::string_view status);
 
-  // What went wrong since the last call, a line each, at most 16.
+  // What went wrong since the last call, a plain line each, at most 16.
   [[nodiscard]] std::vector<std::string> TakeProblems();
 
  private:
-  class TQueue;
-  class TTellingThread;
-
-  std::shared_ptr<TQueue> FQueue;  // Shared with threads that are left behind.
+  // Shared with threads that are left behind.
+  const std::shared_ptr<class TNoticeQueue> FQueue;
   std::vector<std::unique_ptr<TThread>> FThreads;
+  // Before the threads are joined, also when not all of them could be started.
+  const TAtEnd<std::function<void()>> FCloseQueue;
 };
 
 }  // namespace guardian
