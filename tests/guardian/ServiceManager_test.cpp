@@ -29,9 +29,9 @@ std::string Received(const TFileDescriptor& socket) {
 
 TEST(ServiceManagerTest, IsToldAgainWhatItDidNotTakeAndIsFedWhileNothingStandsStill) {
   const TTempFolder folder;
-  ::setenv("WATCHDOG_PID", std::to_string(::getpid()).c_str(), 1);
   ::setenv("NOTIFY_SOCKET", std::string(108, '/').c_str(), 1);
   EXPECT_FALSE(TServiceManager().IsDue()) << "too long";
+  ::setenv("WATCHDOG_PID", std::to_string(::getpid()).c_str(), 1);
   for (const std::string& name : {folder.Path("socket"), "@" + folder.Path("abstract")}) {
     const TFileDescriptor socket = ListenAt(name);
     TFakeClock clock;
@@ -39,7 +39,7 @@ TEST(ServiceManagerTest, IsToldAgainWhatItDidNotTakeAndIsFedWhileNothingStandsSt
     ::setenv("WATCHDOG_USEC", "8000000", 1);
     TServiceManager manager(clock);
     EXPECT_FALSE(std::getenv("NOTIFY_SOCKET") || std::getenv("WATCHDOG_USEC"));
-    const auto report = [&](int ms, const std::string& status, std::string_view standsStill) {
+    const auto report = [&](int ms, const char* status, const char* standsStill) {
       clock.Advance(std::chrono::milliseconds(ms));
       if (manager.IsDue()) manager.Report(status, standsStill);
       return Received(socket);
