@@ -134,8 +134,7 @@ void RunFor(const TNotice& notice, const std::string& program, TNoticeQueue& que
   std::string reason = "exit code " + std::to_string(end.ExitCode);
   if (end.ExitCode < 0) reason = "ended after " + std::to_string(kTimeoutSec) + " seconds";
   if (end.ErrorNumber != 0) reason = SystemErrorText(end.ErrorNumber);
-  queue.AddProblem("Notification failed: " + program + ": " + reason +
-                   "; not told: " + notice.Text);
+  queue.AddProblem("Notification failed: " + program + ": " + reason + "; notice: " + notice.Text);
 }
 
 }  // namespace

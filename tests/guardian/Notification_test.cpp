@@ -29,7 +29,7 @@ TEST(NotificationTest, TellsFourAtATimeLetsSixteenWaitAndSaysWhatWasNotTold) {
     const std::string failed = "Notification failed: " + folder.Path("program") + ": ";
     const std::string nasty = "$(id) \"'\x01\xff";
     notifier.Tell(TNoticeKind::Released, nasty, std::string(5'000, 's'));
-    expectProblem(failed + "exit code 5; not told: " + nasty);
+    expectProblem(failed + "exit code 5; notice: " + nasty);
     const std::string status(4'096, 's');
     std::string expected = "_HOST=" + HostName() + "\n_KIND=released\n_STATUS=" + status;
     expected = ReplaceAll(expected + "\n_TEXT=" + nasty + "\n", "_", "VELLUMARK_GUARDIAN_");
