@@ -137,6 +137,13 @@ void RunFor(const TNotice& notice, const std::string& program, TNoticeQueue& que
   queue.AddProblem("Notification failed: " + program + ": " + reason + "; notice: " + notice.Text);
 }
 
+// Uses nothing but its own, because its thread may be left behind.
+void RunForAll(const std::string& program, TNoticeQueue& queue) {
+  while (const auto notice = queue.Take()) {
+    Guarded("Notification", SystemClock(), [&] { RunFor(*notice, program, queue); });
+  }
+}
+
 }  // namespace
 
 TNotifier::TNotifier(const std::string& program)
@@ -144,11 +151,9 @@ TNotifier::TNotifier(const std::string& program)
   constexpr std::size_t kStackBytes = 1'048'576;
   if (program.empty()) FQueue->Close();
   for (std::size_t number = 1; !program.empty() && number <= kPrograms; ++number) {
-    const auto work = [program, number, queue = FQueue] {
-      if (number == 1) CheckProgram(program, *queue);
-      while (const auto notice = queue->Take()) {
-        Guarded("Notification", SystemClock(), [&] { RunFor(*notice, program, *queue); });
-      }
+    const auto work = [program, isFirst = number == 1, queue = FQueue] {
+      if (isFirst) CheckProgram(program, *queue);
+      RunForAll(program, *queue);
     };
     FThreads.push_back(std::make_unique<TFunctionThread>("Notifier #" + std::to_string(number),
                                                          work, kStackBytes));
