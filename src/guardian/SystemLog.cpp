@@ -13,6 +13,7 @@
 #include "common/Console.h"
 #include "common/Mutex.h"
 #include "common/NeverDestroyed.h"
+#include "common/Progress.h"
 #include "common/Thread.h"
 #include "guardian/process.h"
 
@@ -160,7 +161,11 @@ class TSystemLogWriter::TWriterThread final : public TThread {
 
  private:
   void Execute() override {
-    while (auto entry = Queue().Take()) Write(*entry);
+    while (auto entry = Queue().Take()) {
+      NoteProgress("SystemLog:Write");
+      Write(*entry);
+      NoteProgress("SystemLog:Wait");
+    }
   }
 
   void Write(const TSystemLogEntry& entry) const noexcept try {
