@@ -1,5 +1,8 @@
 #include "common/Environment.h"
 
+#include <unistd.h>
+
+#include <array>
 #include <cstdlib>
 #include <string_view>
 
@@ -30,6 +33,11 @@ std::vector<std::string> EnvironmentList(const char* name) {
     if (!entry.empty()) entries.emplace_back(entry);
   }
   return entries;
+}
+
+std::string HostName() {
+  std::array<char, 256> name{};
+  return ::gethostname(name.data(), name.size() - 1) == 0 ? name.data() : std::string();
 }
 
 }  // namespace guardian

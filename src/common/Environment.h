@@ -13,4 +13,7 @@ namespace guardian {
 // without empty ones.
 [[nodiscard]] std::vector<std::string> EnvironmentList(const char* name);
 
+// The machine's own name; empty when it has none. Threads: any.
+[[nodiscard]] std::string HostName();
+
 }  // namespace guardian

@@ -19,13 +19,16 @@
 #include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exception_report.h"
 #include "guardian/GuardianService.h"
+#include "guardian/Notification.h"
 #include "guardian/RunCommand.h"
+#include "guardian/ServiceManager.h"
 #include "guardian/SystemLog.h"
 #include "guardian/Units.h"
 #include "guardian/process.h"
 #include "guardian/process/ChildRegistry.h"
 #include "ipc/KZCustomApplication.h"
 #include "ipc/scheduler_client.h"
+#include "webstatus/HealthProblems.h"
 #include "webstatus/HttpClient.h"
 #include "webstatus/WebStatusServer.h"
 
@@ -54,7 +57,8 @@ void UseLogFolder() {
   }
 }
 
-TGuardianSurroundings SurroundingsOf(TKZCustomApplication& application, TClock& clock) {
+TGuardianSurroundings SurroundingsOf(TKZCustomApplication& application, TNotifier& notifier,
+                                     TClock& clock) {
   return {
       .Shell =
           [&application](const std::string& commandLine, int timeoutSec) {
@@ -66,6 +70,9 @@ TGuardianSurroundings SurroundingsOf(TKZCustomApplication& application, TClock& 
                                                       application.Stopping(), clock);
           },
       .SystemLog = &WriteSystemLog,
+      .Notify = [&notifier](TNoticeKind kind, std::string_view text,
+                            std::string_view status) { notifier.Tell(kind, text, status); },
+      .NotifyProblems = [&notifier] { return notifier.TakeProblems(); },
       .OwnPath = Settings().OwnExecutablePath,
       .ConfDir = GetDaemonConfDir(),
       .Stopping = application.Stopping(),
@@ -74,7 +81,14 @@ TGuardianSurroundings SurroundingsOf(TKZCustomApplication& application, TClock& 
   };
 }
 
-void RunGuardian(TClock& clock) {
+// What the service manager can only mend by a new process; empty for nothing. A page that waits for
+// a dead disk is not among it: a new process would wait for the same disk.
+std::string_view WhatStandsStill(const TGuardianService& service) {
+  if (!MakesItsRounds(service.Reading())) return "the watchdog";
+  return WebStatusServerGoesOn() ? "" : "the web server";
+}
+
+void RunGuardian(TServiceManager& manager, TClock& clock) {
   BindMainThread();
   const TAtEnd closeQueue([] { CloseMainThreadQueue(); });
   TKZCustomApplication application;
@@ -85,7 +99,9 @@ void RunGuardian(TClock& clock) {
   SetLastResort([](std::string_view line) { WriteSystemLog(line, TSystemLogKind::Warning); });
   const TAtEnd noLastResort([] { SetLastResort({}); });
   const TUnits units;
-  TGuardianService service(SurroundingsOf(application, clock));
+  TNotifier notifier(EnvironmentText("VELLUMARK_GUARDIAN_NOTIFY"));
+  TGuardianService service(SurroundingsOf(application, notifier, clock));
+  manager.ExtendStart();
   service.Start();
   UseLogFolder();
   StartWebStatusServer({
@@ -96,7 +112,11 @@ void RunGuardian(TClock& clock) {
             return RunCommand(commandLine, timeoutSec, application.Stopping()).Output;
           },
   });
-  application.Run();
+  const auto report = [&] {
+    if (manager.IsDue()) manager.Report(*service.StatusLine(), WhatStandsStill(service));
+  };
+  application.Run(report, manager.Interval());
+  manager.ReportEnd();
   service.Stop();
   KZCP::Checkpoint("WebStatSrv.fini");
   FreeWebStatusServer();
@@ -174,6 +194,7 @@ int GuardianMain(TClock& clock) {
     return running ? kExitOk : kExitNotRunning;
   }
   ReadDebugMode();
+  TServiceManager manager;
   if (word == "start") {
     if (QueryGuardian("status.php", TQueryOutput::AnswerOnly)) {
       PrintLine("Guardian Service already running.");
@@ -182,7 +203,7 @@ int GuardianMain(TClock& clock) {
     PrintLine("Launching Guardian Service as Daemon.");
     BecomeDaemon();
   }
-  RunGuardian(clock);
+  RunGuardian(manager, clock);
   return kExitOk;
 }
 

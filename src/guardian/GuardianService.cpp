@@ -14,6 +14,7 @@
 #include "common/Texts.h"
 #include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exception_report.h"
+#include "webstatus/HealthProblems.h"
 
 namespace guardian {
 namespace {
@@ -140,6 +141,8 @@ void TGuardianService::CheckStatus() {
   RecordRound(seen);
   for (const TStep& step : steps) DoGuarded([&] { CarryOut(step); });
   RecordRound(seen);
+  DoGuarded([this] { TellRecovery(); });
+  DoGuarded([this] { LogNotifyProblems(); });
 }
 
 // Returns whether the step came to its end.
@@ -235,6 +238,24 @@ void TGuardianService::CarryOut(const TStep& step) {
   }
 }
 
+// Only after trouble that somebody was told of.
+void TGuardianService::TellRecovery() {
+  if (!FToldOfTrouble || !HealthProblems(Reading()).empty()) return;
+  FToldOfTrouble = false;
+  Notify(TNoticeKind::Recovered, "All checks are well again.");
+}
+
+void TGuardianService::LogNotifyProblems() {
+  if (!FSurroundings.NotifyProblems) return;
+  for (const std::string& line : FSurroundings.NotifyProblems()) AddToLog(HtmlEscape(line));
+}
+
+void TGuardianService::Notify(TNoticeKind kind, std::string_view text) {
+  if (!FSurroundings.Notify) return;
+  Guarded("Notification", *FSurroundings.Clock,
+          [&] { FSurroundings.Notify(kind, text, *FStatusLine.Get()); });
+}
+
 bool TGuardianService::SendPipeCommand(TSyncCommMessages command) {
   FTickThread.Check();
   return FScheduler->SendCommand(command);
@@ -278,7 +299,12 @@ void TGuardianService::Request(std::atomic<bool>& flag) {
   FTimer.SetInterval(kRequestInterval);
 }
 
+// Errors and warnings come here in the tick alone, and throttled.
 void TGuardianService::WriteToSystemLog(std::string_view message, TSystemLogKind kind) {
+  if (kind != TSystemLogKind::Information) {
+    FToldOfTrouble = true;
+    Notify(kind == TSystemLogKind::Error ? TNoticeKind::Error : TNoticeKind::Warning, message);
+  }
   if (FSurroundings.SystemLog(message, kind)) return;
   AddToLog("The system log takes no entries; the next one stands here only.");
 }

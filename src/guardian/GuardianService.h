@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "common/Cancellation.h"
 #include "common/Clock.h"
@@ -15,6 +16,7 @@
 #include "guardian/DaemonControl.h"
 #include "guardian/DaemonPath.h"
 #include "guardian/DaemonProcess.h"
+#include "guardian/Notification.h"
 #include "guardian/RunCommand.h"
 #include "guardian/WatchdogDecision.h"
 #include "ipc/scheduler_client.h"
@@ -30,6 +32,10 @@ struct TGuardianSurroundings {
   std::function<std::unique_ptr<TScheduler>(TScheduler::TLog log)> MakeScheduler;
   // Returns false when the text is dropped. Must not block.
   std::function<bool(std::string_view message, TSystemLogKind kind)> SystemLog;
+  // Tells somebody a plain text, with the status line. Must not block. May be empty.
+  std::function<void(TNoticeKind kind, std::string_view text, std::string_view status)> Notify{};
+  // What went wrong with that since the last call, a line each. Must not block. May be empty.
+  std::function<std::vector<std::string>()> NotifyProblems{};
   std::string OwnPath;            // The Guardian's executable, full path.
   std::string ConfDir;            // Where the daemon's configuration lies.
   const TCancellation& Stopping;  // Cancelled when the process is to end; ends Shell's commands.
@@ -97,6 +103,9 @@ class TGuardianService final : public TService, public TGuardianControl {
   [[nodiscard]] static std::string GetMutexPath();
 
   [[nodiscard]] TGuardianStatus Status() const override;
+  // What the pages show of the last round. Any thread; blocks as Status, but for no file system.
+  [[nodiscard]] TWatchdogReading Reading() const;
+  [[nodiscard]] TSharedText::TText StatusLine() const { return FStatusLine.Get(); }
   void RequestStart() override { Request(FStartRequested); }
   void RequestStop() override { Request(FStopRequested); }
   void RequestTerminate() override { Request(FTerminateRequested); }
@@ -109,7 +118,9 @@ class TGuardianService final : public TService, public TGuardianControl {
   void LookAtProcess(TObservation& seen);
   void CarryOut(const TStep& step);
   void RecordRound(const TObservation& seen);
-  TWatchdogReading Reading() const;
+  void TellRecovery();
+  void LogNotifyProblems();
+  void Notify(TNoticeKind kind, std::string_view text);
   void Request(std::atomic<bool>& flag);
   void WriteToSystemLog(std::string_view message, TSystemLogKind kind);
   TShellOutcome RunShell(const std::string& commandLine, int timeoutSec);
@@ -130,6 +141,7 @@ class TGuardianService final : public TService, public TGuardianControl {
   std::int64_t FRounds = 0;
   std::int64_t FRestarts = 0;
   TDateTime FLastSystemLogAt = 0;
+  bool FToldOfTrouble = false;  // By an error or a warning, since the last recovery.
 
   // Written by Start and by the timer thread, read by pages.
   TSharedText FTempPath;

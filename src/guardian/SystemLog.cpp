@@ -13,6 +13,7 @@
 #include "common/Console.h"
 #include "common/Mutex.h"
 #include "common/NeverDestroyed.h"
+#include "common/Progress.h"
 #include "common/Thread.h"
 #include "guardian/process.h"
 
@@ -135,7 +136,7 @@ void WriteEntry(const TSystemLogEntry& entry, const TSystemLogTools& tools) {
   constexpr int kToolTimeoutSec = 5;
   const std::vector<std::string> command = ToolCommand(entry.Message, entry.Kind, tools);
   if (!command.empty()) {
-    const int exitCode = RunProgram(command, kToolTimeoutSec);
+    const int exitCode = RunProgram(command, kToolTimeoutSec).ExitCode;
     if (exitCode == 0) return;
     WriteSyslog(LOG_WARNING, "System log tool failed: " + command.front() + ", exit code " +
                                  std::to_string(exitCode));
@@ -160,7 +161,11 @@ class TSystemLogWriter::TWriterThread final : public TThread {
 
  private:
   void Execute() override {
-    while (auto entry = Queue().Take()) Write(*entry);
+    while (auto entry = Queue().Take()) {
+      NoteProgress("SystemLog:Write");
+      Write(*entry);
+      NoteProgress("SystemLog:Wait");
+    }
   }
 
   void Write(const TSystemLogEntry& entry) const noexcept try {

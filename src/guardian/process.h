@@ -45,11 +45,19 @@ void RunShellCmdWithOutput(std::string& output, const std::string& commandLine, 
                            bool raiseOnFailure, const std::string& tempFileName, int& exitCode,
                            const TCancellation* cancellation = nullptr);
 
+// How a program ended. ExitCode is 128 + signal when a signal ended it, and -1 when it could not be
+// run or was ended here. ErrorNumber is the reason when it could not be run, otherwise 0.
+struct TProgramEnd {
+  int ExitCode = -1;
+  int ErrorNumber = 0;
+};
+
 // Runs the program whose path is the first argument, without a shell; nothing in the arguments is
-// interpreted. Standard input, output and error are "/dev/null". It is waited for and ended as a
-// shell command is. Returns its exit code; 128 + signal when a signal ended it; -1 when it could
-// not be run or was ended here. Never throws for a failed run. Threads: any; blocks as said above.
-[[nodiscard]] int RunProgram(const std::vector<std::string>& arguments, int timeoutSec,
-                             const TCancellation* cancellation = nullptr);
+// interpreted. Standard input, output and error are "/dev/null". Its environment is that of this
+// process with the given entries, as in "NAME=value", which win. It is waited for and ended as a
+// shell command is. Never throws for a failed run. Threads: any; blocks as said above.
+[[nodiscard]] TProgramEnd RunProgram(const std::vector<std::string>& arguments, int timeoutSec,
+                                     const TCancellation* cancellation = nullptr,
+                                     const std::vector<std::string>& environment = {});
 
 }  // namespace guardian

@@ -70,15 +70,15 @@ TKZCustomApplication::TSignalDisposition::~TSignalDisposition() {
   ::sigaction(FSignalNumber, &FPrevious, nullptr);
 }
 
-void TKZCustomApplication::Run() {
+void TKZCustomApplication::Run(const std::function<void()>& onRound,
+                               std::chrono::milliseconds longestRound) {
   assert(IsMainThread());
-  // Terminate wakes the wait; the bound only keeps a lost wake-up from lasting.
-  constexpr std::chrono::seconds kRound{10};
   constexpr std::chrono::seconds kPauseAfterFailure{1};
   while (!Terminated()) {
     try {
+      if (onRound) onRound();
       KZCP::Checkpoint("MainLoop:Wait");
-      CheckSynchronize(kRound);
+      CheckSynchronize(longestRound);
     } catch (...) {
       HandleException(std::current_exception(), TLogToFiles::Yes, "Main loop");
       // A failure that comes again and again must not fill the log.

@@ -2,6 +2,8 @@
 
 #include <signal.h>
 
+#include <chrono>
+#include <functional>
 #include <list>
 
 #include "common/Cancellation.h"
@@ -31,8 +33,13 @@ class TKZCustomApplication {
   // signals are left alone. Throws ESystemError.
   void Initialize();
 
-  // Runs synchronise requests until Terminate is called; returns at once when it was.
-  void Run();
+  // Runs synchronise requests until Terminate is called; returns at once when it was. Before each
+  // wait for one, and so once in the longest round at least, it calls onRound, which may be empty.
+  void Run(const std::function<void()>& onRound = {},
+           std::chrono::milliseconds longestRound = kLongestRound);
+
+  // Terminate wakes the wait; the bound only keeps a lost wake-up from lasting.
+  static constexpr std::chrono::seconds kLongestRound{10};
 
   // Ends Run for good; there is no way back. Async-signal-safe.
   void Terminate() noexcept;

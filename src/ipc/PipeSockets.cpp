@@ -32,8 +32,8 @@ class TAddress {
   const socklen_t FLength;
 };
 
-TFileDescriptor MakeSocket() {
-  return TFileDescriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+TFileDescriptor MakeSocket(int type = SOCK_STREAM) {
+  return TFileDescriptor(::socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
 }
 
 }  // namespace
@@ -64,6 +64,13 @@ TFileDescriptor ListenAt(const std::string& path) {
   ::unlink(path.c_str());
   errno = error;
   return {};
+}
+
+bool SendDatagram(const std::string& path, std::string_view bytes) {
+  const TFileDescriptor socket = MakeSocket(SOCK_DGRAM);
+  const TAddress address(path);
+  return ::sendto(socket.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                  address.Generic(), address.Length()) >= 0;
 }
 
 }  // namespace guardian

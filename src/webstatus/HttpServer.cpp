@@ -30,9 +30,8 @@ constexpr std::chrono::milliseconds kPause{100};
 // The server from one Activate to the next Deactivate: its listeners, and when its connections are
 // looked at.
 // Owner: THttpServer.
-// Threads: the constructor, Start, Stop and the destructor by the owner; all else by the server's
-// own thread.
-// Lifetime: never freed when Stop has returned false.
+// Threads: the constructor, Start, Stop, GoesOn and the destructor by the owner; all else by the
+// server's own thread. Lifetime: never freed when Stop has returned false.
 class THttpRun {
  public:
   THttpRun(THttpServer::THandler handler, THttpServerOptions options, TClock& clock,
@@ -45,6 +44,7 @@ class THttpRun {
   void Start();
   // Returns false when a blocking call stands still, which uses this object until its end.
   [[nodiscard]] bool Stop();
+  [[nodiscard]] bool GoesOn();
 
  private:
   struct TListener {
@@ -66,6 +66,8 @@ class THttpRun {
   const THttpServerOptions FOptions;
   std::uint16_t FPort;
   bool FStopping = false;
+  // The thread has worked off what GoesOn asked last. Atomic: the owner clears it.
+  std::atomic<bool> FAnswered = true;
   THttpConnections FConnections;  // Before the threads, whose queue may hold the last of them.
   THttpThreads FThreads;
   std::list<TListener> FListeners;
@@ -135,6 +137,13 @@ bool THttpRun::Stop() {
   // Without its thread all of it is this thread's. What is still being answered is cut off visibly.
   FConnections.CloseAll();
   return FThreads.StopBlockingCalls();
+}
+
+bool THttpRun::GoesOn() {
+  const bool answered = FAnswered.exchange(false);
+  // Otherwise the question before still waits, and a second one would say no more.
+  if (answered) asio::post(FThreads.Context(), [this] { FAnswered = true; });
+  return answered;
 }
 
 void THttpRun::Accept(TListener& listener) {
@@ -238,6 +247,8 @@ void THttpServer::Activate(std::uint16_t port) {
     throw;
   }
 }
+
+bool THttpServer::GoesOn() { return !FRun || FRun->GoesOn(); }
 
 bool THttpServer::Deactivate() {
   // Not freed under a call that stands still, which uses it until the process ends.

@@ -55,9 +55,9 @@ struct THttpServerOptions {
 
 // An HTTP/1.1 server for short answers and for files: GET and HEAD, keep-alive, pipelining.
 // Owner: the object that serves pages; the destructor deactivates.
-// Threads: Activate, Deactivate and the destructor by one thread at a time, and never by the
-// handler; Active and Port by any thread. The handler runs in the server's one thread, which must
-// not wait for anything, and for requests of MayBlock in two others, at the same time.
+// Threads: Activate, Deactivate, GoesOn and the destructor by one thread at a time, and never by
+// the handler; Active and Port by any thread. The handler runs in the server's one thread, which
+// must not wait for anything, and for requests of MayBlock in two others, at the same time.
 // Lifetime: the clock and what the handler uses outlive the server, and the process when a handler
 // stands still at its end.
 class THttpServer {
@@ -82,6 +82,10 @@ class THttpServer {
   // still is left behind: the call returns false, and what the handler uses must live as long as
   // the process. Does nothing when the server is inactive.
   bool Deactivate();
+
+  // Whether the server's thread goes on: asks it anew, and returns whether it has worked off what
+  // the call before asked. True while the server is inactive. Does not wait. Owner's thread.
+  [[nodiscard]] bool GoesOn();
 
   [[nodiscard]] bool Active() const noexcept { return Port() != 0; }
 

@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <sys/random.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -65,11 +64,6 @@ bool IsPrefetch(const THttpRequest& request) {
                               LowerCase(request.Header("Purpose").value_or(""));
   return purpose.find("prefetch") != std::string::npos ||
          purpose.find("prerender") != std::string::npos;
-}
-
-std::string HostName() {
-  std::array<char, 256> name{};
-  return ::gethostname(name.data(), name.size() - 1) == 0 ? LowerCase(name.data()) : std::string();
 }
 
 // The domains that the resolver appends to short names.
@@ -175,7 +169,7 @@ std::string TRequestGuard::CookieHeader() const {
 
 TRequestGuard MakeRequestGuard() {
   std::vector<std::string> names;
-  if (const std::string host = HostName(); IsName(host)) {
+  if (const std::string host = LowerCase(HostName()); IsName(host)) {
     names.push_back(host);
     for (const std::string& domain : ResolverDomains()) {
       names.push_back(std::string(host).append(".").append(domain));

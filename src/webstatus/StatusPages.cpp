@@ -11,6 +11,7 @@
 #include "common/Settings.h"
 #include "common/Texts.h"
 #include "diagnostics/KZCheckpoints.h"
+#include "webstatus/HealthProblems.h"
 #include "webstatus/LogDownloads.h"
 #include "webstatus/MachinePages.h"
 
@@ -158,6 +159,13 @@ void BuildControlPage(const TControlPage& page, const THttpRequest& request,
   }
 }
 
+void BuildHealthPage(const std::optional<TGuardianStatus>& status, THttpResponse& response) {
+  const std::string problems = HealthProblems(status ? status->Watchdog : TWatchdogReading{});
+  response.Status = problems.empty() ? 200 : 503;
+  response.ContentType = "text/plain";
+  response.Body = problems.empty() ? "ok" : problems;
+}
+
 void BuildPageGuarded(std::string_view name, const THttpRequest& request,
                       const TPageSources& sources, THttpResponse& response) {
   std::string& page = response.Body;
@@ -183,6 +191,8 @@ void BuildPageGuarded(std::string_view name, const THttpRequest& request,
     const bool isOpen = request.Accepts("application/openmetrics-text");
     page = Metrics(StatusOf(sources), isOpen ? TMetricsFormat::OpenMetrics : TMetricsFormat::Text);
     response.ContentType = isOpen ? kOpenMetricsType : kMetricsTextType;
+  } else if (name == "healthz") {
+    BuildHealthPage(StatusOf(sources), response);
   }
 }
 

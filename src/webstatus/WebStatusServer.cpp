@@ -131,6 +131,11 @@ void StartWebStatusServer(TWebStatusOptions options) {
   Instance()->StartServer();
 }
 
+bool WebStatusServerGoesOn() {
+  assert(IsMainThread());
+  return !Instance() || Instance()->GoesOn();
+}
+
 bool WebStatusServerWanted() noexcept { return Wanted(); }
 
 void FreeWebStatusServer() {

@@ -40,6 +40,9 @@ class TWebStatusServer {
   // a page that reads files stands still: this object must then live as long as the process.
   [[nodiscard]] bool StopServer();
 
+  // Whether the server's thread goes on, see THttpServer::GoesOn. Main thread.
+  [[nodiscard]] bool GoesOn() { return FHttpServer.GoesOn(); }
+
   // The port on which it listens; 0 while inactive. Any thread.
   [[nodiscard]] std::uint16_t Port() const noexcept { return FHttpServer.Port(); }
 
@@ -70,6 +73,10 @@ void StartWebStatusServer(TWebStatusOptions options);
 
 // Stops and frees that server, if it exists. Main thread.
 void FreeWebStatusServer();
+
+// Whether the thread of that server goes on, see THttpServer::GoesOn; true when there is none. Main
+// thread.
+[[nodiscard]] bool WebStatusServerGoesOn();
 
 // True from StartWebStatusServer to FreeWebStatusServer, even if the server could not start. Any
 // thread.

@@ -66,6 +66,8 @@ struct TFakeSurroundings {
                   if (kind != TSystemLogKind::Information) SystemLog.emplace_back(message);
                   return !SystemLogIsFull;
                 },
+            .Notify = [this](auto kind, auto text, auto) { Told.emplace_back(kind, text); },
+            .NotifyProblems = [this] { return std::exchange(NotifyProblems, {}); },
             .OwnPath = kOwnPath,
             .ConfDir = "/etc",
             .Stopping = Stopping,
@@ -79,6 +81,8 @@ struct TFakeSurroundings {
   TFakeScheduler* Scheduler = nullptr;
   std::vector<std::string> SystemLog;
   bool SystemLogIsFull = false;
+  std::vector<std::pair<TNoticeKind, std::string>> Told;
+  std::vector<std::string> NotifyProblems;
   TCancellation Stopping;
 };
 

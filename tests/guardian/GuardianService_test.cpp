@@ -243,6 +243,24 @@ TEST_F(GuardianServiceTest, StartsADeadDaemonAndLooksAgainAtOnce) {
   EXPECT_THAT(FFakes.SystemLog, ElementsAre("Service not running - need to start service."));
 }
 
+// Throttled as the system log is, to one in ten minutes.
+TEST_F(GuardianServiceTest, TellsOfTroubleAndOfTheRecoveryFromWhatItToldOf) {
+  FFakes.NotifyProblems = {"<failed>"};
+  std::string told;
+  for (const std::string pid : {"5", "", "6 no pipe", "6", "", "7"}) {
+    DaemonRunsAs(pid);
+    FFakes.Scheduler->PipeOK = !pid.ends_with("no pipe");
+    TickAfter(61'000);
+    told += std::to_string(FFakes.Told.size());
+  }
+  EXPECT_EQ(told, "011222");
+  using TNotice = std::pair<TNoticeKind, std::string>;
+  EXPECT_THAT(FFakes.Told,
+              ElementsAre(TNotice(TNoticeKind::Error, FFakes.SystemLog.at(0)),
+                          TNotice(TNoticeKind::Recovered, "All checks are well again.")));
+  EXPECT_THAT(DetailedLog(), HasSubstr("<br>&lt;failed&gt;<br>"));
+}
+
 TEST_F(GuardianServiceTest, AHealthyDaemonCostsOneProcessListAMinuteOfSteadyTime) {
   FAnswers[kPs] = {"error: unsupported option", {}};
   FAnswers[kPlainPs] = {"root 5 VellumarkCL" + std::string(1'000'000, 'x'), {}};

@@ -258,22 +258,22 @@ TEST_F(ProcessTest, TimeoutEndsCommandAndACancelledOneDoesNotStart) {
   cancellation.Cancel();
   command.Cancellation = &cancellation;
   EXPECT_EQ(RunShell(command).End, TShellEnd::Cancelled);
-  EXPECT_EQ(RunProgram({"/bin/sleep", "300"}, kHangLimitSec, &cancellation), -1);
+  EXPECT_EQ(RunProgram({"/bin/sleep", "300"}, kHangLimitSec, &cancellation).ExitCode, -1);
   EXPECT_FALSE(FWork.Has("started"));
 }
 
 TEST_F(ProcessTest, RunsAProgramWithoutAShell) {
   const std::string file = FWork.Path("$(a) \"b\"");
-  EXPECT_EQ(RunProgram({"/bin/sh", "-c", "cat; echo lost; echo lost >&2; exit 5"}, 60), 5);
-  EXPECT_EQ(RunProgram({"/usr/bin/touch", file}, 60), 0);
+  EXPECT_EQ(RunProgram({"/bin/sh", "-c", "cat; echo lost; echo lost >&2; exit 5"}, 60).ExitCode, 5);
+  EXPECT_EQ(RunProgram({"/usr/bin/touch", file}, 60).ExitCode, 0);
   EXPECT_TRUE(std::filesystem::exists(file));
-  EXPECT_EQ(RunProgram({"/bin/sleep", "300"}, 0), -1);
+  EXPECT_EQ(RunProgram({"/bin/sleep", "300"}, 0).ExitCode, -1);
   const TFileDescriptor input(::dup(STDIN_FILENO));
   const TFileDescriptor other(::open("/proc/self/exe", O_RDONLY));
   ::dup2(other.Get(), STDIN_FILENO);
-  EXPECT_EQ(RunProgram({"/usr/bin/test", "/proc/self/fd/0", "-ef", "/dev/null"}, 60), 0);
+  EXPECT_EQ(RunProgram({"/usr/bin/test", "/proc/self/fd/0", "-ef", "/dev/null"}, 60).ExitCode, 0);
   ::dup2(input.Get(), STDIN_FILENO);
-  EXPECT_EQ(RunProgram({FWork.Path("missing")}, 60), -1);
+  EXPECT_EQ(RunProgram({FWork.Path("missing")}, 60).ExitCode, -1);
 }
 
 TEST_F(ProcessTest, KillsTheGroupOfAChildThatNobodyWaitedFor) {

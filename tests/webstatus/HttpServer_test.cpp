@@ -367,13 +367,25 @@ TEST_F(HttpServerTest, KeepsPagesThatMayBlockFromTheOthersAndFromTheEnd) {
   FClock.Advance(milliseconds(5'000));
   EXPECT_EQ(Client(kGet)->ReadReply().Body, "hello");
   FClock.Advance(milliseconds(1));
+  EXPECT_TRUE(FServer->GoesOn());
   EXPECT_EQ(TRawClient(FServer->Port()).Get("/wait").Status(), 503);
+  EXPECT_TRUE(FServer->GoesOn());
   EXPECT_FALSE(FServer->Deactivate()) << "what stands still is left behind";
   FReleased.Signal();
   EXPECT_TRUE(Eventually([this] { return FWaiting == 0; }));
   one.reset();
   two.reset();
   FDescriptors = OpenDescriptors();
+}
+
+TEST_F(HttpServerTest, GoesOnUnlessItsThreadStandsStill) {
+  Start();
+  const auto client = Client("GET /wait HTTP/1.1\r\n\r\n");
+  EXPECT_TRUE(Eventually([this] { return FWaiting == 1; }));
+  EXPECT_TRUE(FServer->GoesOn()) << "asked for the first time";
+  EXPECT_FALSE(FServer->GoesOn());
+  FReleased.Signal();
+  EXPECT_TRUE(Eventually([this] { return FServer->GoesOn(); }));
 }
 
 TEST_F(HttpServerTest, SharesItsPortWithNobodyAndReturnsToIt) {

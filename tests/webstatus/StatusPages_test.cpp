@@ -105,6 +105,22 @@ const std::string kHead =
     "style=\"width:1000px;text-align:left\">Vellumark Guardian 1.50, Build "
     "10</th></tr></table><br>";
 
+TEST_F(StatusPagesTest, TellsProgramsWhatIsNotWell) {
+  TWatchdogReading& seen = FGuardian.Now.Watchdog;
+  const auto expect = [&](const std::string& text, std::optional<double> ageSec) {
+    seen.CheckAgeSec = ageSec;
+    const THttpResponse response = Answer("/healthz", "cross-site", "HEAD");
+    EXPECT_EQ(response.Body + response.ContentType, text + "text/plain");
+    EXPECT_EQ(response.Status, text == "ok" ? 200 : 503);
+  };
+  expect("round", {});
+  expect("mutex,pipe,service", 120);
+  seen.PipeOK = true;
+  expect("mutex,service,round", 120.001);
+  seen.MutexOK = seen.ServiceOK = true;
+  expect("ok", 120);
+}
+
 TEST_F(StatusPagesTest, AnswersShortPagesByteForByte) {
   const struct {
     const char* Path;

@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -32,15 +33,30 @@ using std::chrono::milliseconds;
 constexpr milliseconds kRound(50);      // Between looks at the size of the output.
 constexpr milliseconds kPollRound(10);  // Where nothing tells of the child's end.
 
-// The arguments as exec takes them; valid as long as the texts.
-std::vector<char*> Pointers(const std::vector<std::string>& arguments) {
+// The texts as exec takes them; valid as long as they.
+std::vector<char*> Pointers(const std::vector<std::string>& texts) {
   std::vector<char*> pointers;
-  pointers.reserve(arguments.size() + 1);
-  for (const std::string& argument : arguments) {
-    pointers.push_back(const_cast<char*>(argument.c_str()));
+  pointers.reserve(texts.size() + 1);
+  for (const std::string& text : texts) {
+    pointers.push_back(const_cast<char*>(text.c_str()));
   }
   pointers.push_back(nullptr);
   return pointers;
+}
+
+// This process's environment with the entries in it; one of the same name gives way, since programs
+// differ in which of two they take.
+std::vector<std::string> EnvironmentWith(const std::vector<std::string>& entries) {
+  std::vector<std::string> environment = entries;
+  for (char** own = environ; *own != nullptr; ++own) {
+    const std::string_view entry = *own;
+    const std::string_view start = entry.substr(0, entry.find('=') + 1);
+    if (std::none_of(entries.begin(), entries.end(),
+                     [start](const auto& other) { return other.starts_with(start); })) {
+      environment.emplace_back(entry);
+    }
+  }
+  return environment;
 }
 
 // The instructions for posix_spawn.
@@ -116,15 +132,18 @@ TShellChild::~TShellChild() {
   Reap();
 }
 
-int TShellChild::Spawn(const std::vector<std::string>& arguments, int output) {
+int TShellChild::Spawn(const std::vector<std::string>& arguments, int output,
+                       const std::vector<std::string>& environment) {
   FThread.Check();
   Children().ReapEnded();
   TSpawnSetup setup;
   if (const int error = setup.Prepare(output); error != 0) return error;
+  const std::vector<std::string> whole = EnvironmentWith(environment);
   const TChildRegistry::TStart start;
   pid_t pid = 0;
-  const int error = ::posix_spawn(&pid, arguments.front().c_str(), &setup.Actions,
-                                  &setup.Attributes, Pointers(arguments).data(), environ);
+  const int error =
+      ::posix_spawn(&pid, arguments.front().c_str(), &setup.Actions, &setup.Attributes,
+                    Pointers(arguments).data(), Pointers(whole).data());
   if (error != 0) return error;
   FPid = pid;
   Children().Add(pid);

@@ -31,8 +31,10 @@ class TShellChild {
   // error number.
 
   // The child's standard input is "/dev/null"; its standard output and error are the given
-  // descriptor. A program that cannot be executed is an error.
-  [[nodiscard]] int Spawn(const std::vector<std::string>& arguments, int output);
+  // descriptor; its environment is this process's with the given entries, which win. A program
+  // that cannot be executed is an error.
+  [[nodiscard]] int Spawn(const std::vector<std::string>& arguments, int output,
+                          const std::vector<std::string>& environment = {});
 
   // The child keeps this process's standard handles. A program that cannot be executed gives a
   // child that ends with exit status 127.

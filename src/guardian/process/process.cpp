@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <utility>
 
@@ -35,17 +36,20 @@ void RunShellCmdWithOutput(std::string& output, const std::string& commandLine, 
   }
 }
 
-int RunProgram(const std::vector<std::string>& arguments, int timeoutSec,
-               const TCancellation* cancellation) {
-  constexpr int kNotEnded = -1;
-  if (cancellation != nullptr && cancellation->IsCancelled()) return kNotEnded;
+TProgramEnd RunProgram(const std::vector<std::string>& arguments, int timeoutSec,
+                       const TCancellation* cancellation,
+                       const std::vector<std::string>& environment) {
+  TProgramEnd end;
+  if (cancellation != nullptr && cancellation->IsCancelled()) return end;
   const TFileDescriptor nowhere(::open("/dev/null", O_WRONLY | O_CLOEXEC));
   TShellChild child;
-  if (!nowhere || child.Spawn(arguments, nowhere.Get()) != 0) return kNotEnded;
+  end.ErrorNumber = nowhere ? child.Spawn(arguments, nowhere.Get(), environment) : errno;
+  if (end.ErrorNumber != 0) return end;
   TShellEnding ending(std::chrono::seconds(std::max(timeoutSec, 0)), SystemClock().TickCount());
   child.Wait(
       ending, [] { return std::uint64_t{0}; }, cancellation);
-  return ending.Reason() == TShellEnd::Exited ? child.ExitCode() : kNotEnded;
+  if (ending.Reason() == TShellEnd::Exited) end.ExitCode = child.ExitCode();
+  return end;
 }
 
 }  // namespace guardian
