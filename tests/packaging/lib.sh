@@ -40,7 +40,8 @@ page() {
     printf "GET /%s HTTP/1.0\r\nHost: localhost\r\n\r\n" "$1" >&3
     cat <&3' page "$1" 2>/dev/null || true
 }
-page_has() { [[ "$(page "")" == *"$1"* ]]; }
+# page_has TEXT [NAME]: without a name, the main page.
+page_has() { [[ "$(page "${2:-}")" == *"$1"* ]]; }
 page_answers() { [[ -n "$(page status.php)" ]]; }
 
 # find_package FOLDER PATTERN: sets package to what scripts/package left there.
@@ -74,14 +75,18 @@ end_everything() {
 trap end_everything EXIT
 trap 'exit 1' INT TERM HUP
 
-# supervises COMMAND...: the command, a Guardian with the stand-in for its daemon, starts that, and ends
-# when it is asked to.
-supervises() {
+# launches COMMAND...: the command, a Guardian with the stand-in for its daemon, starts that.
+launches() {
   ! page_answers || fail "port 8900 is in use"
   "$@" >"$folder/output" 2>&1 &
   guardian_pid=$!
   await page_answers || fail "the Guardian does not answer: $(<"$folder/output")"
   expect_daemon
+}
+
+# supervises COMMAND...: the same, and it ends when it is asked to.
+supervises() {
+  launches "$@"
   expect "answer to stop" $'Stopping Guardian Service.\nGuardian stopped.' "$("$@" stop)"
   wait "$guardian_pid" || fail "the Guardian ended with status $?: $(<"$folder/output")"
   guardian_pid=""
