@@ -143,7 +143,7 @@ void AddChecks(const TWatchdogReading& seen, TMetrics& metrics) {
 
 void AddActions(const TWatchdogReading& seen, TMetrics& metrics) {
   metrics.Counter("rounds", "Rounds of the watchdog.", seen.Rounds);
-  metrics.Counter("restarts", "Restarts that were begun.", seen.Restarts);
+  metrics.Counter("restarts", "Restarts of a hung daemon that were begun.", seen.Restarts);
   metrics.Gauge("restart_attempts", "Steps of the restart under way.",
                 std::to_string(seen.RestartAttempts));
   metrics.Family("actions", "counter", "Commands that were run on the daemon.");

@@ -52,8 +52,7 @@ find_package() {
 
 # Every package has these in its folder of documents.
 # shellcheck disable=SC2034
-manuals=({CHANGELOG,CONTRIBUTING,README}.md VERSIONS copyright
-  docs/{architecture,operating,performance,protocol,security}.md docs/page.png)
+manuals=({CHANGELOG,CONTRIBUTING,README}.md VERSIONS copyright docs/page.png docs/{architecture,operating,performance,protocol,security}.md)
 
 # expect_contents FILE...: the archive on standard input holds these; all are root's, and those with a
 # sign "*" can be run.
