@@ -229,7 +229,8 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
     if (asio::buffer_size(FOutput) > 0) return Write();
     if (!FResponse.File || FFileOffset == FResponse.FileSize) return FinishAnswer();
     if (FAll.FThreads.BlockingCallsStandStill()) return;
-    FChunk.resize(std::min<std::uint64_t>(FResponse.FileSize - FFileOffset, kFileChunkBytes));
+    const auto left = std::min<std::uint64_t>(FResponse.FileSize - FFileOffset, kFileChunkBytes);
+    FChunk.resize(static_cast<std::size_t>(left));
     FAll.FThreads.CallBlocking(
         shared_from_this(),
         [this] {

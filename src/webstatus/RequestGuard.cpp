@@ -1,17 +1,22 @@
 #include "webstatus/RequestGuard.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <sys/random.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <utility>
 
 #include "common/Console.h"
 #include "common/Environment.h"
 #include "common/Exceptions.h"
+#include "common/FileDescriptor.h"
 
 namespace guardian {
 namespace {
@@ -82,8 +87,12 @@ std::vector<std::string> ResolverDomains() {
 
 std::string RandomText() {
   std::array<unsigned char, 16> bytes{};
-  if (::getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
-    throw KZException("No random numbers");
+  // Linux before 3.17 has the device alone, which never makes a reader wait.
+  if (::getrandom(bytes.data(), bytes.size(), 0) != std::ssize(bytes)) {
+    const TFileDescriptor device(::open("/dev/urandom", O_RDONLY | O_CLOEXEC));
+    if (::read(device.Get(), bytes.data(), bytes.size()) != std::ssize(bytes)) {
+      throw ESystemError("read", "/dev/urandom", errno);
+    }
   }
   constexpr std::string_view kDigits = "0123456789abcdef";
   std::string text;

@@ -40,7 +40,8 @@ page() {
     printf "GET /%s HTTP/1.0\r\nHost: localhost\r\n\r\n" "$1" >&3
     cat <&3' page "$1" 2>/dev/null || true
 }
-page_has() { [[ "$(page "")" == *"$1"* ]]; }
+# page_has TEXT [NAME]: without a name, the main page.
+page_has() { [[ "$(page "${2:-}")" == *"$1"* ]]; }
 page_answers() { [[ -n "$(page status.php)" ]]; }
 
 # find_package FOLDER PATTERN: sets package to what scripts/package left there.
@@ -49,9 +50,19 @@ find_package() {
   [[ -n "$package" ]] || skip "no $2; scripts/package builds it"
 }
 
-# expect_contents FILES: the archive on standard input holds these, each with its mode and owner.
+# Every package has these: in its folder of documents, beside them, and what tells somebody.
+# shellcheck disable=SC2034
+{
+  manuals=({CHANGELOG,CONTRIBUTING,README}.md VERSIONS copyright docs/page.png docs/{architecture,fleet,operating,performance,protocol,security}.md)
+  prometheus=(prometheus/{grafana-board.json,prometheus.yml,vellumark-guardian.rules.yml})
+  notify=(notify/{mail,push,webhook}\*)
+}
+
+# expect_contents FILE...: the archive on standard input holds these; all are root's, and those with a
+# sign "*" can be run.
 expect_contents() {
-  expect "files" "$1" "$(tar -tv --numeric-owner | awk '!/^d/ { print $1, $2, $NF }' | LC_ALL=C sort -k 3)"
+  expect "files" "$(printf '%s\n' "$@" | LC_ALL=C sort)" "$(tar -tv --numeric-owner |
+    sed -nE 's|^-rw-r--r-- 0/0 .* ||p; s|^-rwxr-xr-x 0/0 .* (.*)|\1*|p; t; /^d/!p' | LC_ALL=C sort)"
 }
 
 daemon_pid() { cat "$VELLUMARKCL_HOME/daemon.pid" 2>/dev/null || true; }
@@ -74,14 +85,18 @@ end_everything() {
 trap end_everything EXIT
 trap 'exit 1' INT TERM HUP
 
-# supervises COMMAND...: the command, a Guardian with the stand-in for its daemon, starts that, and ends
-# when it is asked to.
-supervises() {
+# launches COMMAND...: the command, a Guardian with the stand-in for its daemon, starts that.
+launches() {
   ! page_answers || fail "port 8900 is in use"
   "$@" >"$folder/output" 2>&1 &
   guardian_pid=$!
   await page_answers || fail "the Guardian does not answer: $(<"$folder/output")"
   expect_daemon
+}
+
+# supervises COMMAND...: the same, and it ends when it is asked to.
+supervises() {
+  launches "$@"
   expect "answer to stop" $'Stopping Guardian Service.\nGuardian stopped.' "$("$@" stop)"
   wait "$guardian_pid" || fail "the Guardian ended with status $?: $(<"$folder/output")"
   guardian_pid=""
