@@ -34,6 +34,9 @@ struct TWatchdogState {
   // Rounds since the check last succeeded in which it failed while the daemon's process ran.
   std::int32_t MutexFailures = 0;
   std::int32_t PipeFailures = 0;
+
+  // Begins to count anew.
+  void ForgetFailures() { RestartAttempts = MutexFailures = PipeFailures = 0; }
 };
 
 enum class TStepKind {
@@ -63,5 +66,8 @@ struct TStep {
 // Judges one round: without a process list nothing is started, counted or ended. Updates the state
 // and returns what is to be done, in order. Knows neither clock nor shell nor socket.
 [[nodiscard]] std::vector<TStep> DecideRound(const TObservation& seen, TWatchdogState& state);
+
+// What the watchdog will do after such a round, if nothing changes: a sentence for a person.
+[[nodiscard]] std::string DescribeNext(const TObservation& seen, const TWatchdogState& state);
 
 }  // namespace guardian
