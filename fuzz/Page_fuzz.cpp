@@ -151,6 +151,7 @@ TWatchdogReading ReadingFrom(std::string_view outside) {
     if (next() > 0) tally.LastAgeSec = next() / 3.0;
   }
   reading.UptimeSec = next() / 11.0;
+  if (next() > 0) reading.HoldLeftSec = 1 + next() / 1e10;
   return reading;
 }
 
@@ -173,6 +174,8 @@ class TFakeGuardian final : public TGuardianControl {
   void RequestStop() override { ++Deeds; }
   void RequestTerminate() override { ++Deeds; }
   void RequestKill() override { ++Deeds; }
+  void Hold(std::chrono::minutes /*length*/) override { ++Deeds; }
+  void Release() override { ++Deeds; }
 
   int Deeds = 0;
 
@@ -261,6 +264,10 @@ struct TNumber {
   std::string Value;
 };
 
+std::string HoldOf(const TWatchdogReading& seen, const std::string& none) {
+  return seen.HoldLeftSec ? Seconds(*seen.HoldLeftSec) : none;
+}
+
 std::vector<TNumber> NumbersOf(const TWatchdogReading& seen) {
   const auto optional = [](const std::optional<double>& age) { return age ? Seconds(*age) : ""; };
   const auto flag = [](bool value) { return std::string(value ? "1" : "0"); };
@@ -335,6 +342,7 @@ void CheckJson(const std::string& body, const TCase& how, std::string_view outsi
   Require(std::string_view(path.data(), path.size()) == MadeUtf8(outside),
           "status.json tells another path");
   Require(json.at("daemon").at("pid").is_null() == outside.empty(), "status.json: the pid");
+  Require(At(json, {"hold"}) == HoldOf(status.Watchdog, ""), "status.json: not the hold");
   for (const TNumber& number : NumbersOf(status.Watchdog)) {
     Require(At(json, number.Names) == number.Value, "status.json: not the " + number.Sample);
   }
@@ -353,6 +361,8 @@ void CheckMetrics(std::string_view body, const TCase& how, const TWatchdogReadin
   }
   Require(samples.erase("build_info{version=\"1.50\",build=\"10\"}") == 1, "metrics: the build");
   if (how.HasGuardian) {
+    Require(samples["hold_seconds"] == HoldOf(seen, "0.000"), "metrics: not the hold");
+    samples.erase("hold_seconds");
     for (const TNumber& number : NumbersOf(seen)) {
       const auto found = samples.find(number.Sample);
       Require((found == samples.end() ? "" : found->second) == number.Value,

@@ -79,6 +79,14 @@ class TSystemClock final : public TClock {
 
 }  // namespace
 
+std::int64_t UnixSeconds(TDateTime utc) {
+  constexpr double kRounding = 0.001;
+  return static_cast<std::int64_t>(
+      std::floor((utc - static_cast<TDateTime>(kUnixEpochDays)) / kSecond + kRounding));
+}
+
+TDateTime FromUnixSeconds(std::int64_t seconds) { return FromUnixMilliseconds(seconds * 1000); }
+
 void TClock::Sleep(std::chrono::milliseconds duration) {
   TMutex mutex;
   TCondition condition;
@@ -105,6 +113,8 @@ std::int64_t SystemTickCount() noexcept { return ReadMilliseconds(CLOCK_BOOTTIME
 std::string DateTimeToStr(TDateTime value) {
   return Formatted(IsPlainLocale() ? "%Y-%m-%d %H:%M:%S" : "%x %X", value);
 }
+
+std::string IsoDateTimeToStr(TDateTime utc) { return Formatted("%Y-%m-%dT%H:%M:%SZ", utc); }
 
 std::string TimeOfDayToStr(TDateTime value) { return Formatted("%H:%M:%S", value); }
 

@@ -19,6 +19,10 @@ inline constexpr TDateTime kDay = 1.0;
 inline constexpr TDateTime kMinute = 1.0 / 1440;
 inline constexpr TDateTime kSecond = 1.0 / 86400;
 
+// The whole seconds of Unix time at an instant of UTC, and back.
+[[nodiscard]] std::int64_t UnixSeconds(TDateTime utc);
+[[nodiscard]] TDateTime FromUnixSeconds(std::int64_t seconds);
+
 // The one source of time. Code that decides by time takes it by reference.
 // Owner: SystemClock() is process-wide and lives as long as the process; a test owns its own.
 // Threads: any thread may call anything.
@@ -64,6 +68,9 @@ class TClock {
 // The one text form of a date-time: the locale's short date and long time, or
 // "2026-11-21 06:13:45" where the locale for times is "C" or "POSIX".
 [[nodiscard]] std::string DateTimeToStr(TDateTime value);
+
+// "2026-11-21T06:13:45Z", for programs.
+[[nodiscard]] std::string IsoDateTimeToStr(TDateTime utc);
 
 // "06:13:45", the time of day whatever the locale.
 [[nodiscard]] std::string TimeOfDayToStr(TDateTime value);

@@ -33,7 +33,7 @@ TDaemonControl::TDaemonControl(TShell shell, std::function<std::string()> daemon
 bool TDaemonControl::StartDaemon() {
   const std::string path = FDaemonPath();
   FLog.AddDetailEntry("Attempting to start daemon in " + HtmlEscape(path));
-  FLog.AddInfoEntry(1, 16, "Starting service/daemon in " + path);
+  FLog.AddInfoEntry(1, 16, "Starting service/daemon in " + path, TEventKind::Start);
   Execute(TDaemonAction::Start, FDaemonPath() + " start", kStartTimeoutSec);
   FProcess.ForgetCheck();
   return true;
@@ -41,12 +41,12 @@ bool TDaemonControl::StartDaemon() {
 
 void TDaemonControl::StopDaemon() {
   FLog.AddDetailEntry("Trying to stop the service.");
-  FLog.AddInfoEntry(1, 16, "Trying to stop the service normally.");
+  FLog.AddInfoEntry(1, 16, "Trying to stop the service normally.", TEventKind::Stop);
   Execute(TDaemonAction::Stop, FDaemonPath() + " stop", kEndTimeoutSec);
 }
 
 void TDaemonControl::TerminateDaemon() {
-  Announce("Trying to terminate the service.");
+  Announce(TEventKind::Terminate, "Trying to terminate the service.");
   const std::string pid = FProcess.Pid();
   if (pid.empty()) {
     FLog.AddDetailEntry("No PID known to terminate");
@@ -56,7 +56,7 @@ void TDaemonControl::TerminateDaemon() {
 }
 
 void TDaemonControl::KillDaemon(std::int32_t attempt) {
-  Announce("Trying to kill the service.");
+  Announce(TEventKind::Kill, "Trying to kill the service.");
   while (true) {
     const std::string pid = FProcess.Pid();
     const std::string output =
@@ -67,9 +67,9 @@ void TDaemonControl::KillDaemon(std::int32_t attempt) {
   }
 }
 
-void TDaemonControl::Announce(const std::string& text) {
+void TDaemonControl::Announce(TEventKind action, const std::string& text) {
   FLog.AddDetailEntry(text);
-  FLog.AddInfoEntry(1, 16, text);
+  FLog.AddInfoEntry(1, 16, text, action);
 }
 
 std::string TDaemonControl::Execute(TDaemonAction action, const std::string& commandLine,

@@ -50,7 +50,7 @@ class TDaemonControl {
   [[nodiscard]] const TCommandTallies& Tallies() const noexcept { return FTallies; }
 
  private:
-  void Announce(const std::string& text);
+  void Announce(TEventKind action, const std::string& text);
   std::string Execute(TDaemonAction action, const std::string& commandLine, int timeoutSec);
 
   const TShell FShell;

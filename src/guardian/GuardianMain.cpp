@@ -20,6 +20,7 @@
 #include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exception_report.h"
 #include "guardian/GuardianService.h"
+#include "guardian/HistoryStore.h"
 #include "guardian/Notification.h"
 #include "guardian/RunCommand.h"
 #include "guardian/ServiceManager.h"
@@ -104,6 +105,7 @@ void RunGuardian(TServiceManager& manager, TClock& clock) {
   manager.ExtendStart();
   service.Start();
   UseLogFolder();
+  const THistoryStore historyStore(service.History(), &OpenGuardianStore, clock);
   StartWebStatusServer({
       .Guardian = &service,
       .TerminateGuardian = [&application] { application.Terminate(); },

@@ -26,13 +26,21 @@ constexpr std::chrono::milliseconds kRequestInterval{1'000};
 // its report, which shows the place of the failure, has been written.
 constexpr std::string_view kTimerWaits = "GuardianTimer:Wait";
 
+// Whether the step starts or ends the daemon.
+bool IsAction(TStepKind kind) {
+  return kind == TStepKind::StartDaemon || kind == TStepKind::StopDaemon ||
+         kind == TStepKind::TerminateDaemon || kind == TStepKind::KillDaemon;
+}
+
 }  // namespace
 
 TGuardianService::TGuardianService(TGuardianSurroundings surroundings)
     : FSurroundings(std::move(surroundings)),
+      FHistory(std::make_shared<THistory>(*FSurroundings.Clock)),
+      FHold(*FSurroundings.Clock),
       FActivityLog([this](std::string_view message,
                           TSystemLogKind kind) { WriteToSystemLog(message, kind); },
-                   *FSurroundings.Clock),
+                   *FSurroundings.Clock, FHistory.get()),
       FDaemonPath(FSurroundings.OwnPath, FSurroundings.ConfDir, *FSurroundings.Files),
       FDaemonProcess(
           [this](const std::string& commandLine, int timeoutSec) {
@@ -114,8 +122,39 @@ bool TGuardianService::Continue() {
 void TGuardianService::Tick() {
   KZCP::Checkpoint("Tick.Requests");
   FTimer.SetInterval(kTickInterval);
+  DoGuarded([this] { AnnounceHold(); });
   CarryOutRequests();
   CheckStatus();
+}
+
+void TGuardianService::Hold(std::chrono::minutes length) {
+  FHold.Begin(length);
+  FTimer.SetInterval(kRequestInterval);
+}
+
+void TGuardianService::Release() {
+  FHold.Release();
+  FTimer.SetInterval(kRequestInterval);
+}
+
+// One line for each hold that has begun, been replaced or come to its end since the last tick.
+void TGuardianService::AnnounceHold() {
+  FTickThread.Check();
+  const std::int64_t end = FHold.End();
+  if (std::exchange(FAnnouncedHold, end) == end) return;
+  if (end != 0) {
+    const std::string text = "On hold until " + DateTimeToStr(FHold.WallEnd()) +
+                             ": the service is watched, but neither started nor ended.";
+    FActivityLog.AddInfoEntry(1, 16, text, TEventKind::Hold);
+    Notify(TNoticeKind::Held, text);
+    return;
+  }
+  constexpr std::string_view kText =
+      "The hold is over, the service is started and ended as needed.";
+  FActivityLog.AddInfoEntry(1, 16, kText, TEventKind::Release);
+  Notify(TNoticeKind::Released, kText);
+  // What is still wrong is told again, however short the time since it was told last.
+  FLastSystemLogAt = 0;
 }
 
 void TGuardianService::CarryOutRequests() {
@@ -135,8 +174,12 @@ void TGuardianService::CheckStatus() {
   // The end of the process cuts commands and connections short, so nothing can be judged by them.
   if (FSurroundings.Stopping.IsCancelled()) return;
   const std::vector<TStep> steps = DecideRound(seen, FWatchdog);
+  // Nothing that is seen during a hold counts, so that its end is not answered with a kill.
+  if (FHold.End() != 0) FWatchdog.ForgetFailures();
   KZCP::Checkpoint("Tick.Act");
   ++FRounds;
+  FHistory->AddRound(
+      {seen.MutexOK, seen.PipeOK, seen.ServiceOK, (seen.Now - FWatchdog.LastPulseAt) / kSecond});
   // Recorded before the steps too, because one of them may take half a minute, or throw.
   RecordRound(seen);
   for (const TStep& step : steps) DoGuarded([&] { CarryOut(step); });
@@ -205,6 +248,11 @@ void TGuardianService::LookAtProcess(TObservation& seen) {
 }
 
 void TGuardianService::CarryOut(const TStep& step) {
+  // A hold may also have begun since the round was judged.
+  if (IsAction(step.Kind) && FHold.End() != 0) {
+    AddToLog("Nothing is done: on hold until " + DateTimeToStr(FHold.WallEnd()));
+    return;
+  }
   switch (step.Kind) {
     case TStepKind::StatusLine:
       FStatusLine.Set(step.Text);
@@ -299,9 +347,10 @@ void TGuardianService::Request(std::atomic<bool>& flag) {
   FTimer.SetInterval(kRequestInterval);
 }
 
-// Errors and warnings come here in the tick alone, and throttled.
+// Errors and warnings come here in the tick alone, and throttled. During a hold they are expected,
+// and nobody is bothered.
 void TGuardianService::WriteToSystemLog(std::string_view message, TSystemLogKind kind) {
-  if (kind != TSystemLogKind::Information) {
+  if (kind != TSystemLogKind::Information && FHold.End() == 0) {
     FToldOfTrouble = true;
     Notify(kind == TSystemLogKind::Error ? TNoticeKind::Error : TNoticeKind::Warning, message);
   }
@@ -331,6 +380,7 @@ TGuardianStatus TGuardianService::Status() const {
   status.ActivityLog = FActivityLog.ShortLog();
   status.DetailedLog = FActivityLog.DetailedLog();
   status.Watchdog = Reading();
+  status.History = FHistory->Get();
   return status;
 }
 
@@ -358,6 +408,7 @@ TWatchdogReading TGuardianService::Reading() const {
     if (tally.Total > 0) reading.Actions.at(i).LastAgeSec = ageSec(tally.LastAt);
   }
   reading.UptimeSec = ageSec(startedAt);
+  reading.HoldLeftSec = FHold.LeftSec();
   return reading;
 }
 

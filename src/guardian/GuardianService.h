@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -16,12 +17,14 @@
 #include "guardian/DaemonControl.h"
 #include "guardian/DaemonPath.h"
 #include "guardian/DaemonProcess.h"
+#include "guardian/Hold.h"
 #include "guardian/Notification.h"
 #include "guardian/RunCommand.h"
 #include "guardian/WatchdogDecision.h"
 #include "ipc/scheduler_client.h"
 #include "webstatus/ActivityLog.h"
 #include "webstatus/GuardianControl.h"
+#include "webstatus/History.h"
 
 namespace guardian {
 
@@ -110,9 +113,15 @@ class TGuardianService final : public TService, public TGuardianControl {
   void RequestStop() override { Request(FStopRequested); }
   void RequestTerminate() override { Request(FTerminateRequested); }
   void RequestKill() override { Request(FKillRequested); }
+  void Hold(std::chrono::minutes length) override;
+  void Release() override;
+
+  // What is remembered, for the thread that keeps it over a restart. Any thread.
+  [[nodiscard]] const std::shared_ptr<THistory>& History() const { return FHistory; }
 
  private:
   void RequestDaemonPaths();
+  void AnnounceHold();
   void CarryOutRequests();
   TObservation Observe();
   void LookAtProcess(TObservation& seen);
@@ -128,6 +137,8 @@ class TGuardianService final : public TService, public TGuardianControl {
   bool DoGuarded(const std::function<void()>& step);
 
   const TGuardianSurroundings FSurroundings;
+  const std::shared_ptr<THistory> FHistory;
+  THold FHold;
   TActivityLog FActivityLog;
   TDaemonPath FDaemonPath;
   TDaemonProcess FDaemonProcess;
@@ -141,7 +152,8 @@ class TGuardianService final : public TService, public TGuardianControl {
   std::int64_t FRounds = 0;
   std::int64_t FRestarts = 0;
   TDateTime FLastSystemLogAt = 0;
-  bool FToldOfTrouble = false;  // By an error or a warning, since the last recovery.
+  std::int64_t FAnnouncedHold = 0;  // The end of the hold that the log tells of; 0 for none.
+  bool FToldOfTrouble = false;      // By an error or a warning, since the last recovery.
 
   // Written by Start and by the timer thread, read by pages.
   TSharedText FTempPath;

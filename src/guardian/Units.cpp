@@ -19,11 +19,8 @@
 #include "ipc/KZUnixPipes.h"
 
 namespace guardian {
-namespace {
 
-// The store in which the exception reports keep their throttle; null before the log folder is
-// known. To look into, it is not made.
-std::unique_ptr<TKZCustomINIFile> OpenReportStore(TStoreUse use) {
+std::unique_ptr<TKZCustomINIFile> OpenGuardianStore(TStoreUse use) {
   const std::string folder = Settings().LogDirectory.Copy();
   if (folder.empty()) return nullptr;
   const std::string name = JoinPath(folder, "VellumarkGuardian.cfg");
@@ -32,13 +29,11 @@ std::unique_ptr<TKZCustomINIFile> OpenReportStore(TStoreUse use) {
   return std::make_unique<TKZSQLIniFile>(name);
 }
 
-}  // namespace
-
 TUnits::TUnits() {
   assert(IsMainThread());
   if (Settings().DebugMode) KZCP::Switches().History = true;
   KZCP::Init();
-  StartExceptionReports({.Heading = "Vellumark Guardian 1.50", .OpenStore = &OpenReportStore});
+  StartExceptionReports({.Heading = "Vellumark Guardian 1.50", .OpenStore = &OpenGuardianStore});
   StartMessages();
   SetMessageExceptionReporter([](const std::exception_ptr& error, const std::string& title) {
     HandleException(error, TLogToFiles::Yes, title);

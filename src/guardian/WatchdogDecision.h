@@ -34,6 +34,9 @@ struct TWatchdogState {
   // Rounds since the check last succeeded in which it failed while the daemon's process ran.
   std::int32_t MutexFailures = 0;
   std::int32_t PipeFailures = 0;
+
+  // Begins to count anew.
+  void ForgetFailures() { RestartAttempts = MutexFailures = PipeFailures = 0; }
 };
 
 enum class TStepKind {

@@ -19,26 +19,32 @@ std::string Appended(const TSharedText& log, std::string_view addition) {
   return text;
 }
 
+std::string_view LabelOf(TEventKind kind) {
+  if (kind == TEventKind::Error) return "  ERROR: ";
+  return kind == TEventKind::Warning ? "  WARNING: " : "  INFO: ";
+}
+
 }  // namespace
 
-TActivityLog::TActivityLog(TSystemLog systemLog, TClock& clock)
-    : FSystemLog(std::move(systemLog)), FClock(clock) {}
+TActivityLog::TActivityLog(TSystemLog systemLog, TClock& clock, THistory* history)
+    : FSystemLog(std::move(systemLog)), FClock(clock), FHistory(history) {}
 
 void TActivityLog::AddErrorEntry(int /*category*/, int /*event*/, std::string_view message,
                                  TDateTime& lastSystemLogAt) {
   ForwardThrottled(message, TSystemLogKind::Error, lastSystemLogAt);
-  AddEntry("  ERROR: ", message);
+  AddEntry(TEventKind::Error, message);
 }
 
 void TActivityLog::AddWarningEntry(int /*category*/, int /*event*/, std::string_view message,
                                    TDateTime& lastSystemLogAt) {
   ForwardThrottled(message, TSystemLogKind::Warning, lastSystemLogAt);
-  AddEntry("  WARNING: ", message);
+  AddEntry(TEventKind::Warning, message);
 }
 
-void TActivityLog::AddInfoEntry(int /*category*/, int /*event*/, std::string_view message) {
+void TActivityLog::AddInfoEntry(int /*category*/, int /*event*/, std::string_view message,
+                                TEventKind kind) {
   FSystemLog(message, TSystemLogKind::Information);
-  AddEntry("  INFO: ", message);
+  AddEntry(kind, message);
 }
 
 void TActivityLog::AddDetailEntry(std::string_view message) {
@@ -46,10 +52,11 @@ void TActivityLog::AddDetailEntry(std::string_view message) {
   FDetailedLog.Set(Appended(FDetailedLog, std::string(kBreak).append(message)));
 }
 
-void TActivityLog::AddEntry(std::string_view kind, std::string_view message) {
+void TActivityLog::AddEntry(TEventKind kind, std::string_view message) {
+  if (FHistory != nullptr) FHistory->AddEvent(kind, message);
   const std::string time = DateTimeToStr(FClock.Now());
   const std::string entry =
-      std::string(kBreak).append(time).append(kind).append(HtmlEscape(message));
+      std::string(kBreak).append(time).append(LabelOf(kind)).append(HtmlEscape(message));
   const TMutexLock lock(FLock);
   FShortLog.Set(Appended(FShortLog, entry));
   FDetailedLog.Set(Appended(FDetailedLog, entry));

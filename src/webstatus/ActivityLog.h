@@ -7,6 +7,7 @@
 #include "common/Clock.h"
 #include "common/Mutex.h"
 #include "common/SharedText.h"
+#include "webstatus/History.h"
 
 namespace guardian {
 
@@ -19,15 +20,17 @@ enum class TSystemLogKind { Error = 1, Warning = 2, Information = 4 };
 //
 // The messages of entries are plain text: the system log gets them as they are, and this class
 // escapes them for HTML. Details are HTML already: the caller escapes what comes from outside.
+// Entries are events of the history, too, if there is one.
 // Owner: the guardian service.
 // Threads: any thread may call anything. Readers do not wait for writers.
-// Lifetime: clock and system log outlive it.
+// Lifetime: clock, system log and history outlive it.
 class TActivityLog {
  public:
   // Hands a plain text to the system log; may block briefly, must not throw.
   using TSystemLog = std::function<void(std::string_view message, TSystemLogKind kind)>;
 
-  explicit TActivityLog(TSystemLog systemLog, TClock& clock = SystemClock());
+  explicit TActivityLog(TSystemLog systemLog, TClock& clock = SystemClock(),
+                        THistory* history = nullptr);
   TActivityLog(const TActivityLog&) = delete;
   TActivityLog& operator=(const TActivityLog&) = delete;
 
@@ -38,7 +41,9 @@ class TActivityLog {
       KZ_EXCLUDES(FLock);
   void AddWarningEntry(int category, int event, std::string_view message,
                        TDateTime& lastSystemLogAt) KZ_EXCLUDES(FLock);
-  void AddInfoEntry(int category, int event, std::string_view message) KZ_EXCLUDES(FLock);
+  // The kind is that of the history's event.
+  void AddInfoEntry(int category, int event, std::string_view message,
+                    TEventKind kind = TEventKind::Info) KZ_EXCLUDES(FLock);
 
   // Adds to the detailed log only, without a time.
   void AddDetailEntry(std::string_view message) KZ_EXCLUDES(FLock);
@@ -48,12 +53,13 @@ class TActivityLog {
   [[nodiscard]] TSharedText::TText DetailedLog() const { return FDetailedLog.Get(); }
 
  private:
-  void AddEntry(std::string_view kind, std::string_view message) KZ_EXCLUDES(FLock);
+  void AddEntry(TEventKind kind, std::string_view message) KZ_EXCLUDES(FLock);
   void ForwardThrottled(std::string_view message, TSystemLogKind kind,
                         TDateTime& lastSystemLogAt) const;
 
   const TSystemLog FSystemLog;
   TClock& FClock;
+  THistory* const FHistory;
   // Only writers enter it; readers take the published texts.
   TMutex FLock;
   TSharedText FShortLog;

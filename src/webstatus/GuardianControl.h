@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -8,6 +9,7 @@
 
 #include "common/Clock.h"
 #include "common/SharedText.h"
+#include "webstatus/History.h"
 
 namespace guardian {
 
@@ -25,7 +27,7 @@ struct TActionTally {
 // CheckAgeSec is the time since the last round, and empty before the first; PulseAgeSec is the time
 // since the pulse changed last, or since no pulse is expected. Pid is the daemon's, and empty when
 // it does not run. Restarts counts the restarts that were begun with the stop command. Actions is
-// indexed by TDaemonAction.
+// indexed by TDaemonAction. HoldLeftSec is empty when there is no hold.
 struct TWatchdogReading {
   bool MutexOK = false;
   bool PipeOK = false;
@@ -41,6 +43,7 @@ struct TWatchdogReading {
   std::int32_t PipeFailures = 0;
   std::array<TActionTally, kDaemonActions> Actions;
   double UptimeSec = 0;
+  std::optional<double> HoldLeftSec;
 };
 
 // What the pages show of the guardian service, taken at one moment.
@@ -60,6 +63,7 @@ struct TGuardianStatus {
   TSharedText::TText ActivityLog;
   TSharedText::TText DetailedLog;
   TWatchdogReading Watchdog{};
+  THistory::TPointer History{};
 };
 
 // The guardian service as the pages see it.
@@ -78,6 +82,11 @@ class TGuardianControl {
   virtual void RequestStop() = 0;
   virtual void RequestTerminate() = 0;
   virtual void RequestKill() = 0;
+
+  // From now on, and for that long, the watchdog looks and does not act; requests are carried out.
+  // Replaces an earlier hold. Release ends it.
+  virtual void Hold(std::chrono::minutes length) = 0;
+  virtual void Release() = 0;
 };
 
 }  // namespace guardian

@@ -97,6 +97,24 @@ std::string JsonDaemon(const TGuardianStatus& status) {
       .Text();
 }
 
+std::string JsonEvents(const THistoryRecord& history) {
+  std::string events;
+  for (std::uint32_t i = 0; i < history.EventCount; ++i) {
+    const TEvent& event = history.Events.at(i);
+    const auto time = [](std::int64_t at) {
+      return JsonText(IsoDateTimeToStr(FromUnixSeconds(at)));
+    };
+    events += (i == 0 ? "" : ",") + TJsonObject()
+                                        .Add("time", time(event.FirstAt))
+                                        .Add("last_time", time(event.LastAt))
+                                        .Add("count", std::to_string(event.Count))
+                                        .Add("kind", JsonText(NameOf(event.Kind)))
+                                        .Add("text", JsonText(event.Shown()))
+                                        .Text();
+  }
+  return "[" + events + "]";
+}
+
 // A metric family and its samples.
 class TMetrics {
  public:
@@ -178,6 +196,8 @@ std::string StatusJson(const std::optional<TGuardianStatus>& status,
                           .Text());
     json.Add("counters", JsonCounters(seen));
     json.Add("actions", JsonActions(seen));
+    json.Add("hold", JsonSeconds(seen.HoldLeftSec));
+    if (status->History) json.Add("events", JsonEvents(*status->History));
   }
   return json.Text() + "\n";
 }
@@ -191,6 +211,8 @@ std::string OpenMetrics(const std::optional<TGuardianStatus>& status) {
                   Seconds(status->Watchdog.UptimeSec));
     AddChecks(status->Watchdog, metrics);
     AddActions(status->Watchdog, metrics);
+    metrics.Gauge("hold_seconds", "Time until the hold ends, 0 when there is none.",
+                  Seconds(status->Watchdog.HoldLeftSec.value_or(0)));
   }
   return std::move(metrics).Text();
 }

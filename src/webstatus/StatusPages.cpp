@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <charconv>
 #include <memory>
 #include <utility>
 
@@ -119,13 +120,15 @@ struct TControlPage {
   void (TGuardianControl::*Request)();  // Null for the page that ends the Guardian.
 };
 
-constexpr std::array<TControlPage, 5> kControlPages = {{
+constexpr std::array<TControlPage, 6> kControlPages = {{
     {"startdaemon.php", "VellumarkCL will be started", &TGuardianControl::RequestStart},
     {"stopdaemon.php", "VellumarkCL will be asked to stop.", &TGuardianControl::RequestStop},
     {"terminatedaemon.php", "STOP signal will be sent to VellumarkCL",
      &TGuardianControl::RequestTerminate},
     {"killdaemon.php", "KILL signal will be sent to VellumarkCL", &TGuardianControl::RequestKill},
     {"terminateguardian.php", "Guardian stopped.", nullptr},
+    {"release.html", "No hold any more: VellumarkCL is started and ended as needed.",
+     &TGuardianControl::Release},
 }};
 
 const TControlPage* FindControlPage(std::string_view name) {
@@ -135,14 +138,17 @@ const TControlPage* FindControlPage(std::string_view name) {
   return nullptr;
 }
 
+// Whether the request must not act; the response then says why.
+bool IsRefused(const THttpRequest& request, const TPageSources& sources, THttpResponse& response) {
+  if (sources.Guard == nullptr) return false;
+  std::optional<THttpResponse> refusal = sources.Guard->RefuseAction(request);
+  if (refusal) response = std::move(*refusal);
+  return refusal.has_value();
+}
+
 void BuildControlPage(const TControlPage& page, const THttpRequest& request,
                       const TPageSources& sources, THttpResponse& response) {
-  if (sources.Guard != nullptr) {
-    if (auto refusal = sources.Guard->RefuseAction(request)) {
-      response = std::move(*refusal);
-      return;
-    }
-  }
+  if (IsRefused(request, sources, response)) return;
   // Going back to the answer in a browser's history shows it again and does not ask again.
   response.CacheControl = "no-cache";
   if (page.Request != nullptr && sources.Guardian == nullptr) {
@@ -166,6 +172,42 @@ void BuildHealthPage(const std::optional<TGuardianStatus>& status, THttpResponse
   response.Body = problems.empty() ? "ok" : problems;
 }
 
+// The length of a hold as the query asks for it, an hour by default; nothing for a wrong query.
+std::optional<std::chrono::minutes> HoldLength(std::string_view query) {
+  constexpr std::string_view kName = "minutes=";
+  constexpr int kMostMinutes = 1440;
+  int minutes = 60;
+  if (!query.empty()) {
+    if (!query.starts_with(kName)) return std::nullopt;
+    query.remove_prefix(kName.size());
+    const char* const end = query.data() + query.size();
+    const auto read = std::from_chars(query.data(), end, minutes);
+    if (read.ec != std::errc() || read.ptr != end) return std::nullopt;
+  }
+  if (minutes < 1 || minutes > kMostMinutes) return std::nullopt;
+  return std::chrono::minutes(minutes);
+}
+
+void BuildHoldPage(const THttpRequest& request, const TPageSources& sources,
+                   THttpResponse& response) {
+  if (IsRefused(request, sources, response)) return;
+  const auto length = HoldLength(request.Query);
+  if (!length) {
+    response = PlainResponse(400);
+    response.Body =
+        "No hold was begun: the page takes one number from 1 to 1440, as hold.html?minutes=60\n";
+    return;
+  }
+  response.CacheControl = "no-cache";
+  if (sources.Guardian == nullptr) {
+    response.Body = "Guardian already freed";
+    return;
+  }
+  response.Body = "On hold for " + std::to_string(length->count()) +
+                  " minutes: VellumarkCL is watched, but neither started nor ended.";
+  if (request.Method == "GET") sources.Guardian->Hold(*length);
+}
+
 void BuildPageGuarded(std::string_view name, const THttpRequest& request,
                       const TPageSources& sources, THttpResponse& response) {
   std::string& page = response.Body;
@@ -180,6 +222,8 @@ void BuildPageGuarded(std::string_view name, const THttpRequest& request,
     page = EscapedLines(KZCP::ThreadReport(KZCP::TReportHeader::With));
   } else if (const TControlPage* control = FindControlPage(name)) {
     BuildControlPage(*control, request, sources, response);
+  } else if (name == "hold.html") {
+    BuildHoldPage(request, sources, response);
   } else if (name == "status.php") {
     page = sources.Port
                ? "Guardian running and accessible via port " + std::to_string(*sources.Port) + ". "

@@ -313,6 +313,53 @@ TEST_F(GuardianServiceTest, RestartsAHungDaemonStepByStepAndCountsIt) {
   EXPECT_THAT(ages, testing::Pointwise(testing::DoubleNear(0.01), {0.5, 0.5, 0.5, 6.5, 16.5}));
 }
 
+TEST_F(GuardianServiceTest, LooksAndNeitherStartsNorEndsDuringAHold) {
+  DaemonRunsAs("5");
+  Start("MUTEX=/m\n");
+  FService.Pause();
+  FFakes.Scheduler->MutexOK = false;
+  for (int tick = 0; tick < 8; ++tick) TickAfter(1'000);
+  FService.Hold(std::chrono::minutes(5));
+  FService.Hold(std::chrono::minutes(1));
+  EXPECT_THAT(TickAfter(0), ElementsAre(kPs)) << "the next step would be a kill";
+  EXPECT_THAT(ShortLog(), EndsWith("  ERROR: Mutex not OK - start timer command sent to service."));
+  EXPECT_EQ(FService.Status().Watchdog.HoldLeftSec, 60);
+  for (int tick = 0; tick < 5; ++tick) EXPECT_THAT(TickAfter(10'000), ElementsAre(kPs));
+  FAnswers[kPs] = {};
+  EXPECT_THAT(TickAfter(9'999), ElementsAre(kPs)) << "the last millisecond";
+  EXPECT_THAT(DetailedLog(),
+              HasSubstr("need to start service.<br>Nothing is done: on hold until "));
+  FService.RequestStart();
+  EXPECT_THAT(TickAfter(0), ElementsAre(kStart, kPs)) << "what somebody asks for";
+  // It ended, and the daemon that somebody is starting has its full time.
+  DaemonRunsAs("6");
+  EXPECT_THAT(TickAfter(1), ElementsAre(kPs));
+  EXPECT_FALSE(FService.Status().Watchdog.HoldLeftSec);
+  EXPECT_THAT(ShortLog(), HasSubstr("  INFO: The hold is over, the service is started and ended"));
+  for (int tick = 0; tick < 4; ++tick) EXPECT_THAT(TickAfter(10'000), ElementsAre(kPs));
+  EXPECT_THAT(TickAfter(10'000), ElementsAre(kPs, kStop));
+
+  FService.Hold(std::chrono::minutes(1440));
+  FAnswers[kPs] = {};
+  EXPECT_THAT(TickAfter(0), ElementsAre(kPs));
+  FService.Release();
+  EXPECT_THAT(TickAfter(0), ElementsAre(kPs, kStart));
+  const auto kinds = [this] {
+    std::string text;
+    const auto record = FService.Status().History;
+    for (std::uint32_t i = 0; i < record->EventCount; ++i) {
+      text += std::string(NameOf(record->Events.at(i).Kind)) + " ";
+    }
+    return text;
+  };
+  EXPECT_THAT(kinds(),
+              EndsWith("hold error error start release error error stop hold error release "
+                       "error start "));
+  std::string told;
+  for (const auto& [kind, text] : FFakes.Told) told += std::to_string(static_cast<int>(kind));
+  EXPECT_EQ(told, "0340340") << "errors (0) only outside of the holds (from 3 to 4)";
+}
+
 TEST_F(GuardianServiceTest, CarriesEachRequestOutOnce) {
   DaemonRunsAs("5");
   TickAfter(0);

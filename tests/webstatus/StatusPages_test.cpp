@@ -35,6 +35,10 @@ class TFakeGuardian final : public TGuardianControl {
   void RequestStop() override { Requests += "stop "; }
   void RequestTerminate() override { Requests += "terminate "; }
   void RequestKill() override { Requests += "kill "; }
+  void Hold(std::chrono::minutes length) override {
+    Requests += "hold " + std::to_string(length.count()) + " ";
+  }
+  void Release() override { Requests += "release "; }
 
   TGuardianStatus Now = {
       .StatusText = Text("Status at <i>"),
@@ -61,9 +65,10 @@ class StatusPagesTest : public testing::Test {
   }
 
   THttpResponse Answer(const std::string& path, const std::string& site = "",
-                       const std::string& method = "GET") {
+                       const std::string& method = "GET", const std::string& query = "") {
     THttpRequest request;
     request.Method = method;
+    request.Query = query;
     request.Path = path;
     if (!site.empty()) request.Headers = {{"Sec-Fetch-Site", site}};
     return BuildPage(request, {FHasGuardian ? &FGuardian : nullptr,
@@ -168,6 +173,34 @@ TEST_F(StatusPagesTest, LeavesEachControlRequestToTheGuardianAndActsForNobodyEls
   EXPECT_EQ(Get("/killdaemon.php"), "Guardian already freed");
   EXPECT_EQ(Get("/terminateguardian.php"), "Guardian stopped.");
   EXPECT_EQ(FGuardian.Requests, requests + "end ");
+}
+
+TEST_F(StatusPagesTest, BeginsAHoldOfAsManyMinutesAsOneNumberSays) {
+  const std::map<std::string, std::string> deeds = {
+      {"", "hold 60 "},    {"minutes=1", "hold 1 "}, {"minutes=1440", "hold 1440 "},
+      {"minutes=", ""},    {"minutes=0", ""},        {"minutes=1441", ""},
+      {"minutes=-1", ""},  {"minutes=+5", ""},       {"minutes=5 ", ""},
+      {"minutes=5m", ""},  {"minutes=%35", ""},      {"minutes=5&minutes=6", ""},
+      {"minutes=5&x", ""}, {"hours=5", ""},          {"minutes=99999999999999999999", ""}};
+  for (const auto& [query, deed] : deeds) {
+    SCOPED_TRACE(query);
+    for (const char* const site : {"same-origin", "cross-site"}) {
+      const bool obeyed = std::string(site) == "same-origin";
+      for (const char* const method : {"GET", "HEAD"}) {
+        FGuardian.Requests.clear();
+        const THttpResponse answer = Answer("/hold.html", site, method, query);
+        EXPECT_EQ(FGuardian.Requests, obeyed && *method == 'G' ? deed : "");
+        EXPECT_EQ(answer.Status, !obeyed ? 403 : deed.empty() ? 400 : 200);
+        EXPECT_EQ(answer.Body.find("from 1 to 1440") != std::string::npos, answer.Status == 400);
+      }
+    }
+  }
+  FGuardian.Requests.clear();
+  EXPECT_EQ(Answer("/release.html", "cross-site").Status, 403);
+  EXPECT_EQ(Answer("/release.html", "", "HEAD").Status, 200);
+  EXPECT_EQ(FGuardian.Requests, "");
+  Answer("/release.html");
+  EXPECT_EQ(FGuardian.Requests, "release ");
 }
 
 TEST_F(StatusPagesTest, ShowsTheMainPageWithEverythingFromOutsideEscaped) {

@@ -1,0 +1,113 @@
+#include "guardian/HistoryStore.h"
+
+#include <gmock/gmock.h>
+
+#include "guardian/Units.h"
+#include "support/ErrorLogInFolder.h"
+#include "support/Eventually.h"
+#include "support/FakeClock.h"
+#include "support/SettingsBackup.h"
+#include "support/TempFolder.h"
+
+namespace guardian {
+namespace {
+
+using std::chrono::minutes;
+
+class HistoryStoreTest : public testing::Test {
+ protected:
+  HistoryStoreTest() { Settings().LogDirectory.Set(FFolder.Path()); }
+
+  // A history as a Guardian has it that begins now.
+  std::shared_ptr<THistory> Begin(const std::string& text) {
+    auto history = std::make_shared<THistory>(FClock);
+    history->AddEvent(TEventKind::Info, text);
+    return history;
+  }
+  std::unique_ptr<THistoryStore> Keep(const std::shared_ptr<THistory>& history) {
+    return std::make_unique<THistoryStore>(
+        history,
+        [this](TStoreUse use) {
+          while (StandsStill) SystemClock().Sleep(std::chrono::milliseconds(1));
+          auto store = OpenGuardianStore(use);
+          ++FOpened;
+          return store;
+        },
+        FClock);
+  }
+  // The texts of the stored events.
+  static std::string Stored() {
+    const auto store = OpenGuardianStore(TStoreUse::Look);
+    const auto record = RecordOf(store ? store->ReadString("History", "Record", "") : "");
+    return record ? Texts(*record) : "";
+  }
+  static std::string Texts(const THistoryRecord& record) {
+    std::string texts;
+    for (std::uint32_t i = 0; i < record.EventCount; ++i) {
+      texts.append(record.Events.at(i).Shown()).append(" ");
+    }
+    return texts;
+  }
+
+  const TSettingsBackup FSettings;
+  const TTempFolder FFolder;
+  TFakeClock FClock;
+  std::atomic<bool> StandsStill = false;
+  std::atomic<int> FOpened = 0;
+};
+
+TEST_F(HistoryStoreTest, WritesEveryTenMinutesAndAtTheEndAndTakesOverWhatWasThere) {
+  const auto history = Begin("first");
+  auto store = Keep(history);
+  EXPECT_TRUE(Eventually([this] { return FOpened == 1; }));
+  EXPECT_FALSE(FFolder.Has("VellumarkGuardian.cfg")) << "not made to look into";
+  FClock.Advance(minutes(9));
+  history->AddEvent(TEventKind::Info, "second");
+  FClock.Advance(minutes(1));
+  EXPECT_TRUE(Eventually([] { return Stored() == "first second "; })) << "as after kill -9";
+  history->AddEvent(TEventKind::Info, "third");
+  store.reset();
+  EXPECT_EQ(Stored(), "first second third ");
+  const auto next = Begin("next");
+  store = Keep(next);
+  EXPECT_TRUE(Eventually([&] { return Texts(*next->Get()) == "first second third next "; }));
+  store.reset();
+  EXPECT_EQ(Stored(), "first second third next ");
+}
+
+TEST_F(HistoryStoreTest, SaysOnceThatItCannotWriteAndOnceThatItCannotReadAndGoesOn) {
+  const TErrorLogInFolder log;
+  std::filesystem::create_directory(FFolder.Path("VellumarkGuardian.cfg"));
+  const auto timesSaid = [&log](const std::string& line) {
+    const std::string text = log.Text();
+    int count = 0;
+    for (auto at = text.find(line); at != std::string::npos; at = text.find(line, at + 1)) ++count;
+    return count;
+  };
+  auto store = Keep(Begin("kept"));
+  for (const int uses : {1, 2, 3}) {
+    EXPECT_TRUE(Eventually([this, uses] { return FOpened == uses; }));
+    FClock.Advance(minutes(10));
+  }
+  EXPECT_TRUE(Eventually([&] { return timesSaid("History store Exception: ") == 1; }));
+  std::filesystem::remove(FFolder.Path("VellumarkGuardian.cfg"));
+  store.reset();
+  EXPECT_EQ(timesSaid("History store Exception: "), 1);
+  EXPECT_EQ(Stored(), "kept ");
+  OpenGuardianStore(TStoreUse::Keep)->WriteString("History", "Record", "of another layout");
+  Keep(Begin("anew")).reset();
+  EXPECT_EQ(timesSaid("The stored history is of another layout; it begins anew."), 1);
+  EXPECT_EQ(Stored(), "anew ");
+}
+
+TEST_F(HistoryStoreTest, EndsBesideAStoreThatStandsStill) {
+  StandsStill = true;
+  Keep(Begin("late")).reset();
+  EXPECT_EQ(FOpened, 0);
+  // The thread that was left behind must not outlive this test.
+  StandsStill = false;
+  EXPECT_TRUE(Eventually([] { return Stored() == "late "; }));
+}
+
+}  // namespace
+}  // namespace guardian
