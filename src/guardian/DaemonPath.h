@@ -3,7 +3,8 @@
 #include <memory>
 #include <string>
 
-#include "common/Thread.h"
+#include "common/LookThread.h"
+#include "common/SharedText.h"
 #include "guardian/DaemonLookups.h"
 
 namespace guardian {
@@ -22,6 +23,13 @@ struct TDaemonPathSeen {
 // Lifetime: the file system outlives it, and the process when a look stands still.
 class TDaemonPath {
  public:
+  // Where to look.
+  struct TPlaces {
+    std::string Own;
+    std::string Beside;
+    std::string FromConf;
+  };
+
   // The Guardian's executable and the folder of the configuration, as full paths. Throws
   // ESystemError when the thread cannot be started.
   TDaemonPath(std::string ownPath, std::string confDir, const TFileSystemView& files);
@@ -42,15 +50,14 @@ class TDaemonPath {
   [[nodiscard]] TDaemonPathSeen Seen() const;
 
  private:
-  class TLookThread;
-
   void ReadConf();
   std::string TextOfConf() const;
 
   const std::string FOwnPath;
   const std::string FConfFile;
   const TFileSystemView& FFiles;
-  std::unique_ptr<TLookThread> FLooks;
+  const std::shared_ptr<TShared<TPlaces>> FPlaces;  // Shared with a thread that is left behind.
+  std::unique_ptr<TLookThread<TDaemonPathSeen>> FLooks;
 
   // Used by Get alone.
   bool FConfRead = false;

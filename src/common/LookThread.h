@@ -1,0 +1,103 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "common/Clock.h"
+#include "common/DiagnosticMessage.h"
+#include "common/Mutex.h"
+#include "common/Thread.h"
+
+namespace guardian {
+
+// Looks at what may stand still, such as a folder on a dead network mount, whenever it is asked to,
+// so that nobody else stands still with it.
+// Owner: the object that asks; it ends the thread by EndOrLeaveBehind.
+// Threads: any thread may ask.
+// Lifetime: the look uses nothing but what lives as long as the process, because the thread may be
+// left behind.
+template <typename TAnswer>
+class TLookThread final : public TThread {
+ public:
+  using TLook = std::function<TAnswer()>;
+
+  // The first answer is given until there is another one. A look that throws is made again.
+  TLookThread(std::string name, TLook look, TAnswer first)
+      : TThread(std::move(name)), FLook(std::move(look)), FSeen(std::move(first)) {}
+  ~TLookThread() override { Join(); }
+
+  // What is seen now; nothing when the look takes longer.
+  std::optional<TAnswer> Ask(std::chrono::milliseconds longest) KZ_EXCLUDES(FLock) {
+    const TMutexLock lock(FLock);
+    if (!WaitForAnswerLocked(++FAsked, longest)) return std::nullopt;
+    return FSeen;
+  }
+
+  // The same, or what was seen last when the look takes longer than a tenth of a second. Only the
+  // first caller who meets a look that stands still waits for it.
+  TAnswer AskBriefly() KZ_EXCLUDES(FLock) {
+    constexpr std::chrono::milliseconds kLongest{100};
+    const TMutexLock lock(FLock);
+    const std::int64_t asked = ++FAsked;
+    if (FStandsStill) return FSeen;
+    FStandsStill = !WaitForAnswerLocked(asked, kLongest);
+    return FSeen;
+  }
+
+ private:
+  void Execute() override {
+    constexpr std::chrono::milliseconds kPauseAfterFailure{100};
+    while (!Terminated()) {
+      const bool done = Guarded(Name(), SystemClock(), [this] { AnswerNext(); });
+      if (!done) SystemClock().Sleep(kPauseAfterFailure);
+    }
+  }
+
+  void AnswerNext() {
+    if (const auto asked = WaitUntilAsked()) Publish(*asked, FLook());
+  }
+
+  bool WaitForAnswerLocked(std::int64_t asked, std::chrono::milliseconds longest)
+      KZ_REQUIRES(FLock) {
+    FChanged.NotifyAll();
+    return SystemClock().WaitUntil(FLock, FChanged, SystemTickCount() + longest.count(),
+                                   [this, asked]()
+                                       KZ_REQUIRES(FLock) { return FAnswered >= asked; });
+  }
+
+  // The number of the last question; nothing when the thread is to end.
+  std::optional<std::int64_t> WaitUntilAsked() KZ_EXCLUDES(FLock) {
+    const TMutexLock lock(FLock);
+    while (!Terminated() && FAnswered == FAsked) FChanged.Wait(FLock);
+    if (Terminated()) return std::nullopt;
+    return FAsked;
+  }
+
+  void Publish(std::int64_t answered, TAnswer seen) KZ_EXCLUDES(FLock) {
+    const TMutexLock lock(FLock);
+    FSeen = std::move(seen);
+    FAnswered = answered;
+    FStandsStill = false;
+    FChanged.NotifyAll();
+  }
+
+  void OnTerminate() override KZ_EXCLUDES(FLock) {
+    const TMutexLock lock(FLock);
+    FChanged.NotifyAll();
+  }
+
+  const TLook FLook;
+  TMutex FLock;
+  TCondition FChanged;
+  TAnswer FSeen KZ_GUARDED_BY(FLock);
+  // Numbers of questions.
+  std::int64_t FAsked KZ_GUARDED_BY(FLock) = 0;
+  std::int64_t FAnswered KZ_GUARDED_BY(FLock) = 0;
+  bool FStandsStill KZ_GUARDED_BY(FLock) = false;
+};
+
+}  // namespace guardian
