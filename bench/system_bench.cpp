@@ -170,6 +170,25 @@ void FullMainPage(benchmark::State& state) {
 }
 BENCHMARK(Guarded<FullMainPage>)->Name("FullMainPage")->UseManualTime()->Iterations(Rounds(5));
 
+// Beside the main page with full logs; both are served by the same Guardian.
+void OverviewPage(benchmark::State& state) {
+  constexpr int kConnections = 16;
+  TBenchedGuardian guardian(TGuardianKind::Fast, LongFolders());
+  guardian.StartDaemon();
+  guardian.StartGuardian();
+  guardian.WaitForHealthyRound();
+  guardian.FillLogs();
+  TLoadedServer overview(kGuardianPort, guardian.GuardianPid(), "overview.html", kConnections);
+  TLoadedServer mainPage(kGuardianPort, guardian.GuardianPid(), "", kConnections);
+  const TComparison seconds = Compare(
+      state, [&] { return overview.SecondsPerAnswer(); },
+      [&] { return mainPage.SecondsPerAnswer(); });
+  state.counters["rate"] = 1 / seconds.Ours;
+  state.counters["bare_rate"] = 1 / seconds.Bare;
+  state.counters["ratio"] = 1 / seconds.OursPerBare;
+}
+BENCHMARK(Guarded<OverviewPage>)->Name("OverviewPage")->UseManualTime()->Iterations(Rounds(5));
+
 // Half of the connections send nothing, the others send their request byte by byte. A connection
 // that the server closes is made again.
 class TSlowClients {

@@ -166,6 +166,10 @@ class TFakeGuardian final : public TGuardianControl {
     FStatus.ProcessListTime = 46347.25;
     FStatus.ActivityLog = FStatus.DetailedLog = Text("<br>entry");
     FStatus.Watchdog = ReadingFrom(outside);
+    FStatus.Watchdog.Next = outside;
+    THistory history(SystemClock());
+    history.AddEvent(TEventKind::Error, outside);
+    FStatus.History = history.Get();
   }
 
   TGuardianStatus Status() const override { return FStatus; }

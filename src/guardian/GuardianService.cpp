@@ -178,8 +178,8 @@ void TGuardianService::CheckStatus() {
   if (FHold.End() != 0) FWatchdog.ForgetFailures();
   KZCP::Checkpoint("Tick.Act");
   ++FRounds;
-  FHistory->AddRound(
-      {seen.MutexOK, seen.PipeOK, seen.ServiceOK, (seen.Now - FWatchdog.LastPulseAt) / kSecond});
+  const double pulseAgeSec = (seen.Now - FWatchdog.LastPulseAt) / kSecond;
+  DoGuarded([&] { FHistory->AddRound({seen.MutexOK, seen.PipeOK, seen.ServiceOK, pulseAgeSec}); });
   // Recorded before the steps too, because one of them may take half a minute, or throw.
   RecordRound(seen);
   for (const TStep& step : steps) DoGuarded([&] { CarryOut(step); });
@@ -409,6 +409,7 @@ TWatchdogReading TGuardianService::Reading() const {
   }
   reading.UptimeSec = ageSec(startedAt);
   reading.HoldLeftSec = FHold.LeftSec();
+  reading.Next = DescribeNext(round->Seen, round->State);
   return reading;
 }
 

@@ -1,5 +1,7 @@
 #include "guardian/HistoryStore.h"
 
+#include <malloc.h>
+
 #include <chrono>
 #include <string>
 #include <utility>
@@ -32,7 +34,11 @@ class THistoryStore::TStoreThread final : public TThread {
  private:
   void Execute() override {
     Use(TStoreUse::Look);
-    while (WaitUntilDue()) Use(TStoreUse::Keep);
+    while (WaitUntilDue()) {
+      Use(TStoreUse::Keep);
+      // The store's memory is not needed for ten minutes.
+      ::malloc_trim(0);
+    }
     Use(TStoreUse::Keep);
   }
 

@@ -1,5 +1,6 @@
 #include "guardian/WatchdogDecision.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "common/Texts.h"
@@ -9,6 +10,18 @@ namespace {
 
 constexpr std::int32_t kFailuresBeforeRestart = 6;
 constexpr std::int32_t kLastTerminateAttempt = 4;
+constexpr double kAskedForPulseMinutes = 1.2;
+
+// How the daemon is ended at this restart attempt.
+TStepKind EndingOf(std::int32_t attempt) {
+  if (attempt == 1) return TStepKind::StopDaemon;
+  return attempt <= kLastTerminateAttempt ? TStepKind::TerminateDaemon : TStepKind::KillDaemon;
+}
+
+const char* VerbOf(TStepKind ending) {
+  if (ending == TStepKind::StopDaemon) return "stops";
+  return ending == TStepKind::TerminateDaemon ? "terminates" : "kills";
+}
 
 // The judgement of one round; each function adds its steps.
 class TRound {
@@ -86,7 +99,7 @@ class TRound {
   // The shortest time is tested first, so the two longer ones never act: a still pulse makes the
   // Guardian ask, never restart. This is deliberate and stays.
   void JudgeStillPulse() {
-    if (PulseOlderThan(1.2)) {
+    if (PulseOlderThan(kAskedForPulseMinutes)) {
       Log("Pulse change over 1.2 minutes ago, last pulse was at:" + Shown(FState.LastPulseAt));
       Send(TSyncCommMessages::msgEnquireStatus);
     } else if (PulseOlderThan(1.5)) {
@@ -145,12 +158,8 @@ class TRound {
     Log("Need to restart service, attempt counter = " + std::to_string(FState.RestartAttempts));
     if (FState.RestartAttempts == 1) {
       Entry(TStepKind::ErrorEntry, 3, 1, "Need to restart Vellumark_Service");
-      Do(TStepKind::StopDaemon);
-    } else if (FState.RestartAttempts <= kLastTerminateAttempt) {
-      Do(TStepKind::TerminateDaemon);
-    } else {
-      Do(TStepKind::KillDaemon);
     }
+    Do(EndingOf(FState.RestartAttempts));
   }
 
   void ResetCounters() {
@@ -168,6 +177,24 @@ class TRound {
 
 bool NeedsFreshProcessCheck(bool mutexOK, bool pipeOK, bool lastServiceOK) {
   return !(mutexOK && pipeOK && lastServiceOK);
+}
+
+std::string DescribeNext(const TObservation& seen, const TWatchdogState& state) {
+  if (!seen.ServiceKnown) return "Nothing, until the process list can be read.";
+  if (!seen.ServiceOK) return "The Guardian starts the daemon at each look until it runs.";
+  if (seen.MutexOK && seen.PipeOK) {
+    if (state.LastPulseAt >= seen.Now - kAskedForPulseMinutes * kMinute) return "Nothing to do.";
+    return "The Guardian asks the daemon for its status; it never restarts it for a still pulse.";
+  }
+  if (!seen.MutexPathKnown) return "Nothing: the daemon has not named its mutex directory.";
+  const std::int32_t failures = std::max(state.MutexFailures, state.PipeFailures);
+  if (failures < kFailuresBeforeRestart) {
+    return "Failure " + std::to_string(failures) + " of " + std::to_string(kFailuresBeforeRestart) +
+           "; at the last one the Guardian stops the daemon.";
+  }
+  return "Attempt " + std::to_string(state.RestartAttempts) +
+         " to restart was made; if the next look fails, the Guardian " +
+         VerbOf(EndingOf(state.RestartAttempts + 1)) + " the daemon.";
 }
 
 std::vector<TStep> DecideRound(const TObservation& seen, TWatchdogState& state) {

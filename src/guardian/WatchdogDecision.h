@@ -67,4 +67,7 @@ struct TStep {
 // and returns what is to be done, in order. Knows neither clock nor shell nor socket.
 [[nodiscard]] std::vector<TStep> DecideRound(const TObservation& seen, TWatchdogState& state);
 
+// What the watchdog will do after such a round, if nothing changes: a sentence for a person.
+[[nodiscard]] std::string DescribeNext(const TObservation& seen, const TWatchdogState& state);
+
 }  // namespace guardian

@@ -27,7 +27,8 @@ struct TActionTally {
 // CheckAgeSec is the time since the last round, and empty before the first; PulseAgeSec is the time
 // since the pulse changed last, or since no pulse is expected. Pid is the daemon's, and empty when
 // it does not run. Restarts counts the restarts that were begun with the stop command. Actions is
-// indexed by TDaemonAction. HoldLeftSec is empty when there is no hold.
+// indexed by TDaemonAction. HoldLeftSec is empty when there is no hold. Next says in a sentence
+// what the watchdog will do without a hold.
 struct TWatchdogReading {
   bool MutexOK = false;
   bool PipeOK = false;
@@ -44,6 +45,7 @@ struct TWatchdogReading {
   std::array<TActionTally, kDaemonActions> Actions;
   double UptimeSec = 0;
   std::optional<double> HoldLeftSec;
+  std::string Next{};
 };
 
 // What the pages show of the guardian service, taken at one moment.

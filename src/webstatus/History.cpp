@@ -64,6 +64,9 @@ void Join(TMinute& minute, const TMinute& other) {
   minute.Actions |= other.Actions;
 }
 
+// Up to the year 5138: what is calculated with it does not overflow.
+bool IsTime(std::int64_t unixSec) { return std::abs(unixSec / 2) < 50'000'000'000; }
+
 bool IsSound(const THistoryRecord& record) {
   if (record.Layout != THistoryRecord::kLayout) return false;
   if (record.EventCount > record.Events.size()) return false;
@@ -71,6 +74,7 @@ bool IsSound(const THistoryRecord& record) {
     const TEvent& event = record.Events.at(i);
     if (static_cast<std::size_t>(event.Kind) >= kEventKinds) return false;
     if (event.Length > sizeof(event.Text)) return false;
+    if (!IsTime(event.FirstAt) || !IsTime(event.LastAt)) return false;
   }
   for (std::size_t i = 0; i < record.Minutes.size(); ++i) {
     const std::uint32_t number = record.Minutes.at(i).Number;
@@ -147,7 +151,7 @@ void THistory::Change(const std::function<void(THistoryRecord& record)>& change)
   const TMutexLock lock(FLock);
   THistoryRecord record = FRecord.Copy();
   change(record);
-  FRecord.Set(std::move(record));
+  FRecord.Set(record);
 }
 
 std::int64_t THistory::UnixNow() const { return UnixSeconds(FClock.UtcNow()); }

@@ -10,31 +10,23 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
-#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "common/Exceptions.h"
 #include "common/FileDescriptor.h"
+#include "common/Settings.h"
 #include "common/Texts.h"
 
 namespace guardian {
 namespace {
 
-struct TLogFile {
-  std::int64_t ModifiedNs = 0;
-  std::string Name;
-
-  bool operator<(const TLogFile& other) const {
-    return std::tie(ModifiedNs, Name) < std::tie(other.ModifiedNs, other.Name);
-  }
-};
-
 struct TCloseDirectory {
   void operator()(DIR* directory) const { ::closedir(directory); }
 };
 
-// Skips broken links, files that vanish meanwhile, and everything that is not a regular file.
+// The newest first. Skips broken links, files that vanish meanwhile, and everything that is not a
+// regular file.
 std::vector<TLogFile> FindLogFiles(const std::string& folder) {
   const std::unique_ptr<DIR, TCloseDirectory> directory(::opendir(folder.c_str()));
   if (!directory) throw ESystemError("open folder", folder, errno);
@@ -46,8 +38,9 @@ std::vector<TLogFile> FindLogFiles(const std::string& folder) {
     if (::fstatat(::dirfd(directory.get()), entry->d_name, &info, 0) != 0) continue;
     if (!S_ISREG(info.st_mode)) continue;
     files.push_back({std::int64_t{info.st_mtim.tv_sec} * 1'000'000'000 + info.st_mtim.tv_nsec,
-                     std::string(name)});
+                     std::string(name), static_cast<std::uint64_t>(info.st_size)});
   }
+  std::sort(files.rbegin(), files.rend());
   return files;
 }
 
@@ -64,16 +57,50 @@ TFileDescriptor Open(const std::string& path, int flags, const std::string& show
 
 }  // namespace
 
+TLogList ListLogFiles(const std::string& folder) {
+  constexpr std::size_t kMostFiles = 12;
+  TLogList list;
+  list.SeenAt = SystemClock().Now();
+  try {
+    if (!folder.empty()) list.Files = FindLogFiles(folder);
+  } catch (const KZException& error) {
+    list.Problem = error.Message();
+  }
+  if (list.Files.size() > kMostFiles) list.Files.resize(kMostFiles);
+  return list;
+}
+
+TLogFolder::TLogFolder()
+    : FLooks(std::make_unique<TLookThread<TLogList>>(
+          "LogFolder", [] { return ListLogFiles(Settings().LogDirectory.Copy()); }, TLogList{})) {
+  FLooks->Start();
+}
+
+TLogList TLogFolder::Seen() const {
+  constexpr std::int64_t kIntervalMs = 1'000;
+  const std::int64_t now = SystemTickCount();
+  std::int64_t due = FNextLookTick;
+  if (now >= due && FNextLookTick.compare_exchange_strong(due, now + kIntervalMs)) {
+    FSeen.Set(FLooks->AskBriefly());
+  }
+  return FSeen.Copy();
+}
+
+TLogFolder::~TLogFolder() {
+  constexpr std::chrono::milliseconds kGrace{100};
+  TThread::EndOrLeaveBehind(std::move(FLooks), kGrace);
+}
+
+std::string LogFileLink(const std::string& name) {
+  // Entities are the inner encoding: a download decodes them last.
+  return "<a href=\"" + std::string(kLogLinkFolder) + "/" + LinkEncode(HtmlEscape(name)) +
+         "\" target=\"_blank\">" + HtmlEscape(name) + "</a>";
+}
+
 std::string LogFileLinks(const std::string& folder) {
   if (folder.empty()) return {};
-  std::vector<TLogFile> files = FindLogFiles(folder);
-  std::sort(files.rbegin(), files.rend());
   std::string links;
-  for (const TLogFile& file : files) {
-    // Entities are the inner encoding: a download decodes them last.
-    links += "<a href=\"" + std::string(kLogLinkFolder) + "/" + LinkEncode(HtmlEscape(file.Name)) +
-             "\" target=\"_blank\">" + HtmlEscape(file.Name) + "</a><br>";
-  }
+  for (const TLogFile& file : FindLogFiles(folder)) links += LogFileLink(file.Name) + "<br>";
   return links;
 }
 

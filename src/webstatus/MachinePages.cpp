@@ -101,12 +101,12 @@ std::string JsonEvents(const THistoryRecord& history) {
   std::string events;
   for (std::uint32_t i = 0; i < history.EventCount; ++i) {
     const TEvent& event = history.Events.at(i);
-    const auto time = [](std::int64_t at) {
+    const auto text = [](std::int64_t at) {
       return JsonText(IsoDateTimeToStr(FromUnixSeconds(at)));
     };
     events += (i == 0 ? "" : ",") + TJsonObject()
-                                        .Add("time", time(event.FirstAt))
-                                        .Add("last_time", time(event.LastAt))
+                                        .Add("time", text(event.FirstAt))
+                                        .Add("last_time", text(event.LastAt))
                                         .Add("count", std::to_string(event.Count))
                                         .Add("kind", JsonText(NameOf(event.Kind)))
                                         .Add("text", JsonText(event.Shown()))

@@ -15,6 +15,7 @@
 #include "webstatus/HealthProblems.h"
 #include "webstatus/LogDownloads.h"
 #include "webstatus/MachinePages.h"
+#include "webstatus/OverviewPage.h"
 
 namespace guardian {
 namespace {
@@ -155,7 +156,7 @@ void BuildControlPage(const TControlPage& page, const THttpRequest& request,
     response.Body = "Guardian already freed";
     return;
   }
-  response.Body = page.Answer;
+  response.Body = page.Name.ends_with(".html") ? DonePage(page.Answer) : std::string(page.Answer);
   // HEAD requests the head of the answer only, so it must not act.
   if (request.Method != "GET") return;
   if (page.Request != nullptr) {
@@ -203,9 +204,31 @@ void BuildHoldPage(const THttpRequest& request, const TPageSources& sources,
     response.Body = "Guardian already freed";
     return;
   }
-  response.Body = "On hold for " + std::to_string(length->count()) +
-                  " minutes: VellumarkCL is watched, but neither started nor ended.";
+  response.Body = DonePage("On hold for " + std::to_string(length->count()) +
+                           " minutes: VellumarkCL is watched, but neither started nor ended.");
   if (request.Method == "GET") sources.Guardian->Hold(*length);
+}
+
+void BuildConfirmPage(std::string_view controlPage, THttpResponse& response) {
+  std::string page = ConfirmPage(controlPage);
+  if (page.empty()) {
+    response = PlainResponse(400);
+  } else {
+    response.Body = std::move(page);
+  }
+}
+
+void BuildPageForPhones(std::string_view name, const THttpRequest& request,
+                        const TPageSources& sources, THttpResponse& response) {
+  if (name == "overview.html") {
+    const TLogList logs = sources.Logs == nullptr ? TLogList{} : sources.Logs->Seen();
+    const TRefresh refresh = request.Query == "still" ? TRefresh::Never : TRefresh::Itself;
+    response.Body = OverviewPage(StatusOf(sources), logs, refresh, SystemClock());
+  } else if (name == "confirm.html") {
+    BuildConfirmPage(request.Query, response);
+  } else if (name == "hold.html") {
+    BuildHoldPage(request, sources, response);
+  }
 }
 
 void BuildPageGuarded(std::string_view name, const THttpRequest& request,
@@ -222,8 +245,8 @@ void BuildPageGuarded(std::string_view name, const THttpRequest& request,
     page = EscapedLines(KZCP::ThreadReport(KZCP::TReportHeader::With));
   } else if (const TControlPage* control = FindControlPage(name)) {
     BuildControlPage(*control, request, sources, response);
-  } else if (name == "hold.html") {
-    BuildHoldPage(request, sources, response);
+  } else if (name.ends_with(".html")) {
+    BuildPageForPhones(name, request, sources, response);
   } else if (name == "status.php") {
     page = sources.Port
                ? "Guardian running and accessible via port " + std::to_string(*sources.Port) + ". "

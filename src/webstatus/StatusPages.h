@@ -8,6 +8,7 @@
 
 #include "webstatus/GuardianControl.h"
 #include "webstatus/HttpMessage.h"
+#include "webstatus/LogDownloads.h"
 #include "webstatus/RequestGuard.h"
 
 namespace guardian {
@@ -19,6 +20,7 @@ struct TPageSources {
   std::function<void()> TerminateGuardian;  // Asks the application to end; returns at once.
   std::optional<std::uint16_t> Port;
   const TRequestGuard* Guard = nullptr;  // None: every request is obeyed.
+  const TLogFolder* Logs = nullptr;      // None: the overview shows no log files.
 };
 
 // The answer to a request. A failure becomes a message at the end of the page. Blocks only for

@@ -112,8 +112,8 @@ bool TWebStatusServer::StopServer() {
 }
 
 THttpResponse TWebStatusServer::HandleRequest(const THttpRequest& request) const {
-  return BuildPage(request,
-                   {FOptions.Guardian, FOptions.TerminateGuardian, FHttpServer.Port(), &FGuard});
+  return BuildPage(request, {FOptions.Guardian, FOptions.TerminateGuardian, FHttpServer.Port(),
+                             &FGuard, &FLogFolder});
 }
 
 void TWebStatusServer::ToDoTick() {

@@ -60,6 +60,7 @@ class TWebStatusServer {
 
   const TWebStatusOptions FOptions;
   const TRequestGuard FGuard = MakeRequestGuard();
+  const TLogFolder FLogFolder;
   THttpServer FHttpServer;
   TSharedText FProcessList;
   // Atomic: the timer's thread writes it, any thread reads it.

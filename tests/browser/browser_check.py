@@ -1,5 +1,6 @@
 # Opens the Guardian's pages in headless Chromium, under their content policy, and clicks.
-#   browser_check.py BIN_FOLDER SCREENSHOT
+#   browser_check.py BIN_FOLDER SCREENSHOT AXE
+# AXE is the script of the accessibility check.
 # Ends with 77, skipped, where no browser is installed. "scripts/setup browser" installs one.
 
 import http.server
@@ -56,6 +57,12 @@ class Browser:
     def click(self, page):
         self.driver.find_element(By.CSS_SELECTOR, f'a[href="{page}"]').click()
         return self.text()
+
+    def show_as(self, scheme, width):
+        self.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {
+            "features": [{"name": "prefers-color-scheme", "value": scheme}]})
+        self.driver.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
+            "width": width, "height": 900, "deviceScaleFactor": 1, "mobile": width < 500})
 
     def text(self):
         return self.driver.find_element(By.TAG_NAME, "body").text
@@ -118,6 +125,46 @@ def check_links_of_other_sites(browser):
     browser.driver.get_log("browser")  # The refusals stand there as errors.
 
 
+# No page of these is worse for a phone, for a keyboard or for weak eyes than the check demands. The
+# refreshing page has a link to one that stands still.
+def check_accessibility(browser, axe):
+    with open(axe, encoding="utf-8") as file:
+        script = file.read()
+    for page, rules in (("overview.html?still", {}),
+                        ("overview.html", {"meta-refresh": {"enabled": False}}),
+                        ("confirm.html?killdaemon.php", {}), ("hold.html?minutes=5", {}),
+                        ("overview.html?still", {}), ("release.html", {})):
+        for scheme, width in (("light", 390), ("dark", 390), ("light", 1280), ("dark", 1280)):
+            browser.show_as(scheme, width)
+            browser.open(page)
+            browser.driver.execute_script(script)
+            found = browser.driver.execute_async_script(
+                "axe.run({rules: arguments[0]}).then(arguments[1])", rules)
+            problems = [f"{each['id']}: {each['help']}" for each in found["violations"]]
+            require(not problems and len(found["passes"]) > 5,
+                    f"{page}, {scheme}, {width} px: {problems}, {len(found['passes'])} passed")
+            require(browser.driver.execute_script("return document.body.scrollWidth") <= width,
+                    f"{page} is wider than {width} px")
+    browser.require_clean()
+    browser.driver.execute_cdp_cmd("Emulation.clearDeviceMetricsOverride", {})
+
+
+# From the overview over the question to the deed.
+def check_overview(browser, installation, pid):
+    require("All is well" in browser.open("overview.html"), "the overview of a healthy daemon")
+    browser.click("confirm.html?killdaemon.php")
+    require(installation.daemon_pid() == pid, "the question alone killed the daemon")
+    links = [link.get_attribute("href")
+             for link in browser.driver.find_elements(By.TAG_NAME, "a")]
+    require(links == [MAIN_PAGE + "killdaemon.php", MAIN_PAGE + "overview.html"], f"links: {links}")
+    browser.click("overview.html")
+    require("On hold for 30 minutes" in browser.click("hold.html?minutes=30"), "no hold")
+    require("On hold until" in browser.click("overview.html"), "the overview shows no hold")
+    require("No hold any more" in browser.click("release.html"), "no release")
+    browser.click("overview.html")
+    browser.require_clean()
+
+
 # A click on the page, an address that is typed after it, and the browser's history, which repeats
 # nothing.
 def check_control_pages(browser, installation, pid):
@@ -144,29 +191,32 @@ def check_control_pages(browser, installation, pid):
     browser.require_clean()
 
 
-def check(bin_folder, screenshot, folder):
+def check(bin_folder, screenshot, axe, folder):
     with Installation(bin_folder, os.path.join(folder, "guardian"), "FastGuardian") as installation:
         signal.alarm(100)
         installation.start_guardian()
         browser = Browser(os.path.join(folder, "browser"))
         await_that("a healthy daemon on the main page",
                    lambda: "MutexOK=Y, PipeStatusOK=Y, ServiceOK=Y" in browser.open(), 45)
+        browser.open("overview.html")
         require(browser.driver.save_screenshot(screenshot), f"cannot be written: {screenshot}")
         pid = installation.daemon_pid()
         check_links_of_other_sites(browser)
         check_pages(browser)
         check_content_policy(browser)
+        check_overview(browser, installation, pid)
+        check_accessibility(browser, axe)
         check_control_pages(browser, installation, pid)
 
 
-def main(bin_folder, screenshot):
-    if not all(map(os.path.exists, (CHROMIUM, DRIVER))):
-        print("browser check: skipped, chromium or its driver is not installed")
+def main(bin_folder, screenshot, axe):
+    if not all(map(os.path.exists, (CHROMIUM, DRIVER, axe))):
+        print("browser check: skipped, chromium, its driver or axe-core is not installed")
         return 77
     os.environ["no_proxy"] = "localhost,127.0.0.1"  # The driver's talk stays on this machine.
     with tempfile.TemporaryDirectory(prefix="guardian-browser-") as folder:
         try:
-            check(bin_folder, screenshot, folder)
+            check(bin_folder, screenshot, axe, folder)
         except Failed as failure:
             print(f"browser check: FAILED: {failure}")
             return 1

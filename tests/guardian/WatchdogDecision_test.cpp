@@ -162,5 +162,34 @@ TEST_F(WatchdogDecisionTest, KeepsToItsModelThroughALifeOfRandomFaults) {
   }
 }
 
+TEST_F(WatchdogDecisionTest, SaysBeforeEachRoundHowItWillEndTheDaemon) {
+  const auto says = [this](const std::string& text) {
+    return DescribeNext(FSeen, FState).find(text) != std::string::npos;
+  };
+  EXPECT_TRUE(says("Nothing to do."));
+  FSeen.MutexOK = false;
+  for (int round = 1; round <= 12; ++round) {
+    const bool counts = says("of 6; at the last one the Guardian stops");
+    const std::string said = DescribeNext(FSeen, FState);
+    const TSteps done = ActionsAt(round * 10);
+    for (const auto& [step, verb] : {std::pair("terminate", "terminates the daemon."),
+                                     std::pair("kill", "kills the daemon.")}) {
+      const bool ended = std::find(done.begin(), done.end(), step) != done.end();
+      EXPECT_EQ(ended, said.find(verb) != std::string::npos) << round << said;
+    }
+    EXPECT_EQ(counts, round <= 6) << said;
+    EXPECT_EQ(says("Failure 5 of 6;"), round == 5);
+  }
+  FSeen.MutexPathKnown = false;
+  EXPECT_TRUE(says("has not named its mutex directory"));
+  FSeen.MutexOK = true;
+  FState.LastPulseAt = FSeen.Now - 73 * kSecond;
+  EXPECT_TRUE(says("it never restarts it for a still pulse"));
+  FSeen.ServiceOK = false;
+  EXPECT_TRUE(says("starts the daemon"));
+  FSeen.ServiceKnown = false;
+  EXPECT_TRUE(says("until the process list can be read"));
+}
+
 }  // namespace
 }  // namespace guardian

@@ -4,7 +4,6 @@
 
 #include <random>
 
-#include "support/Crew.h"
 #include "support/FakeClock.h"
 
 namespace guardian {
@@ -124,14 +123,8 @@ TEST_F(HistoryTest, TakesAnEarlierRunOverAndRefusesBytesOfAnotherLayout) {
   EXPECT_TRUE(refuses([](auto& damaged) { damaged.EventCount = 201; }));
   EXPECT_TRUE(refuses([](auto& damaged) { damaged.Events[7].Length = 179; }));
   EXPECT_TRUE(refuses([](auto& damaged) { damaged.Events[7].Kind = TEventKind{kEventKinds}; }));
+  EXPECT_TRUE(refuses([](auto& damaged) { damaged.Events[7].LastAt = INT64_MIN; }));
   EXPECT_TRUE(refuses([](auto& damaged) { damaged.Minutes[0].Number = 1; }));
-}
-
-TEST_F(HistoryTest, LosesNoEventOfSeveralThreads) {
-  TCrew(2, [&](int) {
-    for (int i = 0; i < 500; ++i) FHistory.AddEvent(TEventKind::Info, "x");
-  }).Join();
-  EXPECT_THAT(Events(), ElementsAre("x*1000"));
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "support/SettingsBackup.h"
 #include "support/TempFolder.h"
 #include "webstatus/ActivityLog.h"
+#include "webstatus/OverviewPage.h"
 #include "webstatus/RawClient.h"
 #include "webstatus/WebStatusServer.h"
 
@@ -201,6 +202,55 @@ TEST_F(StatusPagesTest, BeginsAHoldOfAsManyMinutesAsOneNumberSays) {
   EXPECT_EQ(FGuardian.Requests, "");
   Answer("/release.html");
   EXPECT_EQ(FGuardian.Requests, "release ");
+}
+
+// Each sentence of the lamp, and nothing from outside as markup.
+TEST_F(StatusPagesTest, ShowsInTheOverviewHowItIs) {
+  TFakeClock clock;
+  THistory history(clock);
+  history.AddRound({true, false, true, 0});
+  history.AddEvent(TEventKind::Kill, "<script>");
+  FGuardian.Now.History = history.Get();
+  TWatchdogReading& seen = FGuardian.Now.Watchdog;
+  seen.Pid = "<script>";
+  seen.Next = "<script>";
+  TLogList logs{clock.Now(), "<script>", {{0, "<script>.log", 1}}};
+  const auto shows = [&](const std::string& text) {
+    const std::string page = OverviewPage(FGuardian.Now, logs, TRefresh::Itself, clock);
+    EXPECT_EQ(page.find("<script"), std::string::npos);
+    return page.find(text) != std::string::npos;
+  };
+  EXPECT_TRUE(shows(">Not looked at yet<"));
+  seen.CheckAgeSec = 120;
+  EXPECT_TRUE(shows(">Not well: mutex, pipe, service<"));
+  EXPECT_TRUE(shows("At least since 06:00:00"));
+  EXPECT_TRUE(shows(">&lt;script&gt;</td></tr>") && shows("process &lt;script&gt;"));
+  EXPECT_TRUE(shows("Pipe: failed for 60 s, not known for 23 h 59 min"));
+  EXPECT_TRUE(shows("<use href=\"#a3\" x=\"99.65%\" y=\"42\"/>")) << "the kill";
+  EXPECT_FALSE(shows("The log folder does not answer."));
+  logs.SeenAt = 0;
+  EXPECT_TRUE(shows("The log folder does not answer."));
+  seen.MutexOK = seen.PipeOK = seen.ServiceOK = true;
+  EXPECT_TRUE(shows(">All is well<") && shows("</b> &lt;script&gt;</p>"));
+  seen.HoldLeftSec = 90;
+  EXPECT_TRUE(shows("<b>On hold</b> until 2026-11-21 06:01:30 (90 s)"));
+  seen.CheckAgeSec = 121;
+  EXPECT_TRUE(shows(">The Guardian itself stands still<"));
+  FHasGuardian = false;
+  EXPECT_THAT(Get("/overview.html"), HasSubstr("<p>The Guardian is ending.</p>"));
+}
+
+TEST_F(StatusPagesTest, AsksOnceMoreBeforeADeed) {
+  for (const char* const deed : {"start", "stop", "terminate", "kill"}) {
+    const std::string page = std::string(deed) + "daemon.php";
+    EXPECT_THAT(Answer("/confirm.html", "", "GET", page).Body,
+                HasSubstr("<a href=\"" + page + "\">Yes</a></li><li><a href=\"overview.html\">"));
+  }
+  EXPECT_EQ(Answer("/confirm.html", "", "GET", "terminateguardian.php").Status, 200);
+  for (const char* const query : {"", "status.php", "killdaemon.php&x", "//elsewhere"}) {
+    EXPECT_EQ(Answer("/confirm.html", "", "GET", query).Status, 400);
+  }
+  EXPECT_EQ(FGuardian.Requests, "");
 }
 
 TEST_F(StatusPagesTest, ShowsTheMainPageWithEverythingFromOutsideEscaped) {

@@ -1,10 +1,15 @@
 #include "guardian/process/ProcessListing.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <system_error>
 
+#include "common/Clock.h"
+#include "common/FileDescriptor.h"
 #include "common/Texts.h"
 
 namespace guardian {
@@ -72,6 +77,25 @@ std::string DaemonPidIn(std::string_view listing, const TIsOwnProcess& isOwn) {
     return std::string(line.substr(0, line.find_first_not_of(kDigits)));
   }
   return {};
+}
+
+// The program's name in the text may hold anything, so the fields are counted from behind it.
+std::optional<double> ProcessAgeSec(const std::string& pid) {
+  constexpr int kFieldsBetween = 19;  // From the name to the start, in ticks since the boot.
+  constexpr std::size_t kMostBytes = 4096;
+  if (PidIn(pid) == 0) return std::nullopt;
+  const TFileDescriptor file(::open(("/proc/" + pid + "/stat").c_str(), O_RDONLY | O_CLOEXEC));
+  std::string text;
+  if (!file || ReadToEnd(file.Get(), kMostBytes, text) != 0) return std::nullopt;
+  std::string_view fields(text);
+  fields.remove_prefix(std::min(fields.rfind(')') + 1, fields.size()));
+  for (int field = 0; field < kFieldsBetween; ++field) TakeWord(fields);
+  const std::string_view start = TakeWord(fields);
+  double ticks = 0;
+  const auto parsed = std::from_chars(start.data(), start.data() + start.size(), ticks);
+  if (parsed.ec != std::errc()) return std::nullopt;
+  return static_cast<double>(SystemTickCount()) / 1000 -
+         ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
 }  // namespace guardian

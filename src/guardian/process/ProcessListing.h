@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -37,5 +38,9 @@ using TIsOwnProcess = std::function<bool(pid_t pid)>;
 // whose column for the process id names an own process is passed over. The id is the first run of
 // digits of the line, wherever it stands: a user name that ends in digits is taken for the id.
 [[nodiscard]] std::string DaemonPidIn(std::string_view listing, const TIsOwnProcess& isOwn);
+
+// How long the process has been running, in seconds; nothing for a text that is no id of a process
+// that runs. Threads: any.
+[[nodiscard]] std::optional<double> ProcessAgeSec(const std::string& pid);
 
 }  // namespace guardian
