@@ -9,6 +9,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "common/NeverDestroyed.h"
+
 namespace guardian {
 namespace {
 
@@ -104,8 +106,9 @@ TDateTime TClock::ToWallTime(TDateTime steady) const {
 }
 
 TClock& SystemClock() {
-  static TSystemClock clock;
-  return clock;
+  // Threads that are left behind at the end of the process use it.
+  static TNeverDestroyed<TSystemClock> clock;
+  return *clock;
 }
 
 std::int64_t SystemTickCount() noexcept { return ReadMilliseconds(CLOCK_BOOTTIME); }

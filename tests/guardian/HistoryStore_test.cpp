@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include <filesystem>
+
 #include "guardian/Units.h"
 #include "support/ErrorLogInFolder.h"
 #include "support/Eventually.h"
@@ -101,12 +103,17 @@ TEST_F(HistoryStoreTest, SaysOnceThatItCannotWriteAndOnceThatItCannotReadAndGoes
 }
 
 TEST_F(HistoryStoreTest, EndsBesideAStoreThatStandsStill) {
+  const auto threads = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+  };
+  const auto before = threads();
   StandsStill = true;
   Keep(Begin("late")).reset();
   EXPECT_EQ(FOpened, 0);
-  // The thread that was left behind must not outlive this test.
+  EXPECT_EQ(threads(), before + 1) << "it is left behind";
   StandsStill = false;
-  EXPECT_TRUE(Eventually([] { return Stored() == "late "; }));
+  EXPECT_TRUE(Eventually([&] { return threads() == before; }));
+  EXPECT_EQ(Stored(), "late ");
 }
 
 }  // namespace
