@@ -6,7 +6,6 @@
 
 #include "diagnostics/Diagnostics.h"
 #include "diagnostics/KZCriticalSection.h"
-#include "diagnostics/checkpoints/CheckpointProfile.h"
 #include "diagnostics/checkpoints/CheckpointRecord.h"
 #include "diagnostics/checkpoints/ThreadReport.h"
 
@@ -247,21 +246,6 @@ TEST(ThreadListReportTest, ShowsHistoriesFromTheNewestWithTheTimeBeforeEach) {
   }
   EXPECT_THAT(report(),
               HasSubstr(" {1.00}cp10003          cp10002                \n\n\nThread 10"));
-}
-
-TEST(CheckpointProfileTest, ShowsWhatTookMoreThanASecondAndLessThanTwentyMinutesAtATime) {
-  const auto counted = TCheckpointProfile::CountedTicks;
-  EXPECT_EQ(counted(0, 500), std::nullopt);
-  EXPECT_EQ(counted(501, 1'200'500), 1'199'999);
-  EXPECT_EQ(counted(501, 1'200'501), std::nullopt);
-  TCheckpointProfile profile;
-  profile.Account(0x80000005, "slow", 1'000);
-  profile.Account(5, "slow", 1);
-  profile.Account(5, "quick", 1'000);
-  std::vector<std::string> lines;
-  profile.WriteResults([&lines](std::string_view line) { lines.emplace_back(line); });
-  ASSERT_THAT(lines, SizeIs(3)) << "two of them the title";
-  EXPECT_EQ(lines[2], std::string(24, ' ') + "5:slow         1.00s (2 invocations)");
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include "common/WideText.h"
 #include "diagnostics/Diagnostics.h"
-#include "diagnostics/logs/ProtocolLog.h"
 
 namespace guardian {
 namespace {
@@ -43,25 +42,6 @@ TEST(WideTextTest, ChoosesTheEncodingByTheRoundTrip) {
   EXPECT_EQ(EncodeForCodePage(u"\u20AC 5", "ISO-8859-1"), "\u20AC 5");
   EXPECT_EQ(EncodeForCodePage(u"\u00FC", "no such code page"), "\u00FC");
   EXPECT_EQ(EncodeForCodePage(u"\u65E5 \u672C", "ISO-2022-JP"), "\x1B$BF|\x1B(B \x1B$BK\\\x1B(B");
-}
-
-TEST(ProtocolLogTest, GivesAThreadAFileOfItsOwn) {
-  const TTempFolder folder;
-  const TErrorLogInFolder log;
-  ProtocolLogSettings().FolderPrefix.Set(folder.Path("p-"));
-  std::string name = "p-base.thread1#";
-  InThread([&] {
-    SetProtocolLogBaseName("base");
-    EXPECT_FALSE(OpenProtocolLogForThread(TProtocolLogOpening::WhenEnabled)) << "switched off";
-    EXPECT_TRUE(OpenProtocolLogForThread(TProtocolLogOpening::Forced));
-    WriteProtocolLogLine("GET /");
-    name += std::to_string(CurrentThreadId()) + ".log";
-  });
-  EXPECT_EQ(folder.Read(name),
-            "\xEF\xBB\xBFInternet Protocol Log for separate thread for base\nGET /\n");
-  ProtocolLogSettings().FolderPrefix.Set(folder.Path("missing/"));
-  InThread([] { EXPECT_FALSE(OpenProtocolLogForThread(TProtocolLogOpening::Forced)); });
-  EXPECT_EQ(log.Text(), "IndyLogging? IOresult=" + std::to_string(ENOENT) + "\n");
 }
 
 }  // namespace
