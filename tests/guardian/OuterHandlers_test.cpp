@@ -5,7 +5,6 @@
 #include "guardian/FakeSurroundings.h"
 #include "guardian/Units.h"
 #include "ipc/KZCustomApplication.h"
-#include "ipc/KZUnixPipes.h"
 #include "support/Eventually.h"
 #include "support/SettingsBackup.h"
 #include "support/TempFolder.h"

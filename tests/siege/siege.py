@@ -1,6 +1,6 @@
 # What clients can do to the Guardian's port, against the real executable: crowds of slow readers, a
-# patient one; and the packet filter of docs/security.md. Runs in
-# network namespaces of its own, see scripts/siege.
+# patient one; and the packet filter of docs/security.md. Runs in network namespaces of its own, see
+# scripts/siege.
 #   siege.py BIN_FOLDER DOCUMENT_WITH_THE_FILTER
 
 import ctypes
