@@ -6,7 +6,6 @@
 
 #include "diagnostics/Diagnostics.h"
 #include "diagnostics/KZCriticalSection.h"
-#include "diagnostics/checkpoints/CheckpointProfile.h"
 #include "diagnostics/checkpoints/CheckpointRecord.h"
 #include "diagnostics/checkpoints/ThreadReport.h"
 
@@ -137,47 +136,6 @@ TEST_F(KZCheckpointsTest, KeepsAHistoryForEachOf100ListedThreads) {
   EXPECT_TRUE(switches.HistoryOverflow);
 }
 
-TEST_F(KZCheckpointsTest, LeavesRogueLocksThatOthersWaitFor) {
-  TKZCriticalSection awaited("Awaited");
-  TKZCriticalSection quiet("Quiet");
-  // Not analysed: the point of this test is a lock that is not left where it was entered.
-  const auto enter = [](TKZCriticalSection& section) KZ_NO_ANALYSIS { section.Enter(); };
-  const auto leave = [](TKZCriticalSection& section) KZ_NO_ANALYSIS { section.Leave(); };
-  for (auto* section : {&awaited, &awaited, &quiet}) enter(*section);
-  TCrew waiter(1, [&](int) {
-    KZCP::Checkpoint("waiter");
-    const TKZLockGuard lock(awaited);
-  });
-  EXPECT_TRUE(Eventually([] { return CountOf(Report(), "CS Awaited") == 1; }));
-  KZCP::ReleaseRogueLocks();
-  EXPECT_NE(awaited.Holder(), CurrentThreadId());
-  EXPECT_EQ(quiet.Holder(), CurrentThreadId());
-  // Those that were released as well: this test must end also when they were not.
-  for (auto* section : {&awaited, &awaited, &quiet}) leave(*section);
-}
-
-TEST_F(KZCheckpointsTest, TracesToTheChosenOutputs) {
-  const TErrorLogInFolder log;
-  const TTempFolder folder;
-  Settings().TempDirectory.Set(folder.Path());
-  Settings().CommandLine = {"prog", "two words"};
-  Settings().OwnExecutablePath = "/opt/x/prog";
-  auto& switches = KZCP::Switches();
-  switches.ErrorLogTrace = true;
-  for (const auto* text : {"one", "Find files", "Traverse", "find"}) KZCP::Checkpoint(text);
-  switches.TimeStampErrorLogTrace = true;
-  switches.RawErrorLogTrace = true;
-  switches.CPFileTrace = true;
-  KZCP::Checkpoint("raw");
-  EXPECT_THAT(log.Text(), MatchesRegex("CP one\nCP find\nraw\n[-0-9]{10} [:0-9]{8} CP raw\n"));
-  KZCP::RemoveThread();
-  ASSERT_THAT(NamesIn(folder), ElementsAre(ContainsRegex("^KZCP-prog-[0-9]+[.]log$")));
-  EXPECT_THAT(folder.Read(NamesIn(folder)[0]),
-              MatchesRegex("-------------\nNEW KZCP FILE\n-------------\n"
-                           "exe: /opt/x/prog \"two words\"\n-------------\n"
-                           "[:0-9]{8} raw\n[:0-9]{8} REMOVING THREAD FROM CP LIST\n"));
-}
-
 TEST_F(KZCheckpointsTest, SurvivesReportsWhileThreadsComeAndGo) {
   KZCP::Switches().History = true;
   std::atomic<bool> stop = false;
@@ -247,21 +205,6 @@ TEST(ThreadListReportTest, ShowsHistoriesFromTheNewestWithTheTimeBeforeEach) {
   }
   EXPECT_THAT(report(),
               HasSubstr(" {1.00}cp10003          cp10002                \n\n\nThread 10"));
-}
-
-TEST(CheckpointProfileTest, ShowsWhatTookMoreThanASecondAndLessThanTwentyMinutesAtATime) {
-  const auto counted = TCheckpointProfile::CountedTicks;
-  EXPECT_EQ(counted(0, 500), std::nullopt);
-  EXPECT_EQ(counted(501, 1'200'500), 1'199'999);
-  EXPECT_EQ(counted(501, 1'200'501), std::nullopt);
-  TCheckpointProfile profile;
-  profile.Account(0x80000005, "slow", 1'000);
-  profile.Account(5, "slow", 1);
-  profile.Account(5, "quick", 1'000);
-  std::vector<std::string> lines;
-  profile.WriteResults([&lines](std::string_view line) { lines.emplace_back(line); });
-  ASSERT_THAT(lines, SizeIs(3)) << "two of them the title";
-  EXPECT_EQ(lines[2], std::string(24, ' ') + "5:slow         1.00s (2 invocations)");
 }
 
 }  // namespace

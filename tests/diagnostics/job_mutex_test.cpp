@@ -7,7 +7,6 @@
 
 #include "diagnostics/Diagnostics.h"
 #include "diagnostics/jobs/MutexGuardian.h"
-#include "diagnostics/jobs/RunReport.h"
 
 namespace guardian {
 namespace {
@@ -181,42 +180,6 @@ TEST_F(TJobMutexTest, IsRegisteredFromTheStartToTheEndOfTheCheckpoints) {
   EXPECT_THAT(FLog, ElementsAre("Job Mutex still open in call to UnregisterMutex"));
   KZCP::Fini(&CheckMutexesAtTermination);
   settings = {};
-}
-
-TEST_F(TJobMutexTest, ARunReportListsWhatIsRegistered) {
-  const TSettingsBackup backup;
-  Settings().OwnExecutablePath = "/opt/x/program.exe";
-  const auto open = Register("Daily");
-  open->Info.ReportProvider = []() -> std::unique_ptr<TProfileReport> { throw 42; };
-  const auto freed = Register("Weekly");
-  CloseMutex(freed->Info, FClock);
-  freed->Info.FreedAt = FClock.SteadyNow() - kMinute;
-  FClock.Advance(std::chrono::hours(36));
-  FClock.SetWall(46347.25);
-  const std::string name = "Vellumark Run Report 2026-11-21 06_00_00.txt";
-  // All users may be able to write to the folder: a link there must not be followed.
-  std::filesystem::create_symlink(FMutexes.Path("made"), FReports.Path(name));
-  WriteRunReport(FRegistry, "Test");
-  EXPECT_FALSE(FMutexes.Has("made"));
-  EXPECT_THAT(FLog, ElementsAre("Report File Created: " + FReports.Path(name)));
-  const std::string text = FReports.Read(name);
-  EXPECT_THAT(text,
-              StartsWith("Vellumark Run Report From 2026-11-21 06:00:00 for /opt/x/program.exe\n\n"
-                         "Reason for this Report: Test\n\n"
-                         "#Active Pofiles With Job Mutex Names\nDaily / Daily.mutex / Handle=" +
-                         std::to_string(open->Info.Handle) +
-                         " / active for 1 Day(s) plus 12:00:00\n"
-                         "Weekly / Weekly.mutex / Handle=0 / Orig. Handle=" +
-                         std::to_string(freed->Info.RegisteredHandle) +
-                         " / Freed:2026-11-19 17:59:00 / active for 1 Day(s) plus 12:00:00\n"
-                         "\nThread Report\n"));
-  EXPECT_THAT(text, EndsWith("\n\nDetailed Report for Daily\nException: unknown exception\n\n"
-                             "Detailed Report for Weekly\n"
-                             "Exception: The profile has no report.\n\n"));
-  SaveActivityReport(FReports.Path(), "Main: a/b");
-  EXPECT_THAT(NamesIn(FReports)[1],
-              MatchesRegex("program-PID[0-9]+[.]Main_ a_b[.]activityreport-[-0-9]{10} "
-                           "[_0-9]{8}[.][0-9]{3}[.]txt"));
 }
 
 }  // namespace

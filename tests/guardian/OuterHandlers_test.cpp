@@ -5,9 +5,6 @@
 #include "guardian/FakeSurroundings.h"
 #include "guardian/Units.h"
 #include "ipc/KZCustomApplication.h"
-#include "ipc/KZUnixPipes.h"
-#include "ipc/PipeListenThread.h"
-#include "ipc/PipeSockets.h"
 #include "support/Eventually.h"
 #include "support/SettingsBackup.h"
 #include "support/TempFolder.h"
@@ -52,19 +49,6 @@ TEST_F(OuterHandlersTest, ReportTheDeliveryOfMessages) {
   PostMessage(receiver, 1, 0, 0, 0);
   EXPECT_TRUE(Eventually([&] { return receiver.Calls == 2; }));
   ExpectReport("Processing KZMsg");
-}
-
-TEST_F(OuterHandlersTest, ReportTheThreadsOfThePipes) {
-  const std::string path = FFolder.Path("pipe");
-  TPipeListenThread listener("test", path, [&](const TFileDescriptor&) {
-    if (++FCalls == 1) FailOnPurpose();
-  });
-  listener.AfterConstruction();
-  for (int client = 1; client <= 2; ++client) {
-    EXPECT_TRUE(Eventually([&] { return static_cast<bool>(TryConnect(path)); }));
-    EXPECT_TRUE(Eventually([&] { return FCalls >= client; }));
-  }
-  ExpectReport("serve a client of " + path);
 }
 
 // A step that throws does not take the later ones with it.

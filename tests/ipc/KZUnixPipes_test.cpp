@@ -282,18 +282,6 @@ TEST_F(KZUnixPipesTest, IsNotConnectedWhenAThreadCannotBeStarted) {
   EXPECT_TRUE(FServerReceived.size() == 1 && FClientDisconnects.empty() && FDisconnects == 0);
 }
 
-TEST_F(KZUnixPipesTest, ShowsWhereItsThreadsWait) {
-  KZCP::Init();
-  const TAtEnd fini([] { KZCP::Fini(); });
-  ServeAndConnect();
-  for (const char* mark : {"PipeListen:fpaccept[PipeServer]", "PipeRead:WaitSock#",
-                           "WaitforDataForSock#", "MessageDelivery:Wait"}) {
-    EXPECT_TRUE(Eventually([&] { return Shows(mark); })) << mark;
-  }
-  FServer->SetActive(false);
-  EXPECT_FALSE(Shows("PipeListen:")) << "what has ended is forgotten";
-}
-
 // What each pipe went through, in the order of its events, whatever its peer did before it died.
 TEST_F(KZUnixPipesTest, RaisesTheEventsOfEachPipeInOrderWhateverEndsIt) {
   std::set<std::int64_t> connected;
@@ -400,6 +388,7 @@ TEST_F(KZUnixPipesTest, SaysWhyItCannotListenOrAcceptAndGoesOn) {
 
   // Without descriptors clients wait until there are some.
   ServeAndConnect();
+  EXPECT_TRUE(Eventually([] { return Shows("PipeListen:fpaccept[PipeServer]"); }));
   TPipeClient last;
   TPipeServer other;
   other.SetPipeName("other");

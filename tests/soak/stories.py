@@ -88,13 +88,6 @@ def asked(times):
     return outcome
 
 
-def refused(run, bound):
-    for word, answer in (("start", "Guardian Service already running."),
-                         ("status", "Guardian running and accessible via port 8900.")):
-        said = run.installation.command(word, run.seconds(bound))
-        require(answer in said, f'a second Guardian with "{word}" said: {said[:200]!r}')
-
-
 def refused_log(run, bound):
     text = fetch("vellumark_logs/leased.log", run.seconds(bound))
     require("EXCPTION: " in text, f"a leased log: {text[:200]!r}")
@@ -132,5 +125,4 @@ STORIES = (
     Story("temporary directory unusable", (call("use_up_temp"), hold(1, 2), KILL), restarted, DEAD),
     Story("temporary folder lost", (call("lose_temp"), hold(1, 2), KILL), restarted, DEAD),
     Story("log leased", (call("lease_log"),), refused_log, Bound(0, 0, 2)),
-    Story("second Guardian", (), refused, Bound(0, 0, 5)),
 )

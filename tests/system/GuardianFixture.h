@@ -55,11 +55,6 @@ class GuardianSystemTest : public testing::Test {
     EXPECT_TRUE(Eventually([&] { return Contains(Page(page), text); }, kHangLimit)) << text << "\n"
                                                                                     << Page(page);
   }
-  void ExpectInDaemonLog(const std::string& text) const {
-    EXPECT_TRUE(Eventually([&] { return Contains(FInstallation.DaemonLog(), text); }, kHangLimit))
-        << text << "\n"
-        << Page("");
-  }
   void ExpectAnotherDaemon(pid_t before) const {
     EXPECT_TRUE(Eventually(
         [&] { return FInstallation.DaemonRuns() && FInstallation.DaemonPid() != before; },
@@ -68,21 +63,6 @@ class GuardianSystemTest : public testing::Test {
   }
   static bool Contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
-  }
-
-  // The lines of the page's detailed log that begin with one of the texts, without the output of
-  // what was executed.
-  static std::vector<std::string> LogLines(const std::string& page,
-                                           const std::vector<std::string>& starts) {
-    std::vector<std::string> found;
-    const std::size_t begin = page.find("Detailed Activity Log:");
-    const std::string log = ReplaceAll(std::string_view(page).substr(begin), "<br>", "\n");
-    for (const std::string_view line : Split(log, '\n')) {
-      const bool wanted = std::any_of(starts.begin(), starts.end(),
-                                      [&](const auto& start) { return line.starts_with(start); });
-      if (wanted) found.emplace_back(line.substr(0, line.find(", Result: ")));
-    }
-    return found;
   }
 
   // What an end in order leaves.

@@ -35,16 +35,13 @@ TEST_F(ProductSystemTest, RunsAsADaemonOfWhichTheWatchedDaemonInheritsNothing) {
   })) << FGuardian->Output();
 }
 
-TEST_F(GuardianSystemTest, BringsAKilledDaemonBackAndAnswersItsCommandWords) {
+TEST_F(GuardianSystemTest, StartsTheDaemonAndAnswersItsCommandWords) {
   const std::string nobody = "The Guardian is not running or unreachable via localhost:8900.\n";
   EXPECT_EQ(Command("status", 3), "Querying Guardian Service.\n" + nobody);
   EXPECT_EQ(Command("stop"), "Stopping Guardian Service.\n" + nobody);
 
   StartGuardian();
   ExpectAnotherDaemon(0);
-  const pid_t before = FInstallation.DaemonPid();
-  ASSERT_TRUE(FInstallation.KillDaemon());
-  ExpectAnotherDaemon(before);
   const std::string answer = "Guardian running and accessible via port 8900. \n";
   EXPECT_EQ(Command("status"), "Querying Guardian Service.\n" + answer);
   EXPECT_EQ(Command("start"), answer + "Guardian Service already running.\n");
@@ -53,6 +50,27 @@ TEST_F(GuardianSystemTest, BringsAKilledDaemonBackAndAnswersItsCommandWords) {
   EXPECT_EQ(Page("status.php"), "") << "it has ended when the command has";
   ExpectEnded();
   EXPECT_TRUE(FInstallation.DaemonRuns()) << "the daemon outlives the Guardian";
+}
+
+TEST_F(GuardianSystemTest, EachControlPageActsOnTheDaemon) {
+  StartHealthy();
+  const std::string pid = std::to_string(FInstallation.DaemonPid());
+  const std::string daemon = FInstallation.DaemonPath();
+  FInstallation.OrderFault("ignore-stop\nignore-term");
+  for (const auto& [page, answer, command] : std::vector<std::array<std::string, 3>>{
+           {"stopdaemon.php", "VellumarkCL will be asked to stop.", daemon + " stop"},
+           {"terminatedaemon.php", "STOP signal will be sent to VellumarkCL", "kill " + pid},
+           {"startdaemon.php", "VellumarkCL will be started", daemon + " start"},
+           {"killdaemon.php", "KILL signal will be sent to VellumarkCL", "kill -9 " + pid},
+       }) {
+    EXPECT_EQ(std::to_string(FInstallation.DaemonPid()), pid) << "before " << page;
+    EXPECT_EQ(Page(page), answer);
+    ExpectOnPage("<br>Executed " + command + ", Result: ");
+  }
+  EXPECT_TRUE(Eventually([&] { return Contains(FInstallation.DaemonLog(), " ignored"); }));
+  ExpectAnotherDaemon(std::stoi(pid));
+  EXPECT_EQ(Page("terminateguardian.php"), "Guardian stopped.");
+  ExpectEnded();
 }
 
 // Three who answer, and two silences of one that ends slowly.
@@ -209,8 +227,9 @@ TEST_F(GuardianSystemTest, ShowsEachThreadAndLeavesAReportWhereTheDaemonsLogsAre
   const std::string tasks = "/proc/" + std::to_string(FGuardian->Pid()) + "/task";
   EXPECT_TRUE(Eventually([&] {
     // The marks are in the histories of the debug mode.
-    std::vector<std::string> wanted = {"MainLoop:Wait", "GuardianTimer:Wait", "Tick.Mutex",
-                                       "Tick.Pipe"};
+    std::vector<std::string> wanted = {
+        "MainLoop:Wait", "GuardianTimer:Wait",  "Tick.Mutex",          "Tick.Pipe",
+        "PipeRead:Wait", "WaitforDataForSock#", "MessageDelivery:Wait"};
     for (const auto& task : std::filesystem::directory_iterator(tasks)) {
       wanted.push_back("Thread " + task.path().filename().string() + ", CP: ");
     }
