@@ -17,7 +17,8 @@ class TShared {
  public:
   using TPointer = std::shared_ptr<const TValue>;
 
-  explicit TShared(TValue value = {}) : FValue(std::make_shared<const TValue>(std::move(value))) {}
+  TShared() : FValue(std::make_shared<const TValue>()) {}
+  explicit TShared(TValue value) : FValue(std::make_shared<const TValue>(std::move(value))) {}
   TShared(const TShared&) = delete;
   TShared& operator=(const TShared&) = delete;
 
@@ -30,8 +31,10 @@ class TShared {
   // A copy of the current value.
   [[nodiscard]] TValue Copy() const { return *Get(); }
 
-  void Set(TValue value) KZ_EXCLUDES(FLock) {
-    TPointer next = std::make_shared<const TValue>(std::move(value));
+  void Set(TValue value) { Publish(std::make_shared<const TValue>(std::move(value))); }
+
+  // Takes the value as it is, without a copy. Must not be null.
+  void Publish(TPointer next) KZ_EXCLUDES(FLock) {
     const TMutexLock lock(FLock);
     FValue.swap(next);
   }

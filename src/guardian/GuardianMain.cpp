@@ -1,5 +1,7 @@
 #include "guardian/GuardianMain.h"
 
+#include <malloc.h>
+
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -187,6 +189,9 @@ int StopGuardian() {
 int GuardianMain(TClock& clock) {
   OpenStandardHandles();
   std::signal(SIGPIPE, SIG_IGN);
+  // A heap for each thread would take memory, and nothing here allocates so often that it would
+  // gain.
+  ::mallopt(M_ARENA_MAX, 1);
   const auto& commandLine = Settings().CommandLine;
   const std::string word = commandLine.size() > 1 ? commandLine[1] : std::string();
   if (word == "stop") return StopGuardian();

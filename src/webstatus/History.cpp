@@ -99,13 +99,11 @@ std::string BytesOf(const THistoryRecord& record) {
   return bytes;
 }
 
-std::optional<THistoryRecord> RecordOf(std::string_view bytes) {
-  std::optional<THistoryRecord> record;
-  if (bytes.size() != sizeof(THistoryRecord)) return record;
-  record.emplace();
-  std::memcpy(&*record, bytes.data(), sizeof(THistoryRecord));
-  if (!IsSound(*record)) record.reset();
-  return record;
+std::unique_ptr<THistoryRecord> RecordOf(std::string_view bytes) {
+  if (bytes.size() != sizeof(THistoryRecord)) return nullptr;
+  auto record = std::make_unique<THistoryRecord>();
+  std::memcpy(record.get(), bytes.data(), sizeof(THistoryRecord));
+  return IsSound(*record) ? std::move(record) : nullptr;
 }
 
 void THistory::AddEvent(TEventKind kind, std::string_view text) {
@@ -138,10 +136,11 @@ void THistory::AddRound(const TChecks& seen) {
 }
 
 void THistory::TakeOver(const THistoryRecord& earlier) {
-  Change([&earlier](THistoryRecord& record) {
-    const THistoryRecord added = std::exchange(record, earlier);
-    for (std::uint32_t i = 0; i < added.EventCount; ++i) Append(record, added.Events.at(i));
-    for (const TMinute& minute : added.Minutes) {
+  Change([this, &earlier](THistoryRecord& record) {
+    const TPointer added = FRecord.Get();
+    record = earlier;
+    for (std::uint32_t i = 0; i < added->EventCount; ++i) Append(record, added->Events.at(i));
+    for (const TMinute& minute : added->Minutes) {
       if (minute.Number != 0) Join(MinuteAt(record, std::int64_t{minute.Number} * 60), minute);
     }
   });
@@ -149,9 +148,9 @@ void THistory::TakeOver(const THistoryRecord& earlier) {
 
 void THistory::Change(const std::function<void(THistoryRecord& record)>& change) {
   const TMutexLock lock(FLock);
-  THistoryRecord record = FRecord.Copy();
-  change(record);
-  FRecord.Set(record);
+  const auto record = std::make_shared<THistoryRecord>(*FRecord.Get());
+  change(*record);
+  FRecord.Publish(record);
 }
 
 std::int64_t THistory::UnixNow() const { return UnixSeconds(FClock.UtcNow()); }

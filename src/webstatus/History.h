@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <optional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -83,9 +83,9 @@ struct THistoryRecord {
 static_assert(std::has_unique_object_representations_v<THistoryRecord>);
 static_assert(sizeof(THistoryRecord) < 65'536);
 
-// The record as bytes for the settings store, and back: nothing for bytes of another layout.
+// The record as bytes for the settings store, and back: null for bytes of another layout.
 [[nodiscard]] std::string BytesOf(const THistoryRecord& record);
-[[nodiscard]] std::optional<THistoryRecord> RecordOf(std::string_view bytes);
+[[nodiscard]] std::unique_ptr<THistoryRecord> RecordOf(std::string_view bytes);
 
 // What the Guardian remembers of the last days: its entries and actions, and each minute.
 // Owner: the guardian service, together with the thread that keeps it over a restart.

@@ -1,17 +1,21 @@
 # What clients can do to the Guardian's port, against the real executable: crowds of slow readers, a
-# patient one; and the packet filter of docs/security.md. Runs in network namespaces of its own, see
-# scripts/siege.
+# patient one, files that are held, floods; and the packet filter of docs/security.md. Runs in
+# network namespaces of its own, see scripts/siege.
 #   siege.py BIN_FOLDER DOCUMENT_WITH_THE_FILTER
 
 import ctypes
+import fcntl
 import os
 import re
+import signal
 import socket
 import subprocess
 import sys
 import tempfile
 import threading
 import time
+
+import psutil
 
 from installation import Failed, Installation, PORT, await_that, fetch, require
 
@@ -129,6 +133,35 @@ def slow_readers_keep_nobody_out(wire, installation, _):
     require(answers == [True], "no place for a stranger")
 
 
+def a_leased_file_holds_nobody(_, installation, __):
+    signal.signal(signal.SIGIO, signal.SIG_IGN)
+    with open(installation.path("home/logs/leased.log"), "w+", encoding="ascii") as leased:
+        fcntl.fcntl(leased, fcntl.F_SETLEASE, fcntl.F_WRLCK)
+        began = time.monotonic()
+        require("EXCPTION: " in fetch("vellumark_logs/leased.log"), "it was served")
+        require(time.monotonic() - began < 10, "it held its reader")
+
+
+def floods_leave_no_memory_behind(_, installation, __):
+    def resident():
+        return psutil.Process(installation.guardian.pid).memory_info().rss
+
+    fetch()
+    before = resident()
+    for request in (b"GET /status.php HTTP/1.1\r\nX: " + b"x" * 65_000,
+                    b"GET /vellumark_logs/big.log HTTP/1.1\r\n\r\n"):
+        clients = [socket.create_connection(("127.0.0.1", PORT)) for _ in range(PLACES - 4)]
+        for client in clients:
+            client.sendall(request)
+        require("running" in fetch("status.php"), "the flood keeps others out")
+        for client in clients:
+            client.close()
+    try:
+        await_that("memory back", lambda: resident() <= 1.2 * before, 15)
+    finally:
+        print(f"siege: resident memory after the floods, of before: {resident() / before:.2f}")
+
+
 # As it stands in the document, and twice, as when the machine's start runs it again.
 def the_packet_filter_lets_its_own_in(wire, *_):
     with open(sys.argv[2], encoding="utf-8") as document:
@@ -169,7 +202,8 @@ def main():
         # The crowd comes after the patient client: when all places are taken, whoever has been
         # served longest gives way.
         failed = [case for case in (
-            a_peer_takes_no_more_than_its_places, a_patient_client_gets_all_of_its_log,
+            a_peer_takes_no_more_than_its_places, a_leased_file_holds_nobody,
+            floods_leave_no_memory_behind, a_patient_client_gets_all_of_its_log,
             slow_readers_keep_nobody_out, the_packet_filter_lets_its_own_in)
             if not passes(case, wire, installation, patient)]
     wire.close()
