@@ -33,7 +33,7 @@ class TLookThread final : public TThread {
   // What is seen now; nothing when the look takes longer.
   std::optional<TAnswer> Ask(std::chrono::milliseconds longest) KZ_EXCLUDES(FLock) {
     const TMutexLock lock(FLock);
-    if (!WaitForAnswerLocked(++FAsked, longest)) return std::nullopt;
+    if (!WaitForAnswerLocked(AskLocked(), longest)) return std::nullopt;
     return FSeen;
   }
 
@@ -42,13 +42,24 @@ class TLookThread final : public TThread {
   TAnswer AskBriefly() KZ_EXCLUDES(FLock) {
     constexpr std::chrono::milliseconds kLongest{100};
     const TMutexLock lock(FLock);
-    const std::int64_t asked = ++FAsked;
+    const std::int64_t asked = AskLocked();
     if (FStandsStill) return FSeen;
     FStandsStill = !WaitForAnswerLocked(asked, kLongest);
     return FSeen;
   }
 
+  // Whether a look that was asked for has been taking so long.
+  [[nodiscard]] bool WaitsFor(std::chrono::milliseconds duration) KZ_EXCLUDES(FLock) {
+    const TMutexLock lock(FLock);
+    return FAnswered < FAsked && SystemTickCount() - FWaitsSince >= duration.count();
+  }
+
  private:
+  std::int64_t AskLocked() KZ_REQUIRES(FLock) {
+    if (FAnswered == FAsked) FWaitsSince = SystemTickCount();
+    return ++FAsked;
+  }
+
   void Execute() override {
     constexpr std::chrono::milliseconds kPauseAfterFailure{100};
     while (!Terminated()) {
@@ -81,6 +92,7 @@ class TLookThread final : public TThread {
     const TMutexLock lock(FLock);
     FSeen = std::move(seen);
     FAnswered = answered;
+    FWaitsSince = SystemTickCount();
     FStandsStill = false;
     FChanged.NotifyAll();
   }
@@ -97,6 +109,7 @@ class TLookThread final : public TThread {
   // Numbers of questions.
   std::int64_t FAsked KZ_GUARDED_BY(FLock) = 0;
   std::int64_t FAnswered KZ_GUARDED_BY(FLock) = 0;
+  std::int64_t FWaitsSince KZ_GUARDED_BY(FLock) = 0;  // Tick count; while there is a question.
   bool FStandsStill KZ_GUARDED_BY(FLock) = false;
 };
 

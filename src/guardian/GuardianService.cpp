@@ -153,8 +153,6 @@ void TGuardianService::AnnounceHold() {
       "The hold is over, the service is started and ended as needed.";
   FActivityLog.AddInfoEntry(1, 16, kText, TEventKind::Release);
   Notify(TNoticeKind::Released, kText);
-  // What is still wrong is told again, however short the time since it was told last.
-  FLastSystemLogAt = 0;
 }
 
 void TGuardianService::CarryOutRequests() {

@@ -1,7 +1,5 @@
 #include "guardian/HistoryStore.h"
 
-#include <malloc.h>
-
 #include <chrono>
 #include <string>
 #include <utility>
@@ -10,6 +8,7 @@
 #include "common/Exceptions.h"
 #include "common/Mutex.h"
 #include "common/Progress.h"
+#include "config/StoreMemory.h"
 
 namespace guardian {
 namespace {
@@ -36,8 +35,7 @@ class THistoryStore::TStoreThread final : public TThread {
     Use(TStoreUse::Look);
     while (WaitUntilDue()) {
       Use(TStoreUse::Keep);
-      // The store's memory is not needed for ten minutes.
-      ::malloc_trim(0);
+      GiveBackStoreMemory();  // It is not needed for ten minutes.
     }
     Use(TStoreUse::Keep);
   }
@@ -55,7 +53,7 @@ class THistoryStore::TStoreThread final : public TThread {
     try {
       const auto store = FOpenStore(use);
       if (store == nullptr) return;
-      TakeOver(*store);
+      if (!FTakenOver) TakeOver(*store, use);
       if (use == TStoreUse::Keep) Write(*store);
       FFailed = false;
     } catch (...) {
@@ -63,11 +61,17 @@ class THistoryStore::TStoreThread final : public TThread {
     }
   }
 
-  // Once. A store that cannot be read now is asked again before anything is written to it.
-  void TakeOver(TKZCustomINIFile& store) {
-    if (FTakenOver) return;
+  // A store gives nothing for what it cannot read, too. Before anything is written over, it must
+  // show that it can be read at this moment.
+  void TakeOver(TKZCustomINIFile& store, TStoreUse use) {
+    constexpr const char* kProbe = "Opened";
+    const std::string probe = DateTimeToStr(FClock.Now());
+    if (use == TStoreUse::Keep) store.WriteString(kSection, kProbe, probe);
     const std::string bytes = store.ReadString(kSection, kKey, "");
-    if (bytes.empty()) return;
+    if (bytes.empty()) {
+      if (use == TStoreUse::Look || store.ReadString(kSection, kProbe, "") == probe) return;
+      throw SoftException("It cannot be read, and so nothing is written over what it holds.");
+    }
     FTakenOver = true;
     if (const auto earlier = RecordOf(bytes)) {
       FHistory->TakeOver(*earlier);

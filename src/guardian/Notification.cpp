@@ -2,16 +2,19 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <filesystem>
 #include <optional>
 #include <system_error>
 #include <utility>
 
+#include "common/Cancellation.h"
 #include "common/Clock.h"
 #include "common/Console.h"
 #include "common/DiagnosticMessage.h"
@@ -56,6 +59,9 @@ std::vector<std::string> EnvironmentOf(const TNotice& notice) {
 // Threads: any.
 class TNoticeQueue {
  public:
+  // Cancelled when the programs that run are to end too.
+  TCancellation Ending;
+
   // Ends the threads, and takes nothing any more. Returns how many notices waited.
   std::size_t Close() KZ_EXCLUDES(FLock) {
     const TMutexLock lock(FLock);
@@ -129,7 +135,7 @@ void CheckProgram(const std::string& program, TNoticeQueue& queue) {
 void RunFor(const TNotice& notice, const std::string& program, TNoticeQueue& queue) {
   constexpr int kTimeoutSec = 30;
   NoteProgress("Notifier:Run");
-  const TProgramEnd end = RunProgram({program}, kTimeoutSec, nullptr, EnvironmentOf(notice));
+  const TProgramEnd end = RunProgram({program}, kTimeoutSec, &queue.Ending, EnvironmentOf(notice));
   if (end.ExitCode == 0) return;
   std::string reason = "exit code " + std::to_string(end.ExitCode);
   if (end.ExitCode < 0) reason = "ended after " + std::to_string(kTimeoutSec) + " seconds";
@@ -162,10 +168,15 @@ TNotifier::TNotifier(const std::string& program)
 }
 
 TNotifier::~TNotifier() {
-  constexpr std::chrono::milliseconds kGrace{100};
+  constexpr std::int64_t kGraceMs = 700;  // A program that is ended has half a second of it.
   const std::size_t waited = FQueue->Close();
+  FQueue->Ending.Cancel();
   if (waited > 0) PrintLine("Notices that nobody was told of: " + std::to_string(waited));
-  for (auto& thread : FThreads) TThread::EndOrLeaveBehind(std::move(thread), kGrace);
+  const std::int64_t end = SystemTickCount() + kGraceMs;
+  for (auto& thread : FThreads) {
+    const std::chrono::milliseconds left(std::max<std::int64_t>(end - SystemTickCount(), 0));
+    TThread::EndOrLeaveBehind(std::move(thread), left);
+  }
 }
 
 void TNotifier::Tell(TNoticeKind kind, std::string_view text, std::string_view status) {

@@ -21,7 +21,7 @@ enum class TNoticeKind { Error, Warning, Recovered, Held, Released };
 // Owner: the entry; made after the process has become a daemon.
 // Threads: any thread calls Tell and TakeProblems, which never wait for a program or a disk; the
 // owner's thread makes and destroys it.
-// Lifetime: the destructor does not wait for programs that run: they go on.
+// Lifetime: the destructor ends the programs that run, within a second.
 class TNotifier {
  public:
   // Without a program nobody is told. One that is no absolute path of an executable file is a

@@ -60,7 +60,6 @@ TFileDescriptor Open(const std::string& path, int flags, const std::string& show
 TLogList ListLogFiles(const std::string& folder) {
   constexpr std::size_t kMostFiles = 12;
   TLogList list;
-  list.SeenAt = SystemClock().Now();
   try {
     if (!folder.empty()) list.Files = FindLogFiles(folder);
   } catch (const KZException& error) {
@@ -81,7 +80,9 @@ TLogList TLogFolder::Seen() const {
   const std::int64_t now = SystemTickCount();
   std::int64_t due = FNextLookTick;
   if (now >= due && FNextLookTick.compare_exchange_strong(due, now + kIntervalMs)) {
-    FSeen.Set(FLooks->AskBriefly());
+    TLogList list = FLooks->AskBriefly();
+    list.StandsStill = FLooks->WaitsFor(std::chrono::seconds(5));
+    FSeen.Set(std::move(list));
   }
   return FSeen.Copy();
 }

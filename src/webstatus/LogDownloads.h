@@ -30,9 +30,9 @@ struct TLogFile {
 
 // The log files of a folder at one moment: of many the newest, the newest first.
 struct TLogList {
-  TDateTime SeenAt = 0;  // Local wall time; zero before the first look.
-  std::string Problem;   // Why there is no list; empty when there is one.
+  std::string Problem;  // Why there is no list; empty when there is one.
   std::vector<TLogFile> Files;
+  bool StandsStill = false;  // For five seconds the folder has not said what is in it now.
 };
 
 // The newest files of LogFileLinks. A folder that cannot be read is a problem, and an empty name an

@@ -297,8 +297,9 @@ std::string ActionStrip(const TDay& day) {
                 std::to_string(lane * kLaneHeight) + "\"/>";
     }
   }
-  const std::string words =
-      marked == 0 ? "none" : "in " + std::to_string(marked) + " spans of 5 minutes";
+  const std::string words = marked == 0 ? "none"
+                                        : "in " + std::to_string(marked) +
+                                              (marked == 1 ? " span" : " spans") + " of 5 minutes";
   return Strip("Actions", words, kLaneHeight * static_cast<int>(kDaemonActions), shapes);
 }
 
@@ -341,10 +342,9 @@ std::string EventsBlock(const THistoryRecord& history, const TPageClock& clock) 
 }
 
 std::string LogsBlock(const TLogList& logs, const TPageClock& clock) {
-  constexpr double kLateSec = 5;
   constexpr std::int64_t kNsInSecond = 1'000'000'000;
-  const bool late = clock.AgeSec(logs.SeenAt) > kLateSec;
-  const std::string problem = late ? "The log folder does not answer." : HtmlEscape(logs.Problem);
+  const std::string problem =
+      logs.StandsStill ? "The log folder does not answer." : HtmlEscape(logs.Problem);
   std::string text = "<h2>Log files</h2>\n";
   if (!problem.empty()) text += "<p class=\"bad\">&#10006; " + problem + "</p>\n";
   if (logs.Files.empty()) return problem.empty() ? "" : text;

@@ -259,6 +259,7 @@ void BuildPageGuarded(std::string_view name, const THttpRequest& request,
     page = Metrics(StatusOf(sources), isOpen ? TMetricsFormat::OpenMetrics : TMetricsFormat::Text);
     response.ContentType = isOpen ? kOpenMetricsType : kMetricsTextType;
   } else if (name == "healthz") {
+    response.Status = 503;  // Whatever fails from here on.
     BuildHealthPage(StatusOf(sources), response);
   }
 }

@@ -16,6 +16,28 @@ namespace {
 
 using std::chrono::minutes;
 
+// A store that reads nothing for as long as somebody else has it locked.
+class TLockedStore final : public TKZCustomINIFile {
+ public:
+  explicit TLockedStore(std::unique_ptr<TKZCustomINIFile> store) : FStore(std::move(store)) {}
+  std::string ReadString(std::string_view, std::string_view, std::string_view value) override {
+    return std::string(value);
+  }
+  void WriteString(std::string_view section, std::string_view key, std::string_view text) override {
+    FStore->WriteString(section, key, text);
+  }
+  std::vector<std::string> ReadSection(std::string_view) override { return {}; }
+  std::vector<std::string> ReadSections() override { return {}; }
+  std::vector<std::string> ReadSectionValues(std::string_view) override { return {}; }
+  bool ValueExists(std::string_view, std::string_view) override { return false; }
+  void DeleteKey(std::string_view, std::string_view) override {}
+  void EraseSection(std::string_view) override {}
+  void UpdateFile() override {}
+
+ private:
+  const std::unique_ptr<TKZCustomINIFile> FStore;
+};
+
 class HistoryStoreTest : public testing::Test {
  protected:
   HistoryStoreTest() { Settings().LogDirectory.Set(FFolder.Path()); }
@@ -32,6 +54,7 @@ class HistoryStoreTest : public testing::Test {
         [this](TStoreUse use) {
           while (StandsStill) SystemClock().Sleep(std::chrono::milliseconds(1));
           auto store = OpenGuardianStore(use);
+          if (IsLocked) store = std::make_unique<TLockedStore>(std::move(store));
           ++FOpened;
           return store;
         },
@@ -55,6 +78,7 @@ class HistoryStoreTest : public testing::Test {
   const TTempFolder FFolder;
   TFakeClock FClock;
   std::atomic<bool> StandsStill = false;
+  std::atomic<bool> IsLocked = false;
   std::atomic<int> FOpened = 0;
 };
 
@@ -100,6 +124,13 @@ TEST_F(HistoryStoreTest, SaysOnceThatItCannotWriteAndOnceThatItCannotReadAndGoes
   Keep(Begin("anew")).reset();
   EXPECT_EQ(timesSaid("The stored history is of another layout; it begins anew."), 1);
   EXPECT_EQ(Stored(), "anew ");
+}
+
+TEST_F(HistoryStoreTest, WritesNothingOverWhatItCannotRead) {
+  Keep(Begin("earlier")).reset();
+  IsLocked = true;
+  Keep(Begin("late")).reset();
+  EXPECT_EQ(Stored(), "earlier ");
 }
 
 TEST_F(HistoryStoreTest, EndsBesideAStoreThatStandsStill) {

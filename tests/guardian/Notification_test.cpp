@@ -14,9 +14,11 @@ namespace {
 TEST(NotificationTest, TellsFourAtATimeLetsSixteenWaitAndSaysWhatWasNotTold) {
   ::setenv("VELLUMARK_GUARDIAN_TEXT", "somebody else's", 1);
   const TTempFolder folder;
-  folder.Write("program", "#!/bin/sh\ncd '" + folder.Path() +
-                              "'\nenv | grep -a ^VELLUMARK_GUARDIAN | sort >>told\n"
-                              "while [ -e wait ]; do sleep 0.1; done\nexit 5\n");
+  folder.Write(
+      "program",
+      "#!/bin/sh\ncd '" + folder.Path() +
+          "'\ntrap 'echo >>ended; exit' TERM\nenv | grep -a ^VELLUMARK_GUARDIAN | sort >>told\n"
+          "while [ -e wait ]; do sleep 0.1; done\nexit 5\n");
   std::filesystem::permissions(folder.Path("program"), std::filesystem::perms::owner_all);
   testing::internal::CaptureStdout();
   {
@@ -45,6 +47,7 @@ TEST(NotificationTest, TellsFourAtATimeLetsSixteenWaitAndSaysWhatWasNotTold) {
   }
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "Notices that nobody was told of: 16\n")
       << "and the end waits for no program";
+  EXPECT_EQ(folder.Read("ended"), "\n\n\n\n") << "it ends them";
 }
 
 }  // namespace

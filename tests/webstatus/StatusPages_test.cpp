@@ -236,7 +236,7 @@ TEST_F(StatusPagesTest, ShowsInTheOverviewHowItIs) {
   TWatchdogReading& seen = FGuardian.Now.Watchdog;
   seen.Pid = "<script>";
   seen.Next = "<script>";
-  TLogList logs{clock.Now(), "<script>", {{0, "<script>.log", 1}}};
+  TLogList logs{"<script>", {{0, "<script>.log", 1}}};
   const auto shows = [&](const std::string& text) {
     const std::string page = OverviewPage(FGuardian.Now, logs, TRefresh::Itself, clock);
     EXPECT_EQ(page.find("<script"), std::string::npos);
@@ -250,7 +250,7 @@ TEST_F(StatusPagesTest, ShowsInTheOverviewHowItIs) {
   EXPECT_TRUE(shows("Pipe: failed for 60 s, not known for 23 h 59 min"));
   EXPECT_TRUE(shows("<use href=\"#a3\" x=\"99.65%\" y=\"42\"/>")) << "the kill";
   EXPECT_FALSE(shows("The log folder does not answer."));
-  logs.SeenAt = 0;
+  logs.StandsStill = true;
   EXPECT_TRUE(shows("The log folder does not answer."));
   seen.MutexOK = seen.PipeOK = seen.ServiceOK = true;
   EXPECT_TRUE(shows(">All is well<") && shows("</b> &lt;script&gt;</p>"));

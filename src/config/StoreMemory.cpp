@@ -1,0 +1,36 @@
+#include "config/StoreMemory.h"
+
+#include <link.h>
+#include <malloc.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+namespace guardian {
+namespace {
+
+// Of the segments that nothing is ever written to, so that nothing can be lost.
+int GiveBackIfSqlite(dl_phdr_info* object, std::size_t /*size*/, void* /*context*/) {
+  if (std::string_view(object->dlpi_name).find("/libsqlite3.") == std::string_view::npos) return 0;
+  const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+  for (int i = 0; i < object->dlpi_phnum; ++i) {
+    const auto& segment = object->dlpi_phdr[i];
+    if (segment.p_type != PT_LOAD || (segment.p_flags & PF_W) != 0) continue;
+    const std::uintptr_t start = (object->dlpi_addr + segment.p_vaddr) & ~(page - 1);
+    const std::uintptr_t end = object->dlpi_addr + segment.p_vaddr + segment.p_memsz;
+    ::madvise(reinterpret_cast<void*>(start), end - start, MADV_DONTNEED);
+  }
+  return 1;
+}
+
+}  // namespace
+
+void GiveBackStoreMemory() noexcept {
+  ::malloc_trim(0);
+  ::dl_iterate_phdr(&GiveBackIfSqlite, nullptr);
+}
+
+}  // namespace guardian
