@@ -21,6 +21,7 @@ int GiveBackIfSqlite(dl_phdr_info* object, std::size_t /*size*/, void* /*context
     if (segment.p_type != PT_LOAD || (segment.p_flags & PF_W) != 0) continue;
     const std::uintptr_t start = (object->dlpi_addr + segment.p_vaddr) & ~(page - 1);
     const std::uintptr_t end = object->dlpi_addr + segment.p_vaddr + segment.p_memsz;
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the loader tells addresses as numbers.
     ::madvise(reinterpret_cast<void*>(start), end - start, MADV_DONTNEED);
   }
   return 1;

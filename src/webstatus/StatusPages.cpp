@@ -231,6 +231,22 @@ void BuildPageForPhones(std::string_view name, const THttpRequest& request,
   }
 }
 
+void BuildPageForPrograms(std::string_view name, const THttpRequest& request,
+                          const TPageSources& sources, THttpResponse& response) {
+  std::string& page = response.Body;
+  if (name == "status.json") {
+    page = StatusJson(StatusOf(sources), sources.Port);
+    response.ContentType = kJsonType;
+  } else if (name == "metrics") {
+    const bool isOpen = request.Accepts("application/openmetrics-text");
+    page = Metrics(StatusOf(sources), isOpen ? TMetricsFormat::OpenMetrics : TMetricsFormat::Text);
+    response.ContentType = isOpen ? kOpenMetricsType : kMetricsTextType;
+  } else if (name == "healthz") {
+    response.Status = 503;  // Whatever fails from here on.
+    BuildHealthPage(StatusOf(sources), response);
+  }
+}
+
 void BuildPageGuarded(std::string_view name, const THttpRequest& request,
                       const TPageSources& sources, THttpResponse& response) {
   std::string& page = response.Body;
@@ -251,16 +267,8 @@ void BuildPageGuarded(std::string_view name, const THttpRequest& request,
     page = sources.Port
                ? "Guardian running and accessible via port " + std::to_string(*sources.Port) + ". "
                : "Guardian running. ";
-  } else if (name == "status.json") {
-    page = StatusJson(StatusOf(sources), sources.Port);
-    response.ContentType = kJsonType;
-  } else if (name == "metrics") {
-    const bool isOpen = request.Accepts("application/openmetrics-text");
-    page = Metrics(StatusOf(sources), isOpen ? TMetricsFormat::OpenMetrics : TMetricsFormat::Text);
-    response.ContentType = isOpen ? kOpenMetricsType : kMetricsTextType;
-  } else if (name == "healthz") {
-    response.Status = 503;  // Whatever fails from here on.
-    BuildHealthPage(StatusOf(sources), response);
+  } else {
+    BuildPageForPrograms(name, request, sources, response);
   }
 }
 
