@@ -36,7 +36,7 @@ def read_promises():
 
 def shown(value, unit):
     if unit != "/s":
-        number = str(int(value)) if value >= 1000 else f"{value:.3g}"
+        number = f"{value:.0f}" if value >= 1000 else f"{value:.3g}"
         return f"{number} {unit}".rstrip()
     for size, prefix in ((1e6, "M"), (1e3, "k")):
         if value >= size:
