@@ -165,13 +165,17 @@ BENCHMARK(Guarded<StatusPage>)
 // So long that a few hundred lines fill a log.
 std::string LongFolders() { return "/" + std::string(200, 'a') + "/" + std::string(200, 'b'); }
 
-void FullMainPage(benchmark::State& state) {
-  constexpr int kConnections = 16;
-  TBenchedGuardian guardian(TGuardianKind::Fast, LongFolders());
+void StartWithFullLogs(TBenchedGuardian& guardian) {
   guardian.StartDaemon();
   guardian.StartGuardian();
   guardian.WaitForHealthyRound();
   guardian.FillLogs();
+}
+
+void FullMainPage(benchmark::State& state) {
+  constexpr int kConnections = 16;
+  TBenchedGuardian guardian(TGuardianKind::Fast, LongFolders());
+  StartWithFullLogs(guardian);
   CompareLoads(state, guardian, "", kConnections);
 }
 BENCHMARK(Guarded<FullMainPage>)->Name("FullMainPage")->UseManualTime()->Iterations(Rounds(5));
@@ -180,10 +184,7 @@ BENCHMARK(Guarded<FullMainPage>)->Name("FullMainPage")->UseManualTime()->Iterati
 void OverviewPage(benchmark::State& state) {
   constexpr int kConnections = 16;
   TBenchedGuardian guardian(TGuardianKind::Fast, LongFolders());
-  guardian.StartDaemon();
-  guardian.StartGuardian();
-  guardian.WaitForHealthyRound();
-  guardian.FillLogs();
+  StartWithFullLogs(guardian);
   TLoadedServer overview(kGuardianPort, guardian.GuardianPid(), "overview.html", kConnections);
   TLoadedServer mainPage(kGuardianPort, guardian.GuardianPid(), "", kConnections);
   const TComparison seconds = Compare(
@@ -395,10 +396,7 @@ void WatchedHour(benchmark::State& state) {
   for ([[maybe_unused]] auto _ : state) {
     OwnUseOfAnHour(state);
     TBenchedGuardian guardian(TGuardianKind::Fast, LongFolders());
-    guardian.StartDaemon();
-    guardian.StartGuardian();
-    guardian.WaitForHealthyRound();
-    guardian.FillLogs();
+    StartWithFullLogs(guardian);
     const pid_t pid = guardian.GuardianPid();
     const double before = ChildSecondsOf(pid);
     PlayFast(hour / 10);

@@ -97,7 +97,6 @@ class TPageClock {
   [[nodiscard]] std::string In(double seconds) const {
     return DateTimeToStr(FUtc + FAhead + seconds * kSecond);
   }
-  [[nodiscard]] double AgeSec(TDateTime local) const { return (FUtc + FAhead - local) / kSecond; }
   [[nodiscard]] std::int64_t Minute() const { return UnixSeconds(FUtc) / 60; }
 
  private:
