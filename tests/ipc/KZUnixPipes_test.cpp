@@ -272,6 +272,7 @@ TEST_F(KZUnixPipesTest, IsNotConnectedWhenAThreadCannotBeStarted) {
   const TFileDescriptor peer = RawSocket(::connect);
   pollfd end{.fd = peer.Get(), .events = POLLRDHUP, .revents = 0};
   EXPECT_TRUE(Eventually([&] { return ::poll(&end, 1, 0) == 1; }));
+  EXPECT_TRUE(FServerReceived.size() == 1 && FDisconnects == 0);
   for (const int failing : {1, 2}) {
     threadsUntilFailure = failing;
     TPipeClient refused;
@@ -279,7 +280,7 @@ TEST_F(KZUnixPipesTest, IsNotConnectedWhenAThreadCannotBeStarted) {
     EXPECT_FALSE(refused.Connect(0) || refused.Connected());
     ProcessMessages();
   }
-  EXPECT_TRUE(FServerReceived.size() == 1 && FClientDisconnects.empty() && FDisconnects == 0);
+  EXPECT_THAT(FClientDisconnects, IsEmpty());
 }
 
 // What each pipe went through, in the order of its events, whatever its peer did before it died.
