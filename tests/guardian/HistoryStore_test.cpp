@@ -87,7 +87,7 @@ class HistoryStoreTest : public testing::Test {
 TEST_F(HistoryStoreTest, WritesEveryTenMinutesAndAtTheEndAndTakesOverWhatWasThere) {
   const auto history = Begin("first");
   auto store = Keep(history);
-  EXPECT_TRUE(Eventually([this] { return FOpened == 1; }));
+  EXPECT_TRUE(Eventually([this] { return FClock.Waits() == 1; }));
   EXPECT_FALSE(FFolder.Has("VellumarkGuardian.cfg")) << "not made to look into";
   FClock.Advance(minutes(9));
   history->AddEvent(TEventKind::Info, "second");
@@ -113,8 +113,8 @@ TEST_F(HistoryStoreTest, SaysOnceThatItCannotWriteAndOnceThatItCannotReadAndGoes
     return count;
   };
   auto store = Keep(Begin("kept"));
-  for (const int uses : {1, 2, 3}) {
-    EXPECT_TRUE(Eventually([this, uses] { return FOpened == uses; }));
+  for (const int waits : {1, 2, 3}) {
+    EXPECT_TRUE(Eventually([this, waits] { return FClock.Waits() == waits; }));
     FClock.Advance(minutes(10));
   }
   EXPECT_TRUE(Eventually([&] { return timesSaid("History store Exception: ") == 1; }));

@@ -268,6 +268,7 @@ TEST_F(KZUnixPipesTest, IsNotConnectedWhenAThreadCannotBeStarted) {
   const TAtEnd restore([] { threadsUntilFailure = 0; });
   FServer->OnPipeConnect = [&](auto&, std::int64_t) { FServerReceived.emplace_back("connect"); };
   ServeAndConnect();
+  EXPECT_TRUE(Eventually([&] { return FServerReceived.size() == 1; }));
   threadsUntilFailure = 2;
   const TFileDescriptor peer = RawSocket(::connect);
   pollfd end{.fd = peer.Get(), .events = POLLRDHUP, .revents = 0};

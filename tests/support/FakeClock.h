@@ -17,12 +17,16 @@ class TFakeClock : public TClock {
 
   bool WaitUntil(TMutex& mutex, TCondition& condition, std::int64_t deadlineTick,
                  const std::function<bool()>& predicate) override KZ_REQUIRES(mutex) {
+    ++FWaits;
     while (!predicate()) {
       if (TickCount() >= deadlineTick) return false;
       condition.WaitFor(mutex, std::chrono::milliseconds(1));
     }
     return true;
   }
+
+  // How many waits have begun; what a wait's deadline was reckoned from is then behind it.
+  int Waits() const { return FWaits; }
 
   // Both times move.
   void Advance(std::chrono::milliseconds duration) {
@@ -36,6 +40,7 @@ class TFakeClock : public TClock {
  private:
   std::atomic<TDateTime> FWall = 46347.25;  // 21 November 2026, 06:00.
   std::atomic<std::int64_t> FTick = 1'000'000;
+  std::atomic<int> FWaits = 0;
 };
 
 }  // namespace guardian
