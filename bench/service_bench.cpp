@@ -19,6 +19,7 @@
 #include "guardian/WatchdogDecision.h"
 #include "guardian/process.h"
 #include "support/Eventually.h"
+#include "support/Joined.h"
 #include "support/TempFolder.h"
 #include "webstatus/ActivityLog.h"
 
@@ -67,11 +68,11 @@ void AppendToFullLog(benchmark::State& state) {
   const std::string line = "Pulse change detected, FLastPulseAt now:2026-11-21 06:13:45";
   TActivityLog log([](std::string_view, TSystemLogKind) {});
   const auto isFull = [&] {
-    return log.DetailedLog()->size() + 2 * line.size() >= kActivityLogLimit;
+    return Joined(log.DetailedLog()).size() + 2 * line.size() >= kActivityLogLimit;
   };
   while (!isFull()) log.AddDetailEntry(line);
-  const std::string full = *log.DetailedLog();
-  const auto copy = [&] { benchmark::DoNotOptimize(std::make_shared<const std::string>(full)); };
+  const std::string full = Joined(log.DetailedLog());
+  const auto copy = [&] { benchmark::DoNotOptimize(MakeText(full)); };
   ReportTimes(state, Compare(
                          state, [&] { return ProcessorSeconds([&] { log.AddDetailEntry(line); }); },
                          [&] { return ProcessorSeconds(copy); }));

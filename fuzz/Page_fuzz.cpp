@@ -105,8 +105,6 @@ class TLogFolder {
   TFileDescriptor FSocket;
 };
 
-TSharedText::TText Text(std::string_view text) { return std::make_shared<const std::string>(text); }
-
 // The switches of an input.
 struct TCase {
   explicit TCase(std::uint8_t bits)
@@ -158,13 +156,13 @@ TWatchdogReading ReadingFrom(std::string_view outside) {
 class TFakeGuardian final : public TGuardianControl {
  public:
   explicit TFakeGuardian(std::string_view outside) {
-    FStatus.StatusText = Text("running");
+    FStatus.StatusText = MakeText("running");
     FStatus.DaemonPath = FStatus.MutexPath = FStatus.DaemonTempPath = outside;
     FStatus.GotPaths = outside.size() % 2 == 0;
     FStatus.GetPathsError = FStatus.DaemonPathExists = outside.size() % 3 == 0;
-    FStatus.ProcessList = FStatus.InitialOutput = Text(outside);
+    FStatus.ProcessList = FStatus.InitialOutput = MakeText(std::string(outside));
     FStatus.ProcessListTime = 46347.25;
-    FStatus.ActivityLog = FStatus.DetailedLog = Text("<br>entry");
+    FStatus.ActivityLog = FStatus.DetailedLog = {MakeText("<br>"), MakeText("entry")};
     FStatus.Watchdog = ReadingFrom(outside);
     FStatus.Watchdog.Next = outside;
     THistory history(SystemClock());

@@ -1,5 +1,6 @@
 # What the packages' builds set besides; included before anything is looked for or built.
 option(GUARDIAN_PORTABLE "Link everything in, the C library too" OFF)
+option(GUARDIAN_OWN_RUNTIME "Link the C++ library and the compiler's into the Guardian" OFF)
 option(GUARDIAN_REPRODUCIBLE "Let no folder of this machine into the output" OFF)
 option(GUARDIAN_HARDENED "Make what attacks the memory harder, as Debian does for its services" OFF)
 

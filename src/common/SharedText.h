@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "common/Mutex.h"
 
@@ -49,5 +50,13 @@ class TSharedText : public TShared<std::string> {
   using TText = TPointer;
   using TShared::TShared;
 };
+
+inline TSharedText::TText MakeText(std::string text) {
+  return std::make_shared<const std::string>(std::move(text));
+}
+
+// A long text, of which its versions and readers share what is the same. None of the pieces is
+// null.
+using TTextPieces = std::vector<TSharedText::TText>;
 
 }  // namespace guardian

@@ -13,8 +13,10 @@ namespace guardian {
 namespace {
 
 // Of the segments that nothing is ever written to, so that nothing can be lost.
-int GiveBackIfSqlite(dl_phdr_info* object, std::size_t /*size*/, void* /*context*/) {
-  if (std::string_view(object->dlpi_name).find("/libsqlite3.") == std::string_view::npos) return 0;
+// The executable, which has no name here, may have SQLite linked in.
+int GiveBackCode(dl_phdr_info* object, std::size_t /*size*/, void* /*context*/) {
+  const std::string_view name = object->dlpi_name;
+  if (!name.empty() && name.find("/libsqlite3.") == std::string_view::npos) return 0;
   const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
   for (int i = 0; i < object->dlpi_phnum; ++i) {
     const auto& segment = object->dlpi_phdr[i];
@@ -24,14 +26,14 @@ int GiveBackIfSqlite(dl_phdr_info* object, std::size_t /*size*/, void* /*context
     // NOLINTNEXTLINE(performance-no-int-to-ptr): the loader tells addresses as numbers.
     ::madvise(reinterpret_cast<void*>(start), end - start, MADV_DONTNEED);
   }
-  return 1;
+  return 0;
 }
 
 }  // namespace
 
 void GiveBackStoreMemory() noexcept {
   ::malloc_trim(0);
-  ::dl_iterate_phdr(&GiveBackIfSqlite, nullptr);
+  ::dl_iterate_phdr(&GiveBackCode, nullptr);
 }
 
 }  // namespace guardian

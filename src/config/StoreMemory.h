@@ -3,8 +3,8 @@
 namespace guardian {
 
 // Gives the system back what a settings store needs only while it is used: the free parts of the
-// heap and, where SQLite is a shared library, the pages of its code that this process has mapped.
-// The next use maps them again.
+// heap, and the pages of SQLite's code, and of the executable's, that this process has mapped. The
+// next use of each maps it again.
 // Threads: any.
 void GiveBackStoreMemory() noexcept;
 

@@ -107,7 +107,6 @@ void RunGuardian(TServiceManager& manager, TClock& clock) {
   manager.ExtendStart();
   service.Start();
   UseLogFolder();
-  const THistoryStore historyStore(service.History(), &OpenGuardianStore, clock);
   StartWebStatusServer({
       .Guardian = &service,
       .TerminateGuardian = [&application] { application.Terminate(); },
@@ -116,6 +115,8 @@ void RunGuardian(TServiceManager& manager, TClock& clock) {
             return RunCommand(commandLine, timeoutSec, application.Stopping()).Output;
           },
   });
+  // Behind the server, which need not wait for what it reads.
+  const THistoryStore historyStore(service.History(), &OpenGuardianStore, clock);
   const auto report = [&] {
     if (manager.IsDue()) manager.Report(*service.StatusLine(), WhatStandsStill(service));
   };

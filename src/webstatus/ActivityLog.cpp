@@ -10,13 +10,24 @@ namespace {
 constexpr std::string_view kBreak = "<br>";
 constexpr TDateTime kSystemLogInterval = 10 * kMinute;
 
-std::string Appended(const TSharedText& log, std::string_view addition) {
-  const TSharedText::TText before = log.Get();
-  std::string text;
-  text.reserve(before->size() + addition.size());
-  text.append(*before).append(addition);
-  TrimActivityLogs(text);
-  return text;
+std::size_t LengthOf(const TTextPieces& log) {
+  std::size_t length = 0;
+  for (const auto& piece : log) length += piece->size();
+  return length;
+}
+
+// Copies the last piece at most, and the first one when the log is full.
+TTextPieces Appended(TTextPieces log, std::string_view addition) {
+  constexpr std::size_t kPieceBytes = 8192;
+  std::string last;
+  if (!log.empty() && log.back()->size() + addition.size() <= kPieceBytes) {
+    last.reserve(log.back()->size() + addition.size());
+    last = *log.back();
+    log.pop_back();
+  }
+  log.push_back(MakeText(last.append(addition)));
+  TrimActivityLogs(log);
+  return log;
 }
 
 std::string_view LabelOf(TEventKind kind) {
@@ -49,7 +60,7 @@ void TActivityLog::AddInfoEntry(int /*category*/, int /*event*/, std::string_vie
 
 void TActivityLog::AddDetailEntry(std::string_view message) {
   const TMutexLock lock(FLock);
-  FDetailedLog.Set(Appended(FDetailedLog, std::string(kBreak).append(message)));
+  FDetailedLog.Set(Appended(FDetailedLog.Copy(), std::string(kBreak).append(message)));
 }
 
 void TActivityLog::AddEntry(TEventKind kind, std::string_view message) {
@@ -58,8 +69,8 @@ void TActivityLog::AddEntry(TEventKind kind, std::string_view message) {
   const std::string entry =
       std::string(kBreak).append(time).append(LabelOf(kind)).append(HtmlEscape(message));
   const TMutexLock lock(FLock);
-  FShortLog.Set(Appended(FShortLog, entry));
-  FDetailedLog.Set(Appended(FDetailedLog, entry));
+  FShortLog.Set(Appended(FShortLog.Copy(), entry));
+  FDetailedLog.Set(Appended(FDetailedLog.Copy(), entry));
 }
 
 void TActivityLog::ForwardThrottled(std::string_view message, TSystemLogKind kind,
@@ -70,20 +81,27 @@ void TActivityLog::ForwardThrottled(std::string_view message, TSystemLogKind kin
   lastSystemLogAt = now;
 }
 
-void TrimActivityLogs(std::string& log) {
+void TrimActivityLogs(TTextPieces& log) {
   constexpr std::size_t kStep = 3;
-  if (log.size() <= kActivityLogLimit) return;
-  const std::size_t excess = log.size() - kActivityLogLimit;
+  const std::size_t length = LengthOf(log);
+  if (length <= kActivityLogLimit) return;
+  const std::size_t excess = length - kActivityLogLimit;
+  std::string start;  // Of the log: as many pieces as the cut needs.
+  auto next = log.begin();
   std::size_t cut = 0;
   while (cut < excess) {
-    const std::size_t entryEnd = log.find(kBreak, cut);
-    if (entryEnd == std::string::npos) {
-      cut += (excess - cut + kStep - 1) / kStep * kStep;
-    } else {
+    const std::size_t entryEnd = start.find(kBreak, cut);
+    if (entryEnd != std::string::npos) {
       cut = entryEnd + kBreak.size();
+    } else if (next != log.end()) {
+      start.append(**next++);
+    } else {
+      cut += (excess - cut + kStep - 1) / kStep * kStep;
     }
   }
-  log.erase(0, cut);
+  start.erase(0, cut);
+  log.erase(log.begin() + 1, next);
+  log.front() = MakeText(std::move(start));
 }
 
 }  // namespace guardian

@@ -48,9 +48,9 @@ class TActivityLog {
   // Adds to the detailed log only, without a time.
   void AddDetailEntry(std::string_view message) KZ_EXCLUDES(FLock);
 
-  // The logs of this moment; never null.
-  [[nodiscard]] TSharedText::TText ShortLog() const { return FShortLog.Get(); }
-  [[nodiscard]] TSharedText::TText DetailedLog() const { return FDetailedLog.Get(); }
+  // The logs of this moment.
+  [[nodiscard]] TTextPieces ShortLog() const { return FShortLog.Copy(); }
+  [[nodiscard]] TTextPieces DetailedLog() const { return FDetailedLog.Copy(); }
 
  private:
   void AddEntry(TEventKind kind, std::string_view message) KZ_EXCLUDES(FLock);
@@ -62,14 +62,14 @@ class TActivityLog {
   THistory* const FHistory;
   // Only writers enter it; readers take the published texts.
   TMutex FLock;
-  TSharedText FShortLog;
-  TSharedText FDetailedLog;
+  TShared<TTextPieces> FShortLog;
+  TShared<TTextPieces> FDetailedLog;
 };
 
 inline constexpr std::size_t kActivityLogLimit = 131'072;
 
 // While the log is longer than kActivityLogLimit, drops its start through the next "<br>". A log
 // without a "<br>" loses three characters at a time instead.
-void TrimActivityLogs(std::string& log);
+void TrimActivityLogs(TTextPieces& log);
 
 }  // namespace guardian

@@ -62,8 +62,8 @@ struct TGuardianStatus {
   TSharedText::TText ProcessList;
   TDateTime ProcessListTime = 0;
   TSharedText::TText InitialOutput;
-  TSharedText::TText ActivityLog;
-  TSharedText::TText DetailedLog;
+  TTextPieces ActivityLog;
+  TTextPieces DetailedLog;
   TWatchdogReading Watchdog{};
   THistory::TPointer History{};
 };

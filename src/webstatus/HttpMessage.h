@@ -38,8 +38,8 @@ struct THttpResponse {
   std::string ContentDisposition = "inline";
   std::string CacheControl = "no-store";
   std::string Body;
-  // What follows Body: long texts that others share, sent without being copied. None of them null.
-  std::vector<TSharedText::TText> Tail;
+  // What follows Body, sent without being copied.
+  TTextPieces Tail;
   // When set it is sent instead of both: exactly FileSize bytes from its start, chunk by chunk. A
   // file that turns out to be shorter ends the connection in the middle of the answer.
   TFileDescriptor File;

@@ -68,18 +68,15 @@ std::string ProcessBlock(const TGuardianStatus& status) {
   return ReplaceAll(block, "\r", kBreak);
 }
 
-TSharedText::TText MakeText(std::string text) {
-  return std::make_shared<const std::string>(std::move(text));
-}
-
 // The logs are far longer than the rest of the page, so they are sent without a copy.
 void AppendLogs(const TGuardianStatus& status, THttpResponse& response) {
   response.Body += "<br><hr><br>Guardian Activity Log:<br><br>";
-  response.Tail = {
-      status.ActivityLog,
+  response.Tail = status.ActivityLog;
+  response.Tail.push_back(
       MakeText("<br><br><hr><br>Initial output: " + EscapedLines(*status.InitialOutput) +
-               "<br><br><hr><br>Detailed Activity Log:<br><br>"),
-      status.DetailedLog, MakeText("<br><br><br>")};
+               "<br><br><hr><br>Detailed Activity Log:<br><br>"));
+  response.Tail.insert(response.Tail.end(), status.DetailedLog.begin(), status.DetailedLog.end());
+  response.Tail.push_back(MakeText("<br><br><br>"));
 }
 
 constexpr std::string_view kLinks =

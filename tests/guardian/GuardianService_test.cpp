@@ -7,6 +7,7 @@
 #include "guardian/RunCommand.h"
 #include "guardian/SystemLog.h"
 #include "support/Eventually.h"
+#include "support/Joined.h"
 #include "support/SettingsBackup.h"
 #include "support/TempFolder.h"
 
@@ -77,8 +78,8 @@ class GuardianServiceTest : public testing::Test {
   void DaemonRunsAs(const std::string& pid) {
     FAnswers[kPs] = {"root " + pid + " VellumarkCL", {}};
   }
-  std::string DetailedLog() const { return *FService.Status().DetailedLog; }
-  std::string ShortLog() const { return *FService.Status().ActivityLog; }
+  std::string DetailedLog() const { return Joined(FService.Status().DetailedLog); }
+  std::string ShortLog() const { return Joined(FService.Status().ActivityLog); }
 
   const TSettingsBackup FSettings{};
   const bool FCleared = (Settings().MutexDirectory.Set(""), Settings().LogDirectory.Set(""), true);

@@ -6,6 +6,7 @@
 #include "guardian/Units.h"
 #include "ipc/KZCustomApplication.h"
 #include "support/Eventually.h"
+#include "support/Joined.h"
 #include "support/SettingsBackup.h"
 #include "support/TempFolder.h"
 
@@ -66,7 +67,8 @@ TEST_F(OuterHandlersTest, ReportTheWatchdogTick) {
   }
   ExpectReport("Watchdog tick");
   service.Stop();
-  EXPECT_THAT(*service.Status().DetailedLog, HasSubstr("Exception in watchdog tick: on purpose"));
+  EXPECT_THAT(Joined(service.Status().DetailedLog),
+              HasSubstr("Exception in watchdog tick: on purpose"));
 }
 
 }  // namespace

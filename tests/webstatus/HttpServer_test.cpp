@@ -95,7 +95,7 @@ class HttpServerTest : public testing::Test {
     const std::string& path = request.Path;
     response.Body = "hello";
     if (path == "/throw") throw KZException("no page today");
-    if (path == "/big") response.Tail = {Big(), std::make_shared<const std::string>("|end")};
+    if (path == "/big") response.Tail = {Big(), MakeText("|end")};
     if (path == "/inherited") response.Body = std::to_string(Inherited());
     if (path == "/echo")
       response.Body =

@@ -9,6 +9,7 @@
 #include "common/Texts.h"
 #include "support/Crew.h"
 #include "support/FakeClock.h"
+#include "support/Joined.h"
 #include "support/SettingsBackup.h"
 #include "support/TempFolder.h"
 #include "webstatus/ActivityLog.h"
@@ -25,10 +26,6 @@ using testing::HasSubstr;
 using testing::Matcher;
 using testing::StartsWith;
 
-TSharedText::TText Text(const std::string& text) {
-  return std::make_shared<const std::string>(text);
-}
-
 class TFakeGuardian final : public TGuardianControl {
  public:
   TGuardianStatus Status() const override { return Now; }
@@ -42,17 +39,17 @@ class TFakeGuardian final : public TGuardianControl {
   void Release() override { Requests += "release "; }
 
   TGuardianStatus Now = {
-      .StatusText = Text("Status at <i>"),
+      .StatusText = MakeText("Status at <i>"),
       .DaemonPath = "/opt/<b>/VellumarkCL",
       .DaemonPathExists = true,
       .MutexPath = "/m&/mutex",
       .DaemonTempPath = "/t&",
       .GotPaths = true,
-      .ProcessList = Text("root 1 <x>\r\n\"2\""),
+      .ProcessList = MakeText("root 1 <x>\r\n\"2\""),
       .ProcessListTime = 46347.25,
-      .InitialOutput = Text("TMP=<t>\nLOGS=\n"),
-      .ActivityLog = Text("<br>short"),
-      .DetailedLog = Text("<br>detailed"),
+      .InitialOutput = MakeText("TMP=<t>\nLOGS=\n"),
+      .ActivityLog = {MakeText("<br>sh"), MakeText("ort")},
+      .DetailedLog = {MakeText("<br>detailed")},
   };
   std::string Requests;
 };
@@ -77,9 +74,7 @@ class StatusPagesTest : public testing::Test {
   }
   std::string Get(const std::string& path, const std::string& site = "") {
     const THttpResponse response = Answer(path, site);
-    std::string text = response.Body;
-    for (const auto& piece : response.Tail) text += *piece;
-    return text;
+    return response.Body + Joined(response.Tail);
   }
 
   // The bytes that the HTTP server would stream; else the page.
@@ -307,9 +302,9 @@ TEST_F(StatusPagesTest, ShowsTheMainPageWithEverythingFromOutsideEscaped) {
       "<br><br>" +
       logs;
   for (const char* path : {"", "/", "\\"}) EXPECT_EQ(page(path), expected);
-  EXPECT_EQ(Answer("/").Tail.at(2), FGuardian.Now.DetailedLog);  // Not a copy.
+  EXPECT_EQ(Answer("/").Tail.at(3), FGuardian.Now.DetailedLog.at(0));  // Not a copy.
 
-  FGuardian.Now.ProcessList = Text("");
+  FGuardian.Now.ProcessList = MakeText("");
   FGuardian.Now.ProcessListTime = 0;
   FGuardian.Now.GotPaths = FGuardian.Now.DaemonPathExists = false;
   expected = ReplaceAll(expected, list, "");
@@ -378,8 +373,8 @@ TEST_F(ActivityLogTest, WritesEachKindInItsForm) {
   FLog.AddDetailEntry("<i>detail");
   const std::string entries =
       Entry("  ERROR: bad") + Entry("  WARNING: odd") + Entry("  INFO: fine &lt;&amp;&gt;");
-  EXPECT_EQ(*FLog.ShortLog(), entries);
-  EXPECT_EQ(*FLog.DetailedLog(), entries + "<br><i>detail");
+  EXPECT_EQ(Joined(FLog.ShortLog()), entries);
+  EXPECT_EQ(Joined(FLog.DetailedLog()), entries + "<br><i>detail");
   // Errors and warnings once in ten minutes of steady time, the rest always.
   FClock.SetWall(FClock.Now() + 1);
   FClock.Advance(milliseconds(600'000));
@@ -418,7 +413,8 @@ TEST_F(ActivityLogTest, DropsWholeEntriesFromTheStart) {
       FLog.AddInfoEntry(1, 1, text);
       for (auto* log : {&shortLog, &detailedLog}) add(*log, Entry("  INFO: ") + HtmlEscape(text));
     }
-    ASSERT_TRUE(*FLog.ShortLog() == shortLog && *FLog.DetailedLog() == detailedLog) << step;
+    ASSERT_TRUE(Joined(FLog.ShortLog()) == shortLog && Joined(FLog.DetailedLog()) == detailedLog)
+        << step;
   }
 }
 
@@ -426,7 +422,7 @@ TEST_F(ActivityLogTest, LosesNoEntryOfSeveralThreads) {
   TCrew(2, [&](int) {
     for (int i = 0; i < 4000; ++i) FLog.AddDetailEntry("x");
   }).Join();
-  EXPECT_EQ(FLog.DetailedLog()->size(), 2 * 4000 * 5);
+  EXPECT_EQ(Joined(FLog.DetailedLog()).size(), 2 * 4000 * 5);
 }
 
 TEST(WebStatusServerTest, TakesTheFirstFreePortFrom8900To8000) {

@@ -204,6 +204,7 @@ void StopExceptionReports() {
 void ExceptionsLogFolderChanged() {
   assert(IsMainThread());
   SetFatalSignalLog(ExceptionsLogName());
+  if (Settings().LogDirectory.Get()->empty()) return;  // No folder, no store in it.
   Reports().Throttle.UseStore(Options()->OpenStore);
 }
 
