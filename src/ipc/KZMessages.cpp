@@ -77,21 +77,13 @@ bool DeliveryAllowed(const TMessageUnit& unit) {
   return ApplicationState() == TApplicationState::Running && !unit.DeliveryStopped.load();
 }
 
-// An empty list needs no look each second: the event is signalled for its first message, and for
-// the end of the thread. What is in the list waits for delivery to be resumed, or for another try.
-milliseconds LongestWait(const TMessageUnit& unit) {
-  constexpr milliseconds kLook{1000};
-  constexpr std::chrono::hours kIdle{1};
-  const bool idle = ApplicationState() == TApplicationState::Running && unit.GMsgList.Empty();
-  return idle ? kIdle : kLook;
-}
-
 void TMessageDeliveryThread::Execute() {
+  constexpr milliseconds kLongestWait{1000};
   KZCP::Checkpoint(Name());
   TMessageUnit& unit = Unit();
   do {
     KZCP::Checkpoint("MessageDelivery:Wait");
-    unit.GMsgEvent.WaitFor(LongestWait(unit));
+    unit.GMsgEvent.WaitFor(kLongestWait);
     if (unit.GMsgList.Empty() || unit.DeliveryStopped.load()) continue;
     KZCP::Checkpoint("MessageDelivery:Synchronize");
     // What fails is tried again after the next wait.
