@@ -1,12 +1,11 @@
 #include "guardian/GuardianService.h"
 
-#include <gmock/gmock.h>
-
 #include "common/Cancellation.h"
 #include "guardian/FakeSurroundings.h"
 #include "guardian/RunCommand.h"
 #include "guardian/SystemLog.h"
 #include "support/Eventually.h"
+#include "support/Matchers.h"
 #include "support/SettingsBackup.h"
 #include "support/TempFolder.h"
 
@@ -14,11 +13,6 @@ namespace guardian {
 namespace {
 
 using std::chrono::milliseconds;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::MatchesRegex;
 
 // Commands are written with their time-outs.
 const std::string kDaemon = "/opt/guard/VellumarkCL";

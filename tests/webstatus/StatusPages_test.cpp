@@ -1,7 +1,6 @@
 #include "webstatus/StatusPages.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 
 #include <random>
 #include <regex>
@@ -9,6 +8,7 @@
 #include "common/Texts.h"
 #include "support/Crew.h"
 #include "support/FakeClock.h"
+#include "support/Matchers.h"
 #include "support/SettingsBackup.h"
 #include "support/TempFolder.h"
 #include "webstatus/ActivityLog.h"
@@ -20,10 +20,6 @@ namespace guardian {
 namespace {
 
 using std::chrono::milliseconds;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::Matcher;
-using testing::StartsWith;
 
 TSharedText::TText Text(const std::string& text) {
   return std::make_shared<const std::string>(text);
