@@ -77,15 +77,20 @@ inline TComparison Compare(benchmark::State& state, const std::function<double()
   return {Median(oursOf), Median(bareOf), Median(ratios)};
 }
 
+// Reports the rates of both, whose seconds for so many items were compared, and the rates' ratio.
+inline void ReportRates(benchmark::State& state, const TComparison& seconds, double items = 1) {
+  state.counters["rate"] = items / seconds.Ours;
+  state.counters["bare_rate"] = items / seconds.Bare;
+  state.counters["ratio"] = 1 / seconds.OursPerBare;
+}
+
 // Runs the work and its baseline, each of which handles so many items, and reports the rates of
 // both and their ratio, by Seconds or by ProcessorSeconds.
 inline void CompareRates(benchmark::State& state, double items, const std::function<void()>& work,
                          const std::function<void()>& baseline, TTime* time = &Seconds) {
   const TComparison seconds = Compare(
       state, [&] { return time(work); }, [&] { return time(baseline); });
-  state.counters["rate"] = items / seconds.Ours;
-  state.counters["bare_rate"] = items / seconds.Bare;
-  state.counters["ratio"] = 1 / seconds.OursPerBare;
+  ReportRates(state, seconds, items);
 }
 
 // Reports the microseconds of both, which were measured in seconds, and the ratio of the times.

@@ -160,9 +160,7 @@ void CheckpointsUnderReports(benchmark::State& state) {
       },
       SecondsPerCheckpoint);
   if (fewestReports < 2) state.SkipWithError("no reports were written meanwhile");
-  state.counters["rate"] = 1 / seconds.Ours;
-  state.counters["bare_rate"] = 1 / seconds.Bare;
-  state.counters["ratio"] = 1 / seconds.OursPerBare;
+  ReportRates(state, seconds);
   state.counters["fewest_reports"] = fewestReports;
 }
 BENCHMARK(CheckpointsUnderReports)->UseManualTime()->Iterations(Rounds(11));

@@ -136,9 +136,7 @@ void CompareLoads(benchmark::State& state, const TBenchedGuardian& guardian,
   TLoadedServer bare(TBareServer::kPort, bareServer.Pid(), page, connections);
   const TComparison seconds = Compare(
       state, [&] { return ours.SecondsPerAnswer(); }, [&] { return bare.SecondsPerAnswer(); });
-  state.counters["rate"] = 1 / seconds.Ours;
-  state.counters["bare_rate"] = 1 / seconds.Bare;
-  state.counters["ratio"] = 1 / seconds.OursPerBare;
+  ReportRates(state, seconds);
   state.counters["p99_ms"] = ours.P99Ms();
   state.counters["bare_p99_ms"] = bare.P99Ms();
   state.counters["p99_ratio"] = ours.P99Ms() / bare.P99Ms();
@@ -190,9 +188,7 @@ void OverviewPage(benchmark::State& state) {
   const TComparison seconds = Compare(
       state, [&] { return overview.SecondsPerAnswer(); },
       [&] { return mainPage.SecondsPerAnswer(); });
-  state.counters["rate"] = 1 / seconds.Ours;
-  state.counters["bare_rate"] = 1 / seconds.Bare;
-  state.counters["ratio"] = 1 / seconds.OursPerBare;
+  ReportRates(state, seconds);
 }
 BENCHMARK(Guarded<OverviewPage>)->Name("OverviewPage")->UseManualTime()->Iterations(Rounds(5));
 

@@ -43,18 +43,21 @@ class TLookThread final : public TThread {
     constexpr std::chrono::milliseconds kLongest{100};
     const TMutexLock lock(FLock);
     const std::int64_t asked = AskLocked();
-    if (FStandsStill) return FSeen;
-    FStandsStill = !WaitForAnswerLocked(asked, kLongest);
+    if (!WaitsForLocked(kLongest)) static_cast<void>(WaitForAnswerLocked(asked, kLongest));
     return FSeen;
   }
 
   // Whether a look that was asked for has been taking so long.
   [[nodiscard]] bool WaitsFor(std::chrono::milliseconds duration) KZ_EXCLUDES(FLock) {
     const TMutexLock lock(FLock);
-    return FAnswered < FAsked && SystemTickCount() - FWaitsSince >= duration.count();
+    return WaitsForLocked(duration);
   }
 
  private:
+  [[nodiscard]] bool WaitsForLocked(std::chrono::milliseconds duration) const KZ_REQUIRES(FLock) {
+    return FAnswered < FAsked && SystemTickCount() - FWaitsSince >= duration.count();
+  }
+
   std::int64_t AskLocked() KZ_REQUIRES(FLock) {
     if (FAnswered == FAsked) FWaitsSince = SystemTickCount();
     return ++FAsked;
@@ -93,7 +96,6 @@ class TLookThread final : public TThread {
     FSeen = std::move(seen);
     FAnswered = answered;
     FWaitsSince = SystemTickCount();
-    FStandsStill = false;
     FChanged.NotifyAll();
   }
 
@@ -110,7 +112,6 @@ class TLookThread final : public TThread {
   std::int64_t FAsked KZ_GUARDED_BY(FLock) = 0;
   std::int64_t FAnswered KZ_GUARDED_BY(FLock) = 0;
   std::int64_t FWaitsSince KZ_GUARDED_BY(FLock) = 0;  // Tick count; while there is a question.
-  bool FStandsStill KZ_GUARDED_BY(FLock) = false;
 };
 
 }  // namespace guardian

@@ -1,13 +1,11 @@
 #include "common/Texts.h"
 
-#include <gmock/gmock.h>
-
 #include <limits>
+
+#include "support/Matchers.h"
 
 namespace guardian {
 namespace {
-
-using testing::ElementsAre;
 
 template <typename TFrom, typename TFunction>
 void Check(const std::vector<std::pair<TFrom, std::string>>& cases, TFunction&& function) {

@@ -1,6 +1,5 @@
 #include "common/Thread.h"
 
-#include <gmock/gmock.h>
 #include <sched.h>
 #include <stdlib.h>
 #include <time.h>
@@ -17,13 +16,13 @@
 #include "support/Crew.h"
 #include "support/Eventually.h"
 #include "support/FakeClock.h"
+#include "support/Matchers.h"
 #include "support/ThrownMessage.h"
 
 namespace guardian {
 namespace {
 
 using std::chrono::milliseconds;
-using testing::ElementsAre;
 
 TEST(TClockTest, KeepsSteadyInstantsWhenTheWallClockSteps) {
   TFakeClock clock;

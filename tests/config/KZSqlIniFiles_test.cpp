@@ -9,7 +9,6 @@ namespace guardian {
 namespace {
 
 using std::string_literals::operator""s;
-using testing::HasSubstr;
 
 class TKZSQLIniFileTest : public TSettingsStoreTest {};
 

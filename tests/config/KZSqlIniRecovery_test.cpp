@@ -15,8 +15,6 @@ namespace guardian {
 namespace {
 
 using std::chrono::milliseconds;
-using testing::ElementsAre;
-using testing::HasSubstr;
 
 // The user and group "nobody".
 constexpr uid_t kNobody = 65534;

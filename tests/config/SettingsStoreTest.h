@@ -1,7 +1,6 @@
 #pragma once
 
 #include <SQLiteCpp/Database.h>
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 
 #include <map>
@@ -9,6 +8,7 @@
 #include "config/KZSqlIniFiles.h"
 #include "support/ErrorLogInFolder.h"
 #include "support/FakeClock.h"
+#include "support/Matchers.h"
 
 namespace guardian {
 

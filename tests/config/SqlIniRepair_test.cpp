@@ -8,9 +8,6 @@
 namespace guardian {
 namespace {
 
-using testing::AllOf;
-using testing::HasSubstr;
-
 // By the number of the key.
 using TValues = std::map<int, std::string>;
 

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <gmock/gmock.h>
-
 #include <filesystem>
 
 #include "common/Event.h"
@@ -10,19 +8,12 @@
 #include "support/ErrorLogInFolder.h"
 #include "support/Eventually.h"
 #include "support/FakeClock.h"
+#include "support/Matchers.h"
 #include "support/OpenDescriptors.h"
 #include "support/SettingsBackup.h"
 #include "support/ThrownMessage.h"
 
 namespace guardian {
-
-using testing::ContainsRegex;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::Not;
-using testing::SizeIs;
-using testing::StartsWith;
 
 inline int CountOf(const std::string& text, std::string_view part) {
   int count = 0;

@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <stdexcept>
 
 #include "diagnostics/Diagnostics.h"

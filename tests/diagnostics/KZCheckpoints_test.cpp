@@ -1,6 +1,5 @@
 #include "diagnostics/KZCheckpoints.h"
 
-#include <new>
 #include <optional>
 #include <thread>
 

@@ -8,6 +8,7 @@
 #include "diagnostics/Diagnostics.h"
 #include "diagnostics/exceptions/PipeCounters.h"
 #include "diagnostics/exceptions/StackTrace.h"
+#include "support/EmptyStore.h"
 
 // Outside the namespace: the class of a foreign exception is told with its namespace.
 struct EFOpenError : std::exception {};
@@ -46,7 +47,7 @@ struct EDuring : std::exception {
 };
 
 // A store of one value, which outlives the object.
-class TStore final : public TKZCustomINIFile {
+class TStore final : public TEmptyStore {
  public:
   explicit TStore(TSharedText& stored) : FStored(stored) {}
 
@@ -59,12 +60,6 @@ class TStore final : public TKZCustomINIFile {
     FWritten = value;
   }
   void UpdateFile() override { FStored.Set(FWritten); }
-  std::vector<std::string> ReadSection(std::string_view) override { return {}; }
-  std::vector<std::string> ReadSections() override { return {}; }
-  std::vector<std::string> ReadSectionValues(std::string_view) override { return {}; }
-  bool ValueExists(std::string_view, std::string_view) override { return false; }
-  void DeleteKey(std::string_view, std::string_view) override {}
-  void EraseSection(std::string_view) override {}
 
  private:
   TSharedText& FStored;

@@ -1,13 +1,12 @@
 #include "guardian/GuardianService.h"
 
-#include <gmock/gmock.h>
-
 #include "common/Cancellation.h"
 #include "guardian/FakeSurroundings.h"
 #include "guardian/RunCommand.h"
 #include "guardian/SystemLog.h"
 #include "support/Eventually.h"
 #include "support/Joined.h"
+#include "support/Matchers.h"
 #include "support/SettingsBackup.h"
 #include "support/TempFolder.h"
 
@@ -15,11 +14,6 @@ namespace guardian {
 namespace {
 
 using std::chrono::milliseconds;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::MatchesRegex;
 
 // Commands are written with their time-outs.
 const std::string kDaemon = "/opt/guard/VellumarkCL";

@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "guardian/Units.h"
+#include "support/EmptyStore.h"
 #include "support/ErrorLogInFolder.h"
 #include "support/Eventually.h"
 #include "support/FakeClock.h"
@@ -19,22 +20,12 @@ namespace {
 using std::chrono::minutes;
 
 // A store that reads nothing for as long as somebody else has it locked.
-class TLockedStore final : public TKZCustomINIFile {
+class TLockedStore final : public TEmptyStore {
  public:
   explicit TLockedStore(std::unique_ptr<TKZCustomINIFile> store) : FStore(std::move(store)) {}
-  std::string ReadString(std::string_view, std::string_view, std::string_view value) override {
-    return std::string(value);
-  }
   void WriteString(std::string_view section, std::string_view key, std::string_view text) override {
     FStore->WriteString(section, key, text);
   }
-  std::vector<std::string> ReadSection(std::string_view) override { return {}; }
-  std::vector<std::string> ReadSections() override { return {}; }
-  std::vector<std::string> ReadSectionValues(std::string_view) override { return {}; }
-  bool ValueExists(std::string_view, std::string_view) override { return false; }
-  void DeleteKey(std::string_view, std::string_view) override {}
-  void EraseSection(std::string_view) override {}
-  void UpdateFile() override {}
 
  private:
   const std::unique_ptr<TKZCustomINIFile> FStore;

@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 
 #include <stdexcept>
 
@@ -7,13 +6,12 @@
 #include "ipc/KZCustomApplication.h"
 #include "support/Eventually.h"
 #include "support/Joined.h"
+#include "support/Matchers.h"
 #include "support/SettingsBackup.h"
 #include "support/TempFolder.h"
 
 namespace guardian {
 namespace {
-
-using testing::HasSubstr;
 
 void FailOnPurpose() { throw std::runtime_error("on purpose"); }
 

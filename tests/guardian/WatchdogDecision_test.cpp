@@ -1,14 +1,11 @@
 #include "guardian/WatchdogDecision.h"
 
-#include <gmock/gmock.h>
-
 #include <random>
+
+#include "support/Matchers.h"
 
 namespace guardian {
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 using TSteps = std::vector<std::string>;
 

@@ -1,7 +1,6 @@
 #include "guardian/process.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sched.h>
@@ -22,6 +21,7 @@
 #include "support/ChildProcess.h"
 #include "support/Crew.h"
 #include "support/Eventually.h"
+#include "support/Matchers.h"
 #include "support/OpenDescriptors.h"
 #include "support/SettingsBackup.h"
 #include "support/TempFolder.h"
@@ -29,10 +29,6 @@
 
 namespace guardian {
 namespace {
-
-using testing::HasSubstr;
-using testing::MatchesRegex;
-using testing::StartsWith;
 
 constexpr int kHangLimitSec = 60;  // Bounds failure only.
 // The exit code of a child that this machine does not let run.

@@ -22,10 +22,6 @@ namespace guardian {
 namespace {
 
 using std::chrono::milliseconds;
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 using TWait = TPipeClient::TWait;
 
 std::string Frame(std::string_view payload) {

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <gmock/gmock.h>
-
 #include <cstdint>
 #include <string>
 
@@ -9,6 +7,7 @@
 #include "ipc/KZUnixPipes.h"
 #include "support/Crew.h"
 #include "support/Eventually.h"
+#include "support/Matchers.h"
 #include "support/TempFolder.h"
 
 namespace guardian {

@@ -8,9 +8,6 @@ namespace guardian {
 namespace {
 
 using std::chrono::milliseconds;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
 
 std::string Record(TSchedulerActions action, std::int64_t pulse) {
   TSyncCommRecord record{};

@@ -1,11 +1,10 @@
 #pragma once
 
-#include <gmock/gmock.h>
-
 #include <algorithm>
 
 #include "common/Exceptions.h"
 #include "common/Texts.h"
+#include "support/Matchers.h"
 #include "system/Installation.h"
 #include "webstatus/HttpClient.h"
 

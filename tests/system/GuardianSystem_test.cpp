@@ -9,8 +9,6 @@
 namespace guardian {
 namespace {
 
-using testing::HasSubstr;
-
 // What is delivered, on its own time.
 class ProductSystemTest : public GuardianSystemTest {
  protected:

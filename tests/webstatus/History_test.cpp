@@ -1,16 +1,14 @@
 #include "webstatus/History.h"
 
-#include <gmock/gmock.h>
-
 #include <random>
 
 #include "support/FakeClock.h"
+#include "support/Matchers.h"
 
 namespace guardian {
 namespace {
 
 using std::chrono::seconds;
-using testing::ElementsAre;
 
 class HistoryTest : public testing::Test {
  protected:

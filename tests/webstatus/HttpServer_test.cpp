@@ -2,13 +2,13 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <malloc.h>
 
 #include "common/Texts.h"
 #include "support/Crew.h"
 #include "support/Eventually.h"
 #include "support/FakeClock.h"
+#include "support/Matchers.h"
 #include "support/OpenDescriptors.h"
 #include "support/TempFolder.h"
 #include "support/ThrownMessage.h"
@@ -20,10 +20,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-using testing::AllOf;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::StartsWith;
 
 constexpr milliseconds kPatience{kHangLimitMs};
 const std::string kEnd = " HTTP/1.1\r\n\r\n";

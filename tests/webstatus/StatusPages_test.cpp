@@ -1,7 +1,6 @@
 #include "webstatus/StatusPages.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 
 #include <random>
 #include <regex>
@@ -10,6 +9,7 @@
 #include "support/Crew.h"
 #include "support/FakeClock.h"
 #include "support/Joined.h"
+#include "support/Matchers.h"
 #include "support/SettingsBackup.h"
 #include "support/TempFolder.h"
 #include "webstatus/ActivityLog.h"
@@ -21,10 +21,6 @@ namespace guardian {
 namespace {
 
 using std::chrono::milliseconds;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::Matcher;
-using testing::StartsWith;
 
 class TFakeGuardian final : public TGuardianControl {
  public:
