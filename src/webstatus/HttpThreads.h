@@ -64,12 +64,11 @@ class THttpThreads {
         FOptions.Report(std::current_exception());
       }
       since = 0;
-      Persist([&] {
-        boost::asio::post(FContext, [task] {
-          const auto released = std::move(task->Owner);
-          if (task->Result) task->Then(std::move(*task->Result));
-        });
-      });
+      const auto finish = [task] {
+        const auto released = std::move(task->Owner);
+        if (task->Result) task->Then(std::move(*task->Result));
+      };
+      Persist([&] { boost::asio::post(FContext, finish); });
     });
   }
 
