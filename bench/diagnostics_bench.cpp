@@ -9,35 +9,17 @@
 #include <cstdlib>
 #include <cstring>
 #include <latch>
-#include <new>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "CountedHeap.h"
 #include "Measure.h"
 #include "common/Clock.h"
 #include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/KZLogFile.h"
 #include "diagnostics/checkpoints/CheckpointRecord.h"
 #include "support/TempFolder.h"
-
-namespace {
-
-thread_local std::int64_t tAllocations = 0;
-
-}  // namespace
-
-// Counted, since a checkpoint promises to do without. Not inlined: the compiler takes an inlined
-// half of such a pair for a mismatch.
-[[gnu::noinline]] void* operator new(std::size_t bytes) {
-  ++tAllocations;
-  if (void* const memory = std::malloc(bytes)) return memory;
-  throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, std::size_t /*bytes*/) noexcept {
-  std::free(memory);
-}
 
 namespace guardian {
 namespace {
@@ -75,17 +57,18 @@ void CompareCheckpoints(benchmark::State& state) {
   const int calls = Rounds(1'000'000, 10'000);
   std::int64_t allocations = 0;
   const auto ours = [&] {
-    const std::int64_t before = tAllocations;
+    const std::int64_t before = AllocationsOfThread();
     const double seconds = ProcessorSeconds([&] { PassCheckpoints(calls); });
-    allocations += tAllocations - before;
+    allocations += AllocationsOfThread() - before;
     return seconds / calls;
   };
   const auto bare = [&] { return ProcessorSeconds([&] { PassBareCheckpoints(calls); }) / calls; };
   InThread([&] {
     PassCheckpoints(1);
-    const std::int64_t before = tAllocations;
+    const std::int64_t before = AllocationsOfThread();
     ReportTimes(state, Compare(state, ours, bare));
-    if (tAllocations == before) state.SkipWithError("the count of allocations does not work");
+    if (AllocationsOfThread() == before)
+      state.SkipWithError("the count of allocations does not work");
   });
   state.counters["allocations"] = static_cast<double>(allocations);
 }

@@ -290,7 +290,8 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
   }
 
   void NoteGrowth() {
-    if (FInput.capacity() > kKeptBufferBytes || !FChunk.empty()) FAll.FGrown = true;
+    const bool isLong = FResponse.Body.capacity() > kFileChunkBytes;
+    if (FInput.capacity() > kKeptBufferBytes || !FChunk.empty() || isLong) FAll.FGrown = true;
   }
 
   THttpConnections& FAll;

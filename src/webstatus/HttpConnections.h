@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <boost/asio/ip/tcp.hpp>
 #include <chrono>
 #include <cstddef>
@@ -72,7 +73,8 @@ class THttpConnections {
   std::list<THttpConnection*> FOpen;  // The longest idle first.
   std::size_t FBusy = 0;
   bool FStopping = false;
-  bool FGrown = false;  // A connection has held much memory.
+  // A connection has held much memory. Atomic: a blocking thread may be the last to let it go.
+  std::atomic<bool> FGrown = false;
   TKZEvent FNoneBusy{"HTTPServerNoneBusy", TEventReset::Manual};
 };
 

@@ -48,10 +48,28 @@ class THttpThreads {
   // that is left to do for the other.
   template <typename TOwner, typename TCall, typename TThen>
   void CallBlocking(std::shared_ptr<TOwner> owner, TCall call, TThen then) {
-    using TTaskOfThese = TTask<TOwner, TCall, TThen>;
-    auto task = std::make_shared<TTaskOfThese>(
-        TTaskOfThese{std::move(owner), std::move(call), std::move(then), std::nullopt});
-    boost::asio::post(FBlockingContext, [this, task = std::move(task)] { RunBlocking(task); });
+    struct TTask {
+      std::shared_ptr<TOwner> Owner;
+      TCall Call;
+      TThen Then;
+      std::optional<decltype(call())> Result;
+    };
+    auto task = std::make_shared<TTask>(
+        TTask{std::move(owner), std::move(call), std::move(then), std::nullopt});
+    boost::asio::post(FBlockingContext, [this, task = std::move(task)] {
+      std::atomic<std::int64_t>& since = TakePlace();
+      try {
+        task->Result.emplace(task->Call());
+      } catch (...) {
+        FOptions.Report(std::current_exception());
+      }
+      since = 0;
+      const auto finish = [task] {
+        const auto released = std::move(task->Owner);
+        if (task->Result) task->Then(std::move(*task->Result));
+      };
+      Persist([&] { boost::asio::post(FContext, finish); });
+    });
   }
 
   // Repeats a step without which the server would stand still until there is memory for it.
@@ -75,32 +93,6 @@ class THttpThreads {
   class TThreadOf;
   static constexpr std::size_t kBlockingThreads = 2;
   using TWork = boost::asio::executor_work_guard<boost::asio::io_context::executor_type>;
-
-  template <typename TOwner, typename TCall, typename TThen>
-  struct TTask {
-    void Finish() {
-      const auto released = std::move(Owner);
-      if (Result) Then(std::move(*Result));
-    }
-
-    std::shared_ptr<TOwner> Owner;
-    TCall Call;
-    TThen Then;
-    std::optional<decltype(std::declval<TCall&>()())> Result;
-  };
-
-  // Threads: a blocking one.
-  template <typename TTaskOfAny>
-  void RunBlocking(const std::shared_ptr<TTaskOfAny>& task) {
-    std::atomic<std::int64_t>& since = TakePlace();
-    try {
-      task->Result.emplace(task->Call());
-    } catch (...) {
-      FOptions.Report(std::current_exception());
-    }
-    since = 0;
-    Persist([&] { boost::asio::post(FContext, [task] { task->Finish(); }); });
-  }
 
   std::atomic<std::int64_t>& TakePlace();
 

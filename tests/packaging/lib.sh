@@ -53,7 +53,7 @@ find_package() {
 # Every package has these: in its folder of documents, beside them, and what tells somebody.
 # shellcheck disable=SC2034
 {
-  manuals=({CHANGELOG,CONTRIBUTING,README}.md VERSIONS copyright docs/page.png docs/{architecture,fleet,operating,performance,protocol,security}.md)
+  manuals=({CHANGELOG,CONTRIBUTING,README}.md VERSIONS copyright docs/{growth.svg,page.png} docs/{architecture,fleet,operating,performance,protocol,security}.md)
   prometheus=(prometheus/{grafana-board.json,prometheus.yml,vellumark-guardian.rules.yml})
   notify=(notify/{mail,push,webhook}\*)
 }
