@@ -1,10 +1,11 @@
 # The running Guardian, of which a system call fails now and then. scripts/failing-calls runs it.
 #   failing_calls.py BIN_FOLDER SECONDS SEED   SECONDS may be 0: every point once
 #
-# First a census: which calls each thread makes from main on, within some rounds in which all pages are
-# asked for, and at the end. Then each of these calls fails once, with each error that its kind really
-# returns. After a failure in a round the Guardian must be what it was before. After one in its start it
-# is so too, or has ended with a line that says why; after one in its end it leaves nothing behind.
+# First a census: which calls each thread makes from main on, within some rounds in which all pages
+# are asked for, and at the end. Then each of these calls fails once, with each error that its kind
+# really returns. After a failure in a round the Guardian must be what it was before. After one in its
+# start it is so too, or has ended with a line that says why; after one in its end it leaves nothing
+# behind.
 
 import collections
 import contextlib
@@ -25,17 +26,17 @@ import time
 
 import psutil
 
-from installation import PAGES, PORT, Failed, Installation, await_that, fetch, is_healthy, require
+from installation import PAGES, Failed, Installation, await_that, fetch, is_healthy, require
 
 # The watchdog's time; a round is a second. A lost wake-up of the main loop lasts 10 s by the machine's
 # time, which would be a dead daemon if the watchdog's went by much faster.
 FACTOR = 10
 CENSUS_ROUNDS = 16
 MOST = 6  # Calls of a kind in a thread; later ones repeat what the first ones did.
-MAIN, TIMER, OTHERS, STARTED = "the start", "GuardianTimer", "all that starts", "started by GuardianTimer"
-MOST_OF = {MAIN: 24}
+MOST_OF_MAIN = 24
+NO_INJECTION = "status=all"
+TIMER, STARTED = "GuardianTimer", "started by GuardianTimer"
 ASKED = (*PAGES, "overview.html", "hold.html?minutes=1", "release.html", "healthz")
-MUST_ANSWER = ASKED[:-1]  # The last one has another status when not all is well.
 KINDS = {
     "open,openat": ("EMFILE", "EACCES"),
     "read,pread64,readv": ("EIO", "EINTR"),
@@ -67,8 +68,7 @@ class FailingCalls:
         self._pid = 0  # The daemon's.
         self._usage = ()
 
-    # Three lists of points, of the rounds, the start and the end, from what the threads do when nothing
-    # fails. The Guardian has ended afterwards.
+    # The points of the rounds, the start and the end, from what the threads do when nothing fails.
     def census(self):
         self.start()
         usages = collections.Counter()
@@ -76,17 +76,15 @@ class FailingCalls:
             usages[self._usage_now()] += 1
             time.sleep(0.05)
         self._usage = usages.most_common(1)[0][0]
-        rule = f"trace={','.join(KINDS)}"
         threads = self._threads()
-        with self._traced(threads, rule):
+        with self._traced(threads):
             self._let_rounds_go_by(CENSUS_ROUNDS)
         rounds = self._points(lambda task: threads.get(task, STARTED))
-        with self._traced(threads := self._threads(), rule):
+        with self._traced(threads := self._threads()):
             self.end()
         ends = self._points(lambda task: threads.get(task, STARTED))
-        self.start(rule)
-        starts = self._points(lambda task: MAIN if task == self._guardian.pid else OTHERS)
-        self.end()
+        self.start(NO_INJECTION)
+        starts = self._points(lambda task: "the start")
         return rounds, starts, ends
 
     # A write to an event descriptor, of eight bytes, cannot fail.
@@ -97,17 +95,18 @@ class FailingCalls:
         for task, name, event, _ in call.findall(self._installation.read("strace.out")):
             thread, kind = thread_of(int(task)), kind_of[name]
             calls[task, kind] += 1
-            if not event and calls[task, kind] <= MOST_OF.get(thread, MOST):
-                points.update(Point(thread, kind, error, calls[task, kind]) for error in KINDS[kind])
+            number = calls[task, kind]
+            most = MOST_OF_MAIN if int(task) == self._guardian.pid else MOST
+            if not event and number <= most:
+                points.update(Point(thread, kind, error, number) for error in KINDS[kind])
         return sorted(points)
 
-    # Traced from main on, if there is a rule. Returns whether it runs; otherwise it has said why not.
-    def start(self, rule="", follow=True):
+    # Traced from main on, if there is a rule. Returns whether it runs; else it has said why not.
+    def start(self, rule=""):
         self._installation.launch_guardian()
         self._guardian = psutil.Process(self._installation.guardian.pid)
         await_that("main", lambda: self._guardian.status() == psutil.STATUS_STOPPED, 10)
-        began = [self._guardian.pid]
-        with self._traced(began, rule, follow) if rule else contextlib.nullcontext():
+        with self._traced([self._guardian.pid], rule) if rule else contextlib.nullcontext():
             self._guardian.send_signal(signal.SIGCONT)
             # A call has failed: the tracer would let the next child's fail as well.
             await_that("the start", lambda: rule and self._has_failed() or self._is_settled(), 60)
@@ -124,16 +123,15 @@ class FailingCalls:
         self._guardian.terminate()
         status = self._installation.guardian.wait(10)
         require(status == 0, f"exit status {status}")
-        with socket.socket() as probe:
-            require(probe.connect_ex(("127.0.0.1", PORT)) != 0, "the port is taken")
         await_that("no child is left", lambda: not self._left_over(), 5)
         # A report of a start that failed early stays there.
-        left = set(os.listdir(self._installation.path("tmp"))) - {"VellumarkGuardian_Exceptions.log"}
+        left = set(os.listdir(self._installation.path("tmp")))
+        left.discard("VellumarkGuardian_Exceptions.log")
         require(not left, f"left in the temporary folder: {left}")
         for name in glob.glob(self._installation.path("home/logs/*.cfg")):
             with contextlib.closing(sqlite3.connect(name)) as store:
-                require(store.execute("PRAGMA integrity_check").fetchone() == ("ok",), "damaged store")
-                require(store.execute("SELECT count(*) FROM DATA WHERE NAME='Record'").fetchone()[0],
+                require(store.execute("PRAGMA integrity_check").fetchone() == ("ok",), "damage")
+                require(store.execute("SELECT * FROM DATA WHERE NAME='Record'").fetchone(),
                         "the history is lost")
 
     # Each way to try a point returns whether the call was made, and so failed.
@@ -147,12 +145,10 @@ class FailingCalls:
     def try_start(self, point):
         if not self.has_ended():
             self.end()
-        runs = self.start(self._injection(point), point.thread == OTHERS)
-        failed = self._has_failed()
-        if runs:
+        if self.start(self._injection(point)):
             # The HTTP server takes a pipe where it gets no event descriptor.
             self._require_normal(spare="eventfd2" in point.kind)
-        return failed
+        return self._has_failed()
 
     def try_end(self, point):
         if self.has_ended():
@@ -178,19 +174,15 @@ class FailingCalls:
         self._ask_all()
         self._installation.require_daemon(self._pid)
         descriptors, *others = self._usage
-
-        def is_as_before():
-            now, *others_now = self._usage_now()
-            return others_now == others and 0 <= now - descriptors <= spare
+        usages = [(descriptors + more, *others) for more in range(spare + 1)]
         await_that(f"descriptors, threads and children are {self._usage}, now {self._usage_now()}",
-                   is_as_before, 10)
+                   lambda: self._usage_now() in usages, 10)
 
     @contextlib.contextmanager
-    def _traced(self, threads, rule, follow=True):
+    def _traced(self, threads, rule=NO_INJECTION, follow=True):
         open(self._log, "wb").close()
-        command = ["strace", "-qq", "-o", self._log, "-e", rule, "-e", "signal=none"]
-        if follow:
-            command.append("-f")
+        command = ["strace", "-qq", "-o", self._log, "-e", f"trace={','.join(KINDS)}", "-e", rule,
+                   "-e", "signal=none", *(["-f"] if follow else [])]
         for each in threads:
             command += ["-p", str(each)]
         tracer = subprocess.Popen(command, stderr=subprocess.DEVNULL)
@@ -259,7 +251,7 @@ class FailingCalls:
 
     @staticmethod
     def _ask_all():
-        for page in MUST_ANSWER:
+        for page in ASKED[:-1]:  # The last one has another status when not all is well.
             require(fetch(page, 3), f"page /{page} is empty")
 
     # The second time it must answer.
@@ -289,8 +281,7 @@ def main(bin_folder, seconds, seed):
             for points in phases:
                 random.Random(int(seed)).shuffle(points)
             counts = dict(zip(("rounds", "start", "end"), map(len, phases)))
-            open("/tmp/proof_points","w").write("\n".join(map(str,sum(phases,[]))))
-            print(f"failing-calls: seed {seed}, {sum(counts.values())} points, {counts}, in {folder}")
+            print(f"failing-calls: seed {seed}, {counts} points, in {folder}")
             began = time.monotonic()
             for done, attempt in enumerate((run.try_round, run.try_start, run.try_end), 1):
                 for point in phases[done - 1]:

@@ -99,6 +99,7 @@ void TGuardianService::StartTimer() {
 
 void TGuardianService::Stop() {
   assert(IsMainThread());
+  FWatches = false;
   FActivityLog.AddInfoEntry(1, 17, "Guardian Service Stopped");
   try {
     FTimer.Stop();

@@ -194,6 +194,26 @@ TEST_F(FailingAllocationsTest, AStoreWriteAndARepair) {
   FailEach(31, writeToGarbage, check);
 }
 
+TEST_F(FailingAllocationsTest, AStartThatIsTriedAgain) {
+  std::optional<TGuardianService> service;
+  const auto make = [&] {
+    service.emplace(FFakes.Make([](auto&, int) { return TShellOutcome{}; }));
+  };
+  const auto start = [&] {
+    make();
+    service->Start();
+  };
+  FailEach(1, start, [&] {
+    if (!service) make();
+    service->StartTimer();
+    EXPECT_TRUE(Eventually([&] {
+      FFakes.Clock.Advance(std::chrono::seconds(1));
+      return service->Reading().Rounds > 0;
+    }));
+    service.reset();
+  });
+}
+
 // What could not start starts later, unless nothing could: then the status says so.
 TEST_F(GuardianMainTest, RunsOrFailsAndEnds) {
   const auto live = [] {
