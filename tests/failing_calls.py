@@ -3,9 +3,9 @@
 #
 # First a census: which calls each thread makes from main on, within some rounds in which all pages
 # are asked for, and at the end. Then each of these calls fails once, with each error that its kind
-# really returns. After a failure in a round the Guardian must be what it was before. After one in its
-# start it is so too, or has ended with a line that says why; after one in its end it leaves nothing
-# behind.
+# really returns. After a failure in a round the Guardian must be what it was before. After one in
+# its start it is so too, or has ended with a line that says why; after one in its end it leaves
+# nothing behind.
 
 import collections
 import contextlib
@@ -34,13 +34,13 @@ FACTOR = 10
 CENSUS_ROUNDS = 16
 MOST = 6  # Calls of a kind in a thread; later ones repeat what the first ones did.
 MOST_OF_MAIN = 24
-NO_INJECTION = "status=all"
 TIMER, STARTED = "GuardianTimer", "started by GuardianTimer"
 ASKED = (*PAGES, "overview.html", "hold.html?minutes=1", "release.html", "healthz")
 KINDS = {
     "open,openat": ("EMFILE", "EACCES"),
     "read,pread64,readv": ("EIO", "EINTR"),
-    "write,pwrite64,writev": ("ENOSPC", "EAGAIN"),
+    "pwrite64,writev": ("ENOSPC", "EIO"),
+    "write": ("ENOSPC", "EAGAIN"),  # To standard output: one to an event descriptor cannot fail.
     "recvfrom,recvmsg": ("ENOMEM", "EINTR"),
     "sendto,sendmsg": ("ENOMEM", "EAGAIN"),
     "connect": ("EAGAIN", "EACCES"),
@@ -83,33 +83,34 @@ class FailingCalls:
         with self._traced(threads := self._threads()):
             self.end()
         ends = self._points(lambda task: threads.get(task, STARTED))
-        self.start(NO_INJECTION)
+        self.start([])
         starts = self._points(lambda task: "the start")
         return rounds, starts, ends
 
-    # A write to an event descriptor, of eight bytes, cannot fail.
     def _points(self, thread_of):
         calls, points = collections.Counter(), set()
         kind_of = {name: kind for kind in KINDS for name in kind.split(",")}
-        call = re.compile(r"^(\d+) +(\w+)\((\d+, \"\\1(\\0){7}\", 8\))?", re.M)
-        for task, name, event, _ in call.findall(self._installation.read("strace.out")):
-            thread, kind = thread_of(int(task)), kind_of[name]
+        call = re.compile(r"^(\d+) +(?:(write)\(1,|(?!write\()(\w+)\()", re.M)
+        for task, write, other in call.findall(self._installation.read("strace.out")):
+            thread, kind = thread_of(int(task)), kind_of[write or other]
             calls[task, kind] += 1
             number = calls[task, kind]
             most = MOST_OF_MAIN if int(task) == self._guardian.pid else MOST
-            if not event and number <= most:
+            if number <= most:
                 points.update(Point(thread, kind, error, number) for error in KINDS[kind])
         return sorted(points)
 
-    # Traced from main on, if there is a rule. Returns whether it runs; else it has said why not.
-    def start(self, rule=""):
+    # Traced from main on, if there are options. Returns whether it runs; else it has said why not.
+    def start(self, options=None):
         self._installation.launch_guardian()
         self._guardian = psutil.Process(self._installation.guardian.pid)
         await_that("main", lambda: self._guardian.status() == psutil.STATUS_STOPPED, 10)
-        with self._traced([self._guardian.pid], rule) if rule else contextlib.nullcontext():
+        task, is_traced = self._guardian.pid, options is not None
+        with self._traced([task], options) if is_traced else contextlib.nullcontext():
             self._guardian.send_signal(signal.SIGCONT)
             # A call has failed: the tracer would let the next child's fail as well.
-            await_that("the start", lambda: rule and self._has_failed() or self._is_settled(), 60)
+            await_that("the start",
+                       lambda: is_traced and self._has_failed() or self._is_settled(), 60)
         await_that("it is well or has ended", self._is_settled, 60)
         if self.has_ended():
             said = self._installation.read("guardian.out")
@@ -163,9 +164,9 @@ class FailingCalls:
             act()
         return self._has_failed()
 
-    @staticmethod
-    def _injection(point):
-        return f"inject={point.kind}:error={point.error}:when={point.number}"
+    def _injection(self, point):
+        paths = ["-P", self._installation.path("guardian.out")] if point.kind == "write" else []
+        return ["-e", f"inject={point.kind}:error={point.error}:when={point.number}", *paths]
 
     def _require_normal(self, spare=0):
         self._installation.require_guardian()
@@ -179,9 +180,9 @@ class FailingCalls:
                    lambda: self._usage_now() in usages, 10)
 
     @contextlib.contextmanager
-    def _traced(self, threads, rule=NO_INJECTION, follow=True):
+    def _traced(self, threads, options=(), follow=True):
         open(self._log, "wb").close()
-        command = ["strace", "-qq", "-o", self._log, "-e", f"trace={','.join(KINDS)}", "-e", rule,
+        command = ["strace", "-qq", "-o", self._log, "-e", f"trace={','.join(KINDS)}", *options,
                    "-e", "signal=none", *(["-f"] if follow else [])]
         for each in threads:
             command += ["-p", str(each)]
