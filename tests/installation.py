@@ -121,7 +121,7 @@ class Installation:
         try:
             with open(self.path(name), encoding="utf-8", errors="replace") as file:
                 return file.read()
-        except FileNotFoundError:
+        except (FileNotFoundError, ProcessLookupError):
             return ""
 
     # In the foreground, until it answers. Its output goes into the file guardian.out, unless

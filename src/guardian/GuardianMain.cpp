@@ -92,6 +92,8 @@ std::string_view WhatStandsStill(const TGuardianService& service) {
 }
 
 void RunGuardian(TServiceManager& manager, TClock& clock) {
+  // What could not start, as for want of a descriptor, is tried again so often.
+  constexpr std::int64_t kRetryMs = 10'000;
   BindMainThread();
   const TAtEnd closeQueue([] { CloseMainThreadQueue(); });
   TKZCustomApplication application;
@@ -117,15 +119,24 @@ void RunGuardian(TServiceManager& manager, TClock& clock) {
   });
   // Behind the server, which need not wait for what it reads.
   const THistoryStore historyStore(service.History(), &OpenGuardianStore, clock);
-  const auto report = [&] {
+  // Also when something below throws: a page must not outlive the service.
+  const TAtEnd freeServer([] {
+    KZCP::Checkpoint("WebStatSrv.fini");
+    FreeWebStatusServer();
+    KZCP::Checkpoint("WebStatSrv.finidone");
+  });
+  std::int64_t retryTick = clock.TickCount() + kRetryMs;
+  const auto round = [&] {
+    if (clock.TickCount() >= retryTick) {
+      retryTick = clock.TickCount() + kRetryMs;
+      service.StartTimer();
+      RetryWebStatusServer();
+    }
     if (manager.IsDue()) manager.Report(*service.StatusLine(), WhatStandsStill(service));
   };
-  application.Run(report, manager.Interval());
+  application.Run(round, manager.Interval());
   manager.ReportEnd();
   service.Stop();
-  KZCP::Checkpoint("WebStatSrv.fini");
-  FreeWebStatusServer();
-  KZCP::Checkpoint("WebStatSrv.finidone");
 }
 
 // Whether something listens on the Guardian's port, be it a Guardian that hangs.
@@ -201,18 +212,24 @@ int GuardianMain(TClock& clock) {
     const bool running = QueryGuardian("status.php", TQueryOutput::AnswerOrFailure);
     return running ? kExitOk : kExitNotRunning;
   }
-  ReadDebugMode();
-  TServiceManager manager;
-  if (word == "start") {
-    if (QueryGuardian("status.php", TQueryOutput::AnswerOnly)) {
-      PrintLine("Guardian Service already running.");
-      return kExitOk;
+  try {
+    ReadDebugMode();
+    TServiceManager manager;
+    if (word == "start") {
+      if (QueryGuardian("status.php", TQueryOutput::AnswerOnly)) {
+        PrintLine("Guardian Service already running.");
+        return kExitOk;
+      }
+      PrintLine("Launching Guardian Service as Daemon.");
+      BecomeDaemon();
     }
-    PrintLine("Launching Guardian Service as Daemon.");
-    BecomeDaemon();
+    RunGuardian(manager, clock);
+    return kExitOk;
+  } catch (...) {
+    PrintLine("The Guardian cannot run: " + CurrentExceptionMessage());
+    WriteExceptionReport(std::current_exception(), "GuardianMain");
+    return kExitFailed;
   }
-  RunGuardian(manager, clock);
-  return kExitOk;
 }
 
 bool QueryGuardian(const std::string& page, TQueryOutput output) {

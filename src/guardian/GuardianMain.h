@@ -19,7 +19,8 @@ inline constexpr int kExitNotRunning = 3;
 //
 // "status" is kExitNotRunning when no Guardian answers. "stop" is kExitOk when nobody answers, or
 // when a Guardian says that it stops and has ended, for which it waits up to 30 seconds; otherwise,
-// as after any other answer, it is kExitFailed. All else is kExitOk.
+// as after any other answer, it is kExitFailed. A Guardian that cannot run says why in one line and
+// is kExitFailed. All else is kExitOk.
 [[nodiscard]] int GuardianMain(TClock& clock = SystemClock());
 
 enum class TQueryOutput { AnswerOnly, AnswerOrFailure };

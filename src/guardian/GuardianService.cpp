@@ -70,31 +70,36 @@ TGuardianService::~TGuardianService() = default;
 
 void TGuardianService::Start() {
   assert(IsMainThread());
-  const auto logException = [this] {
-    AddToLog("Exception starting guardian: " + HtmlEscape(CurrentExceptionMessage()));
-  };
   PrintLine("Vellumark Guardian (Silent Mode)");
   // Has a guard of its own, so that a daemon that cannot be asked is watched all the same.
   try {
     RequestDaemonPaths();
   } catch (...) {
-    logException();
+    AddToLog("Exception starting guardian: " + HtmlEscape(CurrentExceptionMessage()));
   }
+  StartTimer();
+}
+
+void TGuardianService::StartTimer() {
+  assert(IsMainThread());
+  if (FWatches) return;
   try {
     FWatchdog.LastPulseAt = FSurroundings.Clock->SteadyNow();
     FStartedAt = FWatchdog.LastPulseAt;
     FTickThread.Detach();
     FTimer.SetInterval(kTickInterval);
     FTimer.SetEnabled(true);
+    FWatches = true;
     AddToLog("Guardian started, v1.50");
     FActivityLog.AddInfoEntry(1, 16, "Guardian Service Started");
   } catch (...) {
-    logException();
+    AddToLog("Exception starting guardian: " + HtmlEscape(CurrentExceptionMessage()));
   }
 }
 
 void TGuardianService::Stop() {
   assert(IsMainThread());
+  FWatches = false;
   FActivityLog.AddInfoEntry(1, 17, "Guardian Service Stopped");
   try {
     FTimer.Stop();

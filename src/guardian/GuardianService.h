@@ -62,11 +62,11 @@ class TService {};
 // The watchdog: keeps the daemon alive on a timer of 10 seconds.
 //
 // Owner: the entry; one a process.
-// Threads: the main thread calls Start, Stop, Pause and Continue. The tick, and all shell commands
-// after Start, run on the timer's thread, which owns the fields that are marked so. The HTTP
-// threads call Status and the requests, any thread AddToLog; these take no lock that a tick holds
-// while it works. Lifetime: outlives the web status server that was given it. Stop waits for a
-// running tick, so the owner ends a shell command that is under way first.
+// Threads: the main thread calls Start, StartTimer, Stop, Pause and Continue. The tick, and all
+// shell commands after Start, run on the timer's thread, which owns the fields that are marked so.
+// The HTTP threads call Status and the requests, any thread AddToLog; these take no lock that a
+// tick holds while it works. Lifetime: outlives the web status server that was given it. Stop waits
+// for a running tick, so the owner ends a shell command that is under way first.
 class TGuardianService final : public TService, public TGuardianControl {
  public:
   explicit TGuardianService(TGuardianSurroundings surroundings);
@@ -75,6 +75,8 @@ class TGuardianService final : public TService, public TGuardianControl {
   // Asks the daemon for its directories, for at most 600 seconds, and starts the timer. A failure
   // is a line in the log.
   void Start();
+  // Starts the timer when Start could not.
+  void StartTimer();
   void Stop();
 
   void Pause();
@@ -169,6 +171,8 @@ class TGuardianService final : public TService, public TGuardianControl {
   std::atomic<bool> FStopRequested = false;
   std::atomic<bool> FTerminateRequested = false;
   std::atomic<bool> FKillRequested = false;
+
+  bool FWatches = false;  // The timer has been started. Main thread only.
 
   // The last field: its thread uses all the others.
   TKZTimer FTimer;

@@ -25,10 +25,8 @@ class TServiceManager {
   // The start goes on, for at most eleven minutes from now.
   void ExtendStart() const;
 
-  // The time from one report to the next; without a service manager nobody waits for one.
-  [[nodiscard]] std::chrono::milliseconds Interval() const noexcept {
-    return FSocket.empty() ? std::chrono::hours(1) : FInterval;
-  }
+  // The time from one report to the next.
+  [[nodiscard]] std::chrono::milliseconds Interval() const noexcept { return FInterval; }
 
   // Whether the interval is over; always before the first report, never without a service manager.
   [[nodiscard]] bool IsDue() const;

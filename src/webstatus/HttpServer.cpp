@@ -57,6 +57,7 @@ class THttpRun {
   void Listen(const asio::ip::address& address, bool both);
   void ListenOnAll();
   void Accept(TListener& listener);
+  void AcceptNow(TListener& listener);
   void AcceptAfterFailure(TListener& listener, const TErrorCode& error);
   void Welcome(TListener& listener, tcp::socket socket);
   void WelcomeLater(TListener& listener, tcp::socket socket);
@@ -117,6 +118,7 @@ void THttpRun::Listen(const asio::ip::address& address, bool both) {
   if (address.is_v6()) acceptor.set_option(asio::ip::v6_only(!both));
   acceptor.bind(tcp::endpoint(address, FPort));
   acceptor.listen();
+  acceptor.non_blocking(true);  // Who is announced may have gone.
   FPort = acceptor.local_endpoint().port();
   FListeners.push_back(std::move(listener));
 }
@@ -148,14 +150,28 @@ bool THttpRun::GoesOn() {
 
 void THttpRun::Accept(TListener& listener) {
   FThreads.Persist([&] {
-    listener.Acceptor.async_accept([this, &listener](const TErrorCode& error, tcp::socket socket) {
-      if (FStopping) return;
-      if (error) return AcceptAfterFailure(listener, error);
-      listener.Failing = false;
-      ::fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);
-      Welcome(listener, std::move(socket));
+    listener.Acceptor.async_wait(tcp::acceptor::wait_read, [this, &listener](const TErrorCode&) {
+      if (!FStopping) AcceptNow(listener);
     });
   });
+}
+
+// The library's own accept in the background would be gone for good when its memory fails.
+void THttpRun::AcceptNow(TListener& listener) {
+  try {
+    tcp::socket socket(FThreads.Context());
+    TErrorCode error;
+    listener.Acceptor.accept(socket, error);
+    if (error && error != asio::error::would_block) return AcceptAfterFailure(listener, error);
+    if (!error) {
+      listener.Failing = false;
+      ::fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);
+      return Welcome(listener, std::move(socket));
+    }
+  } catch (...) {
+    FOptions.Report(std::current_exception());
+  }
+  Accept(listener);
 }
 
 // A lasting failure, such as no descriptor left, is told once.

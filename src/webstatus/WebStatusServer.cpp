@@ -86,17 +86,22 @@ TWebStatusServer::~TWebStatusServer() {
 }
 
 void TWebStatusServer::StartServer() {
+  if (const std::string problem = TryToStart(); !problem.empty()) {
+    PrintLine("Web Status Server Cannot Start: " + problem);
+  }
+}
+
+std::string TWebStatusServer::TryToStart() {
   assert(IsMainThread());
   for (std::uint16_t port = kFirstPort;; --port) {
     try {
       FHttpServer.Activate(port);
       PrintLine("Web Status Server Active on Port " + std::to_string(port));
-      return;
+      return {};
     } catch (const std::exception& error) {
-      const std::string message = error.what();
+      std::string message = error.what();
       if (message.find("in use") != std::string::npos && port > kLastPort) continue;
-      PrintLine("Web Status Server Cannot Start: " + message);
-      return;
+      return message;
     }
   }
 }
@@ -129,6 +134,11 @@ void StartWebStatusServer(TWebStatusOptions options) {
   if (Instance()) return;
   Instance() = std::make_unique<TWebStatusServer>(std::move(options));
   Instance()->StartServer();
+}
+
+void RetryWebStatusServer() {
+  assert(IsMainThread());
+  if (Instance() && Instance()->Port() == 0) static_cast<void>(Instance()->TryToStart());
 }
 
 bool WebStatusServerGoesOn() {

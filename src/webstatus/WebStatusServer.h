@@ -22,7 +22,8 @@ struct TWebStatusOptions {
 
 // The status and control pages over HTTP.
 // Owner: StartWebStatusServer makes it and FreeWebStatusServer frees it; a test may make its own.
-// Threads: the main thread calls the constructor, StartServer, StopServer and the destructor.
+// Threads: the main thread calls the constructor, StartServer, TryToStart, StopServer and the
+// destructor.
 // Requests run on the HTTP server's threads.
 // Lifetime: the destructor joins the HTTP server's threads and the timer's.
 class TWebStatusServer {
@@ -35,6 +36,8 @@ class TWebStatusServer {
   // Listens on the first free port from 8900 down to 8000. On failure it prints a line and the
   // server stays inactive.
   void StartServer();
+  // The same, but for the line: returns the reason of the failure, empty for none.
+  std::string TryToStart();
 
   // Frees the port. Waits at most half a second for answers that are being sent. Returns false when
   // a page that reads files stands still: this object must then live as long as the process.
@@ -71,6 +74,9 @@ class TWebStatusServer {
 
 // Makes and starts the server of this process, unless it exists. Main thread.
 void StartWebStatusServer(TWebStatusOptions options);
+
+// Starts that server if it could not start before; says nothing of another failure. Main thread.
+void RetryWebStatusServer();
 
 // Stops and frees that server, if it exists. Main thread.
 void FreeWebStatusServer();

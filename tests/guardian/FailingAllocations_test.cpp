@@ -3,9 +3,11 @@
 
 #include <gmock/gmock.h>
 
+#include "common/AtEnd.h"
 #include "common/DiagnosticMessage.h"
 #include "config/KZSqlIniFiles.h"
 #include "diagnostics/exception_report.h"
+#include "guardian/DaemonLookups.h"
 #include "guardian/FakeSurroundings.h"
 #include "guardian/GuardianMain.h"
 #include "guardian/Units.h"
@@ -36,12 +38,9 @@ auto CountThreads() {
 // for every so many unless FAILING_ALLOCATIONS is "all". What is done then may
 // fail, but not end the process, wait for ever or leave anything behind, and it
 // works the next time.
-class FailingAllocationsTest : public testing::Test {
+class GuardianMainTest : public testing::Test {
  protected:
-  ~FailingAllocationsTest() override {
-    std::cout << FTried << " failing allocations tried\n";
-    FService.Stop();
-  }
+  ~GuardianMainTest() override { std::cout << FTried << " failing allocations tried\n"; }
 
   void FailEach(int every, const std::function<void()>& act, const std::function<void()>& check) {
     const char* wanted = std::getenv("FAILING_ALLOCATIONS");
@@ -68,10 +67,18 @@ class FailingAllocationsTest : public testing::Test {
     }
   }
 
-  const std::exception_ptr FError = std::make_exception_ptr(KZException("on purpose"));
+  const std::exception_ptr FError =
+      std::make_exception_ptr(KZException("on purpose, and too long for a text without memory"));
   const TSettingsBackup FSettings{};
   const TTempFolder FFolder;
   const bool FSet = (Settings().LogDirectory.Set(FFolder.Path()), true);
+  int FTried = 0;
+};
+
+class FailingAllocationsTest : public GuardianMainTest {
+ protected:
+  ~FailingAllocationsTest() override { FService.Stop(); }
+
   TKZCustomApplication FApplication;
   TUnits FUnits;
   TFakeSurroundings FFakes;
@@ -80,7 +87,6 @@ class FailingAllocationsTest : public testing::Test {
     FRun.push_back(command);
     return TShellOutcome{"root 42 VellumarkCL\n", {}};
   })};
-  int FTried = 0;
 };
 
 TEST_F(FailingAllocationsTest, ARound) {
@@ -97,6 +103,10 @@ TEST_F(FailingAllocationsTest, ARound) {
     tick();
     EXPECT_THAT(FRun, testing::ElementsAre(testing::StartsWith("ps -ef ")));
   });
+  // However many lines it has, an answer of the daemon takes no memory.
+  allocationsUntilFailure = 1;
+  EXPECT_NO_THROW((void)ParseDaemonPaths("\n\n"));
+  allocationsUntilFailure = 0;
 }
 
 TEST_F(FailingAllocationsTest, EachPage) {
@@ -153,9 +163,12 @@ TEST_F(FailingAllocationsTest, AnExceptionReport) {
       });
   // A message for which there is no memory begins all the same.
   testing::internal::CaptureStderr();
-  allocationsUntilFailure = 1;
-  EXPECT_FALSE(Guarded("where", SystemClock(), [&] { std::rethrow_exception(FError); }));
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "where\n");
+  for (int number = 1; number <= 3; ++number) {
+    allocationsUntilFailure = number;
+    EXPECT_FALSE(Guarded("where", SystemClock(), [&] { std::rethrow_exception(FError); }));
+    allocationsUntilFailure = 0;
+  }
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::StartsWith("where"));
 }
 
 TEST_F(FailingAllocationsTest, AStoreWriteAndARepair) {
@@ -181,21 +194,51 @@ TEST_F(FailingAllocationsTest, AStoreWriteAndARepair) {
   FailEach(31, writeToGarbage, check);
 }
 
-TEST_F(FailingAllocationsTest, StartAndStop) {
-  const auto live = [&] {
-    FService.Start();
-    TWebStatusServer server({.Guardian = &FService, .TerminateGuardian = [] {}, .Shell = {}});
-    server.StartServer();
-    EXPECT_TRUE(HasFailed() || server.Port() > 0);
-    EXPECT_TRUE(server.StopServer());
-    FService.Stop();
+TEST_F(FailingAllocationsTest, AStartThatIsTriedAgain) {
+  std::optional<TGuardianService> service;
+  const auto make = [&] {
+    service.emplace(FFakes.Make([](auto&, int) { return TShellOutcome{}; }));
   };
-  FailEach(7, live, live);
+  const auto start = [&] {
+    make();
+    service->Start();
+  };
+  FailEach(1, start, [&] {
+    if (!service) make();
+    service->StartTimer();
+    EXPECT_TRUE(Eventually([&] {
+      FFakes.Clock.Advance(std::chrono::seconds(1));
+      return service->Reading().Rounds > 0;
+    }));
+    service.reset();
+  });
+}
+
+// What could not start starts later, unless nothing could: then the status says so.
+TEST_F(GuardianMainTest, RunsOrFailsAndEnds) {
+  const auto live = [] {
+    TFakeClock clock;
+    std::atomic<bool> ended = false;
+    const TCrew ending(1, [&](int) {
+      while (!ended) {
+        (void)ThrownMessage([] {
+          (void)HttpGet("localhost:8900/terminateguardian.php", std::chrono::seconds(30));
+        });
+        if (HasFailed()) clock.Advance(std::chrono::seconds(10));
+        SystemClock().Sleep(std::chrono::milliseconds(20));
+      }
+    });
+    const TAtEnd end([&] { ended = true; });
+    return GuardianMain(clock);
+  };
+  FailEach(
+      11, [&] { EXPECT_TRUE(live() == kExitOk || HasFailed()); },
+      [&] { EXPECT_EQ(live(), kExitOk); });
 }
 
 // With an empty TMPDIR, a setting that it does not know, a daemon that is not there, and a report
 // before that one's folders are known. A page that outlived the service would end the process.
-TEST(GuardianMainTest, RunsInOddSurroundingsAndLeavesNoPageAndNoFileBehind) {
+TEST(GuardianMainSurroundingsTest, RunsInOddSurroundingsAndLeavesNoPageAndNoFileBehind) {
   const TSettingsBackup settings;
   const TTempFolder folder;
   ::setenv("TMPDIR", "", 1);
