@@ -76,15 +76,6 @@ class Browser:
                 f"errors in the console, expected {expected}: {errors}")
 
 
-def check_pages(browser):
-    for page, part in (("", f"{TITLE}\n"), ("logfiles.php", "Log Files in Reverse Order"),
-                       ("threadreport.php", "Number of threads: "), ("nosuchpage.php", TITLE),
-                       ("status.php", f"Guardian running and accessible via port {PORT}."),
-                       ("status.json", '"version"')):
-        require(part in browser.open(page), f"page /{page} shows {browser.text()[:200]!r}")
-    browser.require_clean()
-
-
 def check_content_policy(browser):
     browser.open()
     browser.driver.execute_script(INTRUDER)
@@ -202,7 +193,6 @@ def check(bin_folder, screenshot, axe, folder):
         require(browser.driver.save_screenshot(screenshot), f"cannot be written: {screenshot}")
         pid = installation.daemon_pid()
         check_links_of_other_sites(browser)
-        check_pages(browser)
         check_content_policy(browser)
         check_overview(browser, installation, pid)
         check_accessibility(browser, axe)

@@ -54,6 +54,7 @@ TEST(ConsoleTest, NeverWaitsForAReaderOfStandardError) {
     int whole = 0;
     while (whole < 10'000 && DebugOutput(std::string(9'999, 'x'))) ++whole;
     EXPECT_THAT(whole, testing::AllOf(testing::Gt(0), testing::Lt(10'000)));
+    EXPECT_FALSE(!isSocket && DebugOutput("while it is full"));
     EXPECT_EQ(::fcntl(STDERR_FILENO, F_GETFL) & O_NONBLOCK, 0) << "other programs share it";
     std::string text;
     EXPECT_EQ(ReadToEnd(reading.Get(), 100'000'000, text), EAGAIN);
@@ -83,6 +84,7 @@ TEST(DiagnosticMessageTest, IsWrittenOnceToTheFirstPlaceWhereSomebodySeesIt) {
     write("of the writer");
     throw KZException("no system log either");
   });
+  std::ignore = TErrorLogInFolder();
   testing::internal::CaptureStderr();
   write("no log");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "Test Exception: no log\n");

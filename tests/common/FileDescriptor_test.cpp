@@ -1,6 +1,7 @@
 #include "common/FileDescriptor.h"
 
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -78,6 +79,7 @@ TEST(TextFileTest, OpensRegularFilesOnlyAndEndsWhatAFullDiskCuts) {
   ::getrlimit(RLIMIT_FSIZE, &before);
   for (const TTextFileOpening opening : {AppendOrCreate, Truncate}) {
     const TFileDescriptor file = OpenTextFile(folder.Path("log"), opening);
+    EXPECT_EQ(::fcntl(file.Get(), F_GETFD), FD_CLOEXEC);
     const rlimit tenBytes{.rlim_cur = 10, .rlim_max = before.rlim_max};
     ::setrlimit(RLIMIT_FSIZE, &tenBytes);
     EXPECT_EQ(WriteTextLine(file, "one"), 0);
@@ -90,8 +92,13 @@ TEST(TextFileTest, OpensRegularFilesOnlyAndEndsWhatAFullDiskCuts) {
 }
 
 TEST(FileHandleTest, ClosesAFileOnce) {
-  const TFileHandle handle = AddFileObject(Opened("/dev/null", O_RDONLY));
+  const TTempFolder folder;
+  const TFileHandle handle = AddFileObject(Opened(folder.Path("lock"), O_RDONLY | O_CREAT));
+  const auto borrowed = BorrowFileObject(handle);
+  ASSERT_EQ(::flock(borrowed->Get(), LOCK_EX), 0);
   CloseHandle(handle);
+  EXPECT_EQ(::flock(Opened(folder.Path("lock"), O_RDONLY).Get(), LOCK_EX | LOCK_NB), 0)
+      << "the borrower keeps the file, but not its lock";
   EXPECT_EQ(ThrownMessage([&] { CloseHandle(handle); }), "Invalid handle passed to CloseHandle");
 }
 

@@ -229,6 +229,8 @@ TEST(MainThreadTest, EndsItsWaitForAWakeUpThatCameBeforeOrComesMeanwhile) {
   while (CheckSynchronize(milliseconds(0))) continue;
   WakeMainThread();
   EXPECT_FALSE(CheckSynchronize(std::chrono::hours(1)));
+  const std::int64_t end = SystemTickCount() + 20;
+  EXPECT_TRUE(!CheckSynchronize(milliseconds(21)) && SystemTickCount() >= end) << "one ends one";
   const TCrew waker(1, [](int) { WakeMainThread(); });
   EXPECT_FALSE(CheckSynchronize(std::chrono::hours(1)));
 }

@@ -5,6 +5,7 @@
 
 #include "diagnostics/Diagnostics.h"
 #include "diagnostics/KZCriticalSection.h"
+#include "diagnostics/checkpoints/CheckpointProfile.h"
 #include "diagnostics/checkpoints/CheckpointRecord.h"
 #include "diagnostics/checkpoints/ThreadReport.h"
 
@@ -30,7 +31,8 @@ TEST_F(KZCheckpointsTest, ReportsEveryThreadAndTheLockItWaitsFor) {
   const std::string mainId = std::to_string(CurrentThreadId());
   KZCP::Checkpoint("at work");
   TKZCriticalSection store("Store");
-  std::optional<TKZLockGuard> held(std::in_place, store);
+  const TKZLockGuard once(store);
+  const TKZLockGuard twice(store);
   std::atomic<std::int32_t> waiterId = 0;
   TCrew waiter(1, [&](int) {
     waiterId = CurrentThreadId();
@@ -48,7 +50,7 @@ TEST_F(KZCheckpointsTest, ReportsEveryThreadAndTheLockItWaitsFor) {
                                 mainId + "\n"));
   EXPECT_EQ(KZCP::CurrentCP(waiterId), "before the lock");
   EXPECT_GT(KZCP::CPTime(waiterId).CPTime, 0);
-  held.reset();
+  KZCP::ReleaseRogueLocks();
   waiter.Join();
   EXPECT_EQ(KZCP::CurrentCP(waiterId), "N/A");
   EXPECT_EQ(KZCP::CPTime(waiterId).CPTime, 0);
@@ -169,6 +171,22 @@ TEST_F(KZCheckpointsTest, SurvivesReportsWhileThreadsComeAndGo) {
   churn.Join();
   EXPECT_THAT(Report(), HasSubstr("Number of threads: 0\n"));
   EXPECT_EQ(KZCP::ReportingThreadId(), 0);
+}
+
+TEST(CheckpointProfileTest, CountsTimesBelowTwentyMinutesAndShowsThoseAboveASecondOnce) {
+  const std::pair<std::int64_t, std::optional<std::int64_t>> cases[] = {
+      {0, {}}, {1, 1}, {1'199'999, 1'199'999}, {1'200'000, {}}};
+  for (const auto& [ticks, counted] : cases) {
+    EXPECT_EQ(TCheckpointProfile::CountedTicks(5, 5 + ticks), counted);
+    EXPECT_FALSE(TCheckpointProfile::CountedTicks(0, ticks)) << "before the first checkpoint";
+  }
+  TCheckpointProfile profile;
+  for (const int ticks : {400, 605}) profile.Account(7, "above", ticks);
+  profile.Account(7, "not above", 1'000);
+  std::vector<std::string> lines;
+  for (int i = 0; i < 2; ++i) profile.WriteResults([&](auto line) { lines.emplace_back(line); });
+  EXPECT_THAT(lines, SizeIs(5)) << "two are the heading";
+  EXPECT_EQ(lines[2], std::string(23, ' ') + "7:above         1.00s (2 invocations)");
 }
 
 TEST(ThreadListReportTest, ShowsHistoriesFromTheNewestWithTheTimeBeforeEach) {

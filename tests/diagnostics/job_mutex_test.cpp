@@ -149,11 +149,12 @@ TEST_F(TJobMutexTest, ReportsASilentThreadTenTimesWithTwoMinutesBetween) {
 }
 
 TEST_F(TJobMutexTest, ItsOwnerIsToldOnceAndMayFail) {
-  Register("P", [](TFileHandle) { throw std::runtime_error("callback failed"); });
+  int told = 0;
+  Register("P", [&](TFileHandle) { throw std::runtime_error(std::to_string(++told) + " failed"); });
   Pass(FreeInactiveMutexes, 4);
   Pass(ReportInactivity, 2);
   EXPECT_THAT(FReasons, ElementsAre("Job Mutex freed for profile P, thread no longer exists\n"));
-  EXPECT_EQ(CountOf(FErrorLog.Text(), "callback failed"), 1);
+  EXPECT_EQ(CountOf(FErrorLog.Text(), " failed\n"), 1);
   FLog.clear();
   Pass(FreeInactiveMutexes, 2);
   EXPECT_THAT(FLog, ElementsAre("Mutex Guardian Reporting Thread Malfunction"));

@@ -30,10 +30,6 @@ std::atomic<int> allocationsUntilFailure = 0;
 
 bool HasFailed() { return allocationsUntilFailure <= 0; }
 
-auto CountThreads() {
-  return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
-}
-
 // The n-th allocation of something that the Guardian does fails, for each n, or
 // for every so many unless FAILING_ALLOCATIONS is "all". What is done then may
 // fail, but not end the process, wait for ever or leave anything behind, and it
@@ -49,7 +45,7 @@ class GuardianMainTest : public testing::Test {
     HandleException(FError, TLogToFiles::Yes, "first");
     check();
     const auto descriptors = OpenDescriptors().size();
-    const auto threads = CountThreads();
+    const auto threads = CountThreads("");
     bool failed = true;
     for (int number = 1; failed && !HasFailure(); number += every) {
       SCOPED_TRACE(number);
@@ -62,7 +58,7 @@ class GuardianMainTest : public testing::Test {
       failed = allocationsUntilFailure.exchange(0) <= 0;
       check();
       EXPECT_TRUE(Eventually(
-          [&] { return OpenDescriptors().size() <= descriptors && CountThreads() <= threads; }));
+          [&] { return OpenDescriptors().size() <= descriptors && CountThreads("") <= threads; }));
       if (failed) ++FTried;
     }
   }

@@ -132,7 +132,7 @@ TEST_F(GuardianServiceTest, TakesTheDaemonPathFromTheConfigurationOnlyWhenNoneIs
   EXPECT_EQ(FService.GetDaemonPath(), kDaemon);
   FFakes.Files.Files = {{kConf, "unreadable"}};
   EXPECT_THROW(FService.GetDaemonPath(), SoftException);
-  FFakes.Files.Files = {{kConf, "daemon=/one\ndaemon=/two words\n"}};
+  FFakes.Files.Files = {{kConf, "daemon=/one\r\ndaemon=/two words\r\n"}};
   testing::internal::CaptureStdout();
   EXPECT_EQ(FService.GetDaemonPath(), "/two words");
   FFakes.Files.Files[kConf] = "daemon=/three\n";
@@ -199,7 +199,7 @@ TEST_F(GuardianServiceTest, NeitherStartsNorEndsADaemonThatItCannotSee) {
 }
 
 TEST_F(GuardianServiceTest, HoldsNoLookThatFailedAndNoLineOfItsOwnForTheDaemon) {
-  DaemonRunsAs("77 1 0 VellumarkCL/VellumarkGuardian\n77 root VellumarkCL\nroot 5 77");
+  DaemonRunsAs("77 1 0 VellumarkCL\n77 root VellumarkCL\n1000 77 1 VellumarkCL\nroot 5 77");
   Start("MUTEX=/m\n");
   FService.Pause();
   FFakes.Scheduler->Throws = true;
@@ -336,7 +336,7 @@ TEST_F(GuardianServiceTest, LooksAndNeitherStartsNorEndsDuringAHold) {
 
   FService.Hold(std::chrono::minutes(1440));
   FAnswers[kPs] = {};
-  EXPECT_THAT(TickAfter(0), ElementsAre(kPs));
+  EXPECT_THAT(TickAfter(600'001), ElementsAre(kPs));
   FService.Release();
   EXPECT_THAT(TickAfter(0), ElementsAre(kPs, kStart));
   EXPECT_THAT(TickAfter(600'001), ElementsAre(kPs, kStart));

@@ -27,6 +27,17 @@ std::string Received(const TFileDescriptor& socket) {
   return ::recv(socket.Get(), bytes, sizeof(bytes) - 1, MSG_DONTWAIT) < 0 ? "" : bytes;
 }
 
+TEST(ServiceManagerTest, ReportsFourTimesInTheTimeOfItsOwnWatchdogAndAtLeastEachTenSeconds) {
+  const std::tuple<const char*, const char*, int> cases[] = {
+      {"", "", 10'000}, {"8000000", "", 2'000},   {"8000000", "1", 10'000},
+      {"1", "", 100},   {"80000000", "", 10'000}, {"8000000x", "", 10'000}};
+  for (const auto& [limit, pid, intervalMs] : cases) {
+    ::setenv("WATCHDOG_USEC", limit, 1);
+    ::setenv("WATCHDOG_PID", pid, 1);
+    EXPECT_EQ(TServiceManager().Interval().count(), intervalMs) << limit << pid;
+  }
+}
+
 TEST(ServiceManagerTest, IsToldAgainWhatItDidNotTakeAndIsFedWhileNothingStandsStill) {
   const TTempFolder folder;
   ::setenv("NOTIFY_SOCKET", std::string(108, '/').c_str(), 1);

@@ -16,6 +16,7 @@
 #include "common/Console.h"
 #include "diagnostics/KZCheckpoints.h"
 #include "guardian/process/ChildRegistry.h"
+#include "guardian/process/ProcessListing.h"
 #include "guardian/process/ShellChild.h"
 #include "guardian/process/ShellCommand.h"
 #include "support/ChildProcess.h"
@@ -451,6 +452,10 @@ TEST_F(ProcessTest, KnowsItselfAndItsCommandsByTheirIds) {
   crew.Join();
   EXPECT_TRUE(IsOwnProcess(shell)) << "an old process list may show it";
   EXPECT_FALSE(IsOwnProcess(left)) << "it may be the daemon";
+  EXPECT_TRUE(Eventually([text = std::to_string(left)] {
+    return static_cast<int>(*ProcessAgeSec(text)) ==
+           std::stoi(RunLine("ps -o etimes= -p " + text).Output);
+  }));
   EXPECT_EQ(::kill(left, SIGKILL), 0) << "nobody waits for it, or ends it";
 }
 

@@ -1,13 +1,11 @@
 # What clients can do to the Guardian's port, against the real executable: crowds of slow readers, a
-# patient one, files that are held, floods; and the packet filter of docs/security.md. Runs in
+# patient one, floods; and the packet filter of docs/security.md. Runs in
 # network namespaces of its own, see scripts/siege.
 #   siege.py BIN_FOLDER DOCUMENT_WITH_THE_FILTER
 
 import ctypes
-import fcntl
 import os
 import re
-import signal
 import socket
 import subprocess
 import sys
@@ -133,15 +131,6 @@ def slow_readers_keep_nobody_out(wire, installation, _):
     require(answers == [True], "no place for a stranger")
 
 
-def a_leased_file_holds_nobody(_, installation, __):
-    signal.signal(signal.SIGIO, signal.SIG_IGN)
-    with open(installation.path("home/logs/leased.log"), "w+", encoding="ascii") as leased:
-        fcntl.fcntl(leased, fcntl.F_SETLEASE, fcntl.F_WRLCK)
-        began = time.monotonic()
-        require("EXCPTION: " in fetch("vellumark_logs/leased.log"), "it was served")
-        require(time.monotonic() - began < 10, "it held its reader")
-
-
 def floods_leave_no_memory_behind(_, installation, __):
     def resident():
         return psutil.Process(installation.guardian.pid).memory_info().rss
@@ -202,8 +191,8 @@ def main():
         # The crowd comes after the patient client: when all places are taken, whoever has been
         # served longest gives way.
         failed = [case for case in (
-            a_peer_takes_no_more_than_its_places, a_leased_file_holds_nobody,
-            floods_leave_no_memory_behind, a_patient_client_gets_all_of_its_log,
+            a_peer_takes_no_more_than_its_places, floods_leave_no_memory_behind,
+            a_patient_client_gets_all_of_its_log,
             slow_readers_keep_nobody_out, the_packet_filter_lets_its_own_in)
             if not passes(case, wire, installation, patient)]
     wire.close()

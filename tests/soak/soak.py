@@ -33,7 +33,6 @@ HEALTHY = Bound(3, SILENCE, 5)
 PROCESS_STAY, TEMP_FILE_STAY = 5, 60
 # Descriptors, threads and MiB of memory that a Guardian at rest may have more than at first.
 MORE = (4, 3, 8)
-WAVE_CHANCE, WAVE_LIMIT = 0.5, 20
 TEMP_BYTES, TEMP_FILES = 16 * 1048576, 64
 DAEMON_MAY_OPEN = re.compile(r"(/dev/null|socket:\[\d+\]|.*/home/.*"
                              r"|anon_inode:\[(signalfd|eventfd|eventpoll)\])( \(deleted\))?")
@@ -129,9 +128,7 @@ class Soak:
         self.pid = 0  # The daemon that is to run.
         self.starts = 0
         self.story = "start"
-        # Of its own: whether a wave is due depends on time, and must not change the faults.
-        self._wave_chance = random.Random(seed + 1)
-        self._wave = self._status = None
+        self._status = None
         self._factor, self._slowness = factor, slowness
         self._began = self._round_at = time.monotonic()
         self._round = -1
@@ -163,15 +160,15 @@ class Soak:
         restarted(self, DEAD)
         self._await_healthy()
         self.story = "warm-up"  # What is taken once and kept, is taken here.
-        self._start_wave()
         KILL(self)
         restarted(self, DEAD)
-        self._await_rest()
+        self._await_healthy()
+        self._rest()
         self._first_usage = self._usage
         for story in self._draw(self._began + minutes * 60, only):
             self._play(story)
         self.story = "end"
-        self._await_rest()
+        self._rest()
         self._end()
 
     def summary(self):
@@ -193,8 +190,6 @@ class Soak:
     def _play(self, story):
         self.story = story.name
         self._counts["faults"] += 1
-        if self._wave is None and self._wave_chance.random() < WAVE_CHANCE:
-            self._start_wave()
         began = time.monotonic()
         for step in story.steps:
             step(self)
@@ -202,8 +197,7 @@ class Soak:
         self.installation.mend()
         self._await_healthy()
         print(f"soak: {began - self._began:7.1f} s  {story.name}: {time.monotonic() - began:.1f} s")
-        if self._wave_is_over():
-            self._rest()
+        self._rest()
 
     def _await_healthy(self):
         def is_well():
@@ -212,11 +206,6 @@ class Soak:
         self.await_that("all is well again", is_well, HEALTHY)
         starts = self.installation.read("home/logs/daemon.log").count(": Started, PID ")
         require(starts == self.starts, f"{starts} starts of the daemon instead of {self.starts}")
-
-    def _await_rest(self):
-        self.await_that("the hostile clients are gone", self._wave_is_over, Bound(0, 0, WAVE_LIMIT))
-        self._await_healthy()
-        self._rest()
 
     # The least of two rounds: a round has a shell, and its page has a connection.
     def _rest(self):
@@ -250,19 +239,6 @@ class Soak:
             raise Failed("the daemon did not outlive the Guardian")
         require(self._counts["looks into the daemon"] and self._counts["faults"],
                 "there was no time for a fault, or the daemon could never be looked into")
-
-    # The hostile clients.
-
-    def _start_wave(self):
-        self._wave = subprocess.Popen(
-            [sys.executable, "-B", os.path.join(os.path.dirname(__file__), "hostile.py"),
-             str(self._wave_chance.randrange(2**32)), str(self._slowness)])
-
-    def _wave_is_over(self):
-        if self._wave is not None and self._wave.poll() is not None:
-            require(self._wave.returncode == 0, "the hostile clients were kept for too long")
-            self._wave = None
-        return self._wave is None
 
     # What must hold at every moment.
 
@@ -302,7 +278,7 @@ class Soak:
                     stays[f"a zombie of the Guardian, PID {each.pid}"] = PROCESS_STAY
                 elif each.exe() == self.installation.guardian_path and each.pid != guardian:
                     stays[f"a second Guardian, PID {each.pid}"] = PROCESS_STAY
-                elif is_zombie and not (self._wave and self._wave.pid == each.pid):
+                elif is_zombie:
                     os.waitpid(each.pid, os.WNOHANG)
         now = time.monotonic()
         self._since = {what: self._since.get(what, now) for what in stays}

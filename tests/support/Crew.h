@@ -1,5 +1,7 @@
 #pragma once
 
+#include <filesystem>
+#include <fstream>
 #include <vector>
 
 #include "common/Thread.h"
@@ -28,6 +30,17 @@ class TCrew {
  private:
   std::vector<std::unique_ptr<TFunctionThread>> FThreads;
 };
+
+// The threads of this process whose names begin so.
+inline int CountThreads(const std::string& start) {
+  int count = 0;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::string name;
+    std::getline(std::ifstream(task.path() / "comm"), name);
+    count += name.starts_with(start) ? 1 : 0;
+  }
+  return count;
+}
 
 // Runs the function in a thread of its own, to its end.
 inline void InThread(const std::function<void()>& work) {

@@ -13,9 +13,8 @@ namespace guardian {
 // The Guardian over the stand-in daemon, with time that runs faster: a round is half a second.
 class GuardianSystemTest : public testing::Test {
  protected:
-  explicit GuardianSystemTest(const char* executable = FAST_GUARDIAN_EXECUTABLE,
-                              const std::string& folders = {})
-      : FInstallation(executable, folders) {}
+  explicit GuardianSystemTest(const char* executable = FAST_GUARDIAN_EXECUTABLE)
+      : FInstallation(executable) {}
 
   void SetUp() override { ASSERT_EQ(Page("status.php"), "") << "port 8900 is in use"; }
 

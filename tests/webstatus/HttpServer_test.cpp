@@ -358,6 +358,8 @@ TEST_F(HttpServerTest, KeepsPagesThatMayBlockFromTheOthersAndFromTheEnd) {
   FOptions.StopGrace = milliseconds(10);
   StartOn(FClock);
   auto one = Client("GET /wait HTTP/1.1\r\n\r\n");
+  EXPECT_TRUE(Eventually([this] { return FWaiting == 1; }));
+  FClock.Advance(milliseconds(6'000));
   auto two = Client("GET /wait HTTP/1.1\r\n\r\n");
   EXPECT_TRUE(Eventually([this] { return FWaiting == 2; }));
   FClock.Advance(milliseconds(5'000));

@@ -70,14 +70,19 @@ TEST(RequestGuardTest, ActsForItsOwnPagesTypedAddressesAndProgramsAlone) {
        {{"Referer", "http://attacker.example/http://nas:8900/"}, {"Cookie", cookie}},
        403},
       {"typed after a visit", {{"User-Agent", kBrowser}, {"Cookie", "a=b;  " + cookie}}, 200},
-      {"somebody's cookie", {{"User-Agent", kBrowser}, {"Cookie", cookie + "x; a=" + cookie}}, 403},
-      {"prefetch", {{"Sec-Fetch-Site", "same-origin"}, {"Sec-Purpose", "prefetch;prerender"}}, 403},
+      {"somebody's cookie",
+       {{"User-Agent", kBrowser}, {"Cookie", cookie + "x; a=" + cookie + ";vellumark_"}},
+       403},
+      {"prefetch", {{"Sec-Fetch-Site", "same-origin"}, {"Sec-Purpose", "prerender"}}, 403},
       {"old prefetch", {{"Purpose", "Prefetch"}}, 403},
       {"web socket", {{"Upgrade", "websocket"}}, 403},
   };
   for (const auto& item : cases) {
     EXPECT_EQ(refusal(item.Headers).value_or(THttpResponse()).Status, item.Status) << item.Name;
   }
+  THttpRequest bare;
+  bare.Headers = {{"Origin", "null"}};
+  EXPECT_TRUE(Guard().RefuseAction(bare));
   EXPECT_THAT(refusal({{"User-Agent", kBrowser}})->Body, testing::HasSubstr("<a HREF=\"/\">"));
 }
 

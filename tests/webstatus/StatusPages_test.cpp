@@ -143,6 +143,36 @@ TEST_F(StatusPagesTest, AnswersShortPagesByteForByte) {
   EXPECT_EQ(Get("/logfiles.php"), kHead + "Log Files in Reverse Order<br><br>");
 }
 
+TEST_F(StatusPagesTest, TellsProgramsEachNumberByItsName) {
+  TWatchdogReading& seen = FGuardian.Now.Watchdog;
+  seen.Pid = "\x1f\"\xff";
+  seen.MutexOK = true;
+  std::tie(seen.Pulse, seen.PulseAgeSec, seen.Rounds, seen.Restarts, seen.RestartAttempts,
+           seen.MutexFailures, seen.PipeFailures, seen.UptimeSec) =
+      std::tuple(4, 5.5, 6, 7, 8, 9, 10, 11);
+  seen.Actions[3] = {12, 13.0625};
+  FGuardian.Now.GetPathsError = true;
+  EXPECT_EQ(
+      Get("/status.json"),
+      "{\"version\":\"1.50\",\"build\":10,\"pid\":" + std::to_string(::getpid()) +
+          R"(,"port":8900,"uptime_seconds":11.000,"checks":{"mutex":true,"pipe":false,)"
+          R"("service":false,"age_seconds":null},"daemon":{"pid":"\u001f\"\ufffd",)"
+          R"("path":"/opt/<b>/VellumarkCL","path_exists":true,"mutex_path":"/m&/mutex",)"
+          R"("paths_received":false},"pulse":{"value":4,"age_seconds":5.500},"counters":)"
+          R"({"rounds":6,"restarts":7,"restart_attempts":8,"mutex_failures":9,"pipe_failures":10},)"
+          R"("actions":{"start":{"total":0,"last_age_seconds":null},"stop":{"total":0,)"
+          R"("last_age_seconds":null},"terminate":{"total":0,"last_age_seconds":null},)"
+          R"("kill":{"total":12,"last_age_seconds":13.062}},"hold":null})"
+          "\n");
+  const std::regex unnamed("# [^\n]*\n|vellumark_guardian_|[{\"]|check=|action=");
+  EXPECT_EQ(std::regex_replace(Get("/metrics"), unnamed, ""),
+            "build_infoversion=1.50,build=10} 1\nuptime_seconds 11.000\ncheck_okmutex} 1\n"
+            "check_okpipe} 0\ncheck_okservice} 0\nfailuresmutex} 9\nfailurespipe} 10\npulse 4\n"
+            "pulse_age_seconds 5.500\nrounds_total 6\nrestarts_total 7\nrestart_attempts 8\n"
+            "actions_totalstart} 0\nactions_totalstop} 0\nactions_totalterminate} 0\n"
+            "actions_totalkill} 12\naction_age_secondskill} 13.062\nhold_seconds 0.000\n");
+}
+
 TEST_F(StatusPagesTest, AnswersOpenMetricsToThoseAloneWhoTakeIt) {
   const std::pair<const char*, bool> cases[] = {
       {"", false},
@@ -161,6 +191,7 @@ TEST_F(StatusPagesTest, AnswersOpenMetricsToThoseAloneWhoTakeIt) {
     EXPECT_THAT(response.Body, HasSubstr(isOpen ? " vellumark_guardian_restarts counter\n"
                                                 : " vellumark_guardian_restarts_total counter\n"));
     EXPECT_EQ(response.Body.ends_with("# EOF\n"), isOpen) << accept;
+    EXPECT_EQ(response.Body.find("# UNIT") != std::string::npos, isOpen) << accept;
     EXPECT_EQ(response.ContentType,
               isOpen ? "application/openmetrics-text; version=1.0.0; charset=utf-8"
                      : "text/plain; version=0.0.4; charset=utf-8");
@@ -223,6 +254,8 @@ TEST_F(StatusPagesTest, ShowsInTheOverviewHowItIs) {
   THistory history(clock);
   history.AddRound({true, false, true, 0});
   history.AddEvent(TEventKind::Kill, "<script>");
+  clock.Advance(milliseconds(30'000));
+  history.AddEvent(TEventKind::Kill, "<script>");
   FGuardian.Now.History = history.Get();
   TWatchdogReading& seen = FGuardian.Now.Watchdog;
   seen.Pid = "<script>";
@@ -237,7 +270,8 @@ TEST_F(StatusPagesTest, ShowsInTheOverviewHowItIs) {
   seen.CheckAgeSec = 120;
   EXPECT_TRUE(shows(">Not well: mutex, pipe, service<"));
   EXPECT_TRUE(shows("At least since 06:00:00"));
-  EXPECT_TRUE(shows(">&lt;script&gt;</td></tr>") && shows("process &lt;script&gt;"));
+  EXPECT_TRUE(shows(">&lt;script&gt; <span class=\"soft\">(2 times, last at 06:00:30)") &&
+              shows("process &lt;script&gt;"));
   EXPECT_TRUE(shows("Pipe: failed for 60 s, not known for 23 h 59 min"));
   EXPECT_TRUE(shows("<use href=\"#a3\" x=\"99.65%\" y=\"42\"/>")) << "the kill";
   EXPECT_FALSE(shows("The log folder does not answer."));
@@ -245,10 +279,16 @@ TEST_F(StatusPagesTest, ShowsInTheOverviewHowItIs) {
   EXPECT_TRUE(shows("The log folder does not answer."));
   seen.MutexOK = seen.PipeOK = seen.ServiceOK = true;
   EXPECT_TRUE(shows(">All is well<") && shows("</b> &lt;script&gt;</p>"));
-  seen.HoldLeftSec = 90;
-  EXPECT_TRUE(shows("<b>On hold</b> until 2026-11-21 06:01:30 (90 s)"));
+  for (const auto& [seconds, until] :
+       {std::pair(90, "06:02:00 (90 s)"), std::pair(7'200, "08:00:30 (2 h 0 min)")}) {
+    seen.HoldLeftSec = seconds;
+    EXPECT_TRUE(shows(std::string("<b>On hold</b> until 2026-11-21 ") + until));
+  }
   seen.CheckAgeSec = 121;
+  seen.PipeOK = false;
   EXPECT_TRUE(shows(">The Guardian itself stands still<"));
+  clock.Advance(milliseconds(60'000));
+  EXPECT_TRUE(shows("not known for 23 h 58 min")) << "the look of this minute may be to come";
   FHasGuardian = false;
   EXPECT_THAT(Get("/overview.html"), HasSubstr("<p>The Guardian is ending.</p>"));
 }
@@ -338,6 +378,9 @@ TEST_F(StatusPagesTest, ListsLogFilesNewestFirstByALinkThatLeadsToIt) {
     EXPECT_EQ(Streamed("/" + LinkDecode(piece)), "content of " + names[--left]);
   }
   EXPECT_EQ(left, 0U);
+  ASSERT_EQ(::mkfifo(FFolder.Path("logs/pipe.log").c_str(), 0600), 0);
+  EXPECT_THAT(Get("/vellumark_logs/pipe.log"), HasSubstr("Not a file of the log folder"));
+  EXPECT_THAT(Get(std::string("/vellumark_logs/plain.log\0", 26)), HasSubstr("No such log file"));
   std::filesystem::create_symlink("folder.log/deep.log", FFolder.Path("logs/inside.log"));
   FFolder.Write("logs/folder.log/deep.log", "deep");
   EXPECT_EQ(Streamed("/vellumark_logs/inside.log"), "deep");
