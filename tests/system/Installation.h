@@ -22,8 +22,10 @@ namespace guardian {
 // with its owner, which must be before.
 class TInstallation {
  public:
-  // The executables are copied, the Guardian's from the path.
-  explicit TInstallation(const std::string& guardian) {
+  // The executables are copied, the Guardian's from the path. The folders, such as "/a/b", are put
+  // between the installation's folder and them.
+  explicit TInstallation(const std::string& guardian, const std::string& folders = {})
+      : FBin(FFolder.Path("bin" + folders)) {
     for (const auto& name : {FBin, Home(), FFolder.Path("tmp")}) {
       std::filesystem::create_directories(name);
     }
@@ -82,7 +84,7 @@ class TInstallation {
 
  private:
   const TTempFolder FFolder;
-  const std::string FBin = FFolder.Path("bin");
+  const std::string FBin;
 };
 
 }  // namespace guardian
