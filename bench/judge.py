@@ -17,10 +17,13 @@ HEADING = ("| figure | baseline | measured baseline | ours | figure | reach | |\
            "|---|---|---|---|---|---|---|")
 
 
-# The results by the benchmark's name without Google Benchmark's own endings.
+# The results by the benchmark's name without Google Benchmark's own endings. A program of which no
+# benchmark was wanted leaves its file empty.
 def read_results(folder):
     results = {}
     for path in sorted(pathlib.Path(folder).glob("*.json")):
+        if path.stat().st_size == 0:
+            continue
         for result in json.loads(path.read_text(encoding="utf-8"))["benchmarks"]:
             name = re.sub(r"/(iterations:|manual_time|real_time).*", "", result["name"])
             results[name] = result
