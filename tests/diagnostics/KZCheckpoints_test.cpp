@@ -189,6 +189,29 @@ TEST(CheckpointProfileTest, CountsTimesBelowTwentyMinutesAndShowsThoseAboveASeco
   EXPECT_EQ(lines[2], std::string(23, ' ') + "7:above         1.00s (2 invocations)");
 }
 
+TEST_F(KZCheckpointsTest, TracesToAFileForEachThreadAndProfilesInTheDebugModeAlone) {
+  const TTempFolder folder;
+  const TErrorLogInFolder errors;
+  Settings().TempDirectory.Set(folder.Path());
+  auto& switches = KZCP::Switches();
+  switches.CPFileTrace = switches.ErrorLogTrace = switches.Profiling = true;
+  KZCP::Init();
+  EXPECT_FALSE(switches.Profiling);
+  InThread([] {
+    for (const char* const text : {"one", "Find", "Trav", "two"}) KZCP::Checkpoint(text);
+  });
+  EXPECT_THAT(errors.Text(), HasSubstr("CP one\nCP two\n"));
+  std::string traces;
+  for (const auto& file : std::filesystem::directory_iterator(folder.Path())) {
+    traces += folder.Read(file.path().filename());
+  }
+  EXPECT_EQ(CountOf(traces, "\nNEW KZCP FILE\n"), 2) << "the main thread's too";
+  const std::string at = "\n..:..:.. ";
+  EXPECT_THAT(traces,
+              ContainsRegex("exe: [^\n]*\n-+" + at + "Test" + at + "one" + at + "Find" + at +
+                            "Trav" + at + "two" + at + "REMOVING THREAD FROM CP LIST\n"));
+}
+
 TEST(ThreadListReportTest, ShowsHistoriesFromTheNewestWithTheTimeBeforeEach) {
   TInt64List threads{"ThreadCPList", 1000};
   const auto report = [&threads] {  // At 06:00 of some day, when the tick count is 10,000,000.

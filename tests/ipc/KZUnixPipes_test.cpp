@@ -521,6 +521,16 @@ TEST(TFrameParserTest, FindsThePayloadsAndKeepsTheMemoryOfItsReads) {
   }
 }
 
+TEST(TFrameParserTest, TakesAFrameWithoutPayloadOnceSomethingFollows) {
+  TFrameParser parser;
+  int payloads = 0;
+  for (const char byte : Frame("")) {
+    parser.Room(1)[0] = byte;
+    parser.Filled(1, [&](auto) { ++payloads; });
+  }
+  EXPECT_EQ(payloads, 0);
+}
+
 TEST(TWriteQueueTest, LosesItsOldestFramesAboveALimit) {
   TWriteQueue queue;
   for (const char* each : {"a", "b", "c"}) queue.Append(each);
