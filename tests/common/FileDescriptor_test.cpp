@@ -9,11 +9,7 @@
 #include "common/FileHandle.h"
 #include "common/NamedMutex.h"
 #include "common/TextFile.h"
-#include "support/ChildProcess.h"
-#include "support/Crew.h"
-#include "support/OpenDescriptors.h"
-#include "support/Program.h"
-#include "support/ThrownMessage.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {

@@ -12,12 +12,7 @@
 #include "common/AtEnd.h"
 #include "common/FatalSignals.h"
 #include "common/Timer.h"
-#include "support/ChildProcess.h"
-#include "support/Crew.h"
-#include "support/Eventually.h"
-#include "support/FakeClock.h"
-#include "support/Matchers.h"
-#include "support/ThrownMessage.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {

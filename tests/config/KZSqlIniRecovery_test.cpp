@@ -7,9 +7,6 @@
 #include "config/SettingsStoreTest.h"
 #include "config/SqlIniComponents.h"
 #include "config/SqlIniOpenFile.h"
-#include "support/ChildProcess.h"
-#include "support/Crew.h"
-#include "support/Program.h"
 
 namespace guardian {
 namespace {

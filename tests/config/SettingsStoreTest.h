@@ -6,9 +6,7 @@
 #include <map>
 
 #include "config/KZSqlIniFiles.h"
-#include "support/ErrorLogInFolder.h"
-#include "support/FakeClock.h"
-#include "support/Matchers.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 

@@ -5,10 +5,9 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "diagnostics/Diagnostics.h"
+#include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exception_report.h"
-#include "support/ChildProcess.h"
-#include "support/Program.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 

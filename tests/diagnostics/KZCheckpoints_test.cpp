@@ -3,11 +3,11 @@
 #include <optional>
 #include <thread>
 
-#include "diagnostics/Diagnostics.h"
 #include "diagnostics/KZCriticalSection.h"
 #include "diagnostics/checkpoints/CheckpointProfile.h"
 #include "diagnostics/checkpoints/CheckpointRecord.h"
 #include "diagnostics/checkpoints/ThreadReport.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {

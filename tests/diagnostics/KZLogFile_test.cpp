@@ -1,9 +1,9 @@
 #include "diagnostics/KZLogFile.h"
 
 #include "common/WideText.h"
-#include "diagnostics/Diagnostics.h"
 #include "diagnostics/exception_report.h"
 #include "diagnostics/logs/ProtocolLog.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {

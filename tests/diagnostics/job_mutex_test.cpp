@@ -6,9 +6,10 @@
 #include <optional>
 
 #include "common/Texts.h"
-#include "diagnostics/Diagnostics.h"
+#include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/jobs/MutexGuardian.h"
 #include "diagnostics/jobs/RunReport.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {

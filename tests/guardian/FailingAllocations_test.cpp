@@ -1,8 +1,6 @@
 #include <cstdlib>
 #include <new>
 
-#include <gmock/gmock.h>
-
 #include "common/AtEnd.h"
 #include "common/DiagnosticMessage.h"
 #include "config/KZSqlIniFiles.h"
@@ -13,12 +11,6 @@
 #include "guardian/Units.h"
 #include "ipc/KZCustomApplication.h"
 #include "ipc/KZUnixPipes.h"
-#include "support/Crew.h"
-#include "support/Eventually.h"
-#include "support/OpenDescriptors.h"
-#include "support/SettingsBackup.h"
-#include "support/TempFolder.h"
-#include "support/ThrownMessage.h"
 #include "webstatus/HttpClient.h"
 #include "webstatus/WebStatusServer.h"
 

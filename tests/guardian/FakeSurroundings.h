@@ -5,7 +5,7 @@
 
 #include "common/Exceptions.h"
 #include "guardian/GuardianService.h"
-#include "support/FakeClock.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 

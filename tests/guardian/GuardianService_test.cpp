@@ -4,11 +4,6 @@
 #include "guardian/FakeSurroundings.h"
 #include "guardian/RunCommand.h"
 #include "guardian/SystemLog.h"
-#include "support/Eventually.h"
-#include "support/Joined.h"
-#include "support/Matchers.h"
-#include "support/SettingsBackup.h"
-#include "support/TempFolder.h"
 
 namespace guardian {
 namespace {

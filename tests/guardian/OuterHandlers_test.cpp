@@ -4,11 +4,6 @@
 #include "guardian/FakeSurroundings.h"
 #include "guardian/Units.h"
 #include "ipc/KZCustomApplication.h"
-#include "support/Eventually.h"
-#include "support/Joined.h"
-#include "support/Matchers.h"
-#include "support/SettingsBackup.h"
-#include "support/TempFolder.h"
 
 namespace guardian {
 namespace {

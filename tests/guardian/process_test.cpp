@@ -19,14 +19,7 @@
 #include "guardian/process/ProcessListing.h"
 #include "guardian/process/ShellChild.h"
 #include "guardian/process/ShellCommand.h"
-#include "support/ChildProcess.h"
-#include "support/Crew.h"
-#include "support/Eventually.h"
-#include "support/Matchers.h"
-#include "support/OpenDescriptors.h"
-#include "support/SettingsBackup.h"
-#include "support/TempFolder.h"
-#include "support/ThrownMessage.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {

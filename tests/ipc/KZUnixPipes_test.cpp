@@ -14,9 +14,6 @@
 #include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exceptions/PipeCounters.h"
 #include "ipc/MessageUnit.h"
-#include "support/ErrorLogInFolder.h"
-#include "support/OpenDescriptors.h"
-#include "support/ThrownMessage.h"
 
 namespace guardian {
 namespace {

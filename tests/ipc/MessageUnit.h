@@ -5,10 +5,7 @@
 
 #include "ipc/KZCustomApplication.h"
 #include "ipc/KZUnixPipes.h"
-#include "support/Crew.h"
-#include "support/Eventually.h"
-#include "support/Matchers.h"
-#include "support/TempFolder.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 

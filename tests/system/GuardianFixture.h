@@ -4,7 +4,7 @@
 
 #include "common/Exceptions.h"
 #include "common/Texts.h"
-#include "support/Matchers.h"
+#include "support/TestSupport.h"
 #include "system/Installation.h"
 #include "webstatus/HttpClient.h"
 

@@ -2,7 +2,6 @@
 #include <sys/un.h>
 
 #include "common/FileDescriptor.h"
-#include "support/Crew.h"
 #include "system/GuardianFixture.h"
 #include "webstatus/RawClient.h"
 
