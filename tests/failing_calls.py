@@ -57,6 +57,18 @@ KINDS = {
 Point = collections.namedtuple("Point", "thread kind error number")
 
 
+def ask_all():
+    for page in ASKED[:-1]:  # The last one has another status when not all is well.
+        require(fetch(page, 3), f"page /{page} is empty")
+
+
+# The second time it must answer.
+def status_now():
+    with contextlib.suppress(*NO_ANSWER, ValueError):
+        return fetch_status(3)
+    return fetch_status(3)
+
+
 class FailingCalls:
     def __init__(self, installation):
         self._installation = installation
@@ -114,7 +126,7 @@ class FailingCalls:
             require(self._installation.guardian.returncode == 1 and "cannot run: " in said, said)
             return False
         self._pid = self._pid or self._installation.daemon_pid()
-        self._ask_all()
+        ask_all()
         return True
 
     def end(self):
@@ -167,7 +179,7 @@ class FailingCalls:
         self._installation.require_guardian()
         self._let_rounds_go_by(2)  # The round under way may be the one that failed.
         await_that("all is well again", self._is_well, 10)
-        self._ask_all()
+        ask_all()
         self._installation.require_daemon(self._pid)
         descriptors, *others = self._usage
         usages = [(descriptors + more, *others) for more in range(spare + 1)]
@@ -208,8 +220,8 @@ class FailingCalls:
 
     # A daemon whose directories are not known is watched by its process alone.
     def _is_well(self):
-        with contextlib.suppress(*NO_ANSWER):
-            status = self._status()
+        with contextlib.suppress(*NO_ANSWER, ValueError):
+            status = status_now()
             unasked = not status["daemon"]["paths_received"]
             return is_healthy(status) or unasked and status["checks"]["service"]
         return False
@@ -227,7 +239,7 @@ class FailingCalls:
 
     # Asks for the pages meanwhile, of which one may fail, and reads what the service manager gets.
     def _let_rounds_go_by(self, count, until=lambda: False):
-        before = self._status()["counters"]["rounds"]
+        before = status_now()["counters"]["rounds"]
 
         def gone_by():
             for page in ASKED:
@@ -236,20 +248,8 @@ class FailingCalls:
             with contextlib.suppress(BlockingIOError):
                 while self._manager.recv(4096):
                     continue
-            return self._status()["counters"]["rounds"] >= before + count
+            return status_now()["counters"]["rounds"] >= before + count
         await_that(f"{count} rounds", lambda: until() or gone_by(), 30)
-
-    @staticmethod
-    def _ask_all():
-        for page in ASKED[:-1]:  # The last one has another status when not all is well.
-            require(fetch(page, 3), f"page /{page} is empty")
-
-    # The second time it must answer.
-    @staticmethod
-    def _status():
-        with contextlib.suppress(*NO_ANSWER):
-            return fetch_status(3)
-        return fetch_status(3)
 
     # Without what a connection to the daemon has.
     def _usage_now(self):

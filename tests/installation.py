@@ -20,8 +20,8 @@ PORT = 8900
 POLL_SECONDS = 0.05
 PAGES = ("status.json", "", "status.php", "metrics", "threadreport.php", "logfiles.php",
          "vellumark_logs/daemon.log")
-# What a page that is asked for may throw; OSError also for a status other than 200.
-NO_ANSWER = (OSError, http.client.HTTPException, ValueError)
+# What "fetch" throws; OSError also for a status other than 200.
+NO_ANSWER = (OSError, http.client.HTTPException)
 _PR_SET_CHILD_SUBREAPER = 36
 # Without a proxy.
 _OPENER = urllib.request.build_opener(urllib.request.ProxyHandler({}))
