@@ -1,12 +1,8 @@
 #include "common/DiagnosticMessage.h"
 
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <stdexcept>
 
 #include "common/Console.h"
 #include "support/TestSupport.h"

@@ -1,6 +1,5 @@
 #include "common/FileDescriptor.h"
 
-#include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>

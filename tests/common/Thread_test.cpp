@@ -1,12 +1,9 @@
 #include "common/Thread.h"
 
 #include <sched.h>
-#include <stdlib.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <clocale>
-#include <fstream>
 #include <thread>
 
 #include "common/AtEnd.h"

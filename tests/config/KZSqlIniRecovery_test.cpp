@@ -1,6 +1,5 @@
 #include <sys/resource.h>
 
-#include <functional>
 #include <list>
 
 #include "common/Console.h"

@@ -3,8 +3,6 @@
 #include <SQLiteCpp/Database.h>
 #include <sys/stat.h>
 
-#include <map>
-
 #include "config/KZSqlIniFiles.h"
 #include "support/TestSupport.h"
 

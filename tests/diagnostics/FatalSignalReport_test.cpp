@@ -1,9 +1,7 @@
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <stdexcept>
 
 #include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exception_report.h"

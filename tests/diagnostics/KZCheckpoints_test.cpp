@@ -1,6 +1,5 @@
 #include "diagnostics/KZCheckpoints.h"
 
-#include <optional>
 #include <thread>
 
 #include "diagnostics/KZCriticalSection.h"

@@ -2,9 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <optional>
-#include <stdexcept>
-
 #include "common/Event.h"
 #include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exceptions/PipeCounters.h"

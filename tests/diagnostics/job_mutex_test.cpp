@@ -1,11 +1,5 @@
 #include "diagnostics/job_mutex.h"
 
-#include <fcntl.h>
-
-#include <map>
-#include <optional>
-
-#include "common/Texts.h"
 #include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/jobs/MutexGuardian.h"
 #include "diagnostics/jobs/RunReport.h"

@@ -1,7 +1,6 @@
 #include "guardian/Notification.h"
 
 #include "common/Environment.h"
-#include "common/Texts.h"
 #include "support/TestSupport.h"
 
 namespace guardian {

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 
 #include "ipc/KZCustomApplication.h"
 #include "ipc/KZUnixPipes.h"

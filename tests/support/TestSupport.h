@@ -7,6 +7,7 @@
 #include <set>
 
 #include "common/Exceptions.h"
+#include "common/Texts.h"
 // What is larger stands in a file of its own, also for those who need nothing else.
 #include "support/ChildProcess.h"
 #include "support/Crew.h"

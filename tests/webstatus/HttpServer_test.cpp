@@ -1,10 +1,8 @@
 #include "webstatus/HttpServer.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <malloc.h>
 
-#include "common/Texts.h"
 #include "support/TestSupport.h"
 #include "webstatus/HttpClient.h"
 #include "webstatus/RawClient.h"

@@ -1,11 +1,8 @@
 #include "webstatus/StatusPages.h"
 
-#include <fcntl.h>
-
 #include <random>
 #include <regex>
 
-#include "common/Texts.h"
 #include "support/TestSupport.h"
 #include "webstatus/ActivityLog.h"
 #include "webstatus/OverviewPage.h"
