@@ -10,8 +10,6 @@
 import collections
 import contextlib
 import glob
-import http.client
-import json
 import os
 import random
 import re
@@ -26,7 +24,8 @@ import time
 
 import psutil
 
-from installation import PAGES, Failed, Installation, await_that, fetch, is_healthy, require
+from installation import (NO_ANSWER, PAGES, Failed, Installation, await_that, fetch, fetch_status,
+                          is_healthy, require)
 
 # The watchdog's time; a round is a second. A lost wake-up of the main loop lasts 10 s by the machine's
 # time, which would be a dead daemon if the watchdog's went by much faster.
@@ -58,6 +57,18 @@ KINDS = {
 Point = collections.namedtuple("Point", "thread kind error number")
 
 
+def ask_all():
+    for page in ASKED[:-1]:  # The last one has another status when not all is well.
+        require(fetch(page, 3), f"page /{page} is empty")
+
+
+# The second time it must answer.
+def status_now():
+    with contextlib.suppress(*NO_ANSWER, ValueError):
+        return fetch_status(3)
+    return fetch_status(3)
+
+
 class FailingCalls:
     def __init__(self, installation):
         self._installation = installation
@@ -76,23 +87,23 @@ class FailingCalls:
             usages[self._usage_now()] += 1
             time.sleep(0.05)
         self._usage = usages.most_common(1)[0][0]
+        rounds = self._points_of(lambda: self._let_rounds_go_by(CENSUS_ROUNDS))
+        ends = self._points_of(self.end)
+        self.start()
+        return rounds, self._points({}), ends
+
+    def _points_of(self, act):
         threads = self._threads()
         with self._traced(threads):
-            self._let_rounds_go_by(CENSUS_ROUNDS)
-        rounds = self._points(lambda task: threads.get(task, STARTED))
-        with self._traced(threads := self._threads()):
-            self.end()
-        ends = self._points(lambda task: threads.get(task, STARTED))
-        self.start([])
-        starts = self._points(lambda task: "the start")
-        return rounds, starts, ends
+            act()
+        return self._points(threads)
 
-    def _points(self, thread_of):
+    def _points(self, threads):
         calls, points = collections.Counter(), set()
         kind_of = {name: kind for kind in KINDS for name in kind.split(",")}
         call = re.compile(r"^(\d+) +(?:(write)\(1,|(?!write\()(\w+)\()", re.M)
         for task, write, other in call.findall(self._installation.read("strace.out")):
-            thread, kind = thread_of(int(task)), kind_of[write or other]
+            thread, kind = threads.get(int(task), STARTED), kind_of[write or other]
             calls[task, kind] += 1
             number = calls[task, kind]
             most = MOST_OF_MAIN if int(task) == self._guardian.pid else MOST
@@ -100,24 +111,22 @@ class FailingCalls:
                 points.update(Point(thread, kind, error, number) for error in KINDS[kind])
         return sorted(points)
 
-    # Traced from main on, if there are options. Returns whether it runs; else it has said why not.
-    def start(self, options=None):
+    # Traced from main on. Returns whether it runs; else it has said why not.
+    def start(self, options=()):
         self._installation.launch_guardian()
         self._guardian = psutil.Process(self._installation.guardian.pid)
         await_that("main", lambda: self._guardian.status() == psutil.STATUS_STOPPED, 10)
-        task, is_traced = self._guardian.pid, options is not None
-        with self._traced([task], options) if is_traced else contextlib.nullcontext():
+        with self._traced([self._guardian.pid], options):
             self._guardian.send_signal(signal.SIGCONT)
             # A call has failed: the tracer would let the next child's fail as well.
-            await_that("the start",
-                       lambda: is_traced and self._has_failed() or self._is_settled(), 60)
+            await_that("the start", lambda: self._has_failed() or self._is_settled(), 60)
         await_that("it is well or has ended", self._is_settled, 60)
         if self.has_ended():
             said = self._installation.read("guardian.out")
             require(self._installation.guardian.returncode == 1 and "cannot run: " in said, said)
             return False
         self._pid = self._pid or self._installation.daemon_pid()
-        self._ask_all()
+        ask_all()
         return True
 
     def end(self):
@@ -137,8 +146,6 @@ class FailingCalls:
 
     # Each way to try a point returns whether the call was made, and so failed.
     def try_round(self, point):
-        if self.has_ended():
-            self.start()
         if self._traced_at(point, lambda: self._let_rounds_go_by(8, self._has_failed)):
             self._require_normal()
         return self._has_failed()
@@ -152,11 +159,11 @@ class FailingCalls:
         return self._has_failed()
 
     def try_end(self, point):
-        if self.has_ended():
-            self.start()
         return self._traced_at(point, self.end)
 
     def _traced_at(self, point, act):
+        if self.has_ended():
+            self.start()
         of_children = point.thread == STARTED
         threads = [each for each, name in self._threads().items()
                    if name == point.thread or of_children and name.startswith((TIMER, "Notifier"))]
@@ -172,7 +179,7 @@ class FailingCalls:
         self._installation.require_guardian()
         self._let_rounds_go_by(2)  # The round under way may be the one that failed.
         await_that("all is well again", self._is_well, 10)
-        self._ask_all()
+        ask_all()
         self._installation.require_daemon(self._pid)
         descriptors, *others = self._usage
         usages = [(descriptors + more, *others) for more in range(spare + 1)]
@@ -187,10 +194,7 @@ class FailingCalls:
         for each in threads:
             command += ["-p", str(each)]
         tracer = subprocess.Popen(command, stderr=subprocess.DEVNULL)
-        await_that("the tracer is attached",
-                   lambda: tracer.poll() is not None or self._is_traced(threads), 10)
-        # A thread may have ended before.
-        require(tracer.poll() is None or not self._are_there(threads), "strace may not look at it")
+        await_that("strace looks at it", lambda: self._is_traced(threads), 10)
         try:
             yield
         finally:
@@ -208,9 +212,6 @@ class FailingCalls:
     def _task(self, thread, name):
         return self._installation.read(f"/proc/{self._guardian.pid}/task/{thread}/{name}")
 
-    def _are_there(self, threads):
-        return threads and all(self._task(each, "comm") for each in threads)
-
     def _threads(self):
         return {each.id: self._task(each.id, "comm").strip() for each in self._guardian.threads()}
 
@@ -219,8 +220,8 @@ class FailingCalls:
 
     # A daemon whose directories are not known is watched by its process alone.
     def _is_well(self):
-        with contextlib.suppress(OSError, http.client.HTTPException, ValueError):
-            status = self._status()
+        with contextlib.suppress(*NO_ANSWER, ValueError):
+            status = status_now()
             unasked = not status["daemon"]["paths_received"]
             return is_healthy(status) or unasked and status["checks"]["service"]
         return False
@@ -238,29 +239,17 @@ class FailingCalls:
 
     # Asks for the pages meanwhile, of which one may fail, and reads what the service manager gets.
     def _let_rounds_go_by(self, count, until=lambda: False):
-        before = self._status()["counters"]["rounds"]
+        before = status_now()["counters"]["rounds"]
 
         def gone_by():
             for page in ASKED:
-                with contextlib.suppress(OSError, http.client.HTTPException):
+                with contextlib.suppress(*NO_ANSWER):
                     fetch(page, 3)
             with contextlib.suppress(BlockingIOError):
                 while self._manager.recv(4096):
                     continue
-            return self._status()["counters"]["rounds"] >= before + count
+            return status_now()["counters"]["rounds"] >= before + count
         await_that(f"{count} rounds", lambda: until() or gone_by(), 30)
-
-    @staticmethod
-    def _ask_all():
-        for page in ASKED[:-1]:  # The last one has another status when not all is well.
-            require(fetch(page, 3), f"page /{page} is empty")
-
-    # The second time it must answer.
-    @staticmethod
-    def _status():
-        with contextlib.suppress(OSError, http.client.HTTPException, ValueError):
-            return json.loads(fetch("status.json", 3))
-        return json.loads(fetch("status.json", 3))
 
     # Without what a connection to the daemon has.
     def _usage_now(self):

@@ -4,6 +4,7 @@
 import contextlib
 import ctypes
 import http.client
+import json
 import os
 import shutil
 import signal
@@ -19,6 +20,8 @@ PORT = 8900
 POLL_SECONDS = 0.05
 PAGES = ("status.json", "", "status.php", "metrics", "threadreport.php", "logfiles.php",
          "vellumark_logs/daemon.log")
+# What "fetch" throws; OSError also for a status other than 200.
+NO_ANSWER = (OSError, http.client.HTTPException)
 _PR_SET_CHILD_SUBREAPER = 36
 # Without a proxy.
 _OPENER = urllib.request.build_opener(urllib.request.ProxyHandler({}))
@@ -46,10 +49,14 @@ def await_that(what, condition, limit_seconds, meanwhile=lambda: None):
         time.sleep(POLL_SECONDS)
 
 
-# The page's text. Throws OSError, also for a status other than 200, and http.client.HTTPException.
+# The page's text.
 def fetch(page="", limit_seconds=10):
     with _OPENER.open(f"http://127.0.0.1:{PORT}/{page}", timeout=limit_seconds) as answer:
         return answer.read().decode("utf-8", "replace")
+
+
+def fetch_status(limit_seconds=10):
+    return json.loads(fetch("status.json", limit_seconds))
 
 
 # Whether status.json tells that all is well with the daemon.
@@ -169,7 +176,7 @@ class Installation:
     def keep_pages(self):
         for page in ("status.json", "threadreport.php", ""):
             with open(self.path(f"page-{page or 'main'}"), "w", encoding="utf-8") as file, \
-                    contextlib.suppress(OSError, http.client.HTTPException):
+                    contextlib.suppress(*NO_ANSWER):
                 file.write(fetch(page, 2))
 
     @staticmethod

@@ -19,7 +19,7 @@ except ImportError:
     print("browser check: skipped, selenium is not installed")
     sys.exit(77)
 
-from installation import PORT, Failed, Installation, await_that, require
+from installation import PORT, Installation, await_that, require
 
 MAIN_PAGE = f"http://localhost:{PORT}/"
 # As a box of the network is called; a browser says less about its requests than to localhost.
@@ -145,9 +145,6 @@ def check_overview(browser, installation, pid):
     require("All is well" in browser.open("overview.html"), "the overview of a healthy daemon")
     browser.click("confirm.html?killdaemon.php")
     require(installation.daemon_pid() == pid, "the question alone killed the daemon")
-    links = [link.get_attribute("href")
-             for link in browser.driver.find_elements(By.TAG_NAME, "a")]
-    require(links == [MAIN_PAGE + "killdaemon.php", MAIN_PAGE + "overview.html"], f"links: {links}")
     browser.click("overview.html")
     require("On hold for 30 minutes" in browser.click("hold.html?minutes=30"), "no hold")
     require("On hold until" in browser.click("overview.html"), "the overview shows no hold")
@@ -205,11 +202,7 @@ def main(bin_folder, screenshot, axe):
         return 77
     os.environ["no_proxy"] = "localhost,127.0.0.1"  # The driver's talk stays on this machine.
     with tempfile.TemporaryDirectory(prefix="guardian-browser-") as folder:
-        try:
-            check(bin_folder, screenshot, axe, folder)
-        except Failed as failure:
-            print(f"browser check: FAILED: {failure}")
-            return 1
+        check(bin_folder, screenshot, axe, folder)
     print("browser check: passed")
     return 0
 

@@ -1,18 +1,11 @@
 #include "common/DiagnosticMessage.h"
 
-#include <fcntl.h>
-#include <gmock/gmock.h>
-#include <signal.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <stdexcept>
 
 #include "common/Console.h"
-#include "support/ErrorLogInFolder.h"
-#include "support/FakeClock.h"
-#include "support/ThrownMessage.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {

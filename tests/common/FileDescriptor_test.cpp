@@ -1,6 +1,5 @@
 #include "common/FileDescriptor.h"
 
-#include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -9,11 +8,7 @@
 #include "common/FileHandle.h"
 #include "common/NamedMutex.h"
 #include "common/TextFile.h"
-#include "support/ChildProcess.h"
-#include "support/Crew.h"
-#include "support/OpenDescriptors.h"
-#include "support/Program.h"
-#include "support/ThrownMessage.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <limits>
 
-#include "support/Matchers.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {

@@ -1,23 +1,15 @@
 #include "common/Thread.h"
 
 #include <sched.h>
-#include <stdlib.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <clocale>
-#include <fstream>
 #include <thread>
 
 #include "common/AtEnd.h"
 #include "common/FatalSignals.h"
 #include "common/Timer.h"
-#include "support/ChildProcess.h"
-#include "support/Crew.h"
-#include "support/Eventually.h"
-#include "support/FakeClock.h"
-#include "support/Matchers.h"
-#include "support/ThrownMessage.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {

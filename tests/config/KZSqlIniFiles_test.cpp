@@ -3,7 +3,6 @@
 #include "common/Thread.h"
 #include "config/SettingsStoreTest.h"
 #include "diagnostics/KZCheckpoints.h"
-#include "support/ThrownMessage.h"
 
 namespace guardian {
 namespace {

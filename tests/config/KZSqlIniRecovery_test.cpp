@@ -1,15 +1,11 @@
 #include <sys/resource.h>
 
-#include <functional>
 #include <list>
 
 #include "common/Console.h"
 #include "config/SettingsStoreTest.h"
 #include "config/SqlIniComponents.h"
 #include "config/SqlIniOpenFile.h"
-#include "support/ChildProcess.h"
-#include "support/Crew.h"
-#include "support/Program.h"
 
 namespace guardian {
 namespace {

@@ -3,12 +3,8 @@
 #include <SQLiteCpp/Database.h>
 #include <sys/stat.h>
 
-#include <map>
-
 #include "config/KZSqlIniFiles.h"
-#include "support/ErrorLogInFolder.h"
-#include "support/FakeClock.h"
-#include "support/Matchers.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 

@@ -1,7 +1,4 @@
-#include <unistd.h>
-
 #include <random>
-#include <utility>
 
 #include "config/SettingsStoreTest.h"
 

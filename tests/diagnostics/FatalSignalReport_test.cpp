@@ -1,14 +1,11 @@
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <stdexcept>
 
-#include "diagnostics/Diagnostics.h"
+#include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exception_report.h"
-#include "support/ChildProcess.h"
-#include "support/Program.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 

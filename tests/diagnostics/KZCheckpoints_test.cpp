@@ -1,13 +1,12 @@
 #include "diagnostics/KZCheckpoints.h"
 
-#include <optional>
 #include <thread>
 
-#include "diagnostics/Diagnostics.h"
 #include "diagnostics/KZCriticalSection.h"
 #include "diagnostics/checkpoints/CheckpointProfile.h"
 #include "diagnostics/checkpoints/CheckpointRecord.h"
 #include "diagnostics/checkpoints/ThreadReport.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {
@@ -187,6 +186,29 @@ TEST(CheckpointProfileTest, CountsTimesBelowTwentyMinutesAndShowsThoseAboveASeco
   for (int i = 0; i < 2; ++i) profile.WriteResults([&](auto line) { lines.emplace_back(line); });
   EXPECT_THAT(lines, SizeIs(5)) << "two are the heading";
   EXPECT_EQ(lines[2], std::string(23, ' ') + "7:above         1.00s (2 invocations)");
+}
+
+TEST_F(KZCheckpointsTest, TracesToAFileForEachThreadAndProfilesInTheDebugModeAlone) {
+  const TTempFolder folder;
+  const TErrorLogInFolder errors;
+  Settings().TempDirectory.Set(folder.Path());
+  auto& switches = KZCP::Switches();
+  switches.CPFileTrace = switches.ErrorLogTrace = switches.Profiling = true;
+  KZCP::Init();
+  EXPECT_FALSE(switches.Profiling);
+  InThread([] {
+    for (const char* const text : {"one", "Find", "Trav", "two"}) KZCP::Checkpoint(text);
+  });
+  EXPECT_THAT(errors.Text(), HasSubstr("CP one\nCP two\n"));
+  std::string traces;
+  for (const auto& file : std::filesystem::directory_iterator(folder.Path())) {
+    traces += folder.Read(file.path().filename());
+  }
+  EXPECT_EQ(CountOf(traces, "\nNEW KZCP FILE\n"), 2) << "the main thread's too";
+  const std::string at = "\n..:..:.. ";
+  EXPECT_THAT(traces,
+              ContainsRegex("exe: [^\n]*\n-+" + at + "Test" + at + "one" + at + "Find" + at +
+                            "Trav" + at + "two" + at + "REMOVING THREAD FROM CP LIST\n"));
 }
 
 TEST(ThreadListReportTest, ShowsHistoriesFromTheNewestWithTheTimeBeforeEach) {

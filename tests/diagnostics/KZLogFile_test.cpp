@@ -1,7 +1,9 @@
 #include "diagnostics/KZLogFile.h"
 
 #include "common/WideText.h"
-#include "diagnostics/Diagnostics.h"
+#include "diagnostics/exception_report.h"
+#include "diagnostics/logs/ProtocolLog.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {
@@ -36,6 +38,32 @@ TEST(TKZLogFileTest, MovesAFileAboveTheLimitAwayAtItsStart) {
   folder.Write("g.log-previous", "old");
   EXPECT_FALSE(start(10'485'761));
   EXPECT_EQ(std::filesystem::file_size(folder.Path("g.log-previous")), 10'485'761U);
+}
+
+TEST(ProtocolLogTest, HasAFileForEachThreadThatIsTriedOnceAndTellsOfAFailureOnce) {
+  const TSettingsBackup backup;
+  const TErrorLogInFolder errors;
+  const TTempFolder& folder = errors.Folder();
+  Settings().LogDirectory.Set(folder.Path());
+  TProtocolLogSettings& settings = ProtocolLogSettings();
+  const auto open = [&](const std::string& folderPrefix) {
+    settings.FolderPrefix.Set(folderPrefix);
+    SetProtocolLogBaseName("name");
+    return OpenProtocolLogForThread(TProtocolLogOpening::Forced);
+  };
+  InThread([&] {
+    EXPECT_FALSE(OpenProtocolLogForThread(TProtocolLogOpening::WhenEnabled));
+    EXPECT_TRUE(open(folder.Path("p-")));
+    WriteProtocolLogLine("one");
+    EXPECT_EQ(folder.Read("p-name.thread1#" + std::to_string(CurrentThreadId()) + ".log"),
+              "\xEF\xBB\xBFInternet Protocol Log for separate thread for name\none\n");
+    EXPECT_TRUE(OpenProtocolLogNamed(folder.Path("n.log")) && settings.Enabled);
+    HandleException(std::make_exception_ptr(5), TLogToFiles::Yes, "here");
+    EXPECT_THAT(folder.Read("n.log"), ContainsRegex("^Log file opened for .*\nWhere: here"));
+    EXPECT_FALSE(OpenProtocolLogNamed("/missing/n.log") || settings.Enabled);
+  });
+  InThread([&] { EXPECT_FALSE(open("/missing/") || open(folder.Path("p-"))); });
+  EXPECT_EQ(CountOf(errors.Text(), "IndyLogging? IOresult=2\n"), 1);
 }
 
 TEST(WideTextTest, ChoosesTheEncodingByTheRoundTrip) {

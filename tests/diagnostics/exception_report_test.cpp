@@ -2,13 +2,11 @@
 
 #include <sys/stat.h>
 
-#include <optional>
-#include <stdexcept>
-
-#include "diagnostics/Diagnostics.h"
+#include "common/Event.h"
+#include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exceptions/PipeCounters.h"
 #include "diagnostics/exceptions/StackTrace.h"
-#include "support/EmptyStore.h"
+#include "support/TestSupport.h"
 
 // Outside the namespace: the class of a foreign exception is told with its namespace.
 struct EFOpenError : std::exception {};

@@ -1,12 +1,9 @@
 #include "diagnostics/job_mutex.h"
 
-#include <fcntl.h>
-
-#include <map>
-#include <optional>
-
-#include "diagnostics/Diagnostics.h"
+#include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/jobs/MutexGuardian.h"
+#include "diagnostics/jobs/RunReport.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {
@@ -176,11 +173,66 @@ TEST_F(TJobMutexTest, IsRegisteredFromTheStartToTheEndOfTheCheckpoints) {
   UnregisterMutex(123'456, 2);
   EXPECT_THAT(FErrorLog.Text(), HasSubstr(" Unable to unregister mutex #123456\n"));
   FLog.clear();
+  UnregisterMutex(0, 3);
+  EXPECT_TRUE(IsFileOpen(second));
   UnregisterMutex(0, 2);
   EXPECT_FALSE(IsFileOpen(second));
   EXPECT_THAT(FLog, ElementsAre("Job Mutex still open in call to UnregisterMutex"));
   KZCP::Fini(&CheckMutexesAtTermination);
+  StartMutexGuardian();
+  EXPECT_EQ(RegisterMutex("Again", "P", OpenMutexFile(FMutexes), {}, {}, 1), 0);
+  UnregisterMutex(0, 1);
+  KZCP::Fini(&CheckMutexesAtTermination);
   settings = {};
+}
+
+TEST_F(TJobMutexTest, IsReportedOnceWhenItIsTooOld) {
+  FRegistry.Settings.MaxAgeMinutes = 1;
+  FSilences[kOwner] = {};
+  Register("P");
+  Pass(ReportInactivity, 2);
+  EXPECT_THAT(FReasons, SizeIs(0));
+  Pass(ReportInactivity, 5);
+  EXPECT_THAT(FReasons, ElementsAre(StartsWith("Profile P Job Mutex Age = 00:01:")));
+}
+
+struct TSaying final : TProfileReport {
+  std::string Text() override { return "it says so"; }
+};
+
+// In the place of a link that leads elsewhere. A profile's report ends another mutex.
+TEST_F(TJobMutexTest, IsToldOfInTheRunReportAndActivityReportsFollowTheFolder) {
+  const auto first = Register("P");
+  const auto last = Register("R");
+  first->Info.RegisteredHandle = 5;
+  first->Info.ReportProvider = [&] {
+    last->Listed = false;
+    return std::make_unique<TSaying>();
+  };
+  const std::string name =
+      "Vellumark Run Report " + SafeFileName(DateTimeToStr(FClock.Now())) + ".txt";
+  FMutexes.Write("elsewhere", "");
+  std::filesystem::create_symlink(FMutexes.Path("elsewhere"), FReports.Path(name));
+  WriteRunReport(FRegistry, "why");
+  EXPECT_EQ(FMutexes.Read("elsewhere"), "");
+  EXPECT_THAT(FReports.Read(name),
+              ContainsRegex("Report: why\n\n#Active Pofiles With Job Mutex Names\n"
+                            "P / P.mutex / Handle=[0-9]+ / Orig. Handle=5 / active for 00:00:00\n"
+                            "R / R.mutex / Handle=[0-9]+ / active for 00:00:00\n\nThread Report\n"
+                            ".*\n\nDetailed Report for P\nit says so\n$"));
+  FRegistry.Settings.ReportFolder = "/missing";
+  WriteRunReport(FRegistry, "why");
+  EXPECT_TRUE(FRegistry.ReportingMalfunction);
+  EXPECT_EQ(FormatDuration(-0.1) + FormatDuration(366e6), "");
+
+  SaveActivityReport(FReports.Path(), "a/b");
+  SaveActivityReport("", "");
+  std::string names;
+  for (const auto& file : std::filesystem::directory_iterator(FReports.Path())) {
+    names += file.path().filename().string() + "\n";
+  }
+  EXPECT_EQ(CountOf(names, ".activityreport-"), 2);
+  EXPECT_THAT(names, ContainsRegex("-PID[0-9]+[.]a_b[.]activity[^\n]*[.][0-9]{3}[.]txt\n"));
 }
 
 }  // namespace

@@ -1,16 +1,12 @@
 #pragma once
 
-#include <map>
-#include <set>
-
-#include "common/Exceptions.h"
 #include "guardian/GuardianService.h"
-#include "support/FakeClock.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 
 // A file system of a few named files and folders.
-class TFakeFileSystem final : public TFileSystemView {
+class TFakeFileSystem : public TFileSystemView {
  public:
   bool FileExists(const std::string& path) const override { return Files.contains(path); }
   bool DirectoryExists(const std::string& path) const override {

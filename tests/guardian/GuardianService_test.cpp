@@ -4,11 +4,6 @@
 #include "guardian/FakeSurroundings.h"
 #include "guardian/RunCommand.h"
 #include "guardian/SystemLog.h"
-#include "support/Eventually.h"
-#include "support/Joined.h"
-#include "support/Matchers.h"
-#include "support/SettingsBackup.h"
-#include "support/TempFolder.h"
 
 namespace guardian {
 namespace {
@@ -159,15 +154,13 @@ TEST_F(GuardianServiceTest, NeverRunsItselfAsTheDaemon) {
 }
 
 // A file system on which the daemon's file comes and goes, and which may stand still.
-class TSlowFileSystem final : public TFileSystemView {
+class TSlowFileSystem final : public TFakeFileSystem {
  public:
   bool FileExists(const std::string& /*path*/) const override {
     const bool exists = Exists;
     while (StandsStill) SystemClock().Sleep(milliseconds(1));
     return exists;
   }
-  bool DirectoryExists(const std::string& /*path*/) const override { return false; }
-  std::string ReadText(const std::string& path) const override { throw KZException(path); }
 
   std::atomic<bool> Exists = false;
   std::atomic<bool> StandsStill = false;
@@ -468,6 +461,7 @@ TEST(RealFileSystemTest, TellsFilesFromFoldersAndSaysWhyItCannotRead) {
 }
 
 std::atomic<int> toldSyslog = 0;  // The priorities of what it was told, a digit each.
+std::atomic<bool> syslogStandsStill = false;
 
 const std::string kNasty = "Path $(touch x) `id` \"quoted\" 'single' ; | & \\ \n%s -n";
 
@@ -508,8 +502,13 @@ TEST(SystemLogTest, GivesTheFirstToolItsPlainArgumentsAndWaitsForNone) {
     toldSyslog = 0;
     EXPECT_TRUE(WriteSystemLog("dead daemon", TSystemLogKind::Error));
     EXPECT_TRUE(Eventually([] { return toldSyslog == 43; })) << "that it failed, and the entry";
+    syslogStandsStill = true;
+    EXPECT_TRUE(WriteSystemLog("for nobody", TSystemLogKind::Error));
   }
+  EXPECT_EQ(CountThreads("SystemLog"), 1) << "it is left behind";
   EXPECT_FALSE(WriteSystemLog("too late", TSystemLogKind::Error));
+  syslogStandsStill = false;
+  EXPECT_TRUE(Eventually([] { return CountThreads("SystemLog") == 0; }));
 }
 
 TEST(RunCommandTest, SaysWhyACommandDidNotEndByItself) {
@@ -532,5 +531,6 @@ TEST(RunCommandTest, SaysWhyACommandDidNotEndByItself) {
 
 // In the place of the library's.
 extern "C" void syslog(int priority, const char* /*format*/, ...) {
+  while (guardian::syslogStandsStill) guardian::SystemClock().Sleep(std::chrono::milliseconds(1));
   guardian::toldSyslog = 10 * guardian::toldSyslog + priority;
 }

@@ -1,15 +1,7 @@
 #include "guardian/HistoryStore.h"
 
-#include <gmock/gmock.h>
-
 #include "guardian/Units.h"
-#include "support/Crew.h"
-#include "support/EmptyStore.h"
-#include "support/ErrorLogInFolder.h"
-#include "support/Eventually.h"
-#include "support/FakeClock.h"
-#include "support/SettingsBackup.h"
-#include "support/TempFolder.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {
@@ -93,12 +85,7 @@ TEST_F(HistoryStoreTest, WritesEveryTenMinutesAndAtTheEndAndTakesOverWhatWasTher
 
 TEST_F(HistoryStoreTest, SaysOnceThatItCannotWriteAndOnceThatItCannotReadAndGoesOn) {
   const TErrorLogInFolder log;
-  const auto timesSaid = [&log](const std::string& line) {
-    const std::string text = log.Text();
-    int count = 0;
-    for (auto at = text.find(line); at != std::string::npos; at = text.find(line, at + 1)) ++count;
-    return count;
-  };
+  const auto timesSaid = [&log](const char* line) { return CountOf(log.Text(), line); };
   auto store = Keep(Begin("kept"));
   for (const bool isLocked : {true, false, true}) {
     IsLocked = isLocked;

@@ -1,12 +1,7 @@
 #include "guardian/Notification.h"
 
-#include <gmock/gmock.h>
-
 #include "common/Environment.h"
-#include "common/Texts.h"
-#include "support/Crew.h"
-#include "support/Eventually.h"
-#include "support/TempFolder.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {

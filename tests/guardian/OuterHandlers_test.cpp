@@ -1,14 +1,6 @@
-
-#include <stdexcept>
-
 #include "guardian/FakeSurroundings.h"
 #include "guardian/Units.h"
-#include "ipc/KZCustomApplication.h"
-#include "support/Eventually.h"
-#include "support/Joined.h"
-#include "support/Matchers.h"
-#include "support/SettingsBackup.h"
-#include "support/TempFolder.h"
+#include "ipc/MessageUnit.h"
 
 namespace guardian {
 namespace {
@@ -37,16 +29,10 @@ class OuterHandlersTest : public testing::Test {
 };
 
 TEST_F(OuterHandlersTest, ReportTheDeliveryOfMessages) {
-  struct TReceiver final : TKZMessageReceiverClass {
-    void WndMethod(TKZMessage& /*message*/) override {
-      ++Calls;
-      FailOnPurpose();
-    }
-    int Calls = 0;
-  } receiver;
-  PostMessage(receiver, 1, 0, 0, 0);
-  PostMessage(receiver, 1, 0, 0, 0);
-  EXPECT_TRUE(Eventually([&] { return receiver.Calls == 2; }));
+  TRecorder receiver;
+  receiver.OnMessage = [](auto&) { FailOnPurpose(); };
+  for (const int number : {1, 2}) receiver.Post(number);
+  EXPECT_TRUE(receiver.Receives(2));
   ExpectReport("Processing KZMsg");
 }
 

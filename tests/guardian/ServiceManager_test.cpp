@@ -1,12 +1,10 @@
 #include "guardian/ServiceManager.h"
 
-#include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
 #include "common/FileDescriptor.h"
-#include "support/FakeClock.h"
-#include "support/TempFolder.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {

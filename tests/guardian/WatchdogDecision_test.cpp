@@ -2,7 +2,7 @@
 
 #include <random>
 
-#include "support/Matchers.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {

@@ -1,6 +1,5 @@
 #include "guardian/process.h"
 
-#include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sched.h>
@@ -8,7 +7,6 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 
 #include <iterator>
 
@@ -19,14 +17,7 @@
 #include "guardian/process/ProcessListing.h"
 #include "guardian/process/ShellChild.h"
 #include "guardian/process/ShellCommand.h"
-#include "support/ChildProcess.h"
-#include "support/Crew.h"
-#include "support/Eventually.h"
-#include "support/Matchers.h"
-#include "support/OpenDescriptors.h"
-#include "support/SettingsBackup.h"
-#include "support/TempFolder.h"
-#include "support/ThrownMessage.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {

@@ -5,7 +5,6 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <random>
 
@@ -14,9 +13,6 @@
 #include "diagnostics/KZCheckpoints.h"
 #include "diagnostics/exceptions/PipeCounters.h"
 #include "ipc/MessageUnit.h"
-#include "support/ErrorLogInFolder.h"
-#include "support/OpenDescriptors.h"
-#include "support/ThrownMessage.h"
 
 namespace guardian {
 namespace {
@@ -519,6 +515,16 @@ TEST(TFrameParserTest, FindsThePayloadsAndKeepsTheMemoryOfItsReads) {
     // The memory of a huge frame is given back.
     EXPECT_TRUE(length == 70'000U || places.size() < 100U) << places.size();
   }
+}
+
+TEST(TFrameParserTest, TakesAFrameWithoutPayloadOnceSomethingFollows) {
+  TFrameParser parser;
+  int payloads = 0;
+  for (const char byte : Frame("")) {
+    parser.Room(1)[0] = byte;
+    parser.Filled(1, [&](auto) { ++payloads; });
+  }
+  EXPECT_EQ(payloads, 0);
 }
 
 TEST(TWriteQueueTest, LosesItsOldestFramesAboveALimit) {

@@ -1,14 +1,10 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 
 #include "ipc/KZCustomApplication.h"
 #include "ipc/KZUnixPipes.h"
-#include "support/Crew.h"
-#include "support/Eventually.h"
-#include "support/Matchers.h"
-#include "support/TempFolder.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 

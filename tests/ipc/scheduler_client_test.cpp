@@ -2,7 +2,6 @@
 
 #include "common/NamedMutex.h"
 #include "ipc/MessageUnit.h"
-#include "support/FakeClock.h"
 
 namespace guardian {
 namespace {

@@ -3,6 +3,7 @@
 # network namespaces of its own, see scripts/siege.
 #   siege.py BIN_FOLDER DOCUMENT_WITH_THE_FILTER
 
+import contextlib
 import ctypes
 import os
 import re
@@ -119,10 +120,8 @@ def slow_readers_keep_nobody_out(wire, installation, _):
 
     def nibble():
         for client in crowd:
-            try:
+            with contextlib.suppress(OSError):
                 client.recv(1024)
-            except OSError:
-                pass
     answers = []
     stranger = wire.connect(STRANGERS[-1])
     asking = threading.Thread(target=lambda: answers.append(is_answered(stranger)))
@@ -168,17 +167,6 @@ def the_packet_filter_lets_its_own_in(wire, *_):
         raise Failed(f"{address} comes in")
 
 
-def passes(case, *world):
-    name = case.__name__.replace("_", " ")
-    try:
-        case(*world)
-    except (Failed, OSError, subprocess.SubprocessError) as error:
-        print(f"siege: FAILED: {name}: {error}", flush=True)
-        return False
-    print(f"siege: passed: {name}", flush=True)
-    return True
-
-
 def main():
     wire = Wire()
     with tempfile.TemporaryDirectory() as folder, Installation(sys.argv[1], folder) as installation:
@@ -190,13 +178,18 @@ def main():
         patient.start()
         # The crowd comes after the patient client: when all places are taken, whoever has been
         # served longest gives way.
-        failed = [case for case in (
-            a_peer_takes_no_more_than_its_places, floods_leave_no_memory_behind,
-            a_patient_client_gets_all_of_its_log,
-            slow_readers_keep_nobody_out, the_packet_filter_lets_its_own_in)
-            if not passes(case, wire, installation, patient)]
+        failed = 0
+        for case in (a_peer_takes_no_more_than_its_places, floods_leave_no_memory_behind,
+                     a_patient_client_gets_all_of_its_log, slow_readers_keep_nobody_out,
+                     the_packet_filter_lets_its_own_in):
+            outcome = "passed"
+            try:
+                case(wire, installation, patient)
+            except (Failed, OSError, subprocess.SubprocessError) as error:
+                failed, outcome = 1, f"FAILED: {error}"
+            print(f"siege: {case.__name__.replace('_', ' ')}: {outcome}", flush=True)
     wire.close()
-    sys.exit(1 if failed else 0)
+    sys.exit(failed)
 
 
 main()

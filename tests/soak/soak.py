@@ -6,7 +6,6 @@ import collections
 import contextlib
 import fcntl
 import glob
-import http.client
 import json
 import os
 import random
@@ -21,8 +20,8 @@ import time
 
 import psutil
 
-from installation import (PAGES, POLL_SECONDS, Failed, Installation, await_that, fetch, is_healthy,
-                          require)
+from installation import (NO_ANSWER, PAGES, POLL_SECONDS, Failed, Installation, await_that, fetch,
+                          is_healthy, require)
 from stories import DEAD, KILL, LOOK, SILENCE, STORIES, TICK, Bound, restarted
 
 PAGE_LIMIT = 1.0
@@ -253,7 +252,7 @@ class Soak:
         began = time.monotonic()
         try:
             text, problem = fetch(page, limit), "it is empty, or late"
-        except (OSError, http.client.HTTPException) as error:
+        except NO_ANSWER as error:
             text, problem = "", error
         now = time.monotonic()
         require(text and now - began <= limit,

@@ -2,11 +2,9 @@
 
 #include <algorithm>
 
-#include "common/Exceptions.h"
-#include "common/Texts.h"
-#include "support/Matchers.h"
+#include "support/TestSupport.h"
 #include "system/Installation.h"
-#include "webstatus/HttpClient.h"
+#include "webstatus/RawClient.h"
 
 namespace guardian {
 
@@ -41,23 +39,14 @@ class GuardianSystemTest : public testing::Test {
     return command->Output();
   }
 
-  // The page's text; empty when nobody answers.
-  static std::string Page(const std::string& name, const std::string& port = "8900") {
-    try {
-      return HttpGet("localhost:" + port + "/" + name, std::chrono::seconds(60)).Body;
-    } catch (const SoftException&) {
-      return {};
-    }
-  }
   static void ExpectOnPage(const std::string& text, const std::string& page = {}) {
-    EXPECT_TRUE(Eventually([&] { return Contains(Page(page), text); }, kHangLimit)) << text << "\n"
-                                                                                    << Page(page);
+    const auto isThere = [&] { return Contains(Page(page), text); };
+    EXPECT_TRUE(Eventually(isThere, kHangLimit)) << text << "\n" << Page(page);
   }
   void ExpectAnotherDaemon(pid_t before) const {
-    EXPECT_TRUE(Eventually(
-        [&] { return FInstallation.DaemonRuns() && FInstallation.DaemonPid() != before; },
-        kHangLimit))
-        << Page("");
+    const auto isAnother = [&] { return FInstallation.DaemonPid() != before; };
+    const auto runs = [&] { return FInstallation.DaemonRuns() && isAnother(); };
+    EXPECT_TRUE(Eventually(runs, kHangLimit)) << Page("");
   }
   static bool Contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;

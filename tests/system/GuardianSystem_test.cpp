@@ -1,8 +1,6 @@
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include "common/FileDescriptor.h"
-#include "support/Crew.h"
 #include "system/GuardianFixture.h"
 #include "webstatus/RawClient.h"
 
@@ -107,36 +105,6 @@ TEST_F(GuardianSystemTest, StartsWhateverItsStandardHandlesAre) {
   Command("stop");
   StartGuardianBy({"/bin/bash", "-c", "exec 3> >(:); wait $!; exec \"$0\" start >&3",
                    FInstallation.GuardianPath()});
-}
-
-// Its system log takes no message more, and its temp folder vanishes.
-TEST_F(GuardianSystemTest, WatchesOnInAWorldThatStandsStill) {
-  const TTempFolder& folder = FInstallation.Folder();
-  std::filesystem::create_directory(folder.Path("dev"));
-  const TFileDescriptor log(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  sockaddr_un address{AF_UNIX, {}};
-  folder.Path("dev/log").copy(std::begin(address.sun_path), std::size(address.sun_path) - 1);
-  const auto* const name = reinterpret_cast<const sockaddr*>(&address);
-  ASSERT_EQ(::bind(log.Get(), name, sizeof(address)), 0);
-  const TFileDescriptor sender(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  while (::sendto(sender.Get(), "full", 4, 0, name, sizeof(address)) == 4) continue;
-  ASSERT_EQ(errno, EAGAIN);
-
-  const std::string enter =
-      "cd '" + folder.Path("dev") + "' && for node in null urandom; do touch $node && " +
-      "mount --bind /dev/$node $node || exit; done; mount --rbind . /dev && exec \"$0\"";
-  std::vector<std::string> line = {"/usr/bin/unshare", "--mount"};
-  if (::geteuid() != 0) line.insert(line.end(), {"--user", "--map-root-user"});
-  line.insert(line.end(), {"/bin/sh", "-c", enter, FInstallation.GuardianPath()});
-  StartGuardianBy(line);
-  ExpectAnotherDaemon(0);
-  ExpectOnPage("MutexOK=Y, PipeStatusOK=Y, ServiceOK=Y");
-  std::filesystem::remove(folder.Path("tmp"));
-  const pid_t before = FInstallation.DaemonPid();
-  ASSERT_TRUE(FInstallation.KillDaemon());
-  ExpectAnotherDaemon(before);
-  FGuardian->Signal(SIGTERM);
-  EXPECT_EQ(FGuardian->Wait(), 0);
 }
 
 // In its loop, after a handshake that fails or floods, and while a command of either hangs.

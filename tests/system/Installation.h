@@ -10,9 +10,7 @@
 #include <vector>
 
 #include "DaemonExecutable.h"
-#include "support/Eventually.h"
 #include "support/Program.h"
-#include "support/TempFolder.h"
 
 namespace guardian {
 

@@ -2,9 +2,7 @@
 
 #include <random>
 
-#include "support/Crew.h"
-#include "support/FakeClock.h"
-#include "support/Matchers.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {

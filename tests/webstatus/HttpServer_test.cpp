@@ -1,17 +1,9 @@
 #include "webstatus/HttpServer.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <malloc.h>
 
-#include "common/Texts.h"
-#include "support/Crew.h"
-#include "support/Eventually.h"
-#include "support/FakeClock.h"
-#include "support/Matchers.h"
-#include "support/OpenDescriptors.h"
-#include "support/TempFolder.h"
-#include "support/ThrownMessage.h"
+#include "support/TestSupport.h"
 #include "webstatus/HttpClient.h"
 #include "webstatus/RawClient.h"
 

@@ -7,7 +7,9 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "common/Exceptions.h"
 #include "common/FileDescriptor.h"
+#include "webstatus/HttpClient.h"
 
 namespace guardian {
 
@@ -39,6 +41,16 @@ inline std::uint16_t PortOf(const TFileDescriptor& socket) {
   socklen_t length = sizeof(address);
   ::getsockname(socket.Get(), reinterpret_cast<sockaddr*>(&address), &length);
   return ntohs(address.sin_port);
+}
+
+// The text of a page of this machine; empty when nobody answers.
+inline std::string Page(const std::string& name, std::uint16_t port = 8900) {
+  try {
+    const std::string host = "localhost:" + std::to_string(port);
+    return HttpGet(host + "/" + name, std::chrono::seconds(60)).Body;
+  } catch (const SoftException&) {
+    return {};
+  }
 }
 
 struct TRawReply {

@@ -1,17 +1,9 @@
 #include "webstatus/StatusPages.h"
 
-#include <fcntl.h>
-
 #include <random>
 #include <regex>
 
-#include "common/Texts.h"
-#include "support/Crew.h"
-#include "support/FakeClock.h"
-#include "support/Joined.h"
-#include "support/Matchers.h"
-#include "support/SettingsBackup.h"
-#include "support/TempFolder.h"
+#include "support/TestSupport.h"
 #include "webstatus/ActivityLog.h"
 #include "webstatus/OverviewPage.h"
 #include "webstatus/RawClient.h"
