@@ -91,9 +91,23 @@ std::string_view WhatStandsStill(const TGuardianService& service) {
   return WebStatusServerGoesOn() ? "" : "the web server";
 }
 
-void RunGuardian(TServiceManager& manager, TClock& clock) {
+void RunMainLoop(TKZCustomApplication& application, TGuardianService& service,
+                 TServiceManager& manager, TClock& clock) {
   // What could not start, as for want of a descriptor, is tried again so often.
   constexpr std::int64_t kRetryMs = 10'000;
+  std::int64_t retryTick = clock.TickCount() + kRetryMs;
+  const auto round = [&] {
+    if (clock.TickCount() >= retryTick) {
+      retryTick = clock.TickCount() + kRetryMs;
+      service.StartTimer();
+      RetryWebStatusServer();
+    }
+    if (manager.IsDue()) manager.Report(*service.StatusLine(), WhatStandsStill(service));
+  };
+  application.Run(round, manager.Interval());
+}
+
+void RunGuardian(TServiceManager& manager, TClock& clock) {
   BindMainThread();
   const TAtEnd closeQueue([] { CloseMainThreadQueue(); });
   TKZCustomApplication application;
@@ -125,16 +139,7 @@ void RunGuardian(TServiceManager& manager, TClock& clock) {
     FreeWebStatusServer();
     KZCP::Checkpoint("WebStatSrv.finidone");
   });
-  std::int64_t retryTick = clock.TickCount() + kRetryMs;
-  const auto round = [&] {
-    if (clock.TickCount() >= retryTick) {
-      retryTick = clock.TickCount() + kRetryMs;
-      service.StartTimer();
-      RetryWebStatusServer();
-    }
-    if (manager.IsDue()) manager.Report(*service.StatusLine(), WhatStandsStill(service));
-  };
-  application.Run(round, manager.Interval());
+  RunMainLoop(application, service, manager, clock);
   manager.ReportEnd();
   service.Stop();
 }
@@ -196,6 +201,22 @@ int StopGuardian() {
   return answer.Text == "Guardian stopped." && GuardianEnds() ? kExitOk : kExitFailed;
 }
 
+// "start" makes a daemon, unless a Guardian answers already.
+int RunHereOrAsDaemon(const std::string& word, TClock& clock) {
+  ReadDebugMode();
+  TServiceManager manager;
+  if (word == "start") {
+    if (QueryGuardian("status.php", TQueryOutput::AnswerOnly)) {
+      PrintLine("Guardian Service already running.");
+      return kExitOk;
+    }
+    PrintLine("Launching Guardian Service as Daemon.");
+    BecomeDaemon();
+  }
+  RunGuardian(manager, clock);
+  return kExitOk;
+}
+
 }  // namespace
 
 int GuardianMain(TClock& clock) {
@@ -213,18 +234,7 @@ int GuardianMain(TClock& clock) {
     return running ? kExitOk : kExitNotRunning;
   }
   try {
-    ReadDebugMode();
-    TServiceManager manager;
-    if (word == "start") {
-      if (QueryGuardian("status.php", TQueryOutput::AnswerOnly)) {
-        PrintLine("Guardian Service already running.");
-        return kExitOk;
-      }
-      PrintLine("Launching Guardian Service as Daemon.");
-      BecomeDaemon();
-    }
-    RunGuardian(manager, clock);
-    return kExitOk;
+    return RunHereOrAsDaemon(word, clock);
   } catch (...) {
     PrintLine("The Guardian cannot run: " + CurrentExceptionMessage());
     WriteExceptionReport(std::current_exception(), "GuardianMain");
