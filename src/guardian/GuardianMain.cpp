@@ -123,6 +123,12 @@ void RunGuardian(TServiceManager& manager, TClock& clock) {
   manager.ExtendStart();
   service.Start();
   UseLogFolder();
+  // Also when something below throws: a page must not outlive the service.
+  const TAtEnd freeServer([] {
+    KZCP::Checkpoint("WebStatSrv.fini");
+    FreeWebStatusServer();
+    KZCP::Checkpoint("WebStatSrv.finidone");
+  });
   StartWebStatusServer({
       .Guardian = &service,
       .TerminateGuardian = [&application] { application.Terminate(); },
@@ -133,12 +139,6 @@ void RunGuardian(TServiceManager& manager, TClock& clock) {
   });
   // Behind the server, which need not wait for what it reads.
   const THistoryStore historyStore(service.History(), &OpenGuardianStore, clock);
-  // Also when something below throws: a page must not outlive the service.
-  const TAtEnd freeServer([] {
-    KZCP::Checkpoint("WebStatSrv.fini");
-    FreeWebStatusServer();
-    KZCP::Checkpoint("WebStatSrv.finidone");
-  });
   RunMainLoop(application, service, manager, clock);
   manager.ReportEnd();
   service.Stop();

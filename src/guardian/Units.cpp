@@ -7,6 +7,7 @@
 #include <string>
 #include <system_error>
 
+#include "common/DiagnosticMessage.h"
 #include "common/ErrorLog.h"
 #include "common/MainThread.h"
 #include "common/Settings.h"
@@ -41,13 +42,16 @@ TUnits::TUnits() {
   StartPipes();
 }
 
+// A step that fails, as for want of memory, keeps no other from being done.
 TUnits::~TUnits() {
-  StopPipes();
-  StopMessages();
-  SetMessageExceptionReporter({});
-  StopExceptionReports();
-  KZCP::Fini(&CheckMutexesAtTermination);
-  ErrorLog().Close();
+  using TStep = void (*)();
+  constexpr TStep kSteps[] = {&StopPipes,
+                              &StopMessages,
+                              [] { SetMessageExceptionReporter({}); },
+                              &StopExceptionReports,
+                              [] { KZCP::Fini(&CheckMutexesAtTermination); },
+                              [] { ErrorLog().Close(); }};
+  for (const TStep step : kSteps) Guarded("End of the units", SystemClock(), step);
 }
 
 }  // namespace guardian
