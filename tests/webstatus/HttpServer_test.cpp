@@ -31,7 +31,7 @@ std::atomic<int> acceptsThatFail = 0;
 
 // A text that is more than all socket buffers hold, and that answers share.
 const TSharedText::TText& Big() {
-  static const auto big = std::make_shared<const std::string>(Pattern(12 * 1024 * 1024));
+  static const auto big = MakeText(Pattern(12 * 1024 * 1024));
   return big;
 }
 

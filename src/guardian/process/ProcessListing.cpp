@@ -79,7 +79,11 @@ std::string DaemonPidIn(std::string_view listing, const TIsOwnProcess& isOwn) {
   return {};
 }
 
-// The program's name in the text may hold anything, so the fields are counted from behind it.
+std::string_view StatBehindName(std::string_view stat) {
+  const std::size_t end = stat.rfind(')');
+  return end == std::string_view::npos ? std::string_view() : stat.substr(end + 1);
+}
+
 std::optional<double> ProcessAgeSec(const std::string& pid) {
   constexpr int kFieldsBetween = 19;  // From the name to the start, in ticks since the boot.
   constexpr std::size_t kMostBytes = 4096;
@@ -87,8 +91,7 @@ std::optional<double> ProcessAgeSec(const std::string& pid) {
   const TFileDescriptor file(::open(("/proc/" + pid + "/stat").c_str(), O_RDONLY | O_CLOEXEC));
   std::string text;
   if (!file || ReadToEnd(file.Get(), kMostBytes, text) != 0) return std::nullopt;
-  std::string_view fields(text);
-  fields.remove_prefix(std::min(fields.rfind(')') + 1, fields.size()));
+  std::string_view fields = StatBehindName(text);
   for (int field = 0; field < kFieldsBetween; ++field) TakeWord(fields);
   const std::string_view start = TakeWord(fields);
   double ticks = 0;

@@ -39,6 +39,11 @@ using TIsOwnProcess = std::function<bool(pid_t pid)>;
 // digits of the line, wherever it stands: a user name that ends in digits is taken for the id.
 [[nodiscard]] std::string DaemonPidIn(std::string_view listing, const TIsOwnProcess& isOwn);
 
+// What stands behind the program's name in the text of a /proc/<pid>/stat, from the state on, with
+// the blank before it; empty when there is no name. The name may hold anything. Points into the
+// text.
+[[nodiscard]] std::string_view StatBehindName(std::string_view stat);
+
 // How long the process has been running, in seconds; nothing for a text that is no id of a process
 // that runs. Threads: any.
 [[nodiscard]] std::optional<double> ProcessAgeSec(const std::string& pid);

@@ -24,6 +24,7 @@
 #include "common/Clock.h"
 #include "common/SignalBlock.h"
 #include "guardian/process/ChildRegistry.h"
+#include "guardian/process/ProcessListing.h"
 
 namespace guardian {
 namespace {
@@ -113,14 +114,13 @@ class TSpawnSetup {
   ::_exit(127);
 }
 
-// Whether the text of a /proc/<pid>/stat shows a living member of the group. The program's name in
-// it may hold anything, so the fields are counted from the last parenthesis.
+// Whether the text of a /proc/<pid>/stat shows a living member of the group.
 bool IsLivingMember(const std::string& stat, pid_t group) {
-  const std::size_t name = stat.rfind(')');
-  if (name == std::string::npos || name + 4 > stat.size()) return false;
-  const char state = stat[name + 2];
+  const std::string_view fields = StatBehindName(stat);
+  if (fields.size() < 3) return false;
+  const char state = fields[1];
   char* rest = nullptr;
-  std::strtol(stat.c_str() + name + 3, &rest, 10);  // The parent.
+  std::strtol(fields.data() + 2, &rest, 10);  // The parent.
   return std::strtol(rest, nullptr, 10) == group && state != 'Z' && state != 'X';
 }
 
