@@ -7,11 +7,11 @@
 
 #include <algorithm>
 #include <boost/asio/post.hpp>
+#include <boost/beast/core/buffers_suffix.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/empty_body.hpp>
-#include <boost/beast/http/error.hpp>
 #include <boost/beast/http/parser.hpp>
-#include <limits>
+#include <boost/beast/http/read.hpp>
 #include <memory>
 #include <optional>
 #include <string>
@@ -50,7 +50,6 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
   THttpConnection(THttpConnections& all, THttpPeer peer, tcp::socket socket)
       : FAll(all), FPeer(std::move(peer)), FSocket(std::move(socket)) {
     FPlace = FAll.FOpen.insert(FAll.FOpen.end(), this);
-    FParser.emplace();
     BecomeIdle(FAll.FOptions.HeaderTimeout);
   }
 
@@ -61,12 +60,15 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
   THttpConnection(const THttpConnection&) = delete;
   THttpConnection& operator=(const THttpConnection&) = delete;
 
-  void Read() {
-    FSocket.async_read_some(FInput.prepare(kReadBytes),
-                            [self = shared_from_this()](const TErrorCode& error, std::size_t got) {
-                              if (error) return;
-                              self->FInput.commit(got);
-                              self->Parse();
+  // Of the next request, whose bytes may be there already.
+  void ReadHeader() {
+    FParser.emplace();
+    FParser->body_limit(boost::none);  // No body is read.
+    FParser->header_limit(static_cast<std::uint32_t>(FAll.FOptions.MaxHeaderBytes));
+    FInput.reserve(kReadBytes);
+    http::async_read_header(FSocket, FInput, *FParser,
+                            [self = shared_from_this()](const TErrorCode& error, std::size_t used) {
+                              if (self->FSocket.is_open()) self->Receive(error, used);
                             });
   }
 
@@ -91,13 +93,7 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
   }
 
  private:
-  // Limits of bodies and of single lines would only be in the way.
-  struct TParser : http::request_parser<http::empty_body> {
-    TParser() {
-      header_limit(std::numeric_limits<std::uint32_t>::max());
-      body_limit(boost::none);
-    }
-  };
+  using TOutput = boost::beast::buffers_suffix<std::vector<asio::const_buffer>>;
 
   void BecomeIdle(std::chrono::milliseconds time) {
     FDeadline = FAll.In(time);
@@ -120,16 +116,16 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
     if (std::exchange(FBusySince, std::nullopt)) FAll.BusyEnded();
   }
 
-  // The parser's own limit is one on single lines, so the header's bytes are counted here.
-  void Parse() {
-    TErrorCode error;
-    const std::size_t used = FParser->put(FInput.data(), error);
-    FInput.consume(used);
-    FHeaderBytes += used;
-    const std::size_t limit = FAll.FOptions.MaxHeaderBytes;
-    if (error == http::error::need_more && FHeaderBytes + FInput.size() < limit) return Read();
+  // The parser's own limit is one on what it takes at a time.
+  void Receive(const TErrorCode& error, std::size_t headerBytes) {
+    const bool isTooLong =
+        error == http::error::header_limit || headerBytes > FAll.FOptions.MaxHeaderBytes;
+    const bool hasGone = (error && error.category() == boost::system::system_category()) ||
+                         error == http::error::end_of_stream ||
+                         error == http::error::partial_message;
+    if (hasGone) return;
     BecomeBusy();
-    if (error == http::error::need_more || (!error && FHeaderBytes > limit)) return Refuse(431);
+    if (isTooLong) return Refuse(431);
     if (error || IsAmbiguous()) return Refuse(400);
     AnswerRequest();
   }
@@ -137,8 +133,12 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
   // Two readers of the same bytes could take them for different requests.
   [[nodiscard]] bool IsAmbiguous() const {
     const auto& fields = FParser->get();
-    return fields.count(http::field::host) > 1 ||
-           (fields.count(http::field::transfer_encoding) > 0 && !FParser->chunked());
+    for (const char* const name : {"Host", "Transfer-Encoding", "Sec-Fetch-Site", "Origin",
+                                   "Referer", "Sec-Purpose", "Purpose"}) {
+      if (fields.count(name) > 1) return true;
+    }
+    const auto coding = fields.find(http::field::transfer_encoding);
+    return coding != fields.end() && !EqualNames(coding->value(), "chunked");
   }
 
   // A request with a body is answered and then closed on, so that its body is never taken for the
@@ -156,7 +156,7 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
     FIsHead = request.Method == "HEAD";
     const auto& mayBlock = FAll.FOptions.MayBlock;
     if (!mayBlock || !mayBlock(request)) return Send(ResponseTo(request));
-    if (FAll.FThreads.BlockingCallsStandStill()) return Refuse(503);
+    if (FAll.FThreads.BlockingCallsStandStill()) return Send(PlainResponse(503));
     FAll.FThreads.CallBlocking(
         shared_from_this(), [this, request = std::move(request)] { return ResponseTo(request); },
         [this](THttpResponse response) { Send(std::move(response)); });
@@ -184,28 +184,24 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
   void Send(THttpResponse response) {
     FResponse = std::move(response);
     FHead = HeadOf(FResponse, FAll.FOptions.ExtraHeaders, FAll.FClock.UtcNow(), FKeepAlive);
-    FOutput.assign({asio::buffer(FHead)});
+    FFileOffset = 0;
+    std::vector<asio::const_buffer> output = {asio::buffer(FHead)};
     if (FIsHead || !HasBody(FResponse.Status)) {
       FResponse.File.Close();
     } else if (!FResponse.File) {
-      FOutput.emplace_back(asio::buffer(FResponse.Body));
-      for (const auto& text : FResponse.Tail) FOutput.emplace_back(asio::buffer(*text));
+      output.emplace_back(asio::buffer(FResponse.Body));
+      for (const auto& text : FResponse.Tail) output.emplace_back(asio::buffer(*text));
     }
-    FFileOffset = 0;
-    WriteAtOnce();
-  }
-
-  // A short answer fits into the kernel's buffer, and needs no turn of its own.
-  void WriteAtOnce() {
+    FOutput = TOutput(output);
+    // A short answer fits into the kernel's buffer, and needs no turn of its own.
     TErrorCode error;
     const std::size_t written = FSocket.write_some(FOutput, error);
-    if (error == asio::error::would_block) return Write();
-    if (!error) NoteWritten(written);
+    if (!error || error == asio::error::would_block) NoteWritten(written);
   }
 
   void NoteWritten(std::size_t count) {
     FWritten += count;
-    ConsumeOutput(count);
+    FOutput.consume(count);
     GoOn();
   }
 
@@ -215,14 +211,6 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
         FOutput, [self = shared_from_this()](const TErrorCode& error, std::size_t written) {
           if (!error) self->NoteWritten(written);
         });
-  }
-
-  void ConsumeOutput(std::size_t written) {
-    for (asio::const_buffer& part : FOutput) {
-      const std::size_t taken = std::min(written, part.size());
-      part += taken;
-      written -= taken;
-    }
   }
 
   void GoOn() {
@@ -249,7 +237,7 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
   void WriteChunk(ssize_t got) {
     if (got <= 0) return;
     FFileOffset += static_cast<std::size_t>(got);
-    FOutput.assign({asio::buffer(FChunk.data(), static_cast<std::size_t>(got))});
+    FOutput = TOutput({asio::buffer(FChunk.data(), static_cast<std::size_t>(got))});
     Write();
   }
 
@@ -262,12 +250,7 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
     if (FAll.FStopping) return;
     BecomeIdle(FAll.FOptions.HeaderTimeout);
     FKeepAlive = false;
-    FHeaderBytes = 0;
-    FParser.emplace();
-    if (FInput.size() == 0) return Read();
-    asio::post(FAll.FThreads.Context(), [self = shared_from_this()] {
-      if (self->FSocket.is_open()) self->Parse();
-    });
+    ReadHeader();
   }
 
   // To close while something is unread would reset the connection, and the client might lose the
@@ -304,13 +287,12 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
   std::uint64_t FWritten = 0;
   std::uint64_t FTaken = 0;  // Of that by the peer, at the last look.
   boost::beast::flat_buffer FInput;
-  std::optional<TParser> FParser;  // Made anew for each request.
-  std::size_t FHeaderBytes = 0;    // Of the current header, without what is still in FInput.
+  std::optional<http::request_parser<http::empty_body>> FParser;  // Made anew for each request.
   bool FKeepAlive = false;
   bool FIsHead = false;
   THttpResponse FResponse;
   std::string FHead;
-  std::vector<asio::const_buffer> FOutput;  // What is left of the head and the texts, or of FChunk.
+  TOutput FOutput;  // What is left of the head and the texts, or of FChunk.
   std::vector<char> FChunk;
   std::uint64_t FFileOffset = 0;
   std::size_t FDrainedBytes = 0;
@@ -323,19 +305,40 @@ THttpPeer::THttpPeer(asio::ip::address address) : Address(std::move(address)) {
   IsLocal = Address.is_loopback();
 }
 
-THttpConnections::TRoom THttpConnections::MakeRoom(const THttpPeer& peer) {
-  const auto ofPeer = std::count_if(
-      FOpen.begin(), FOpen.end(),
-      [&peer](const THttpConnection* other) { return other->Peer().Address == peer.Address; });
-  const bool isCrowd = static_cast<std::size_t>(ofPeer) >= FOptions.MaxConnectionsOfAPeer;
-  if (isCrowd && !peer.IsLocal) return TRoom::Refused;
-  if (FOpen.size() < FOptions.MaxConnections) return TRoom::Free;
+void THttpConnections::Welcome(tcp::socket socket) {
+  TErrorCode gone;
+  const tcp::endpoint from = socket.remote_endpoint(gone);
+  if (gone) return;
+  const THttpPeer peer(from.address());
+  if (HasItsShare(peer)) return;
+  const bool isNext = FWaiting.empty() || peer.IsLocal;
+  if (isNext && MakeRoom(peer)) return Open(peer, std::move(socket));
+  if (FWaiting.size() < FOptions.MaxConnections) FWaiting.push_back({peer, std::move(socket)});
+}
+
+bool THttpConnections::HasItsShare(const THttpPeer& peer) const {
+  const auto isOfPeer = [&peer](const THttpPeer& other) { return other.Address == peer.Address; };
+  const auto count = std::ranges::count_if(FOpen, isOfPeer, &THttpConnection::Peer) +
+                     std::ranges::count_if(FWaiting, isOfPeer, &TWaiting::Peer);
+  return !peer.IsLocal && static_cast<std::size_t>(count) >= FOptions.MaxConnectionsOfAPeer;
+}
+
+// One at a turn of the thread, since one that has sent nothing yet is the first to make room.
+void THttpConnections::LetInNext() {
+  if (FWaiting.empty() || !MakeRoom(FWaiting.front().Peer)) return;
+  TWaiting next = std::move(FWaiting.front());
+  FWaiting.pop_front();
+  Open(next.Peer, std::move(next.Socket));
+  asio::post(FThreads.Context(), [this] { LetInNext(); });
+}
+
+bool THttpConnections::MakeRoom(const THttpPeer& peer) {
+  if (FOpen.size() < FOptions.MaxConnections) return true;
   const auto idle = std::find_if(FOpen.begin(), FOpen.end(),
                                  [](const THttpConnection* other) { return !other->BusySince(); });
   THttpConnection* const leaving = idle != FOpen.end() ? *idle : LongestBusy(peer);
-  if (leaving == nullptr) return TRoom::Later;
-  leaving->Close();
-  return TRoom::Free;
+  if (leaving != nullptr) leaving->Close();
+  return leaving != nullptr;
 }
 
 // Null when none has been busy for long; the commands of this machine need not wait for others.
@@ -354,7 +357,7 @@ void THttpConnections::Open(const THttpPeer& peer, tcp::socket socket) {
   socket.non_blocking(true);
   TErrorCode ignored;  // Without it the answers are slower at worst.
   socket.set_option(tcp::no_delay(true), ignored);
-  std::make_shared<THttpConnection>(*this, peer, std::move(socket))->Read();
+  std::make_shared<THttpConnection>(*this, peer, std::move(socket))->ReadHeader();
 }
 
 void THttpConnections::CloseTooSlow() {
@@ -370,6 +373,7 @@ void THttpConnections::CloseTooSlow() {
 
 void THttpConnections::FinishAnswers() {
   FStopping = true;
+  FWaiting.clear();
   for (auto next = FOpen.begin(); next != FOpen.end();) {
     THttpConnection& connection = **next++;
     if (!connection.BusySince()) connection.Close();
@@ -378,6 +382,7 @@ void THttpConnections::FinishAnswers() {
 }
 
 void THttpConnections::CloseAll() {
+  FWaiting.clear();
   while (!FOpen.empty()) FOpen.front()->Close();
 }
 

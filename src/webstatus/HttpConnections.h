@@ -37,20 +37,20 @@ class THttpConnections {
   THttpConnections(const THttpConnections&) = delete;
   THttpConnections& operator=(const THttpConnections&) = delete;
 
-  enum class TRoom { Free, Later, Refused };
+  // Serves the socket, or has it wait in a queue, which those of this machine pass by. Closes it
+  // when its peer has its share already, when too many wait, and when it throws: std::bad_alloc and
+  // boost::system::system_error.
+  void Welcome(boost::asio::ip::tcp::socket socket);
 
-  // Makes room by closing one when all places are taken: the one that has been idle longest, else
-  // the one that has been busy longest, when that is long enough.
-  [[nodiscard]] TRoom MakeRoom(const THttpPeer& peer);
-
-  // Serves the socket. Throws std::bad_alloc and boost::system::system_error; it is then closed.
-  void Open(const THttpPeer& peer, boost::asio::ip::tcp::socket socket);
-
-  [[nodiscard]] std::size_t Count() const { return FOpen.size(); }
+  // Of those that are open and those that wait.
+  [[nodiscard]] std::size_t Count() const { return FOpen.size() + FWaiting.size(); }
 
   // Closes those whose time is over, and gives the memory of a flood back to the system when few
   // are left; the heap would keep it.
   void CloseTooSlow();
+
+  // Lets in who has waited longest, if there is room, and then the others. Throws as Welcome.
+  void LetInNext();
 
   // From now on a connection ends with its answer; those without one end at once.
   void FinishAnswers();
@@ -60,6 +60,16 @@ class THttpConnections {
  private:
   friend class THttpConnection;
 
+  struct TWaiting {
+    THttpPeer Peer;
+    boost::asio::ip::tcp::socket Socket;
+  };
+
+  [[nodiscard]] bool HasItsShare(const THttpPeer& peer) const;
+  // Makes room by closing one when all places are taken: the one that has been idle longest, else
+  // the one that has been busy longest, when that is long enough.
+  [[nodiscard]] bool MakeRoom(const THttpPeer& peer);
+  void Open(const THttpPeer& peer, boost::asio::ip::tcp::socket socket);
   [[nodiscard]] THttpConnection* LongestBusy(const THttpPeer& newcomer);
   void BusyEnded();
   [[nodiscard]] std::int64_t In(std::chrono::milliseconds duration) const {
@@ -71,6 +81,7 @@ class THttpConnections {
   TClock& FClock;
   THttpThreads& FThreads;
   std::list<THttpConnection*> FOpen;  // The longest idle first.
+  std::list<TWaiting> FWaiting;       // At most MaxConnections.
   std::size_t FBusy = 0;
   bool FStopping = false;
   // A connection has held much memory. Atomic: a blocking thread may be the last to let it go.

@@ -1,5 +1,6 @@
 #include "webstatus/HttpMessage.h"
 
+#include <arpa/inet.h>
 #include <locale.h>
 
 #include <algorithm>
@@ -65,6 +66,13 @@ bool EqualNames(std::string_view a, std::string_view b) noexcept {
                     [](char x, char y) { return LowerCaseOf(x) == LowerCaseOf(y); });
 }
 
+bool IsAddress(const std::string& text) {
+  const std::string withoutZone = text.substr(0, text.find('%'));
+  in6_addr ignored{};
+  return ::inet_pton(AF_INET, text.c_str(), &ignored) == 1 ||
+         ::inet_pton(AF_INET6, withoutZone.c_str(), &ignored) == 1;
+}
+
 std::optional<std::string_view> THttpRequest::Header(std::string_view name) const {
   for (const auto& [key, value] : Headers) {
     if (EqualNames(key, name)) return value;
@@ -124,15 +132,18 @@ std::string HeadOf(const THttpResponse& response, std::string_view extraHeaders,
 
 THttpRequest RequestOf(std::string_view method, std::string_view target) {
   constexpr std::string_view kScheme = "http://";
+  THttpRequest request;
+  request.Method = method;
   if (EqualNames(target.substr(0, kScheme.size()), kScheme)) {
     target.remove_prefix(kScheme.size());
-    target.remove_prefix(std::min(target.find_first_of("/?"), target.size()));
+    const std::size_t end = std::min(target.find_first_of("/?"), target.size());
+    request.Headers.emplace_back("Host", target.substr(0, end));
+    target.remove_prefix(end);
   }
   const std::size_t mark = std::min(target.find('?'), target.size());
-  return {std::string(method),
-          LinkDecode(target.substr(0, mark)),
-          std::string(target.substr(std::min(mark + 1, target.size()))),
-          {}};
+  request.Path = LinkDecode(target.substr(0, mark));
+  request.Query = target.substr(std::min(mark + 1, target.size()));
+  return request;
 }
 
 }  // namespace guardian

@@ -17,6 +17,9 @@ namespace guardian {
 [[nodiscard]] std::string LowerCase(std::string_view text);
 [[nodiscard]] bool EqualNames(std::string_view a, std::string_view b) noexcept;
 
+// Whether the text is an IPv4 or IPv6 address, which may name a zone, as in "fe80::1%eth0".
+[[nodiscard]] bool IsAddress(const std::string& text);
+
 struct THttpRequest {
   // The value of the first header of that name, in any case of letters; none when there is none.
   [[nodiscard]] std::optional<std::string_view> Header(std::string_view name) const;
@@ -60,7 +63,8 @@ struct THttpResponse {
 [[nodiscard]] std::string HeadOf(const THttpResponse& response, std::string_view extraHeaders,
                                  TDateTime utcNow, bool keepAlive);
 
-// A request of a target as it was sent: "http://host/path?query" is as good as "/path?query".
+// A request of a target as it was sent: "http://host/path?query" is as good as "/path?query", and
+// its host goes before all headers.
 [[nodiscard]] THttpRequest RequestOf(std::string_view method, std::string_view target);
 
 }  // namespace guardian

@@ -7,6 +7,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <list>
+#include <set>
 #include <utility>
 
 #include "common/Console.h"
@@ -59,8 +60,6 @@ class THttpRun {
   void Accept(TListener& listener);
   void AcceptNow(TListener& listener);
   void AcceptAfterFailure(TListener& listener, const TErrorCode& error);
-  void Welcome(TListener& listener, tcp::socket socket);
-  void WelcomeLater(TListener& listener, tcp::socket socket);
   void Sweep();
 
   const THttpServer::THandler FHandler;
@@ -83,12 +82,19 @@ THttpRun::THttpRun(THttpServer::THandler handler, THttpServerOptions options, TC
       FConnections(FHandler, FOptions, clock, FThreads),
       FThreads(FOptions, clock) {
   if (FOptions.Addresses.empty()) ListenOnAll();
-  for (const std::string& address : FOptions.Addresses) {
+  std::set<asio::ip::address> addresses;
+  for (const std::string& text : FOptions.Addresses) {
+    addresses.insert(asio::ip::make_address(text));
+  }
+  for (const asio::ip::address& address : addresses) {
+    const asio::ip::address all = address.is_v6() ? asio::ip::address(asio::ip::address_v6::any())
+                                                  : asio::ip::address_v4::any();
+    if (address != all && addresses.contains(all)) continue;
     try {
-      Listen(asio::ip::make_address(address), false);
+      Listen(address, false);
     } catch (const boost::system::system_error& error) {
       if (error.code() == asio::error::address_in_use) throw;
-      const ESystemError reason("Listen on", address, error.code().value());
+      const ESystemError reason("Listen on", address.to_string(), error.code().value());
       if (FOptions.OnUnusable) FOptions.OnUnusable(reason.Message());
     }
   }
@@ -166,7 +172,8 @@ void THttpRun::AcceptNow(TListener& listener) {
     if (!error) {
       listener.Failing = false;
       ::fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);
-      return Welcome(listener, std::move(socket));
+      FConnections.Welcome(std::move(socket));
+      if (FConnections.Count() == 1) Sweep();
     }
   } catch (...) {
     FOptions.Report(std::current_exception());
@@ -188,32 +195,6 @@ void THttpRun::AcceptAfterFailure(TListener& listener, const TErrorCode& error) 
   });
 }
 
-void THttpRun::Welcome(TListener& listener, tcp::socket socket) {
-  TErrorCode gone;
-  const tcp::endpoint from = socket.remote_endpoint(gone);
-  try {
-    const THttpPeer peer(from.address());
-    const auto room = gone ? THttpConnections::TRoom::Refused : FConnections.MakeRoom(peer);
-    if (room == THttpConnections::TRoom::Later) return WelcomeLater(listener, std::move(socket));
-    if (room == THttpConnections::TRoom::Free) {
-      FConnections.Open(peer, std::move(socket));
-      if (FConnections.Count() == 1) Sweep();
-    }
-  } catch (...) {
-    FOptions.Report(std::current_exception());
-  }
-  Accept(listener);
-}
-
-// While there is no room, those who come next wait in the kernel's queue.
-void THttpRun::WelcomeLater(TListener& listener, tcp::socket socket) {
-  listener.Pause.expires_after(kPause);
-  listener.Pause.async_wait(
-      [this, &listener, socket = std::move(socket)](const TErrorCode&) mutable {
-        if (!FStopping) Welcome(listener, std::move(socket));
-      });
-}
-
 // Goes on while there are connections: a server that nobody asks sleeps.
 void THttpRun::Sweep() {
   FThreads.Persist([this] {
@@ -222,6 +203,7 @@ void THttpRun::Sweep() {
       if (error) return;
       FConnections.CloseTooSlow();
       if (FConnections.Count() > 0) Sweep();
+      FConnections.LetInNext();
     });
   });
 }

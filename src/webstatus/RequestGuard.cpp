@@ -1,6 +1,5 @@
 #include "webstatus/RequestGuard.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/random.h>
 #include <unistd.h>
@@ -24,20 +23,15 @@ namespace {
 constexpr std::string_view kCookieName = "vellumark_guardian";
 constexpr const char* kHostsVariable = "VELLUMARK_GUARDIAN_HOSTS";
 
-// "NAS.Example.:8900" to "nas.example", "[::1]:8900" to "::1".
-std::string HostWithoutPort(std::string_view authority) {
-  if (authority.starts_with('[')) {
-    return LowerCase(authority.substr(1, std::min(authority.find(']'), authority.size()) - 1));
-  }
-  std::string_view host = authority.substr(0, authority.find(':'));
+// "NAS.Example.:8900" to "nas.example", "[::1]:8900" to "::1". What is malformed is then neither a
+// name nor an address.
+std::string HostWithoutPort(std::string_view host) {
+  const std::size_t colon = host.find_last_not_of("0123456789");
+  if (colon != std::string_view::npos && host[colon] == ':') host = host.substr(0, colon);
+  if (host.starts_with('[') && host.ends_with(']'))
+    return LowerCase(host.substr(1, host.size() - 2));
   if (host.ends_with('.')) host.remove_suffix(1);
   return LowerCase(host);
-}
-
-bool IsAddress(const std::string& host) {
-  std::array<unsigned char, sizeof(in6_addr)> ignored{};
-  return ::inet_pton(AF_INET, host.c_str(), ignored.data()) == 1 ||
-         ::inet_pton(AF_INET6, host.c_str(), ignored.data()) == 1;
 }
 
 bool IsName(std::string_view text) {

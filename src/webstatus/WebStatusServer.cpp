@@ -1,8 +1,5 @@
 #include "webstatus/WebStatusServer.h"
 
-#include <arpa/inet.h>
-
-#include <array>
 #include <cassert>
 #include <chrono>
 #include <string>
@@ -34,11 +31,9 @@ std::atomic<bool>& Wanted() {
 std::vector<std::string> ListenAddresses() {
   std::vector<std::string> addresses;
   for (const std::string& entry : EnvironmentList(kListenVariable)) {
-    std::array<unsigned char, sizeof(in6_addr)> ignored{};
-    if (entry == "localhost") {
+    if (EqualNames(entry, "localhost")) {
       addresses.insert(addresses.end(), {"127.0.0.1", "::1"});
-    } else if (::inet_pton(AF_INET, entry.c_str(), ignored.data()) == 1 ||
-               ::inet_pton(AF_INET6, entry.c_str(), ignored.data()) == 1) {
+    } else if (IsAddress(entry)) {
       addresses.push_back(entry);
     } else {
       PrintLine(std::string(kListenVariable) + ": \"" + entry +
@@ -49,13 +44,15 @@ std::vector<std::string> ListenAddresses() {
   return addresses;
 }
 
-THttpServerOptions ServerOptions(const TRequestGuard& guard) {
+THttpServerOptions ServerOptions(const TRequestGuard& guard, std::set<std::string>& told) {
   THttpServerOptions options;
   options.StopGrace = kStopGrace;
   options.Addresses = ListenAddresses();
   options.ExtraHeaders = guard.CookieHeader();
   options.MayBlock = &PageMayBlock;
-  options.OnUnusable = [](const std::string& reason) { PrintLine(reason); };
+  options.OnUnusable = [&told](const std::string& reason) {
+    if (told.insert(reason).second) PrintLine(reason);
+  };
   options.OnError = [](const std::exception_ptr& error) {
     HandleException(error, TLogToFiles::Yes, "HTTP server");
   };
@@ -72,7 +69,7 @@ std::unique_ptr<TWebStatusServer>& Instance() {
 TWebStatusServer::TWebStatusServer(TWebStatusOptions options)
     : FOptions(std::move(options)),
       FHttpServer([this](const THttpRequest& request) { return HandleRequest(request); },
-                  ServerOptions(FGuard)),
+                  ServerOptions(FGuard, FUnusable)),
       FToDoTimer(
           "TWebStatusServer.FToDoTimer", kToDoInterval, [this] { ToDoTick(); },
           [](const std::exception_ptr& error) {

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <set>
 
 #include "common/Clock.h"
 #include "common/SharedText.h"
@@ -64,6 +65,8 @@ class TWebStatusServer {
   const TWebStatusOptions FOptions;
   const TRequestGuard FGuard = MakeRequestGuard();
   const TLogFolder FLogFolder;
+  // Why addresses are not listened on: told once, however often the start is tried. Main thread.
+  std::set<std::string> FUnusable;
   THttpServer FHttpServer;
   TSharedText FProcessList;
   // Atomic: the timer's thread writes it, any thread reads it.

@@ -7,8 +7,6 @@ namespace {
 
 using THeaders = std::vector<std::pair<std::string, std::string>>;
 
-constexpr const char* kBrowser = "Mozilla/5.0 (X11; Linux x86_64)";
-
 const TRequestGuard& Guard() {
   static const TRequestGuard guard({"nas", "nas.example.com"}, {"guardian.example.org"}, "secret");
   return guard;
@@ -21,21 +19,25 @@ TEST(RequestGuardTest, AnswersToTheNamesOfThisMachineAlone) {
     return Guard().RefuseHost(request);
   };
   for (const char* const own :
-       {"192.0.2.7", "192.0.2.7:8900", "[2001:db8::7]:8900", "[::1]", "localhost:8900",
-        "LocalHost.", "nas", "another-box", "NAS.example.com.:8900", "guardian.example.org",
-        "box.local", "box.lan", "box.home.arpa", "box.internal"}) {
+       {"192.0.2.7", "192.0.2.7:8900", "[2001:db8::7]:8900", "[::1]", "[fe80::1%eth0]:8900",
+        "localhost:8900", "LocalHost.", "nas:", "another-box", "NAS.example.com.:8900",
+        "guardian.example.org", "box.local", "box.lan", "box.home.arpa", "box.internal"}) {
     EXPECT_FALSE(refusal(own)) << own;
   }
   EXPECT_FALSE(Guard().RefuseHost({})) << "a bare client";
   for (const char* const foreign :
        {"rebind.attacker.example:8900", "nas.example.com.attacker.example", "xguardian.example.org",
-        "192.0.2.7.attacker.example", "local.attacker", "[]", "", "user@nas", "<b>"}) {
+        "192.0.2.7.attacker.example", "local.attacker", "[]", "", "user@nas", "<b>", "nas:x",
+        "192.0.2.7:80:90", "[::1", "[::1]x", "[::1]rebind.attacker.example:8900"}) {
     EXPECT_EQ(refusal(foreign).value_or(THttpResponse()).Status, 421) << foreign;
   }
   EXPECT_EQ(
       refusal("Box.Attacker.example:8900")->Body,
       "The Guardian does not answer to the name \"box.attacker.example\". To allow it, add it "
       "to VELLUMARK_GUARDIAN_HOSTS.");
+  THttpRequest whole = RequestOf("GET", "http://rebind.attacker.example/killdaemon.php");
+  whole.Headers.emplace_back("Host", "nas");
+  EXPECT_TRUE(Guard().RefuseHost(whole));
 }
 
 TEST(RequestGuardTest, ActsForItsOwnPagesTypedAddressesAndProgramsAlone) {
@@ -45,48 +47,47 @@ TEST(RequestGuardTest, ActsForItsOwnPagesTypedAddressesAndProgramsAlone) {
     request.Headers.emplace_back("Host", "nas:8900");
     return Guard().RefuseAction(request);
   };
-  const std::string cookie = "vellumark_guardian=secret";
-  const struct {
-    const char* Name;
-    THeaders Headers;
-    int Status;
-  } cases[] = {
-      {"program", {}, 200},
-      {"program with a name", {{"User-Agent", "curl/8"}}, 200},
-      {"browser that tells nothing", {{"User-Agent", kBrowser}}, 403},
-      {"its own page", {{"User-Agent", kBrowser}, {"Sec-Fetch-Site", "same-origin"}}, 200},
-      {"typed", {{"User-Agent", kBrowser}, {"sec-fetch-site", "none"}}, 200},
-      {"another port of this machine", {{"Sec-Fetch-Site", "same-site"}}, 403},
-      {"another site", {{"Sec-Fetch-Site", "cross-site"}}, 403},
-      {"mark before the rest",
-       {{"Sec-Fetch-Site", "cross-site"}, {"Referer", "http://nas:8900/"}, {"Cookie", cookie}},
-       403},
-      {"own origin", {{"User-Agent", kBrowser}, {"Origin", "http://NAS:8900"}}, 200},
-      {"foreign origin", {{"Origin", "http://attacker.example"}}, 403},
-      {"no origin", {{"Origin", "null"}, {"Referer", "http://nas:8900/"}}, 403},
-      {"own page by Referer", {{"User-Agent", kBrowser}, {"Referer", "http://nas:8900/x?y"}}, 200},
-      {"another port by Referer", {{"Referer", "http://nas:8080/"}}, 403},
-      {"foreign Referer with a cookie",
-       {{"Referer", "http://attacker.example/http://nas:8900/"}, {"Cookie", cookie}},
-       403},
-      {"typed after a visit", {{"User-Agent", kBrowser}, {"Cookie", "a=b;  " + cookie}}, 200},
-      {"somebody's cookie",
-       {{"User-Agent", kBrowser}, {"Cookie", cookie + "x; a=" + cookie + ";vellumark_"}},
-       403},
-      {"prefetch", {{"Sec-Fetch-Site", "same-origin"}, {"Sec-Purpose", "prerender"}}, 403},
-      {"old prefetch", {{"Purpose", "Prefetch"}}, 403},
-      {"web socket", {{"Upgrade", "websocket"}}, 403},
+  const std::pair<std::string, std::string> browser = {"User-Agent", "Mozilla/5.0 (X11)"};
+  const std::pair<std::string, std::string> cookie = {"Cookie", "a=b;  vellumark_guardian=secret"};
+  const std::pair<THeaders, int> cases[] = {
+      {{}, 200},
+      {{browser}, 403},
+      {{browser, {"Sec-Fetch-Site", "same-origin"}}, 200},
+      {{browser, {"sec-fetch-site", "none"}}, 200},
+      {{{"Sec-Fetch-Site", "same-site"}}, 403},
+      {{{"Sec-Fetch-Site", "cross-site"}, {"Referer", "http://nas:8900/"}, cookie}, 403},
+      {{browser, {"Origin", "http://NAS:8900"}}, 200},
+      {{{"Origin", "http://attacker.example"}}, 403},
+      {{{"Origin", "null"}, {"Referer", "http://nas:8900/"}}, 403},
+      {{browser, {"Referer", "http://nas:8900/x?y"}}, 200},
+      {{{"Referer", "http://nas:8080/"}}, 403},
+      {{{"Referer", "http://attacker.example/http://nas:8900/"}, cookie}, 403},
+      {{browser, cookie}, 200},
+      {{browser, {"Cookie", cookie.second + "x; a=vellumark_guardian=secret;vellumark_"}}, 403},
+      {{{"Sec-Fetch-Site", "same-origin"}, {"Sec-Purpose", "prerender"}}, 403},
+      {{{"Purpose", "Prefetch"}}, 403},
+      {{{"Upgrade", "websocket"}}, 403},
   };
-  for (const auto& item : cases) {
-    EXPECT_EQ(refusal(item.Headers).value_or(THttpResponse()).Status, item.Status) << item.Name;
+  for (const auto& [headers, status] : cases) {
+    EXPECT_EQ(refusal(headers).value_or(THttpResponse()).Status, status)
+        << testing::PrintToString(headers);
   }
   THttpRequest bare;
   bare.Headers = {{"Origin", "null"}};
   EXPECT_TRUE(Guard().RefuseAction(bare));
-  EXPECT_THAT(refusal({{"User-Agent", kBrowser}})->Body, testing::HasSubstr("<a HREF=\"/\">"));
+  EXPECT_THAT(refusal({browser})->Body, testing::HasSubstr("<a HREF=\"/\">"));
 }
 
-TEST(RequestGuardTest, KnowsASecretOfItsOwnInEachProcess) {
+TEST(RequestGuardTest, KnowsTheNamesOfTheSettingAndASecretOfItsOwnInEachProcess) {
+  ::setenv("VELLUMARK_GUARDIAN_HOSTS", "https://a.example, B.Example.:80,*.example,c.example:x", 1);
+  testing::internal::CaptureStdout();
+  const TRequestGuard guard = MakeRequestGuard();
+  ::unsetenv("VELLUMARK_GUARDIAN_HOSTS");
+  EXPECT_THAT(
+      testing::internal::GetCapturedStdout(),
+      testing::MatchesRegex("(VELLUMARK_GUARDIAN_HOSTS: \"(https:|\\*|c.example:).*\" is no "
+                            "host name and is ignored\n){3}"));
+  EXPECT_FALSE(guard.RefuseHost(RequestOf("GET", "http://b.example")));
   const std::string header = MakeRequestGuard().CookieHeader();
   EXPECT_THAT(header, testing::MatchesRegex("Set-Cookie: vellumark_guardian=[0-9a-f]{32}; "
                                             "SameSite=Strict; HttpOnly; Path=/\r\n"));

