@@ -2,7 +2,6 @@
 
 #include <linux/filter.h>
 #include <linux/seccomp.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -38,12 +37,6 @@ bool MakeCallFail(long number, int error) {
   sock_fprog program{static_cast<unsigned short>(std::size(filter)), filter};
   return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
          ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
-}
-
-// Gives this process mounts of its own; false where that is not allowed, as to an ordinary user.
-bool HasOwnMounts() {
-  return ::unshare(CLONE_NEWNS) == 0 &&
-         ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
 struct TRun {

@@ -69,6 +69,7 @@ TEST_F(HistoryTest, RemembersTheWorstOfEachMinuteForTwoDays) {
   FHistory.AddRound({true, true, true, 0});
   EXPECT_NE(Find(first), nullptr);
   EXPECT_EQ(Find(first + 1), nullptr) << "a gap";
+  EXPECT_EQ(Find(0), nullptr) << "what was never used";
   FClock.Advance(seconds(60));
   FHistory.AddRound({true, true, false, 0});
   EXPECT_EQ(Find(first), nullptr);
@@ -125,6 +126,7 @@ TEST_F(HistoryTest, TakesAnEarlierRunOverAndRefusesBytesOfAnotherLayout) {
   EXPECT_TRUE(refuses([](auto& damaged) { damaged.EventCount = 201; }));
   EXPECT_TRUE(refuses([](auto& damaged) { damaged.Events[7].Length = 179; }));
   EXPECT_TRUE(refuses([](auto& damaged) { damaged.Events[7].Kind = TEventKind{kEventKinds}; }));
+  EXPECT_TRUE(refuses([](auto& damaged) { damaged.Events[7].FirstAt = INT64_MIN; }));
   EXPECT_TRUE(refuses([](auto& damaged) { damaged.Events[7].LastAt = INT64_MIN; }));
   EXPECT_TRUE(refuses([](auto& damaged) { damaged.Minutes[0].Number = 1; }));
 }

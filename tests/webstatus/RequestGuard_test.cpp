@@ -1,6 +1,9 @@
 #include "webstatus/RequestGuard.h"
 
-#include <gmock/gmock.h>
+#include <sys/mount.h>
+
+#include "common/Environment.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {
@@ -84,6 +87,35 @@ TEST(RequestGuardTest, ActsForItsOwnPagesTypedAddressesAndProgramsAlone) {
   bare.Headers = {{"Origin", "null"}};
   EXPECT_TRUE(Guard().RefuseAction(bare));
   EXPECT_THAT(refusal({{"User-Agent", kBrowser}})->Body, testing::HasSubstr("<a HREF=\"/\">"));
+}
+
+TEST(RequestGuardTest, KnowsTheNamesOfTheMachineAndThoseThatItWasTold) {
+  const TTempFolder folder;
+  folder.Write("resolv.conf",
+               "nameserver 192.0.2.1\nsearch One.example two.example.\n"
+               "domain three.example\n");
+  ::setenv("VELLUMARK_GUARDIAN_HOSTS", "Told.Example.:8900, <b>", 1);
+  const bool hasResolver =
+      HasOwnMounts() && ::mount(folder.Path("resolv.conf").c_str(), "/etc/resolv.conf", nullptr,
+                                MS_BIND, nullptr) == 0;
+  testing::internal::CaptureStdout();
+  const TRequestGuard guard = MakeRequestGuard();
+  ::unsetenv("VELLUMARK_GUARDIAN_HOSTS");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "VELLUMARK_GUARDIAN_HOSTS: \"<b>\" is no host name and is ignored\n");
+  const std::string own = HostName() + ".";
+  std::map<std::string, bool> names = {
+      {"told.example", true}, {"example", true}, {"x.told.example", false}};
+  if (hasResolver)
+    names.insert({{own + "one.example", true},
+                  {own + "two.example", true},
+                  {own + "three.example", true},
+                  {own + "192.0.2.1", false}});
+  for (const auto& [name, isOwn] : names) {
+    THttpRequest request;
+    request.Headers = {{"Host", name}};
+    EXPECT_EQ(!guard.RefuseHost(request), isOwn) << name;
+  }
 }
 
 TEST(RequestGuardTest, KnowsASecretOfItsOwnInEachProcess) {

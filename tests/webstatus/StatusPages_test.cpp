@@ -1,8 +1,12 @@
 #include "webstatus/StatusPages.h"
 
+#include <sys/inotify.h>
+
 #include <random>
 #include <regex>
 
+#include "common/AtEnd.h"
+#include "diagnostics/KZCheckpoints.h"
 #include "support/TestSupport.h"
 #include "webstatus/ActivityLog.h"
 #include "webstatus/OverviewPage.h"
@@ -16,7 +20,10 @@ using std::chrono::milliseconds;
 
 class TFakeGuardian final : public TGuardianControl {
  public:
-  TGuardianStatus Status() const override { return Now; }
+  TGuardianStatus Status() const override {
+    if (Throws) throw KZException("on purpose");
+    return Now;
+  }
   void RequestStart() override { Requests += "start "; }
   void RequestStop() override { Requests += "stop "; }
   void RequestTerminate() override { Requests += "terminate "; }
@@ -40,6 +47,7 @@ class TFakeGuardian final : public TGuardianControl {
       .DetailedLog = {MakeText("<br>detailed")},
   };
   std::string Requests;
+  bool Throws = false;
 };
 
 class StatusPagesTest : public testing::Test {
@@ -108,6 +116,8 @@ TEST_F(StatusPagesTest, TellsProgramsWhatIsNotWell) {
   expect("mutex,service,round", 120.001);
   seen.MutexOK = seen.ServiceOK = true;
   expect("ok", 120);
+  FGuardian.Throws = true;
+  EXPECT_EQ(Answer("/healthz").Status, 503);
 }
 
 TEST_F(StatusPagesTest, AnswersShortPagesByteForByte) {
@@ -115,19 +125,24 @@ TEST_F(StatusPagesTest, AnswersShortPagesByteForByte) {
     const char* Path;
     Matcher<std::string> Text;
     const char* Type = "text/html";
+    bool MayBlock = false;
   } cases[] = {
       {"/status.php", std::string("Guardian running and accessible via port 8900. ")},
       {"/Status.php", kHead},
-      {"/threadreport.php", StartsWith("Thread Report<br>-----------------<br>")},
-      {"/vellumark_logs/missing.log", StartsWith(kHead + "EXCPTION: ")},
+      {"/threadreport.php", StartsWith("Thread Report<br>-----------------<br>"), "text/html",
+       true},
+      {"/vellumark_logs/missing.log", StartsWith(kHead + "EXCPTION: "), "text/html", true},
       {"/status.json", StartsWith("{\"version\":\"1.50\""), "application/json"},
-      {"/logfiles.php", kHead + "Log Files in Reverse Order<br><br>EXCPTION: open folder "
-                                "/no/such/&lt;folder&gt;: No such file or directory (errno 2)"},
+      {"/logfiles.php",
+       kHead + "Log Files in Reverse Order<br><br>EXCPTION: open folder "
+               "/no/such/&lt;folder&gt;: No such file or directory (errno 2)",
+       "text/html", true},
   };
   for (const auto& item : cases) {
     EXPECT_THAT(Get(item.Path), item.Text);
     EXPECT_EQ(Answer(item.Path, "cross-site").Status, 200);
     EXPECT_EQ(Answer(item.Path).ContentType, item.Type);
+    EXPECT_EQ(PageMayBlock(RequestOf("GET", item.Path)), item.MayBlock);
   }
   FPort.reset();
   EXPECT_EQ(Get("/status.php"), "Guardian running. ");
@@ -143,6 +158,13 @@ TEST_F(StatusPagesTest, TellsProgramsEachNumberByItsName) {
            seen.MutexFailures, seen.PipeFailures, seen.UptimeSec) =
       std::tuple(4, 5.5, 6, 7, 8, 9, 10, 11);
   seen.Actions[3] = {12, 13.0625};
+  TFakeClock clock;
+  THistory history(clock);
+  history.AddEvent(TEventKind::Stop, "\"");
+  clock.Advance(milliseconds(1'000));
+  history.AddEvent(TEventKind::Stop, "\"");
+  history.AddEvent(TEventKind::Hold, "");
+  FGuardian.Now.History = history.Get();
   FGuardian.Now.GetPathsError = true;
   EXPECT_EQ(
       Get("/status.json"),
@@ -154,7 +176,10 @@ TEST_F(StatusPagesTest, TellsProgramsEachNumberByItsName) {
           R"({"rounds":6,"restarts":7,"restart_attempts":8,"mutex_failures":9,"pipe_failures":10},)"
           R"("actions":{"start":{"total":0,"last_age_seconds":null},"stop":{"total":0,)"
           R"("last_age_seconds":null},"terminate":{"total":0,"last_age_seconds":null},)"
-          R"("kill":{"total":12,"last_age_seconds":13.062}},"hold":null})"
+          R"("kill":{"total":12,"last_age_seconds":13.062}},"hold":null,"events":[)"
+          R"({"time":"2026-11-21T06:00:00Z","last_time":"2026-11-21T06:00:01Z","count":2,)"
+          R"("kind":"stop","text":"\""},{"time":"2026-11-21T06:00:01Z",)"
+          R"("last_time":"2026-11-21T06:00:01Z","count":1,"kind":"hold","text":""}]})"
           "\n");
   const std::regex unnamed("# [^\n]*\n|vellumark_guardian_|[{\"]|check=|action=");
   EXPECT_EQ(std::regex_replace(Get("/metrics"), unnamed, ""),
@@ -163,6 +188,10 @@ TEST_F(StatusPagesTest, TellsProgramsEachNumberByItsName) {
             "pulse_age_seconds 5.500\nrounds_total 6\nrestarts_total 7\nrestart_attempts 8\n"
             "actions_totalstart} 0\nactions_totalstop} 0\nactions_totalterminate} 0\n"
             "actions_totalkill} 12\naction_age_secondskill} 13.062\nhold_seconds 0.000\n");
+  seen.CheckAgeSec = seen.HoldLeftSec = 1.5;
+  EXPECT_THAT(Get("/status.json"), AllOf(HasSubstr("\"age_seconds\":1.500},\"daemon"),
+                                         HasSubstr("\"hold\":1.500,\"events")));
+  EXPECT_THAT(Get("/metrics"), HasSubstr("check_age_seconds 1.500\n"));
 }
 
 TEST_F(StatusPagesTest, AnswersOpenMetricsToThoseAloneWhoTakeIt) {
@@ -199,7 +228,7 @@ TEST_F(StatusPagesTest, LeavesEachControlRequestToTheGuardianAndActsForNobodyEls
                                                     {"/terminateguardian.php", "end "}};
   std::string requests;
   for (const auto& [page, deed] : deeds) {
-    EXPECT_EQ(Answer(page, "same-origin").Status, 200);
+    EXPECT_EQ(Answer(page, "same-origin").CacheControl, "no-cache");
     EXPECT_EQ(FGuardian.Requests, requests += deed);
     EXPECT_EQ(Answer(page, "", "HEAD").Body, Answer(page).Body);
     EXPECT_EQ(Answer(page, "cross-site").Status, 403);
@@ -207,7 +236,8 @@ TEST_F(StatusPagesTest, LeavesEachControlRequestToTheGuardianAndActsForNobodyEls
     EXPECT_EQ(FGuardian.Requests, requests += deed);
   }
   FHasGuardian = false;
-  EXPECT_EQ(Get("/killdaemon.php"), "Guardian already freed");
+  EXPECT_EQ(Get("/killdaemon.php") + Get("/hold.html"),
+            "Guardian already freedGuardian already freed");
   EXPECT_EQ(Get("/terminateguardian.php"), "Guardian stopped.");
   EXPECT_EQ(FGuardian.Requests, requests + "end ");
 }
@@ -250,6 +280,10 @@ TEST_F(StatusPagesTest, ShowsInTheOverviewHowItIs) {
   history.AddEvent(TEventKind::Kill, "<script>");
   FGuardian.Now.History = history.Get();
   TWatchdogReading& seen = FGuardian.Now.Watchdog;
+  for (const char* const query : {"", "still"}) {
+    EXPECT_EQ(CountOf(Answer("/overview.html", "", "GET", query).Body, "http-equiv=\"refresh\""),
+              *query == '\0' ? 1 : 0);
+  }
   seen.Pid = "<script>";
   seen.Next = "<script>";
   TLogList logs{"<script>", {{0, "<script>.log", 1}}};
@@ -262,25 +296,40 @@ TEST_F(StatusPagesTest, ShowsInTheOverviewHowItIs) {
   seen.CheckAgeSec = 120;
   EXPECT_TRUE(shows(">Not well: mutex, pipe, service<"));
   EXPECT_TRUE(shows("At least since 06:00:00"));
+  EXPECT_TRUE(shows("</a></td><td>1 Bytes</td><td>01-01 00:00</td>"));
   EXPECT_TRUE(shows(">&lt;script&gt; <span class=\"soft\">(2 times, last at 06:00:30)") &&
               shows("process &lt;script&gt;"));
   EXPECT_TRUE(shows("Pipe: failed for 60 s, not known for 23 h 59 min"));
   EXPECT_TRUE(shows("<use href=\"#a3\" x=\"99.65%\" y=\"42\"/>")) << "the kill";
+  EXPECT_TRUE(shows("<span>06:00</span><span>12:00</span><span>18:00</span><span>00:00</span>"));
   EXPECT_FALSE(shows("The log folder does not answer."));
   logs.StandsStill = true;
   EXPECT_TRUE(shows("The log folder does not answer."));
   seen.MutexOK = seen.PipeOK = seen.ServiceOK = true;
   EXPECT_TRUE(shows(">All is well<") && shows("</b> &lt;script&gt;</p>"));
   for (const auto& [seconds, until] :
-       {std::pair(90, "06:02:00 (90 s)"), std::pair(7'200, "08:00:30 (2 h 0 min)")}) {
+       {std::pair(90, "21 06:02:00 (90 s)"), std::pair(120, "21 06:02:30 (2 min)"),
+        std::pair(7'200, "21 08:00:30 (2 h 0 min)"), std::pair(172'800, "23 06:00:30 (2 days)")}) {
     seen.HoldLeftSec = seconds;
-    EXPECT_TRUE(shows(std::string("<b>On hold</b> until 2026-11-21 ") + until));
+    EXPECT_TRUE(shows(std::string("<b>On hold</b> until 2026-11-") + until));
   }
   seen.CheckAgeSec = 121;
   seen.PipeOK = false;
-  EXPECT_TRUE(shows(">The Guardian itself stands still<"));
+  EXPECT_TRUE(shows(">The Guardian itself stands still<") && shows("&#10006; failed</td><td>the"));
   clock.Advance(milliseconds(60'000));
   EXPECT_TRUE(shows("not known for 23 h 58 min")) << "the look of this minute may be to come";
+  EXPECT_TRUE(shows("At least since 06:00:00"));
+  EXPECT_FALSE(shows("class=\"good\"/>")) << "a span with a gap";
+  for (int minute = 0; minute < 1'440; ++minute) {
+    history.AddRound({minute != 0, true, true, 0});
+    history.AddEvent(TEventKind::Info, std::to_string(minute));
+    clock.Advance(milliseconds(60'000));
+  }
+  FGuardian.Now.History = history.Get();
+  seen.CheckAgeSec = 0;
+  seen.PipeOK = true;
+  EXPECT_TRUE(shows("Mutex: never failed\"") && shows("Since 11-21 06:02"));
+  EXPECT_TRUE(shows("<td>1420<") && !shows("<td>1419<")) << "the last 20";
   FHasGuardian = false;
   EXPECT_THAT(Get("/overview.html"), HasSubstr("<p>The Guardian is ending.</p>"));
 }
@@ -376,6 +425,30 @@ TEST_F(StatusPagesTest, ListsLogFilesNewestFirstByALinkThatLeadsToIt) {
   std::filesystem::create_symlink("folder.log/deep.log", FFolder.Path("logs/inside.log"));
   FFolder.Write("logs/folder.log/deep.log", "deep");
   EXPECT_EQ(Streamed("/vellumark_logs/inside.log"), "deep");
+  const TLogList list = ListLogFiles(FFolder.Path("logs"));
+  ASSERT_EQ(list.Files.size(), 12U);
+  EXPECT_EQ(list.Files[0].Name + list.Files[11].Name, "inside.log" + names[4]);
+  // A lease of another program would hold an opening that blocks for 45 seconds.
+  const auto before = ::signal(SIGIO, SIG_IGN);
+  const TFileDescriptor file(::open(FFolder.Path("logs/a+b.log").c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(::fcntl(file.Get(), F_SETLEASE, F_WRLCK), 0);
+  EXPECT_THAT(Get("/vellumark_logs/a+b.log"), HasSubstr("EXCPTION: open "));
+  ::signal(SIGIO, before);
+}
+
+TEST_F(StatusPagesTest, LooksForLogsForTheOverviewAloneAndNotForEach) {
+  Settings().LogDirectory.Set(FFolder.Path());
+  const TLogFolder logs;
+  const TFileDescriptor watch(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+  ASSERT_GE(::inotify_add_watch(watch.Get(), FFolder.Path().c_str(), IN_OPEN), 0);
+  const auto looks = [&](const char* page) {
+    (void)BuildPage(RequestOf("GET", page), {&FGuardian, {}, FPort, &FGuard, &logs});
+    char events[4096];
+    return ::read(watch.Get(), events, sizeof(events)) > 0;
+  };
+  EXPECT_FALSE(looks("/hold.html") || looks("/confirm.html") || looks("/status.json"));
+  EXPECT_TRUE(Eventually([&] { return looks("/overview.html"); }));
+  EXPECT_TRUE(Eventually([&] { return !looks("/overview.html"); }));
 }
 
 constexpr std::size_t kLimit = 131'072;
@@ -476,6 +549,56 @@ TEST(WebStatusServerTest, TakesTheFirstFreePortFrom8900To8000) {
     EXPECT_EQ(TRawClient(port).Get("/status.php").Body,
               "Guardian running and accessible via port " + std::to_string(port) + ". ");
   }
+}
+
+TEST(WebStatusServerTest, ListensOnTheAddressesThatItWasGivenAndOnAllForAWrongOne) {
+  const std::string active = "Web Status Server Active on Port 8900\n";
+  const struct {
+    const char* List;
+    const char* Reached;  // Of the two families of addresses.
+    std::string Said;
+  } cases[] = {
+      {"", "46", active},
+      {"localhost", "46", active},
+      {"127.0.0.1", "4", active},
+      {"::1", "6", active},
+      {"0.0.0.0, ::", "46", active},
+      {"127.0.0.1,box", "46",
+       "VELLUMARK_GUARDIAN_LISTEN: \"box\" is no address; listening on all addresses\n" + active},
+      {"192.0.2.9,::1", "6",
+       "Listen on 192.0.2.9: Cannot assign requested address (errno 99)\n" + active},
+      {"192.0.2.9", "",
+       "Listen on 192.0.2.9: Cannot assign requested address (errno 99)\nWeb Status Server Cannot "
+       "Start: None of the addresses can be listened on\n"},
+  };
+  for (const auto& [list, reached, said] : cases) {
+    ::setenv("VELLUMARK_GUARDIAN_LISTEN", list, 1);
+    testing::internal::CaptureStdout();
+    TWebStatusServer server({});
+    server.StartServer();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), said) << list;
+    std::string answers;
+    for (const std::string address : {"127.0.0.1", "[::1]"}) {
+      const bool isReached = ThrownMessage([&] {
+                               (void)HttpGet(address + ":8900/status.php", milliseconds(60'000));
+                             }) == "nothing thrown";
+      if (isReached) answers += address.size() > 5 ? "4" : "6";
+    }
+    EXPECT_EQ(answers, reached) << list;
+    EXPECT_EQ(Page("status.php").empty(), answers.empty()) << "by the name localhost";
+  }
+  ::setenv("VELLUMARK_GUARDIAN_LISTEN", "localhost", 1);
+  const TFileDescriptor holder = ListenOnLoopback(8900);
+  KZCP::Init();
+  const TAtEnd fini([] { KZCP::Fini(); });
+  TWebStatusServer server({});
+  server.StartServer();
+  ::unsetenv("VELLUMARK_GUARDIAN_LISTEN");
+  EXPECT_EQ(server.Port(), 8899);
+  TRawClient client(8899);
+  EXPECT_TRUE(Contains(client.Get("/").Head, "\r\nSet-Cookie: vellumark_guardian="));
+  EXPECT_THAT(client.Get("/threadreport.php").Body, HasSubstr("HTTPServer:Wait"))
+      << "it is made in another thread";
 }
 
 }  // namespace
