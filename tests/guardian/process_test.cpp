@@ -130,6 +130,24 @@ TShellResult RunUntilFile(const std::string& line, const std::string& path) {
   return RunShell(command);
 }
 
+// A signal every so many microseconds interrupts whatever this process waits in.
+class TAlarms {
+ public:
+  explicit TAlarms(useconds_t interval) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    ::sigaction(SIGALRM, &action, &FBefore);
+    ::ualarm(interval, interval);
+  }
+  ~TAlarms() {
+    ::ualarm(0, 0);
+    ::sigaction(SIGALRM, &FBefore, nullptr);
+  }
+
+ private:
+  struct sigaction FBefore {};
+};
+
 // After each test: no temporary file, no descriptor, no child of ours and no signal mask is left.
 class ProcessTest : public testing::Test {
  protected:
@@ -150,7 +168,6 @@ class ProcessTest : public testing::Test {
   const std::set<int> FDescriptors = OpenDescriptors();
 };
 
-// A signal a millisecond interrupts whatever this process waits in.
 TEST_F(ProcessTest, ReturnsOutputAndStatusOfTheShellUnderAnySignals) {
   const struct {
     const char* Line;
@@ -170,8 +187,7 @@ TEST_F(ProcessTest, ReturnsOutputAndStatusOfTheShellUnderAnySignals) {
       {"echo inside #", "inside\n", 0},
       {"echo lost; : >/dev/stderr; echo kept >&2; true", "kept\n", 0},
   };
-  const auto before = ::signal(SIGALRM, [](int) {});
-  ::ualarm(1000, 1000);
+  const TAlarms alarms(1'000);
   for (const auto& expected : cases) {
     SCOPED_TRACE(expected.Line);
     const TRun run = RunLine(expected.Line);
@@ -182,8 +198,6 @@ TEST_F(ProcessTest, ReturnsOutputAndStatusOfTheShellUnderAnySignals) {
   EXPECT_EQ(missing.ExitCode, 127);
   EXPECT_THAT(missing.Output, HasSubstr("not found"));
   EXPECT_THAT(RunLine("echo \"unfinished").Output, HasSubstr("nterminated"));
-  ::ualarm(0, 0);
-  ::signal(SIGALRM, before);
 }
 
 // Looks without a shell, since some shells clear the mask that they are started with.
@@ -217,12 +231,16 @@ TEST_F(ProcessTest, ChildStartsCleanWhateverTheParentHolds) {
 // The shell that leads the group dies of SIGTERM at once; who ignores it must not outlive it,
 // whatever its name.
 TEST_F(ProcessTest, CancellationEndsTheWholeGroupButNotWhatLeftIt) {
+  const std::int64_t began = SystemTickCount();
+  const std::clock_t used = std::clock();
   const TShellResult result = RunUntilFile(
       "cd '" + FWork.Path() + "'; setsid sh -c 'echo $$ >pid; mv pid daemon; exec sleep 300' & " +
           "ln -s /bin/sh 's) h'; mkfifo never; './s) h' -c 'trap \"\" TERM; " +
           "while [ ! -e daemon ]; do sleep 0.01; done; " +
           "echo partial; echo $$ >pid; mv pid stubborn; read line <never'",
       FWork.Path("stubborn"));
+  EXPECT_LT((std::clock() - used) / (CLOCKS_PER_SEC / 1000), (SystemTickCount() - began) / 2)
+      << "the wait is no spin";
   EXPECT_EQ(result.End, TShellEnd::Cancelled);
   EXPECT_EQ(result.ExitCode, -1);
   EXPECT_EQ(result.Output, "partial\n");
@@ -245,9 +263,13 @@ TEST_F(ProcessTest, TimeoutEndsCommandAndACancelledOneDoesNotStart) {
 
 TEST_F(ProcessTest, RunsAProgramWithoutAShell) {
   const std::string file = FWork.Path("$(a) \"b\"");
-  EXPECT_EQ(RunProgram({"/bin/sh", "-c", "cat; echo lost; echo lost >&2; exit 5"}, 60).ExitCode, 5);
+  EXPECT_EQ(
+      RunProgram({"/bin/sh", "-c", "cat && echo lost && echo lost >&2 && exit 5"}, 60).ExitCode, 5);
   EXPECT_EQ(RunProgram({"/usr/bin/touch", file}, 60).ExitCode, 0);
   EXPECT_TRUE(std::filesystem::exists(file));
+  const auto before = ::signal(SIGCHLD, SIG_IGN);
+  EXPECT_EQ(RunShell(Command("true")).End, TShellEnd::Exited) << "though its status is lost";
+  ::signal(SIGCHLD, before);
   EXPECT_EQ(RunProgram({"/bin/sleep", "300"}, 0).ExitCode, -1);
   const TFileDescriptor input(::dup(STDIN_FILENO));
   const TFileDescriptor other(::open("/proc/self/exe", O_RDONLY));
@@ -257,11 +279,13 @@ TEST_F(ProcessTest, RunsAProgramWithoutAShell) {
   EXPECT_EQ(RunProgram({FWork.Path("missing")}, 60).ExitCode, -1);
 }
 
-TEST_F(ProcessTest, KillsTheGroupOfAChildThatNobodyWaitedFor) {
-  {
+TEST_F(ProcessTest, KillsTheGroupOfAChildThatNobodyWaitedForUnderAnySignals) {
+  const TAlarms alarms(100);
+  for (int round = 0; round < 20; ++round) {
     const TFileDescriptor output(::open(FWork.Path("pid").c_str(), O_RDWR | O_CREAT, 0600));
     TShellChild child;
-    ASSERT_EQ(child.Spawn({"/bin/sh", "-c", "sleep 300 & echo $!; wait"}, output.Get()), 0);
+    ASSERT_EQ(
+        child.Spawn({"/bin/sh", "-c", "trap '' TERM; sleep 300 & echo $!; wait"}, output.Get()), 0);
     EXPECT_TRUE(Eventually([this] { return FWork.Read("pid").ends_with("\n"); }));
   }
   EXPECT_TRUE(Eventually([this] { return !IsAlive(FWork.Read("pid")); }));
@@ -332,8 +356,9 @@ TEST_F(ProcessTest, FailsWithoutTheGivenFile) {
 const TRegisterChild kHomeless("homeless", [](const std::vector<std::string>& /*arguments*/) {
   Settings().TempDirectory.Set("/tmp");
   if (!HasOwnMounts()) return kNotAllowedHere;
-  for (const unsigned long flags : {0UL, static_cast<unsigned long>(MS_RDONLY)}) {
-    if (::mount("none", "/tmp", "tmpfs", flags, "size=4k") != 0) return kNotAllowedHere;
+  for (const auto& [flags, size] :
+       {std::pair(0UL, "size=64k"), std::pair(0UL, "size=60k"), std::pair(0UL + MS_RDONLY, "")}) {
+    if (::mount("none", "/tmp", "tmpfs", flags, size) != 0) return kNotAllowedHere;
     PrintLine(RunLine("echo one; echo two").Output);
     PrintLine(KZCP::CurrentCP(CurrentThreadId()));
   }
@@ -350,7 +375,9 @@ TEST_F(ProcessTest, FindsAPlaceForOutputWhateverBecomesOfTheTempFolder) {
   const TRun homeless = RunChild("homeless");
   if (homeless.ExitCode == kNotAllowedHere) GTEST_SKIP() << "no mounts here";
   const std::string run = "one\ntwo\n\nExec: echo one; echo two >\"/proc/[0-9]+/fd/[0-9]+\"\n";
-  EXPECT_THAT(homeless.Output, MatchesRegex("(Temp.*; commands write to memory\n" + run + "){2}"));
+  EXPECT_THAT(homeless.Output,
+              MatchesRegex("one\ntwo\n\n.*>\"/tmp/kzshell-.*(Temp.*; commands write to memory\n" +
+                           run + "){2}"));
 }
 
 // Nor does the daemon's name get into the shell's line, where the process list would show it.
@@ -375,6 +402,8 @@ TEST_F(ProcessTest, NoFileNameBreaksOutOfItsQuotes) {
 // Prints how the command line ends, by both runners, where the system calls fail that the other
 // arguments number.
 const TRegisterChild kRestricted("restricted", [](const std::vector<std::string>& arguments) {
+  const TTempFolder temp;
+  Settings().TempDirectory.Set(temp.Path());
   for (std::size_t index = 1; index < arguments.size(); ++index) {
     if (!MakeCallFail(std::stol(arguments[index]), ENOSYS)) return kNotAllowedHere;
   }
@@ -384,6 +413,7 @@ const TRegisterChild kRestricted("restricted", [](const std::vector<std::string>
     PrintLine(run.Output + std::to_string(run.ExitCode));
   }
   PrintLine(KZCP::CurrentCP(CurrentThreadId()));
+  PrintLine(YesNo(std::filesystem::is_empty(temp.Path())));
   return 0;
 });
 
@@ -393,8 +423,10 @@ TEST_F(ProcessTest, RunsOnKernelWithoutTheNewerCallsAndSaysThatThereIsNoShell) {
                             call(SYS_close_range) + call(SYS_memfd_create));
   if (old.ExitCode == kNotAllowedHere) GTEST_SKIP() << "no system call filters here";
   EXPECT_THAT(old.Output, StartsWith("0\n1\n2\n3\n3\n0\n1\n2\n3\n3\nExec: { ls"));
+  const TRun noChild = RunChild("restricted true" + call(SYS_clone) + call(SYS_clone3));
+  EXPECT_EQ(noChild.Output, "-1\n-1\nerrno: 38\nY\n");
   const TRun noShell = RunChild("restricted true" + call(SYS_execve));
-  EXPECT_THAT(noShell.Output, MatchesRegex("-1\n127\nExec: true .*\n"));
+  EXPECT_THAT(noShell.Output, MatchesRegex("-1\n127\nExec: true .*\nY\n"));
 }
 
 // Returns 0 when orphans, which fall to this process as they do to process 1, are reaped, and the
@@ -416,7 +448,11 @@ TEST_F(ProcessTest, ReapsOrphansWhereTheyFallToIt) {
   EXPECT_EQ(run.ExitCode, 0) << run.Output;
 }
 
-TEST_F(ProcessTest, KnowsItselfAndItsCommandsByTheirIds) {
+class RunnersTest : public ProcessTest, public testing::WithParamInterface<bool> {};
+INSTANTIATE_TEST_SUITE_P(Both, RunnersTest, testing::Bool());
+
+TEST_P(RunnersTest, KnowsItselfAndItsCommandsByTheirIds) {
+  Settings().PlainSystemCall = GetParam();
   EXPECT_TRUE(IsOwnProcess(::getpid()));
   EXPECT_FALSE(IsOwnProcess(::getppid()));
   const auto pids = [this] {
