@@ -232,7 +232,9 @@ TEST_F(GuardianServiceTest, NeitherStartsNorEndsADaemonThatItCannotSee) {
 }
 
 TEST_F(GuardianServiceTest, HoldsNoLookThatFailedAndNoLineOfItsOwnForTheDaemon) {
-  DaemonRunsAs("77 1 0 VellumarkCL\n77 root VellumarkCL\n1000 77 1 VellumarkCL\nroot 5 77");
+  DaemonRunsAs(
+      "77 1 0 VellumarkCL\n77 root VellumarkCL\n1000 77 1 VellumarkCL\nx 1 VellumarkCL /RUN\n"
+      "x 2 VellumarkCL <defunct>\nx 3 [VellumarkCL]\nx 4 grep \"VellumarkCL\"\nroot 5 77");
   Start("MUTEX=/m\n");
   FService.Pause();
   FFakes.Scheduler->Throws = true;
@@ -252,7 +254,8 @@ TEST_F(GuardianServiceTest, JudgesNothingThatTheEndOfTheProcessCutsShort) {
 
 TEST_F(GuardianServiceTest, StartsADeadDaemonAndLooksAgainAtOnce) {
   FAnswers[kStart] = {"<out>", "Error executing: no <shell>"};
-  EXPECT_THAT(TickAfter(0), ElementsAre(kPs, kStart));
+  FAnswers[kPs] = {"0", {}};
+  EXPECT_THAT(TickAfter(0), ElementsAre(kPs, kPlainPs, kStart));
   EXPECT_THAT(DetailedLog(), EndsWith("<br>Error executing: no &lt;shell&gt;<br>Executed " +
                                       kDaemon + " start, Result: &lt;out&gt;"));
   EXPECT_THAT(ShortLog(), HasSubstr("  ERROR: Service not running - need to start service."));
@@ -291,6 +294,10 @@ TEST_F(GuardianServiceTest, TellsOfTroubleAndOfTheRecoveryFromWhatItToldOf) {
 }
 
 TEST_F(GuardianServiceTest, AHealthyDaemonCostsOneProcessListAMinuteOfSteadyTime) {
+  for (const char* const refusal : {"unsupported", "invalid", "unrecognized"}) {
+    const auto shell = [=](auto&, int) { return "ps: " + std::string(refusal) + " option"; };
+    EXPECT_EQ(ListDaemonProcesses(shell, 5, TPsOptions::Columns).Options, TPsOptions::Plain);
+  }
   FAnswers[kPs] = {"error: unsupported option", {}};
   FFakes.Scheduler->LastPulse = 1;
   FAnswers[kPlainPs] = {"root 5 VellumarkCL" + std::string(1'000'000, 'x'), {}};

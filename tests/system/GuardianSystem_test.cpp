@@ -49,27 +49,6 @@ TEST_F(GuardianSystemTest, StartsTheDaemonAndAnswersItsCommandWords) {
   EXPECT_TRUE(FInstallation.DaemonRuns()) << "the daemon outlives the Guardian";
 }
 
-TEST_F(GuardianSystemTest, EachControlPageActsOnTheDaemon) {
-  StartHealthy();
-  const std::string pid = std::to_string(FInstallation.DaemonPid());
-  const std::string daemon = FInstallation.DaemonPath();
-  FInstallation.OrderFault("ignore-stop\nignore-term");
-  for (const auto& [page, answer, command] : std::vector<std::array<std::string, 3>>{
-           {"stopdaemon.php", "VellumarkCL will be asked to stop.", daemon + " stop"},
-           {"terminatedaemon.php", "STOP signal will be sent to VellumarkCL", "kill " + pid},
-           {"startdaemon.php", "VellumarkCL will be started", daemon + " start"},
-           {"killdaemon.php", "KILL signal will be sent to VellumarkCL", "kill -9 " + pid},
-       }) {
-    EXPECT_EQ(std::to_string(FInstallation.DaemonPid()), pid) << "before " << page;
-    EXPECT_EQ(Page(page), answer);
-    ExpectOnPage("<br>Executed " + command + ", Result: ");
-  }
-  EXPECT_TRUE(Eventually([&] { return Contains(FInstallation.DaemonLog(), " ignored"); }));
-  ExpectAnotherDaemon(std::stoi(pid));
-  EXPECT_EQ(Page("terminateguardian.php"), "Guardian stopped.");
-  ExpectEnded();
-}
-
 // Three who answer, and two silences of one that ends slowly.
 TEST_F(GuardianSystemTest, TakesNoStrangerForAGuardianAndASilentOneForNoneThatHasEnded) {
   const TFileDescriptor listener = ListenOnLoopback(8900);

@@ -44,10 +44,11 @@ inline std::uint16_t PortOf(const TFileDescriptor& socket) {
 }
 
 // The text of a page of this machine; empty when nobody answers.
-inline std::string Page(const std::string& name, std::uint16_t port = 8900) {
+inline std::string Page(const std::string& name, std::uint16_t port = 8900,
+                        const std::string& host = "localhost") {
   try {
-    const std::string host = "localhost:" + std::to_string(port);
-    return HttpGet(host + "/" + name, std::chrono::seconds(60)).Body;
+    const std::string address = host + ":" + std::to_string(port) + "/" + name;
+    return HttpGet(address, std::chrono::seconds(60)).Body;
   } catch (const SoftException&) {
     return {};
   }

@@ -92,8 +92,7 @@ TEST(RequestGuardTest, ActsForItsOwnPagesTypedAddressesAndProgramsAlone) {
 TEST(RequestGuardTest, KnowsTheNamesOfTheMachineAndThoseThatItWasTold) {
   const TTempFolder folder;
   folder.Write("resolv.conf",
-               "nameserver 192.0.2.1\nsearch One.example two.example.\n"
-               "domain three.example\n");
+               "nameserver x\nsearch One.example two.example.\ndomain three.example");
   ::setenv("VELLUMARK_GUARDIAN_HOSTS", "Told.Example.:8900, <b>", 1);
   const bool hasResolver =
       HasOwnMounts() && ::mount(folder.Path("resolv.conf").c_str(), "/etc/resolv.conf", nullptr,
@@ -104,14 +103,12 @@ TEST(RequestGuardTest, KnowsTheNamesOfTheMachineAndThoseThatItWasTold) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "VELLUMARK_GUARDIAN_HOSTS: \"<b>\" is no host name and is ignored\n");
   const std::string own = HostName() + ".";
-  std::map<std::string, bool> names = {
-      {"told.example", true}, {"example", true}, {"x.told.example", false}};
-  if (hasResolver)
-    names.insert({{own + "one.example", true},
-                  {own + "two.example", true},
-                  {own + "three.example", true},
-                  {own + "192.0.2.1", false}});
-  for (const auto& [name, isOwn] : names) {
+  for (const auto& [name, isOwn] : std::map<std::string, bool>{{"told.example", true},
+                                                               {"x.told.example", false},
+                                                               {own + "one.example", hasResolver},
+                                                               {own + "two.example", hasResolver},
+                                                               {own + "three.example", hasResolver},
+                                                               {own + "x", false}}) {
     THttpRequest request;
     request.Headers = {{"Host", name}};
     EXPECT_EQ(!guard.RefuseHost(request), isOwn) << name;
