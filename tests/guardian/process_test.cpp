@@ -426,7 +426,7 @@ TEST_F(ProcessTest, RunsOnKernelWithoutTheNewerCallsAndSaysThatThereIsNoShell) {
   if (old.ExitCode == kNotAllowedHere) GTEST_SKIP() << "no system call filters here";
   EXPECT_THAT(old.Output, StartsWith("0\n1\n2\n3\n3\n0\n1\n2\n3\n3\nExec: { ls"));
   const TRun noChild = RunChild("restricted true" + call(SYS_clone) + call(SYS_clone3));
-  EXPECT_EQ(noChild.Output, "-1\n-1\nerrno: 38\nY\n");
+  EXPECT_THAT(noChild.Output, StartsWith("-1\n-1\nerrno: 38\nY\n"));
   const TRun noShell = RunChild("restricted true" + call(SYS_execve));
   EXPECT_THAT(noShell.Output, MatchesRegex("-1\n127\nExec: true .*\nY\n"));
 }
