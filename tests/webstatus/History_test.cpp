@@ -42,6 +42,11 @@ TEST_F(HistoryTest, CountsWhatIsRepeatedWithinAMinuteAndKeeps200) {
   }
   EXPECT_THAT(Events(), ElementsAre("dead*3", "go*2", "go", "dead", "dead", "dead", "dead"));
   EXPECT_EQ(FHistory.Get()->Events[0].LastAt - FHistory.Get()->Events[0].FirstAt, 70);
+  for (const char* const text :
+       {"1", "2", "3", "4", "5", "6", "1", "2", "3", "4", "5", "6", "7", "1"}) {
+    FHistory.AddEvent(TEventKind::Warning, text);
+  }
+  EXPECT_EQ(Events().at(12) + Events().back(), "6*21") << "of the last six";
   for (int i = 0; i < 250; ++i) FHistory.AddEvent(TEventKind::Info, std::to_string(i));
   EXPECT_EQ(Events().size(), 200U);
   EXPECT_EQ(Events().front() + "-" + Events().back(), "50-249");
@@ -129,6 +134,7 @@ TEST_F(HistoryTest, TakesAnEarlierRunOverAndRefusesBytesOfAnotherLayout) {
   EXPECT_TRUE(refuses([](auto& damaged) { damaged.Events[7].FirstAt = INT64_MIN; }));
   EXPECT_TRUE(refuses([](auto& damaged) { damaged.Events[7].LastAt = INT64_MIN; }));
   EXPECT_TRUE(refuses([](auto& damaged) { damaged.Minutes[0].Number = 1; }));
+  EXPECT_TRUE(refuses([](auto& damaged) { damaged.Minutes[1].Number = 2'880; }));
 }
 
 }  // namespace
