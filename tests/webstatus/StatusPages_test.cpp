@@ -387,6 +387,8 @@ TEST_F(StatusPagesTest, ShowsTheMainPageWithEverythingFromOutsideEscaped) {
   expected = ReplaceAll(expected, list, "");
   const std::string inactive = paths + "Inactive: GotPaths=N, GetPathsError=N<br><br>";
   EXPECT_EQ(page(), ReplaceAll(ReplaceAll(expected, "Exists: Y", "Exists: N"), paths, inactive));
+  FGuardian.Now.GotPaths = FGuardian.Now.GetPathsError = true;
+  EXPECT_THAT(page(), HasSubstr("Inactive: GotPaths=Y, GetPathsError=Y<br>"));
   FHasGuardian = false;
   for (const auto& part : {daemon, paths, logs}) expected = ReplaceAll(expected, part, "");
   EXPECT_EQ(page(), expected);
