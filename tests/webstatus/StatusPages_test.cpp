@@ -286,7 +286,7 @@ TEST_F(StatusPagesTest, ShowsInTheOverviewHowItIs) {
   }
   seen.Pid = "<script>";
   seen.Next = "<script>";
-  TLogList logs{"<script>", {{0, "<script>.log", 1}}};
+  TLogList logs{"<script>", {{3'600'000'000'000, "<script>.log", 1}}};
   const auto shows = [&](const std::string& text) {
     const std::string page = OverviewPage(FGuardian.Now, logs, TRefresh::Itself, clock);
     EXPECT_EQ(page.find("<script"), std::string::npos);
@@ -296,7 +296,7 @@ TEST_F(StatusPagesTest, ShowsInTheOverviewHowItIs) {
   seen.CheckAgeSec = 120;
   EXPECT_TRUE(shows(">Not well: mutex, pipe, service<"));
   EXPECT_TRUE(shows("At least since 06:00:00"));
-  EXPECT_TRUE(shows("</a></td><td>1 Bytes</td><td>01-01 00:00</td>"));
+  EXPECT_TRUE(shows("</a></td><td>1 Bytes</td><td>01-01 01:00</td>"));
   EXPECT_TRUE(shows(">&lt;script&gt; <span class=\"soft\">(2 times, last at 06:00:30)") &&
               shows("process &lt;script&gt;"));
   EXPECT_TRUE(shows("Pipe: failed for 60 s, not known for 23 h 59 min"));
