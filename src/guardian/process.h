@@ -30,9 +30,9 @@ class TCancellation;
 // exitCode: the shell's status; 128 + signal when a signal ended it; -1 when the command could not
 // be run or was ended here.
 // tempFileName: the file that catches the last command's output; it is emptied first and left in
-// place. When empty, a file in Settings().TempDirectory is used and removed before the return. For
-// a temp directory that would break out of double quotes "/tmp" is used; such a file name is
-// refused.
+// place. When empty, a file in Settings().TempDirectory is used and removed before the return; in
+// "/dev/shm" when that is "/tmp", so that the output waits for no disk. For a temp directory that
+// would break out of double quotes "/tmp" is used; such a file name is refused.
 //
 // A command that could not be run (no temporary file, no process, no shell) gives an empty output
 // and exit code -1; with raiseOnFailure it throws KZException "Error executing " + the command

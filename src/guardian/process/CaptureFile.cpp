@@ -21,10 +21,17 @@ namespace {
 
 constexpr std::string_view kExtension = ".txt";
 constexpr const char* kUsualTempFolder = "/tmp";
+constexpr const char* kMemoryFolder = "/dev/shm";
 
 // Files in memory: kernels before 3.17 have none.
 TFileDescriptor NewFileInMemory() {
   return TFileDescriptor(::memfd_create("kzshell", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+}
+
+// Whether no other user can put something else in the place of a file in the folder.
+bool IsSticky(const char* folder) {
+  struct stat status {};
+  return ::stat(folder, &status) == 0 && (status.st_mode & S_ISVTX) != 0;
 }
 
 }  // namespace
@@ -33,11 +40,15 @@ TCaptureFile::~TCaptureFile() {
   if (FIsOurs) Remove();
 }
 
+// "/tmp" may lie on a disk. When the shell closes a file that it has emptied, ext4 writes the file
+// out, and the removal waits for that. While a disk hangs, the making of a name waits too.
 int TCaptureFile::Make(const std::string& folder) {
+  const bool isUsual = folder == kUsualTempFolder;
+  if (isUsual && IsSticky(kMemoryFolder) && MakeWithRoom(kMemoryFolder) == 0) return 0;
   const int error = MakeWithRoom(folder);
   if (error == 0) return 0;
   const std::string tried = FName;
-  if ((folder == kUsualTempFolder || MakeWithRoom(kUsualTempFolder) != 0) && MakeInMemory() != 0) {
+  if ((isUsual || MakeWithRoom(kUsualTempFolder) != 0) && MakeInMemory() != 0) {
     FName = tried;
     return error;
   }
@@ -50,20 +61,29 @@ int TCaptureFile::Make(const std::string& folder) {
 int TCaptureFile::MakeNameless(const std::string& folder) {
   FName = "nameless";
   FFile = NewFileInMemory();
-  if (FFile && ::fcntl(FFile.Get(), F_SETFL, O_APPEND) == 0) return 0;
-  const int error = MakeUnique(folder, O_CLOEXEC | O_APPEND);
-  if (error == 0) Remove();
-  return error;
+  if (!FFile) {
+    if (const int error = Make(folder); error != 0) return error;
+    Remove();
+  }
+  return ::fcntl(FFile.Get(), F_SETFL, O_APPEND) == 0 ? 0 : errno;
 }
 
-void TCaptureFile::StopGrowth() noexcept { ::fcntl(FFile.Get(), F_ADD_SEALS, F_SEAL_GROW); }
+// A file in memory refuses the seal with EPERM when it was made under a name; one on a disk refuses
+// it with EINVAL, and to free its bytes would be to wait for the disk.
+void TCaptureFile::StopGrowth(std::uint64_t keptBytes) noexcept {
+  if (::fcntl(FFile.Get(), F_ADD_SEALS, F_SEAL_GROW) == 0 || errno != EPERM || !FIsOurs) return;
+  const auto kept = static_cast<off_t>(keptBytes);
+  const auto rest = static_cast<off_t>(SizeBytes()) - kept;
+  if (rest > 0) ::fallocate(FFile.Get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, kept, rest);
+}
 
 // The name shows up in the process list as part of the shell's line: it must not look like one of
 // the programs that are searched for there.
-int TCaptureFile::MakeUnique(const std::string& folder, int flags) {
+int TCaptureFile::MakeUnique(const std::string& folder) {
   FName = JoinPath(folder, "kzshell-XXXXXX") + std::string(kExtension);
   std::string pattern = FName;
-  FFile = TFileDescriptor(::mkostemps(pattern.data(), static_cast<int>(kExtension.size()), flags));
+  FFile =
+      TFileDescriptor(::mkostemps(pattern.data(), static_cast<int>(kExtension.size()), O_CLOEXEC));
   if (!FFile) return errno;
   FName = pattern;
   FIsOurs = true;
@@ -74,7 +94,7 @@ int TCaptureFile::MakeUnique(const std::string& folder, int flags) {
 // be empty, as if nothing ran. A file system without a number of blocks cannot tell.
 int TCaptureFile::MakeWithRoom(const std::string& folder) {
   constexpr std::uint64_t kRoomBytes = 65'536;
-  if (const int error = MakeUnique(folder, O_CLOEXEC); error != 0) return error;
+  if (const int error = MakeUnique(folder); error != 0) return error;
   struct statvfs room {};
   const bool known = ::fstatvfs(FFile.Get(), &room) == 0 && room.f_blocks != 0;
   if (!known || std::uint64_t{room.f_bavail} * room.f_frsize >= kRoomBytes) return 0;

@@ -22,13 +22,14 @@ class TCaptureFile {
   // Make, MakeNameless and Open each open the file; one of them is called, once per object. They
   // return 0 or the error number, and Name() is then the name that was tried.
 
-  // Makes a new file in the folder, with the extension ".txt" and mode 0600. Where that fails, or
-  // its file system has no room for 64 KiB, it makes the file in "/tmp", else in memory, where its
-  // name leads to it for as long as this object lives; a diagnostic message then says so. The error
-  // number is that of the folder.
+  // Makes a new file in the folder, with the extension ".txt" and mode 0600; in "/dev/shm", which
+  // is in memory, when the folder is "/tmp" and that is possible. Where the folder cannot be used,
+  // or its file system has no room for 64 KiB, it makes the file in "/tmp", else in memory without
+  // a folder, where its name leads to it for as long as this object lives; a diagnostic message
+  // then says so. The error number is that of the folder.
   [[nodiscard]] int Make(const std::string& folder);
 
-  // Makes an unnamed file: one in memory, or a removed one in the folder where the kernel has no
+  // Makes an unnamed file: one in memory, or the removed one of a Make where the kernel has no
   // files in memory. Every write to it appends.
   [[nodiscard]] int MakeNameless(const std::string& folder);
 
@@ -41,9 +42,10 @@ class TCaptureFile {
   // Borrowed, for one call or for a child's standard output; -1 when not open.
   [[nodiscard]] int Descriptor() const noexcept { return FFile.Get(); }
 
-  // Makes every write that would enlarge the file fail, in every process that holds it. Only a file
-  // in memory can do this; any other goes on growing.
-  void StopGrowth() noexcept;
+  // Keeps a file in memory from taking more of it: in one without a folder every write fails that
+  // would enlarge it, in every process that holds it; of one that was made in a folder, all behind
+  // the first keptBytes is freed, at each call. A file on a disk goes on growing.
+  void StopGrowth(std::uint64_t keptBytes) noexcept;
 
   // 0 when the file is not open or not a regular file.
   [[nodiscard]] std::uint64_t SizeBytes() const noexcept;
@@ -53,7 +55,7 @@ class TCaptureFile {
   [[nodiscard]] int AppendTo(std::string& text, std::size_t maxBytes) const;
 
  private:
-  int MakeUnique(const std::string& folder, int flags);
+  int MakeUnique(const std::string& folder);
   int MakeWithRoom(const std::string& folder);
   int MakeInMemory();
   void Remove() noexcept;

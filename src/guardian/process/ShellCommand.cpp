@@ -28,7 +28,10 @@ struct TShellFiles {
   // meanwhile it must not fill the memory.
   [[nodiscard]] std::uint64_t Watch() noexcept {
     const std::uint64_t size = LastCommand.SizeBytes() + Shell.SizeBytes();
-    if (size > kMaxShellFileBytes) Shell.StopGrowth();
+    if (size > kMaxShellFileBytes) {
+      Shell.StopGrowth(kMaxOutputBytes);
+      LastCommand.StopGrowth(kMaxOutputBytes);
+    }
     return size;
   }
 };
