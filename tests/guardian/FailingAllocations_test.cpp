@@ -1,3 +1,6 @@
+#include <dlfcn.h>
+#include <pthread.h>
+
 #include <cstdlib>
 #include <new>
 
@@ -19,6 +22,9 @@ namespace {
 
 // So many allocations of the process until one fails; none from 0 on.
 std::atomic<int> allocationsUntilFailure = 0;
+
+// So many threads until one cannot be made.
+std::atomic<int> threadsUntilFailure = 0;
 
 bool HasFailed() { return allocationsUntilFailure <= 0; }
 
@@ -228,6 +234,7 @@ TEST(GuardianMainSurroundingsTest, RunsInOddSurroundingsAndLeavesNoPageAndNoFile
   ::setenv("VELLUMARK_GUARDIAN_DEBUG", "yes", 1);
   const char* const program = "VellumarkGuardian";
   InitSettings(1, &program);
+  ::unsetenv("TMPDIR");
   EXPECT_EQ(LogFolder(), "/tmp");
   Settings().TempDirectory.Set(folder.Path());
   const TCrew ending(1, [&](int) {
@@ -244,8 +251,49 @@ TEST(GuardianMainSurroundingsTest, RunsInOddSurroundingsAndLeavesNoPageAndNoFile
   EXPECT_NE(::unlink("/VellumarkGuardian.cfg"), 0);
 }
 
+// For want of each of its threads. What was tried again in vain would be tried for ever.
+TEST(GuardianMainSurroundingsTest, StartsLaterWhatHadNoThreadOrFails) {
+  const TSettingsBackup settings;
+  const TTempFolder folder;
+  Settings().TempDirectory.Set(folder.Path());
+  int later = 0;
+  for (int number = 1; threadsUntilFailure == 0; ++number) {
+    SCOPED_TRACE(number);
+    TFakeClock clock;
+    std::atomic<bool> ended = false;
+    std::atomic<bool> watches = false;
+    TCrew ending(1, [&](int) {
+      EXPECT_TRUE(Eventually([&] {
+        clock.Advance(std::chrono::seconds(10));
+        const std::string status = Page("status.json");
+        watches = !status.empty() && !Contains(status, "\"rounds\":0,");
+        return ended || watches;
+      }));
+      (void)Page("terminateguardian.php");
+    });
+    threadsUntilFailure = number;
+    const int status = GuardianMain(clock);
+    ended = true;
+    ending.Join();
+    EXPECT_EQ(status, watches ? kExitOk : kExitFailed);
+    later += watches && threadsUntilFailure == 0;
+  }
+  threadsUntilFailure = 0;
+  EXPECT_EQ(later, 4) << "the timer's and the web server's three";
+}
+
 }  // namespace
 }  // namespace guardian
+
+// In the place of the library's.
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                              void* (*run)(void*), void* argument) noexcept {
+  using guardian::threadsUntilFailure;
+  if (threadsUntilFailure > 0 && --threadsUntilFailure == 0) return EAGAIN;
+  static const auto next =
+      reinterpret_cast<decltype(&pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
+  return next(thread, attributes, run, argument);
+}
 
 void* operator new(std::size_t size) {
   using guardian::allocationsUntilFailure;

@@ -62,7 +62,11 @@ struct TFakeSurroundings {
                   if (kind != TSystemLogKind::Information) SystemLog.emplace_back(message);
                   return !SystemLogIsFull;
                 },
-            .Notify = [this](auto kind, auto text, auto) { Told.emplace_back(kind, text); },
+            .Notify =
+                [this](auto kind, auto text, auto status) {
+                  Told.emplace_back(kind, text);
+                  ToldStatus = status;
+                },
             .NotifyProblems = [this] { return std::exchange(NotifyProblems, {}); },
             .OwnPath = kOwnPath,
             .ConfDir = "/etc",
@@ -78,6 +82,7 @@ struct TFakeSurroundings {
   std::vector<std::string> SystemLog;
   bool SystemLogIsFull = false;
   std::vector<std::pair<TNoticeKind, std::string>> Told;
+  std::string ToldStatus;
   std::vector<std::string> NotifyProblems;
   TCancellation Stopping;
 };

@@ -103,6 +103,7 @@ TEST_F(GuardianServiceTest, TakesTheDirectoriesFromTheHandshake) {
   EXPECT_THAT(ShortLog(), EndsWith("  INFO: Guardian Service Started"));
   EXPECT_EQ(SchedulerMutexPath(), "/m/vellumark$qrnd$schedulermutex") << "the pipe directory";
   Start(std::string(1'000'000, 'x'));
+  EXPECT_EQ(CountOf(DetailedLog(), "Guardian started, v1.50"), 1) << "its timer";
   EXPECT_LE(FService.Status().InitialOutput->size(), kShownOutputBytes + 100);
 }
 
@@ -168,7 +169,7 @@ class TSlowFileSystem final : public TFakeFileSystem {
 
 TEST(DaemonPathTest, IsLookedAtForEachPageUnlessTheLookStandsStill) {
   TSlowFileSystem files;
-  const TDaemonPath path(kOwnPath, "/etc", files);
+  TDaemonPath path(kOwnPath, "/etc", files);
   for (const bool exists : {true, false, true}) {
     files.Exists = exists;
     EXPECT_TRUE(Eventually([&] { return path.Seen().Exists == exists; }));
@@ -176,8 +177,49 @@ TEST(DaemonPathTest, IsLookedAtForEachPageUnlessTheLookStandsStill) {
   files.StandsStill = true;
   files.Exists = false;
   for (int page = 0; page < 10'000; ++page) EXPECT_TRUE(path.Seen().Exists);
+  EXPECT_THROW(path.Get(), SoftException);
   files.StandsStill = false;
   EXPECT_TRUE(Eventually([&] { return !path.Seen().Exists; }));
+}
+
+// Each look stands still until it is let go.
+TEST(LookThreadTest, GivesNoAnswerThatIsOlderThanItsQuestionAndToldInTime) {
+  std::atomic<int> looks = 0;
+  std::atomic<int> let = 0;
+  auto thread = std::make_unique<TLookThread<int>>(
+      "Look",
+      [&] {
+        const int number = ++looks;
+        while (let < number) SystemClock().Sleep(milliseconds(1));
+        if (number > 5 && number < 1'000) throw KZException("on purpose");
+        return number;
+      },
+      0);
+  thread->Start();
+  EXPECT_FALSE(thread->Ask(milliseconds(1)));
+  EXPECT_TRUE(Eventually([&] { return looks == 1 && thread->WaitsFor(milliseconds(200)); }));
+  EXPECT_EQ(thread->AskBriefly(), 0);
+  const std::int64_t began = SystemTickCount();
+  let = 1;
+  EXPECT_TRUE(Eventually([&] { return looks == 2; })) << "what was asked meanwhile is looked for";
+  const bool waits = thread->WaitsFor(milliseconds(200));
+  EXPECT_TRUE(!waits || SystemTickCount() - began >= 200) << "since the last answer";
+  std::atomic<int> asking = 0;
+  TCrew askers(2, [&](int) {
+    ++asking;
+    EXPECT_GT(thread->Ask(std::chrono::hours(1)).value_or(0), 2);
+  });
+  EXPECT_TRUE(Eventually([&] { return asking == 2; }));
+  let = 4;
+  askers.Join();
+  looks = 5;
+  let = 2'000;
+  const std::int64_t failing = SystemTickCount();
+  EXPECT_FALSE(thread->Ask(milliseconds(300)));
+  EXPECT_LE(looks - 5, (SystemTickCount() - failing) / 100 + 1) << "a look that fails is no spin";
+  looks = 1'000;
+  EXPECT_TRUE(thread->Ask(std::chrono::hours(1)));
+  EXPECT_TRUE(TThread::EndOrLeaveBehind(std::move(thread), std::chrono::minutes(1)));
 }
 
 TEST_F(GuardianServiceTest, NeitherStartsNorEndsADaemonThatItCannotSee) {
@@ -192,7 +234,9 @@ TEST_F(GuardianServiceTest, NeitherStartsNorEndsADaemonThatItCannotSee) {
 }
 
 TEST_F(GuardianServiceTest, HoldsNoLookThatFailedAndNoLineOfItsOwnForTheDaemon) {
-  DaemonRunsAs("77 1 0 VellumarkCL\n77 root VellumarkCL\n1000 77 1 VellumarkCL\nroot 5 77");
+  DaemonRunsAs(
+      "77 1 0 VellumarkCL\n77 root VellumarkCL\n1000 77 1 VellumarkCL\nx 1 VellumarkCL /RUN\n"
+      "x 2 VellumarkCL <defunct>\nx 3 [VellumarkCL]\nx 4 grep \"VellumarkCL\"\nroot 5 77");
   Start("MUTEX=/m\n");
   FService.Pause();
   FFakes.Scheduler->Throws = true;
@@ -212,7 +256,8 @@ TEST_F(GuardianServiceTest, JudgesNothingThatTheEndOfTheProcessCutsShort) {
 
 TEST_F(GuardianServiceTest, StartsADeadDaemonAndLooksAgainAtOnce) {
   FAnswers[kStart] = {"<out>", "Error executing: no <shell>"};
-  EXPECT_THAT(TickAfter(0), ElementsAre(kPs, kStart));
+  FAnswers[kPs] = {"0", {}};
+  EXPECT_THAT(TickAfter(0), ElementsAre(kPs, kPlainPs, kStart));
   EXPECT_THAT(DetailedLog(), EndsWith("<br>Error executing: no &lt;shell&gt;<br>Executed " +
                                       kDaemon + " start, Result: &lt;out&gt;"));
   EXPECT_THAT(ShortLog(), HasSubstr("  ERROR: Service not running - need to start service."));
@@ -246,11 +291,17 @@ TEST_F(GuardianServiceTest, TellsOfTroubleAndOfTheRecoveryFromWhatItToldOf) {
   EXPECT_THAT(FFakes.Told,
               ElementsAre(TNotice(TNoticeKind::Error, FFakes.SystemLog.at(0)),
                           TNotice(TNoticeKind::Recovered, "All checks are well again.")));
+  EXPECT_THAT(FFakes.ToldStatus, StartsWith("Status at "));
   EXPECT_THAT(DetailedLog(), HasSubstr("<br>&lt;failed&gt;<br>"));
 }
 
 TEST_F(GuardianServiceTest, AHealthyDaemonCostsOneProcessListAMinuteOfSteadyTime) {
+  for (const char* const refusal : {"unsupported", "invalid", "unrecognized"}) {
+    const auto shell = [=](auto&, int) { return "ps: " + std::string(refusal) + " option"; };
+    EXPECT_EQ(ListDaemonProcesses(shell, 5, TPsOptions::Columns).Options, TPsOptions::Plain);
+  }
   FAnswers[kPs] = {"error: unsupported option", {}};
+  FFakes.Scheduler->LastPulse = 1;
   FAnswers[kPlainPs] = {"root 5 VellumarkCL" + std::string(1'000'000, 'x'), {}};
   EXPECT_THAT(TickAfter(0), ElementsAre(kPs, kPlainPs));
   EXPECT_EQ(FService.Status().ProcessListTime, FFakes.Clock.Now());
@@ -264,6 +315,10 @@ TEST_F(GuardianServiceTest, AHealthyDaemonCostsOneProcessListAMinuteOfSteadyTime
               EndsWith(": MutexOK=Y, PipeStatusOK=Y, ServiceOK=Y, PID=5"));
   FFakes.Scheduler->PipeOK = false;
   EXPECT_THAT(TickAfter(0), ElementsAre(kPlainPs));
+  const auto history = FService.Status().History;
+  const TMinute* const minute = history->Find(UnixSeconds(FFakes.Clock.UtcNow()) / 60);
+  EXPECT_EQ(minute->Seen, TMinute::kLooked | TMinute::kPipeFailed);
+  EXPECT_EQ(minute->PulseAgeSec, 60);
 }
 
 TEST_F(GuardianServiceTest, RestartsAHungDaemonStepByStepAndCountsIt) {
@@ -272,16 +327,21 @@ TEST_F(GuardianServiceTest, RestartsAHungDaemonStepByStepAndCountsIt) {
   FService.Pause();
   FFakes.Clock.Advance(milliseconds(4'000));
   EXPECT_FALSE(FService.Status().Watchdog.CheckAgeSec);
+  EXPECT_NEAR(FService.Status().Watchdog.PulseAgeSec, 4, 0.01);
+  FAnswers["kill -9 5 @20"] = {"No such process", {}};
   FFakes.Scheduler->MutexOK = FFakes.Scheduler->PipeOK = false;
   FFakes.Scheduler->LastPulse = 9;
   std::vector<std::string> commands;
   for (int tick = 0; tick < 12; ++tick) {
     FFakes.Scheduler->PipeOK = tick >= 10;
-    const auto run = TickAfter(1'000);
-    commands.insert(commands.end(), run.begin() + 1, run.end());
+    if (tick == 10) FService.RequestKill();
+    for (const std::string& command : TickAfter(1'000)) {
+      if (command != kPs) commands.push_back(command.substr(0, 10));
+    }
   }
-  EXPECT_THAT(commands, ElementsAre(kStop, "kill 5 @20", "kill 5 @20", "kill 5 @20",
-                                    "kill -9 5 @20", "kill -9 5 @20", "kill -9 5 @20"));
+  EXPECT_THAT(commands, ElementsAre(kStop.substr(0, 10), "kill 5 @20", "kill 5 @20", "kill 5 @20",
+                                    "kill -9 5 ", "killall -9", "killall -9", "kill -9 5 ",
+                                    "killall -9", "kill -9 5 ", "killall Ve"));
   EXPECT_EQ(FFakes.Scheduler->Sent,
             std::vector<TSyncCommMessages>(12, TSyncCommMessages::msgStartTimer));
   EXPECT_THAT(ShortLog(), HasSubstr("  ERROR: Need to restart Vellumark_Service<br>"));
@@ -294,7 +354,7 @@ TEST_F(GuardianServiceTest, RestartsAHungDaemonStepByStepAndCountsIt) {
             std::make_tuple(1, 7, 12, 0));
   const auto& [start, stop, terminate, kill] = seen.Actions;
   EXPECT_EQ(std::tie(start.Total, stop.Total, terminate.Total, kill.Total),
-            std::make_tuple(0, 1, 3, 3));
+            std::make_tuple(0, 1, 3, 7));
   EXPECT_FALSE(start.LastAgeSec);
   const double ages[] = {*seen.CheckAgeSec, seen.PulseAgeSec, *kill.LastAgeSec, *stop.LastAgeSec,
                          seen.UptimeSec};
@@ -391,6 +451,12 @@ TEST_F(GuardianServiceTest, ARequestIsCarriedOutASecondLaterAndThenTheTimerIsSlo
     CheckSynchronize(milliseconds(3));  // Time for a tick that must not come.
   }
   EXPECT_TRUE(Eventually([&] { return rounds() == 3; }));
+  FService.Hold(std::chrono::minutes(1));
+  FFakes.Clock.Advance(milliseconds(1'000));
+  EXPECT_TRUE(Eventually([&] { return rounds() == 4; }));
+  FService.Release();
+  FFakes.Clock.Advance(milliseconds(1'000));
+  EXPECT_TRUE(Eventually([&] { return rounds() == 5; }));
 }
 
 TEST_F(GuardianServiceTest, SaysThatItIsPausedContinuedOrStopped) {
@@ -399,6 +465,7 @@ TEST_F(GuardianServiceTest, SaysThatItIsPausedContinuedOrStopped) {
   EXPECT_THAT(ShortLog(), EndsWith("  INFO: Guardian Service PAUSED"));
   EXPECT_TRUE(FService.Continue());
   EXPECT_THAT(ShortLog(), EndsWith("  INFO: Guardian Service CONTINUED"));
+  EXPECT_EQ(TimerRunsAfter(10'000), kPs);
   FService.Stop();
   EXPECT_THAT(DetailedLog(), EndsWith("<br>Guardian stopped, v1.50"));
 }
@@ -478,6 +545,7 @@ TEST(SystemLogTest, GivesTheFirstToolItsPlainArgumentsAndWaitsForNone) {
     return Eventually([&] { return folder.Read("told").ends_with(text); });
   };
   install("synolog", "");
+  folder.Write("write_log", "");
   {
     const TSystemLogWriter writer({folder.Path("write_log"), folder.Path("synolog")});
     const std::string text = "[0x11100000][" + kNasty + "]";
@@ -501,7 +569,8 @@ TEST(SystemLogTest, GivesTheFirstToolItsPlainArgumentsAndWaitsForNone) {
     const TSystemLogWriter writer({folder.Path("write_log"), folder.Path("synolog")});
     toldSyslog = 0;
     EXPECT_TRUE(WriteSystemLog("dead daemon", TSystemLogKind::Error));
-    EXPECT_TRUE(Eventually([] { return toldSyslog == 43; })) << "that it failed, and the entry";
+    EXPECT_TRUE(WriteSystemLog("fine", TSystemLogKind::Information));
+    EXPECT_TRUE(Eventually([] { return toldSyslog == 4346; })) << "that it failed, and each entry";
     syslogStandsStill = true;
     EXPECT_TRUE(WriteSystemLog("for nobody", TSystemLogKind::Error));
   }

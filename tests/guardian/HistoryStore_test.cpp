@@ -8,9 +8,12 @@ namespace {
 
 using std::chrono::minutes;
 
-// A store that reads nothing for as long as somebody else has it locked.
+// A store that reads nothing for as long as somebody else has it locked, but what was once there.
 class TLockedStore final : public TEmptyStore {
  public:
+  std::string ReadString(std::string_view, std::string_view key, std::string_view) override {
+    return key == "Opened" ? "at an earlier start" : "";
+  }
   explicit TLockedStore(std::unique_ptr<TKZCustomINIFile> store) : FStore(std::move(store)) {}
   void WriteString(std::string_view section, std::string_view key, std::string_view text) override {
     FStore->WriteString(section, key, text);

@@ -29,10 +29,19 @@ TEST(ServiceManagerTest, ReportsFourTimesInTheTimeOfItsOwnWatchdogAndAtLeastEach
   const std::tuple<const char*, const char*, int> cases[] = {
       {"", "", 10'000}, {"8000000", "", 2'000},   {"8000000", "1", 10'000},
       {"1", "", 100},   {"80000000", "", 10'000}, {"8000000x", "", 10'000}};
+  const std::string notAPath =
+      "NOTIFY_SOCKET is neither an absolute path nor an abstract name: x\n";
   for (const auto& [limit, pid, intervalMs] : cases) {
+    ::setenv("NOTIFY_SOCKET", "x", 1);
     ::setenv("WATCHDOG_USEC", limit, 1);
     ::setenv("WATCHDOG_PID", pid, 1);
-    EXPECT_EQ(TServiceManager().Interval().count(), intervalMs) << limit << pid;
+    testing::internal::CaptureStdout();
+    const TServiceManager manager;
+    const std::string wrong = "WATCHDOG_USEC is no number of microseconds: " + std::string(limit);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              (std::string(limit).ends_with("x") ? wrong + "\n" : "") + notAPath);
+    EXPECT_EQ(manager.Interval().count(), intervalMs) << limit << pid;
+    EXPECT_FALSE(manager.IsDue());
   }
 }
 

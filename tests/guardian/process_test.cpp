@@ -2,7 +2,6 @@
 
 #include <linux/filter.h>
 #include <linux/seccomp.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -38,12 +37,6 @@ bool MakeCallFail(long number, int error) {
   sock_fprog program{static_cast<unsigned short>(std::size(filter)), filter};
   return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
          ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
-}
-
-// Gives this process mounts of its own; false where that is not allowed, as to an ordinary user.
-bool HasOwnMounts() {
-  return ::unshare(CLONE_NEWNS) == 0 &&
-         ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
 struct TRun {
@@ -137,6 +130,24 @@ TShellResult RunUntilFile(const std::string& line, const std::string& path) {
   return RunShell(command);
 }
 
+// A signal every so many microseconds interrupts whatever this process waits in.
+class TAlarms {
+ public:
+  explicit TAlarms(useconds_t interval) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    ::sigaction(SIGALRM, &action, &FBefore);
+    ::ualarm(interval, interval);
+  }
+  ~TAlarms() {
+    ::ualarm(0, 0);
+    ::sigaction(SIGALRM, &FBefore, nullptr);
+  }
+
+ private:
+  struct sigaction FBefore {};
+};
+
 // After each test: no temporary file, no descriptor, no child of ours and no signal mask is left.
 class ProcessTest : public testing::Test {
  protected:
@@ -157,7 +168,6 @@ class ProcessTest : public testing::Test {
   const std::set<int> FDescriptors = OpenDescriptors();
 };
 
-// A signal a millisecond interrupts whatever this process waits in.
 TEST_F(ProcessTest, ReturnsOutputAndStatusOfTheShellUnderAnySignals) {
   const struct {
     const char* Line;
@@ -176,8 +186,7 @@ TEST_F(ProcessTest, ReturnsOutputAndStatusOfTheShellUnderAnySignals) {
       {"echo inside #", "inside\n", 0},
       {"echo lost; : >/dev/stderr; echo kept >&2; true", "kept\n", 0},
   };
-  const auto before = ::signal(SIGALRM, [](int) {});
-  ::ualarm(1000, 1000);
+  const TAlarms alarms(1'000);
   for (const auto& expected : cases) {
     SCOPED_TRACE(expected.Line);
     const TRun run = RunLine(expected.Line);
@@ -188,8 +197,6 @@ TEST_F(ProcessTest, ReturnsOutputAndStatusOfTheShellUnderAnySignals) {
   EXPECT_EQ(missing.ExitCode, 127);
   EXPECT_THAT(missing.Output, HasSubstr("not found"));
   EXPECT_THAT(RunLine("echo \"unfinished").Output, HasSubstr("nterminated"));
-  ::ualarm(0, 0);
-  ::signal(SIGALRM, before);
 }
 
 // Looks without a shell, since some shells clear the mask that they are started with.
@@ -238,7 +245,9 @@ TEST_F(ProcessTest, CancellationEndsTheWholeGroupButNotWhatLeftIt) {
 }
 
 TEST_F(ProcessTest, TimeoutEndsCommandAndACancelledOneDoesNotStart) {
-  for (const int timeoutSec : {0, -5}) EXPECT_EQ(RunLine("sleep 300", "", timeoutSec).ExitCode, -1);
+  for (const int timeoutSec : {0, -5, 1}) {
+    EXPECT_EQ(RunLine("sleep 20", "", timeoutSec).ExitCode, -1) << timeoutSec;
+  }
   TShellCommand command = Command("true");
   command.TempFileName = FWork.Path("started");
   TCancellation cancellation;
@@ -251,10 +260,14 @@ TEST_F(ProcessTest, TimeoutEndsCommandAndACancelledOneDoesNotStart) {
 
 TEST_F(ProcessTest, RunsAProgramWithoutAShell) {
   const std::string file = FWork.Path("$(a) \"b\"");
-  EXPECT_EQ(RunProgram({"/bin/sh", "-c", "cat; echo lost; echo lost >&2; exit 5"}, 60).ExitCode, 5);
+  EXPECT_EQ(
+      RunProgram({"/bin/sh", "-c", "cat && echo lost && echo lost >&2 && exit 5"}, 60).ExitCode, 5);
   EXPECT_EQ(RunProgram({"/usr/bin/touch", file}, 60).ExitCode, 0);
   EXPECT_TRUE(std::filesystem::exists(file));
-  EXPECT_EQ(RunProgram({"/bin/sleep", "300"}, 0).ExitCode, -1);
+  const auto before = ::signal(SIGCHLD, SIG_IGN);
+  EXPECT_EQ(RunShell(Command("true")).End, TShellEnd::Exited) << "though its status is lost";
+  ::signal(SIGCHLD, before);
+  EXPECT_EQ(RunProgram({"/bin/sleep", "20"}, 1).ExitCode, -1);
   const TFileDescriptor input(::dup(STDIN_FILENO));
   const TFileDescriptor other(::open("/proc/self/exe", O_RDONLY));
   ::dup2(other.Get(), STDIN_FILENO);
@@ -263,11 +276,13 @@ TEST_F(ProcessTest, RunsAProgramWithoutAShell) {
   EXPECT_EQ(RunProgram({FWork.Path("missing")}, 60).ExitCode, -1);
 }
 
-TEST_F(ProcessTest, KillsTheGroupOfAChildThatNobodyWaitedFor) {
-  {
+TEST_F(ProcessTest, KillsTheGroupOfAChildThatNobodyWaitedForUnderAnySignals) {
+  const TAlarms alarms(100);
+  for (int round = 0; round < 20; ++round) {
     const TFileDescriptor output(::open(FWork.Path("pid").c_str(), O_RDWR | O_CREAT, 0600));
     TShellChild child;
-    ASSERT_EQ(child.Spawn({"/bin/sh", "-c", "sleep 300 & echo $!; wait"}, output.Get()), 0);
+    ASSERT_EQ(
+        child.Spawn({"/bin/sh", "-c", "trap '' TERM; sleep 300 & echo $!; wait"}, output.Get()), 0);
     EXPECT_TRUE(Eventually([this] { return FWork.Read("pid").ends_with("\n"); }));
   }
   EXPECT_TRUE(Eventually([this] { return !IsAlive(FWork.Read("pid")); }));
@@ -388,6 +403,8 @@ TEST_F(ProcessTest, NoFileNameBreaksOutOfItsQuotes) {
 // Prints how the command line ends, by both runners, where the system calls fail that the other
 // arguments number.
 const TRegisterChild kRestricted("restricted", [](const std::vector<std::string>& arguments) {
+  const TTempFolder temp;
+  Settings().TempDirectory.Set(temp.Path());
   for (std::size_t index = 1; index < arguments.size(); ++index) {
     if (!MakeCallFail(std::stol(arguments[index]), ENOSYS)) return kNotAllowedHere;
   }
@@ -397,6 +414,7 @@ const TRegisterChild kRestricted("restricted", [](const std::vector<std::string>
     PrintLine(run.Output + std::to_string(run.ExitCode));
   }
   PrintLine(KZCP::CurrentCP(CurrentThreadId()));
+  PrintLine(YesNo(std::filesystem::is_empty(temp.Path())));
   return 0;
 });
 
@@ -406,8 +424,10 @@ TEST_F(ProcessTest, RunsOnKernelWithoutTheNewerCallsAndSaysThatThereIsNoShell) {
                             call(SYS_close_range) + call(SYS_memfd_create));
   if (old.ExitCode == kNotAllowedHere) GTEST_SKIP() << "no system call filters here";
   EXPECT_THAT(old.Output, StartsWith("0\n1\n2\n3\n3\n0\n1\n2\n3\n3\nExec: { ls"));
+  const TRun noChild = RunChild("restricted true" + call(SYS_clone) + call(SYS_clone3));
+  EXPECT_THAT(noChild.Output, StartsWith("-1\n-1\nerrno: 38\nY\n"));
   const TRun noShell = RunChild("restricted true" + call(SYS_execve));
-  EXPECT_THAT(noShell.Output, MatchesRegex("-1\n127\nExec: true .*\n"));
+  EXPECT_THAT(noShell.Output, MatchesRegex("-1\n127\nExec: true .*\nY\n"));
 }
 
 // Returns 0 when orphans, which fall to this process as they do to process 1, are reaped, and the
@@ -429,7 +449,11 @@ TEST_F(ProcessTest, ReapsOrphansWhereTheyFallToIt) {
   EXPECT_EQ(run.ExitCode, 0) << run.Output;
 }
 
-TEST_F(ProcessTest, KnowsItselfAndItsCommandsByTheirIds) {
+class RunnersTest : public ProcessTest, public testing::WithParamInterface<bool> {};
+INSTANTIATE_TEST_SUITE_P(Both, RunnersTest, testing::Bool());
+
+TEST_P(RunnersTest, KnowsItselfAndItsCommandsByTheirIds) {
+  Settings().PlainSystemCall = GetParam();
   EXPECT_TRUE(IsOwnProcess(::getpid()));
   EXPECT_FALSE(IsOwnProcess(::getppid()));
   const auto pids = [this] {
@@ -447,6 +471,7 @@ TEST_F(ProcessTest, KnowsItselfAndItsCommandsByTheirIds) {
       << "known as soon as its start has returned";
   FWork.Write("go", "");
   crew.Join();
+  RunLine("true");
   EXPECT_TRUE(IsOwnProcess(shell)) << "an old process list may show it";
   EXPECT_FALSE(IsOwnProcess(left)) << "it may be the daemon";
   EXPECT_TRUE(Eventually([text = std::to_string(left)] {
@@ -464,7 +489,7 @@ const TRegisterChild kUnkillable("unkillable", [](const std::vector<std::string>
   const TShellResult result = RunUntilFile(
       "cd '" + folder + "'; touch started; while [ ! -e release ]; do sleep 0.05; done",
       folder + "/started");
-  const bool isLeft = HasChild();
+  const bool isLeft = RunLine("true").ExitCode == 0 && HasChild();
   std::ofstream(folder + "/release") << "now";
   const bool isReaped = Eventually([] { return RunLine("true").ExitCode == 0 && !HasChild(); });
   return result.End == TShellEnd::Cancelled && isLeft && isReaped ? 0 : 1;
@@ -518,7 +543,9 @@ std::string Report(pid_t session) {
   text << ": ";
   for (const int number : OpenDescriptors()) {
     const auto file = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(number));
-    text << number << (number <= 2 ? "=" + file.filename().string() : "") << " ";
+    const bool isOutput = number == STDOUT_FILENO || number == STDERR_FILENO;
+    const char* const fault = isOutput && ::write(number, "", 0) < 0 ? " takes nothing" : " ";
+    text << number << (number <= 2 ? "=" + file.filename().string() : "") << fault;
   }
   return text.str();
 }

@@ -104,13 +104,6 @@ def a_patient_client_gets_all_of_its_log(_, __, patient):
     require(patient.taken >= BIG_BYTES, f"{patient.taken} of {BIG_BYTES} bytes")
 
 
-def a_peer_takes_no_more_than_its_places(wire, *_):
-    crowd = [wire.connect(STRANGERS[0]) for _ in range(PLACES_OF_A_PEER)]
-    require(is_answered(crowd[-1]), "the last place is no place")
-    require(not is_answered(wire.connect(STRANGERS[0])), "one place too many")
-    require(is_answered(wire.connect(STRANGERS[1])), "a peer keeps another out")
-
-
 def a_leased_file_holds_nobody(_, installation, __):
     signal.signal(signal.SIGIO, signal.SIG_IGN)  # The wish to have the lease back.
     with open(installation.path("home/logs/leased.log"), "w", encoding="ascii") as leased:
@@ -192,9 +185,9 @@ def main():
         # The crowd comes after the patient client: when all places are taken, whoever has been
         # served longest gives way.
         failed = 0
-        for case in (a_peer_takes_no_more_than_its_places, a_leased_file_holds_nobody,
-                     floods_leave_no_memory_behind, a_patient_client_gets_all_of_its_log,
-                     slow_readers_keep_nobody_out, the_packet_filter_lets_its_own_in):
+        for case in (a_leased_file_holds_nobody, floods_leave_no_memory_behind,
+                     a_patient_client_gets_all_of_its_log, slow_readers_keep_nobody_out,
+                     the_packet_filter_lets_its_own_in):
             outcome = "passed"
             try:
                 case(wire, installation, patient)

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,6 +25,12 @@ struct TRegisterChild {
     ChildFunctions()[name] = std::move(function);
   }
 };
+
+// Gives this process mounts of its own; false where that is not allowed, as to an ordinary user.
+inline bool HasOwnMounts() {
+  return ::unshare(CLONE_NEWNS) == 0 &&
+         ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
 
 // What the function returns in a forked child.
 inline int StatusOfChild(const std::function<int()>& function) {

@@ -1,4 +1,5 @@
 #include <sys/socket.h>
+#include <sys/un.h>
 
 #include "common/FileDescriptor.h"
 #include "system/GuardianFixture.h"
@@ -46,27 +47,6 @@ TEST_F(GuardianSystemTest, StartsTheDaemonAndAnswersItsCommandWords) {
   EXPECT_EQ(Page("status.php"), "") << "it has ended when the command has";
   ExpectEnded();
   EXPECT_TRUE(FInstallation.DaemonRuns()) << "the daemon outlives the Guardian";
-}
-
-TEST_F(GuardianSystemTest, EachControlPageActsOnTheDaemon) {
-  StartHealthy();
-  const std::string pid = std::to_string(FInstallation.DaemonPid());
-  const std::string daemon = FInstallation.DaemonPath();
-  FInstallation.OrderFault("ignore-stop\nignore-term");
-  for (const auto& [page, answer, command] : std::vector<std::array<std::string, 3>>{
-           {"stopdaemon.php", "VellumarkCL will be asked to stop.", daemon + " stop"},
-           {"terminatedaemon.php", "STOP signal will be sent to VellumarkCL", "kill " + pid},
-           {"startdaemon.php", "VellumarkCL will be started", daemon + " start"},
-           {"killdaemon.php", "KILL signal will be sent to VellumarkCL", "kill -9 " + pid},
-       }) {
-    EXPECT_EQ(std::to_string(FInstallation.DaemonPid()), pid) << "before " << page;
-    EXPECT_EQ(Page(page), answer);
-    ExpectOnPage("<br>Executed " + command + ", Result: ");
-  }
-  EXPECT_TRUE(Eventually([&] { return Contains(FInstallation.DaemonLog(), " ignored"); }));
-  ExpectAnotherDaemon(std::stoi(pid));
-  EXPECT_EQ(Page("terminateguardian.php"), "Guardian stopped.");
-  ExpectEnded();
 }
 
 // Three who answer, and two silences of one that ends slowly.
@@ -131,6 +111,38 @@ TEST_F(GuardianSystemTest, EndsOnSignalsInEveryState) {
       ExpectEnded();
     }
   }
+}
+
+// Before its handshake, at its end, and when its watchdog hangs for two minutes of its time.
+TEST_F(GuardianSystemTest, TellsTheServiceManagerHowItIs) {
+  const std::string name = FInstallation.Folder().Path("manager");
+  const TFileDescriptor manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{AF_UNIX, {}};
+  name.copy(address.sun_path, name.size());
+  const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+  ASSERT_EQ(::bind(manager.Get(), generic, sizeof(address)), 0);
+  ::setenv("NOTIFY_SOCKET", name.c_str(), 1);
+  ::setenv("WATCHDOG_USEC", "8000000", 1);
+  const auto hears = [&](const std::string& text) {
+    return Eventually([&] {
+      char bytes[4'096] = {};
+      return ::recv(manager.Get(), bytes, sizeof(bytes) - 1, MSG_DONTWAIT) > 0 &&
+             Contains(bytes, text);
+    });
+  };
+  StartDaemon();
+  FInstallation.OrderFault("hang-paths");
+  FGuardian = FInstallation.Run({FInstallation.GuardianPath()});
+  EXPECT_TRUE(hears("EXTEND_TIMEOUT_USEC="));
+  FGuardian->Signal(SIGTERM);
+  EXPECT_TRUE(hears("STOPPING=1"));
+  ExpectEnded();
+  FInstallation.OrderFault("hang-stop");
+  StartGuardian();
+  EXPECT_TRUE(hears("READY=1") && hears("WATCHDOG=1"));
+  Page("stopdaemon.php");
+  EXPECT_TRUE(Eventually(
+      [&] { return Contains(FGuardian->Output(), "since this stands still: the watchdog\n"); }));
 }
 
 TEST_F(GuardianSystemTest, ShowsEachThreadAndLeavesAReportWhereTheDaemonsLogsAreWhenItCrashes) {

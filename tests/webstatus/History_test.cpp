@@ -42,6 +42,11 @@ TEST_F(HistoryTest, CountsWhatIsRepeatedWithinAMinuteAndKeeps200) {
   }
   EXPECT_THAT(Events(), ElementsAre("dead*3", "go*2", "go", "dead", "dead", "dead", "dead"));
   EXPECT_EQ(FHistory.Get()->Events[0].LastAt - FHistory.Get()->Events[0].FirstAt, 70);
+  for (const char* const text :
+       {"1", "2", "3", "4", "5", "6", "1", "2", "3", "4", "5", "6", "7", "1"}) {
+    FHistory.AddEvent(TEventKind::Warning, text);
+  }
+  EXPECT_EQ(Events().at(12) + Events().back(), "6*21") << "of the last six";
   for (int i = 0; i < 250; ++i) FHistory.AddEvent(TEventKind::Info, std::to_string(i));
   EXPECT_EQ(Events().size(), 200U);
   EXPECT_EQ(Events().front() + "-" + Events().back(), "50-249");
@@ -69,6 +74,7 @@ TEST_F(HistoryTest, RemembersTheWorstOfEachMinuteForTwoDays) {
   FHistory.AddRound({true, true, true, 0});
   EXPECT_NE(Find(first), nullptr);
   EXPECT_EQ(Find(first + 1), nullptr) << "a gap";
+  EXPECT_EQ(Find(0), nullptr) << "what was never used";
   FClock.Advance(seconds(60));
   FHistory.AddRound({true, true, false, 0});
   EXPECT_EQ(Find(first), nullptr);
@@ -125,8 +131,10 @@ TEST_F(HistoryTest, TakesAnEarlierRunOverAndRefusesBytesOfAnotherLayout) {
   EXPECT_TRUE(refuses([](auto& damaged) { damaged.EventCount = 201; }));
   EXPECT_TRUE(refuses([](auto& damaged) { damaged.Events[7].Length = 179; }));
   EXPECT_TRUE(refuses([](auto& damaged) { damaged.Events[7].Kind = TEventKind{kEventKinds}; }));
+  EXPECT_TRUE(refuses([](auto& damaged) { damaged.Events[7].FirstAt = INT64_MIN; }));
   EXPECT_TRUE(refuses([](auto& damaged) { damaged.Events[7].LastAt = INT64_MIN; }));
   EXPECT_TRUE(refuses([](auto& damaged) { damaged.Minutes[0].Number = 1; }));
+  EXPECT_TRUE(refuses([](auto& damaged) { damaged.Minutes[1].Number = 2'880; }));
 }
 
 }  // namespace

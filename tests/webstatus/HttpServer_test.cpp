@@ -28,6 +28,10 @@ std::string Pattern(std::size_t bytes) {
 
 // So many connections in a row cannot be accepted, for want of a descriptor.
 std::atomic<int> acceptsThatFail = 0;
+// Who connects seems to come from here, the last number of 192.0.2.0; 0 for this machine.
+std::atomic<int> stranger = 0;
+// How often the memory of a flood was given back.
+std::atomic<int> timesTrimmed = 0;
 
 // A text that is more than all socket buffers hold, and that answers share.
 const TSharedText::TText& Big() {
@@ -36,6 +40,14 @@ const TSharedText::TText& Big() {
 }
 
 std::string BigPage() { return "hello" + *Big() + std::string(98, '|'); }
+
+// The open descriptors that are none of these, and that a child would inherit.
+std::ptrdiff_t Inherited(const std::set<int>& known) {
+  const std::set<int> open = OpenDescriptors();
+  return std::count_if(open.begin(), open.end(), [&known](int descriptor) {
+    return !known.contains(descriptor) && ::fcntl(descriptor, F_GETFD) == 0;
+  });
+}
 
 class HttpServerTest : public testing::Test {
  protected:
@@ -70,14 +82,6 @@ class HttpServerTest : public testing::Test {
   // Returns when the one thread has done everything that was asked of it before.
   void Sync() { ASSERT_EQ(TRawClient(FServer->Port()).Get("/").Body, "hello"); }
 
-  // The descriptors that are new since the test began, and that a child would inherit.
-  std::ptrdiff_t Inherited() const {
-    const std::set<int> open = OpenDescriptors();
-    return std::count_if(open.begin(), open.end(), [this](int descriptor) {
-      return !FDescriptors.contains(descriptor) && ::fcntl(descriptor, F_GETFD) == 0;
-    });
-  }
-
   THttpResponse Answer(const THttpRequest& request) {
     THttpResponse response;
     const std::string& path = request.Path;
@@ -87,7 +91,7 @@ class HttpServerTest : public testing::Test {
       response.Tail.assign(99, MakeText("|"));  // More than the kernel takes at a time.
       response.Tail.front() = Big();
     }
-    if (path == "/inherited") response.Body = std::to_string(Inherited());
+    if (path == "/inherited") response.Body = std::to_string(Inherited(FDescriptors));
     if (path == "/echo")
       response.Body =
           request.Query + "|" + std::string(request.Header("Sec-Fetch-Site").value_or(""));
@@ -136,11 +140,14 @@ TEST_F(HttpServerTest, AnswersEachRequestAndClosesAfterTheLast) {
   } cases[] = {
       {"GET /path HTTP/1.1\r\nHost: x\r\n\r\n", 200, "/path", false},
       {"GET /path/%41%2e%2E/%zz%4" + kEnd, 200, "/path/A../%zz%4", false},
+      {"GET /path%4%%41" + kEnd, 200, "/path%4%A", false},
+      {"GET http://host?/path" + kEnd, 200, "hello", false},
       {"GET /path%3Fa?b" + kEnd, 200, "/path?a", false},
       {"GET HTTP://host:80/path" + kEnd, 200, "/path", false},
       {"GET /echo?a=%20b?c" + kEnd, 200, "a=%20b?c|", false},
       {"GET /echo? HTTP/1.1\r\nsec-fetch-SITE:  x-y \r\nX: y\r\n\r\n", 200, "|x-y", false},
       {"GET /status599" + kEnd, 599, "hello", false},
+      {"GET /status204" + kEnd, 204, "", false},
       {"GET /status199" + kEnd, 500, failed, false},
       {"GET /status600" + kEnd, 500, failed, false},
       {"GET /throw" + kEnd, 500, failed, false},
@@ -163,7 +170,7 @@ TEST_F(HttpServerTest, AnswersEachRequestAndClosesAfterTheLast) {
     EXPECT_EQ(reply.Body, item.Body);
     EXPECT_TRUE(reply.Has(item.Closes ? "Connection: close" : "Connection: keep-alive"));
     EXPECT_EQ(reply.Has("Content-Type: text/plain"), item.Body.ends_with("\n"));
-    EXPECT_TRUE(reply.Has("Content-Length: " + std::to_string(item.Body.size())));
+    EXPECT_EQ(reply.Has("Content-Length: " + std::to_string(item.Body.size())), item.Status != 204);
     EXPECT_EQ(reply.Has("Allow: GET, HEAD"), item.Status == 405);
     EXPECT_EQ(item.Closes ? client.ReadToEnd() : client.Get("/").Body, item.Closes ? "" : "hello");
     EXPECT_FALSE(client.WasReset());
@@ -214,6 +221,11 @@ TEST_F(HttpServerTest, AnswersPipelinedRequestsInOrderWithExactlyThePromisedByte
   FFileSize = Big()->size() + 1;  // It has shrunk since.
   client.Send(kGetFile + kNever);
   EXPECT_EQ(client.ReadReply().Body, *Big());
+  TRawClient refused(FServer->Port());
+  refused.Send("HEAD /" + kEnd + "POST /" + kEnd);
+  refused.ReadHead();
+  EXPECT_EQ(refused.ReadReply().Body, "Method Not Allowed\n");
+  EXPECT_TRUE(Eventually([] { return timesTrimmed > 0; }));
 }
 
 TEST_F(HttpServerTest, SendsOneFixedSetOfHeaders) {
@@ -347,10 +359,35 @@ TEST_F(HttpServerTest, HasANewConnectionWaitUntilTheLongestAnswerHasTakenTenSeco
   EXPECT_EQ(big.Body, BigPage());
 }
 
+// The commands of this machine find a place whatever others do.
+TEST_F(HttpServerTest, GivesAnotherMachineItsPlacesAndWhoIsHereTheirs) {
+  FOptions.MaxConnections = 5;
+  FOptions.MaxConnectionsOfAPeer = 2;
+  StartOn(FClock);
+  std::vector<std::unique_ptr<TRawClient>> clients;
+  for (const int from : {1, 1, 2, 2, 0}) {
+    stranger = from;
+    clients.push_back(Client(kGetBig));
+    EXPECT_EQ(clients.back()->ReadHead().Status(), 200);
+    FClock.Advance(milliseconds(1));
+  }
+  stranger = 2;
+  EXPECT_EQ(Client()->ReadToEnd(), "") << "one place too many";
+  stranger = 0;
+  for (const std::size_t longest : {0U, 1U, 2U}) {
+    clients.push_back(Client(kGetBig));
+    EXPECT_EQ(clients.back()->ReadHead().Status(), 200);
+    clients[longest]->ReadToEnd();
+    EXPECT_TRUE(clients[longest]->WasReset() && !clients[3]->WaitGone(0)) << longest;
+  }
+  for (const auto& client : clients) client->Reset();
+}
+
 // As a log folder on a dead disk does: two such pages stand still, and nothing else does.
 TEST_F(HttpServerTest, KeepsPagesThatMayBlockFromTheOthersAndFromTheEnd) {
   FOptions.MayBlock = [](const THttpRequest& request) { return request.Path == "/wait"; };
   FOptions.StopGrace = milliseconds(10);
+  FFolder.Write("log.html", "");
   StartOn(FClock);
   auto one = Client("GET /wait HTTP/1.1\r\n\r\n");
   EXPECT_TRUE(Eventually([this] { return FWaiting == 1; }));
@@ -363,6 +400,7 @@ TEST_F(HttpServerTest, KeepsPagesThatMayBlockFromTheOthersAndFromTheEnd) {
   auto three = Client("HEAD /wait" + kEnd + kGet);
   EXPECT_EQ(three->ReadHead().Status(), 503);
   EXPECT_EQ(three->ReadReply().Body, "hello");
+  EXPECT_EQ(Client(kGetFile)->ReadReply().Body, "");
   EXPECT_TRUE(FServer->GoesOn());
   EXPECT_FALSE(FServer->Deactivate()) << "what stands still is left behind";
   FReleased.Signal();
@@ -419,16 +457,18 @@ TEST_F(HttpServerTest, FinishesTheAnswerThatIsUnderWayWhenStopped) {
   FOptions.StopGrace = FOptions.HeaderTimeout = seconds(600);
   StartOn(SystemClock());
   const std::uint16_t port = FServer->Port();
-  const auto client = Client(kGetBig + kNever);
-  TRawReply big = client->ReadHead();
   TRawClient idle(port);
   EXPECT_EQ(idle.Get("/").Body, "hello");
+  const auto client = Client(kGetBig + kNever);
+  TRawReply big = client->ReadHead();
   TCrew stopper(1, [&](int) { FServer->Deactivate(); });
   EXPECT_EQ(idle.ReadToEnd(), "");
   EXPECT_THROW(TRawClient{port}, std::runtime_error);
   client->ReadBody(big);
   EXPECT_EQ(big.Body, BigPage());
   EXPECT_EQ(client->ReadToEnd(), "");
+  stopper.Join();
+  FServer->Activate(0);  // Now it waits for nobody.
 }
 
 // The status and the body, of a long one its length; or what was thrown.
@@ -474,6 +514,7 @@ TEST(HttpClientTest, ReadsAnswersOrTellsWhyItFailed) {
     TCrew server(1, [&](int) {
       TRawClient peer(TFileDescriptor(::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC)));
       request = peer.ReadToEmptyLine();
+      EXPECT_EQ(Inherited(descriptors), 0);
       peer.Send(item.Reply);
       while (item.Then == TThen::Drip && !peer.WaitGone(1)) peer.Send("x");
       if (item.Then == TThen::Hold) peer.ReadToEnd();
@@ -499,6 +540,18 @@ TEST(HttpClientTest, ReadsAnswersOrTellsWhyItFailed) {
 }  // namespace guardian
 
 // In the place of the library's.
+extern "C" int malloc_trim(std::size_t /*kept*/) noexcept { return ++guardian::timesTrimmed; }
+
+extern "C" int getpeername(int socket, sockaddr* peer, socklen_t* length) noexcept {
+  static const auto next =
+      reinterpret_cast<decltype(&getpeername)>(::dlsym(RTLD_NEXT, "getpeername"));
+  const int result = next(socket, peer, length);
+  const int stranger[] = {192, 0, 2, guardian::stranger};
+  auto* const address = reinterpret_cast<sockaddr_in6*>(peer)->sin6_addr.s6_addr;
+  if (stranger[3] != 0) std::copy(stranger, stranger + 4, address + 12);
+  return result;
+}
+
 extern "C" int accept(int listener, sockaddr* peer, socklen_t* length) {
   if (guardian::acceptsThatFail > 0 && guardian::acceptsThatFail-- > 0) {
     errno = EMFILE;

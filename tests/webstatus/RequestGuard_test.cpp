@@ -1,6 +1,9 @@
 #include "webstatus/RequestGuard.h"
 
-#include <gmock/gmock.h>
+#include <sys/mount.h>
+
+#include "common/Environment.h"
+#include "support/TestSupport.h"
 
 namespace guardian {
 namespace {
@@ -78,8 +81,14 @@ TEST(RequestGuardTest, ActsForItsOwnPagesTypedAddressesAndProgramsAlone) {
   EXPECT_THAT(refusal({browser})->Body, testing::HasSubstr("<a HREF=\"/\">"));
 }
 
-TEST(RequestGuardTest, KnowsTheNamesOfTheSettingAndASecretOfItsOwnInEachProcess) {
+TEST(RequestGuardTest, KnowsTheNamesOfTheMachineAndThoseThatItWasTold) {
+  const TTempFolder folder;
+  folder.Write("resolv.conf",
+               "nameserver x\nsearch One.example two.example.\ndomain three.example");
   ::setenv("VELLUMARK_GUARDIAN_HOSTS", "https://a.example, B.Example.:80,*.example,c.example:x", 1);
+  const bool hasResolver =
+      HasOwnMounts() && ::mount(folder.Path("resolv.conf").c_str(), "/etc/resolv.conf", nullptr,
+                                MS_BIND, nullptr) == 0;
   testing::internal::CaptureStdout();
   const TRequestGuard guard = MakeRequestGuard();
   ::unsetenv("VELLUMARK_GUARDIAN_HOSTS");
@@ -87,7 +96,18 @@ TEST(RequestGuardTest, KnowsTheNamesOfTheSettingAndASecretOfItsOwnInEachProcess)
       testing::internal::GetCapturedStdout(),
       testing::MatchesRegex("(VELLUMARK_GUARDIAN_HOSTS: \"(https:|\\*|c.example:).*\" is no "
                             "host name and is ignored\n){3}"));
-  EXPECT_FALSE(guard.RefuseHost(RequestOf("GET", "http://b.example")));
+  const std::string own = HostName() + ".";
+  for (const auto& [name, isOwn] : std::map<std::string, bool>{{"b.example", true},
+                                                               {"x.b.example", false},
+                                                               {own + "one.example", hasResolver},
+                                                               {own + "two.example", hasResolver},
+                                                               {own + "three.example", hasResolver},
+                                                               {own + "x", false}}) {
+    EXPECT_EQ(!guard.RefuseHost(RequestOf("GET", "http://" + name)), isOwn) << name;
+  }
+}
+
+TEST(RequestGuardTest, KnowsASecretOfItsOwnInEachProcess) {
   const std::string header = MakeRequestGuard().CookieHeader();
   EXPECT_THAT(header, testing::MatchesRegex("Set-Cookie: vellumark_guardian=[0-9a-f]{32}; "
                                             "SameSite=Strict; HttpOnly; Path=/\r\n"));

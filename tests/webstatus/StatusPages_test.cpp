@@ -1,8 +1,12 @@
 #include "webstatus/StatusPages.h"
 
+#include <sys/inotify.h>
+
 #include <random>
 #include <regex>
 
+#include "common/AtEnd.h"
+#include "diagnostics/KZCheckpoints.h"
 #include "support/TestSupport.h"
 #include "webstatus/ActivityLog.h"
 #include "webstatus/OverviewPage.h"
@@ -16,7 +20,10 @@ using std::chrono::milliseconds;
 
 class TFakeGuardian final : public TGuardianControl {
  public:
-  TGuardianStatus Status() const override { return Now; }
+  TGuardianStatus Status() const override {
+    if (Throws) throw KZException("on purpose");
+    return Now;
+  }
   void RequestStart() override { Requests += "start "; }
   void RequestStop() override { Requests += "stop "; }
   void RequestTerminate() override { Requests += "terminate "; }
@@ -40,6 +47,7 @@ class TFakeGuardian final : public TGuardianControl {
       .DetailedLog = {MakeText("<br>detailed")},
   };
   std::string Requests;
+  bool Throws = false;
 };
 
 class StatusPagesTest : public testing::Test {
@@ -108,6 +116,8 @@ TEST_F(StatusPagesTest, TellsProgramsWhatIsNotWell) {
   expect("mutex,service,round", 120.001);
   seen.MutexOK = seen.ServiceOK = true;
   expect("ok", 120);
+  FGuardian.Throws = true;
+  EXPECT_EQ(Answer("/healthz").Status, 503);
 }
 
 TEST_F(StatusPagesTest, AnswersShortPagesByteForByte) {
@@ -115,19 +125,24 @@ TEST_F(StatusPagesTest, AnswersShortPagesByteForByte) {
     const char* Path;
     Matcher<std::string> Text;
     const char* Type = "text/html";
+    bool MayBlock = false;
   } cases[] = {
       {"/status.php", std::string("Guardian running and accessible via port 8900. ")},
       {"/Status.php", kHead},
-      {"/threadreport.php", StartsWith("Thread Report<br>-----------------<br>")},
-      {"/vellumark_logs/missing.log", StartsWith(kHead + "EXCPTION: ")},
+      {"/threadreport.php", StartsWith("Thread Report<br>-----------------<br>"), "text/html",
+       true},
+      {"/vellumark_logs/missing.log", StartsWith(kHead + "EXCPTION: "), "text/html", true},
       {"/status.json", StartsWith("{\"version\":\"1.50\""), "application/json"},
-      {"/logfiles.php", kHead + "Log Files in Reverse Order<br><br>EXCPTION: open folder "
-                                "/no/such/&lt;folder&gt;: No such file or directory (errno 2)"},
+      {"/logfiles.php",
+       kHead + "Log Files in Reverse Order<br><br>EXCPTION: open folder "
+               "/no/such/&lt;folder&gt;: No such file or directory (errno 2)",
+       "text/html", true},
   };
   for (const auto& item : cases) {
     EXPECT_THAT(Get(item.Path), item.Text);
     EXPECT_EQ(Answer(item.Path, "cross-site").Status, 200);
     EXPECT_EQ(Answer(item.Path).ContentType, item.Type);
+    EXPECT_EQ(PageMayBlock(RequestOf("GET", item.Path)), item.MayBlock);
   }
   FPort.reset();
   EXPECT_EQ(Get("/status.php"), "Guardian running. ");
@@ -143,6 +158,13 @@ TEST_F(StatusPagesTest, TellsProgramsEachNumberByItsName) {
            seen.MutexFailures, seen.PipeFailures, seen.UptimeSec) =
       std::tuple(4, 5.5, 6, 7, 8, 9, 10, 11);
   seen.Actions[3] = {12, 13.0625};
+  TFakeClock clock;
+  THistory history(clock);
+  history.AddEvent(TEventKind::Stop, "\"");
+  clock.Advance(milliseconds(1'000));
+  history.AddEvent(TEventKind::Stop, "\"");
+  history.AddEvent(TEventKind::Hold, "");
+  FGuardian.Now.History = history.Get();
   FGuardian.Now.GetPathsError = true;
   EXPECT_EQ(
       Get("/status.json"),
@@ -154,7 +176,10 @@ TEST_F(StatusPagesTest, TellsProgramsEachNumberByItsName) {
           R"({"rounds":6,"restarts":7,"restart_attempts":8,"mutex_failures":9,"pipe_failures":10},)"
           R"("actions":{"start":{"total":0,"last_age_seconds":null},"stop":{"total":0,)"
           R"("last_age_seconds":null},"terminate":{"total":0,"last_age_seconds":null},)"
-          R"("kill":{"total":12,"last_age_seconds":13.062}},"hold":null})"
+          R"("kill":{"total":12,"last_age_seconds":13.062}},"hold":null,"events":[)"
+          R"({"time":"2026-11-21T06:00:00Z","last_time":"2026-11-21T06:00:01Z","count":2,)"
+          R"("kind":"stop","text":"\""},{"time":"2026-11-21T06:00:01Z",)"
+          R"("last_time":"2026-11-21T06:00:01Z","count":1,"kind":"hold","text":""}]})"
           "\n");
   const std::regex unnamed("# [^\n]*\n|vellumark_guardian_|[{\"]|check=|action=");
   EXPECT_EQ(std::regex_replace(Get("/metrics"), unnamed, ""),
@@ -163,6 +188,10 @@ TEST_F(StatusPagesTest, TellsProgramsEachNumberByItsName) {
             "pulse_age_seconds 5.500\nrounds_total 6\nrestarts_total 7\nrestart_attempts 8\n"
             "actions_totalstart} 0\nactions_totalstop} 0\nactions_totalterminate} 0\n"
             "actions_totalkill} 12\naction_age_secondskill} 13.062\nhold_seconds 0.000\n");
+  seen.CheckAgeSec = seen.HoldLeftSec = 1.5;
+  EXPECT_THAT(Get("/status.json"), AllOf(HasSubstr("\"age_seconds\":1.500},\"daemon"),
+                                         HasSubstr("\"hold\":1.500,\"events")));
+  EXPECT_THAT(Get("/metrics"), HasSubstr("check_age_seconds 1.500\n"));
 }
 
 TEST_F(StatusPagesTest, AnswersOpenMetricsToThoseAloneWhoTakeIt) {
@@ -185,26 +214,25 @@ TEST_F(StatusPagesTest, AnswersOpenMetricsToThoseAloneWhoTakeIt) {
   }
 }
 
-// What each page answers is seen in a running Guardian.
 TEST_F(StatusPagesTest, LeavesEachControlRequestToTheGuardianAndActsForNobodyElse) {
-  const std::map<std::string, std::string> deeds = {{"/startdaemon.php", "start "},
-                                                    {"/stopdaemon.php", "stop "},
-                                                    {"/terminatedaemon.php", "terminate "},
-                                                    {"/killdaemon.php", "kill "},
-                                                    {"/hold.html", "hold 60 "},
-                                                    {"/release.html", "release "},
-                                                    {"/terminateguardian.php", "end "}};
+  const std::tuple<const char*, const char*, const char*> deeds[] = {
+      {"/startdaemon.php", "start ", "VellumarkCL will be started"},
+      {"/stopdaemon.php", "stop ", "VellumarkCL will be asked to stop."},
+      {"/terminatedaemon.php", "terminate ", "STOP signal will be sent to VellumarkCL"},
+      {"/killdaemon.php", "kill ", "KILL signal will be sent to VellumarkCL"},
+      {"/terminateguardian.php", "end ", "Guardian stopped."}};
   std::string requests;
-  for (const auto& [page, deed] : deeds) {
-    EXPECT_EQ(Answer(page, "same-origin").Status, 200);
+  for (const auto& [page, deed, answer] : deeds) {
+    EXPECT_EQ(Answer(page, "same-origin").CacheControl, "no-cache");
     EXPECT_EQ(FGuardian.Requests, requests += deed);
-    EXPECT_EQ(Answer(page, "", "HEAD").Body, Answer(page).Body);
+    EXPECT_EQ(Answer(page, "", "HEAD").Body, answer);
     EXPECT_EQ(Answer(page, "cross-site").Status, 403);
     EXPECT_EQ(Get(page, "cross-site"), "Refused: the request comes from another site.");
-    EXPECT_EQ(FGuardian.Requests, requests += deed);
+    EXPECT_EQ(FGuardian.Requests, requests);
   }
   FHasGuardian = false;
-  EXPECT_EQ(Get("/killdaemon.php"), "Guardian already freed");
+  EXPECT_EQ(Get("/killdaemon.php") + Get("/hold.html"),
+            "Guardian already freedGuardian already freed");
   EXPECT_EQ(Get("/terminateguardian.php"), "Guardian stopped.");
   EXPECT_EQ(FGuardian.Requests, requests + "end ");
 }
@@ -236,9 +264,13 @@ TEST_F(StatusPagesTest, ShowsInTheOverviewHowItIs) {
   history.AddEvent(TEventKind::Kill, "<script>");
   FGuardian.Now.History = history.Get();
   TWatchdogReading& seen = FGuardian.Now.Watchdog;
+  for (const char* const query : {"", "still"}) {
+    EXPECT_EQ(CountOf(Answer("/overview.html", "", "GET", query).Body, "http-equiv=\"refresh\""),
+              *query == '\0' ? 1 : 0);
+  }
   seen.Pid = "<script>";
   seen.Next = "<script>";
-  TLogList logs{"<script>", {{0, "<script>.log", 1}}};
+  TLogList logs{"<script>", {{3'600'000'000'000, "<script>.log", 1}}};
   const auto shows = [&](const std::string& text) {
     const std::string page = OverviewPage(FGuardian.Now, logs, TRefresh::Itself, clock);
     EXPECT_EQ(page.find("<script"), std::string::npos);
@@ -248,22 +280,40 @@ TEST_F(StatusPagesTest, ShowsInTheOverviewHowItIs) {
   seen.CheckAgeSec = 120;
   EXPECT_TRUE(shows(">Not well: mutex, pipe, service<"));
   EXPECT_TRUE(shows("At least since 06:00:00"));
+  EXPECT_TRUE(shows("</a></td><td>1 Bytes</td><td>01-01 01:00</td>"));
   EXPECT_TRUE(shows(">&lt;script&gt; <span class=\"soft\">(2 times, last at 06:00:30)") &&
               shows("process &lt;script&gt;"));
   EXPECT_TRUE(shows("Pipe: failed for 60 s, not known for 23 h 59 min"));
   EXPECT_TRUE(shows("<use href=\"#a3\" x=\"99.65%\" y=\"42\"/>")) << "the kill";
+  EXPECT_TRUE(shows("<span>06:00</span><span>12:00</span><span>18:00</span><span>00:00</span>"));
   EXPECT_FALSE(shows("The log folder does not answer."));
   logs.StandsStill = true;
   EXPECT_TRUE(shows("The log folder does not answer."));
   seen.MutexOK = seen.PipeOK = seen.ServiceOK = true;
   EXPECT_TRUE(shows(">All is well<") && shows("</b> &lt;script&gt;</p>"));
-  seen.HoldLeftSec = 7'200;
-  EXPECT_TRUE(shows("<b>On hold</b> until 2026-11-21 08:00:30 (2 h 0 min)"));
+  for (const auto& [seconds, until] :
+       {std::pair(90, "21 06:02:00 (90 s)"), std::pair(120, "21 06:02:30 (2 min)"),
+        std::pair(7'200, "21 08:00:30 (2 h 0 min)"), std::pair(172'800, "23 06:00:30 (2 days)")}) {
+    seen.HoldLeftSec = seconds;
+    EXPECT_TRUE(shows(std::string("<b>On hold</b> until 2026-11-") + until));
+  }
   seen.CheckAgeSec = 121;
   seen.PipeOK = false;
-  EXPECT_TRUE(shows(">The Guardian itself stands still<"));
+  EXPECT_TRUE(shows(">The Guardian itself stands still<") && shows("&#10006; failed</td><td>the"));
   clock.Advance(milliseconds(60'000));
   EXPECT_TRUE(shows("not known for 23 h 58 min")) << "the look of this minute may be to come";
+  EXPECT_TRUE(shows("At least since 06:00:00"));
+  EXPECT_FALSE(shows("class=\"good\"/>")) << "a span with a gap";
+  for (int minute = 0; minute < 1'440; ++minute) {
+    history.AddRound({minute != 0, true, true, 0});
+    history.AddEvent(TEventKind::Info, std::to_string(minute));
+    clock.Advance(milliseconds(60'000));
+  }
+  FGuardian.Now.History = history.Get();
+  seen.CheckAgeSec = 0;
+  seen.PipeOK = true;
+  EXPECT_TRUE(shows("Mutex: never failed\"") && shows("Since 11-21 06:02"));
+  EXPECT_TRUE(shows("<td>1420<") && !shows("<td>1419<")) << "the last 20";
   FHasGuardian = false;
   EXPECT_THAT(Get("/overview.html"), HasSubstr("<p>The Guardian is ending.</p>"));
 }
@@ -320,6 +370,8 @@ TEST_F(StatusPagesTest, ShowsTheMainPageWithEverythingFromOutsideEscaped) {
   expected = ReplaceAll(expected, list, "");
   const std::string inactive = paths + "Inactive: GotPaths=N, GetPathsError=N<br><br>";
   EXPECT_EQ(page(), ReplaceAll(ReplaceAll(expected, "Exists: Y", "Exists: N"), paths, inactive));
+  FGuardian.Now.GotPaths = FGuardian.Now.GetPathsError = true;
+  EXPECT_THAT(page(), HasSubstr("Inactive: GotPaths=Y, GetPathsError=Y<br>"));
   FHasGuardian = false;
   for (const auto& part : {daemon, paths, logs}) expected = ReplaceAll(expected, part, "");
   EXPECT_EQ(page(), expected);
@@ -358,6 +410,30 @@ TEST_F(StatusPagesTest, ListsLogFilesNewestFirstByALinkThatLeadsToIt) {
   std::filesystem::create_symlink("folder.log/deep.log", FFolder.Path("logs/inside.log"));
   FFolder.Write("logs/folder.log/deep.log", "deep");
   EXPECT_EQ(Streamed("/vellumark_logs/inside.log"), "deep");
+  const TLogList list = ListLogFiles(FFolder.Path("logs"));
+  ASSERT_EQ(list.Files.size(), 12U);
+  EXPECT_EQ(list.Files[0].Name + list.Files[11].Name, "inside.log" + names[4]);
+  // A lease of another program would hold an opening that blocks for 45 seconds.
+  const auto before = ::signal(SIGIO, SIG_IGN);
+  const TFileDescriptor file(::open(FFolder.Path("logs/a+b.log").c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(::fcntl(file.Get(), F_SETLEASE, F_WRLCK), 0);
+  EXPECT_THAT(Get("/vellumark_logs/a+b.log"), HasSubstr("EXCPTION: open "));
+  ::signal(SIGIO, before);
+}
+
+TEST_F(StatusPagesTest, LooksForLogsForTheOverviewAloneAndNotForEach) {
+  Settings().LogDirectory.Set(FFolder.Path());
+  const TLogFolder logs;
+  const TFileDescriptor watch(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+  ASSERT_GE(::inotify_add_watch(watch.Get(), FFolder.Path().c_str(), IN_OPEN), 0);
+  const auto looks = [&](const char* page) {
+    (void)BuildPage(RequestOf("GET", page), {&FGuardian, {}, FPort, &FGuard, &logs});
+    char events[4096];
+    return ::read(watch.Get(), events, sizeof(events)) > 0;
+  };
+  EXPECT_FALSE(looks("/hold.html") || looks("/confirm.html") || looks("/status.json"));
+  EXPECT_TRUE(Eventually([&] { return looks("/overview.html"); }));
+  EXPECT_TRUE(Eventually([&] { return !looks("/overview.html"); }));
 }
 
 constexpr std::size_t kLimit = 131'072;
@@ -482,6 +558,16 @@ TEST(WebStatusServerTest, ListensWhereTheSettingSaysOnTheFirstFreePortFrom8900To
     EXPECT_EQ(Page("status.php", item.Port, "[::1]"), item.Is6 ? text : "");
   }
   ::unsetenv(kVariable);
+}
+
+TEST(WebStatusServerTest, MakesAThreadReportInAnotherThreadThanItsOwn) {
+  KZCP::Init();
+  const TAtEnd fini([] { KZCP::Fini(); });
+  TWebStatusServer server({});
+  server.StartServer();
+  TRawClient client(server.Port());
+  EXPECT_TRUE(Contains(client.Get("/").Head, "\r\nSet-Cookie: vellumark_guardian="));
+  EXPECT_THAT(client.Get("/threadreport.php").Body, HasSubstr("HTTPServer:Wait"));
 }
 
 }  // namespace
