@@ -8,6 +8,7 @@
 
 #include "common/AtEnd.h"
 #include "common/FatalSignals.h"
+#include "common/LookThread.h"
 #include "common/Timer.h"
 #include "support/TestSupport.h"
 
@@ -135,6 +136,55 @@ TEST(TThreadTest, IsJoinedOnceByAllWhoJoinItAndNeverWaitedForWhenItCannotStart) 
       "Huge", [] {}, std::size_t{1} << 60U);
   EXPECT_THROW(huge.Start(), ESystemError);
   EXPECT_TRUE(huge.WaitFinished(milliseconds(0)));
+}
+
+// A look that reads a number, and then stands still or fails when the test says so.
+TEST(TLookThreadTest, AnswersWithoutEverStandingStillWithItsLook) {
+  constexpr std::chrono::seconds kLong{30};
+  std::atomic<int> looks = 0;
+  std::atomic<bool> fails = false;
+  std::atomic<bool> stands = false;
+  TKZEvent go("Go", TEventReset::Manual);
+  const auto look = [&] {
+    const int seen = ++looks;
+    if (stands) go.WaitFor(std::chrono::hours(1));
+    if (fails) throw SoftException("on purpose");
+    return seen;
+  };
+  auto thread = std::make_unique<TLookThread<int>>("Look", look, 0);
+  EXPECT_EQ(thread->AskBriefly(), 0) << "what was known before the first look";
+  thread->Start();
+  EXPECT_THAT(thread->Ask(kLong), testing::Optional(testing::Gt(0)));
+  EXPECT_FALSE(thread->WaitsFor(milliseconds(0))) << "nobody has asked";
+
+  fails = true;
+  int before = looks;
+  const std::int64_t start = SystemTickCount();
+  EXPECT_FALSE(thread->Ask(milliseconds(0)));
+  EXPECT_TRUE(Eventually([&] { return looks >= before + 3; }));
+  EXPECT_GE(SystemTickCount() - start, 200) << "no spin";
+  fails = false;
+  EXPECT_TRUE(thread->Ask(kLong));
+
+  stands = true;
+  before = looks;
+  EXPECT_EQ(thread->AskBriefly(), before);
+  EXPECT_FALSE(thread->Ask(milliseconds(0)));
+  EXPECT_TRUE(thread->WaitsFor(milliseconds(100))) << "from the first question on";
+  go.Signal();
+  EXPECT_TRUE(Eventually([&] { return looks == before + 2; })) << "the later question's own look";
+  EXPECT_TRUE(thread->Ask(kLong));
+  EXPECT_TRUE(TThread::EndOrLeaveBehind(std::move(thread), kLong));
+
+  go.Reset();
+  thread = std::make_unique<TLookThread<int>>("Look", look, 0);
+  thread->Start();
+  EXPECT_FALSE(thread->Ask(milliseconds(0)));
+  EXPECT_TRUE(Eventually([&] { return looks > before + 3; }));
+  TThread& leftBehind = *thread;
+  EXPECT_FALSE(TThread::EndOrLeaveBehind(std::move(thread), milliseconds(0)));
+  go.Signal();
+  EXPECT_TRUE(leftBehind.WaitFinished(kLong));
 }
 
 TEST(TKZEventTest, GivesAnAutomaticSignalToOneWaitAndAManualOneToAll) {

@@ -3,6 +3,7 @@
 #include <list>
 
 #include "common/Console.h"
+#include "common/NamedMutex.h"
 #include "config/SettingsStoreTest.h"
 #include "config/SqlIniComponents.h"
 #include "config/SqlIniOpenFile.h"
@@ -49,6 +50,14 @@ TEST_F(TKZSQLIniRecoveryTest, LooksAndTriesAgainAfterItsIntervals) {
   std::filesystem::remove(File());
   std::filesystem::rename(FFolder.Path("away"), File());
   expectOnceAfter(milliseconds(1'000), reads("v"));
+  std::filesystem::rename(File(), FFolder.Path("away"));
+  std::filesystem::create_directory(File());
+  EXPECT_FALSE(store->OpenDatabase());
+  std::filesystem::remove(File());
+  std::filesystem::rename(FFolder.Path("away"), File());
+  EXPECT_TRUE(store->OpenDatabase());
+  store->CloseDatabase();
+  EXPECT_TRUE(reads("v")()) << "at once after a success";
   std::ignore = Open();
   EXPECT_FALSE(FFolder.Has("CfgBackups/x.cfg.bak")) << "nothing was written";
   expectOnceAfter(std::chrono::hours(1), [&] {
@@ -102,6 +111,15 @@ TEST_F(TKZSQLIniRecoveryTest, KeepsTheValuesOfAFileThatIsDeletedUnderAnOpenStore
 }
 
 TEST_F(TKZSQLIniRecoveryTest, KeepsFiveGoodBackupsADayApart) {
+  void (TKZSQLIniFile::*const ends[])() = {
+      &TKZSQLIniFile::CloseDatabase, &TKZSQLIniFile::UpdateFile, &TKZSQLIniFile::DestroyComponents};
+  for (const auto end : ends) {
+    const auto store = Open();
+    store->WriteString("s", "number", "0");
+    (*store.*end)();
+    EXPECT_TRUE(std::filesystem::remove(Backup(".bak")));
+  }
+  FFolder.Write("CfgBackups/x.cfg.old3-journal", "of a file that has gone");
   int number = 0;
   const auto writeAfter = [&](std::chrono::seconds age) {
     if (number > 0) {
@@ -119,12 +137,29 @@ TEST_F(TKZSQLIniRecoveryTest, KeepsFiveGoodBackupsADayApart) {
     numbers.push_back(AskOf(Backup(ending), "SELECT VALUE FROM DATA"));
   }
   EXPECT_THAT(numbers, ElementsAre("6", "5", "4", "3", "2"));
+  EXPECT_FALSE(FFolder.Has("CfgBackups/x.cfg.old3-journal"));
 
   Execute("CREATE TABLE other (x); INSERT INTO other VALUES(1)");
   OverwriteLeaf("other", 0);
   writeAfter(kDay);
   EXPECT_EQ(AskOf(Backup(".bak"), "SELECT VALUE FROM DATA"), "6");
+  EXPECT_FALSE(FFolder.Has("CfgBackups/x.cfg.bak.new"));
   EXPECT_THAT(Lines(), HasSubstr("TKZSQLIniFile.BackUp Exception: "));
+}
+
+TEST_F(TKZSQLIniRecoveryTest, WaitsForAnotherRepairForFiveMinutes) {
+  std::ignore = Open();
+  TNamedMutex other = TNamedMutex::Create(Backup(""));
+  const std::int64_t start = FClock.TickCount();
+  EXPECT_FALSE(Open()->AttemptRepair());
+  EXPECT_NEAR(static_cast<double>(FClock.TickCount() - start), 310'000, 100);
+  FClock.AtNextWait = [&] { other.Close(); };
+  EXPECT_TRUE(Open()->AttemptRepair());
+  std::filesystem::remove(Backup(".lock"));
+  std::filesystem::create_symlink(File(), Backup(".lock"));
+  EXPECT_FALSE(Open()->AttemptRepair());
+  EXPECT_THAT(Lines(), AllOf(HasSubstr("Another process has been replacing the file for too long."),
+                             HasSubstr("lock " + Backup(".lock") + ": Too many levels")));
 }
 
 TEST_F(TKZSQLIniRecoveryTest, GivesEveryFileTheModeAndTheOwnerOfTheStore) {
@@ -147,28 +182,29 @@ TEST_F(TKZSQLIniRecoveryTest, GivesEveryFileTheModeAndTheOwnerOfTheStore) {
   std::filesystem::remove_all(FFolder.Path("CfgBackups"));
   for (const std::string& file : {FFolder.Path(), File()}) {
     ASSERT_EQ(::chown(file.c_str(), user, group), 0);
-    ASSERT_EQ(::chmod(file.c_str(), file == File() ? 0640 : 0770), 0);
+    ASSERT_EQ(::chmod(file.c_str(), file == File() ? 0640 : 02770), 0);
   }
   Open()->WriteString("s", "k", "v");
-  EXPECT_EQ(look("CfgBackups"), "CfgBackups 770" + of);
+  EXPECT_EQ(look("CfgBackups"), "CfgBackups 2770" + of);
   EXPECT_EQ(look("CfgBackups/x.cfg.bak"), "CfgBackups/x.cfg.bak 640" + of);
+  ASSERT_EQ(::chmod(File().c_str(), 0600), 0);  // Its backup stays as it was.
   FFolder.Write("x.cfg", std::string(5000, 'g'));
   UseTool("exec 3>&1; stat -L -c 'x.cfg.sqltmp %a of %u:%g' /proc/self/fd/3 >\"$0.seen\"");
   EXPECT_FALSE(Open()->AttemptRepair());
-  EXPECT_EQ(FFolder.Read("tool/sqlite3.seen"), "x.cfg.sqltmp 640" + of + "\n");
+  EXPECT_EQ(FFolder.Read("tool/sqlite3.seen"), "x.cfg.sqltmp 600" + of + "\n");
   UseTool("echo 'ROLLBACK;'");
   FClock.Advance(std::chrono::minutes(1));
   EXPECT_TRUE(Open()->AttemptRepair());
   ::umask(mask);
-  EXPECT_EQ(look("x.cfg"), "x.cfg 640" + of);
-  EXPECT_EQ(look("x.cfg-previous"), "x.cfg-previous 640" + of);
+  EXPECT_EQ(look("x.cfg"), "x.cfg 600" + of);
+  EXPECT_EQ(look("x.cfg-previous"), "x.cfg-previous 600" + of);
   // Of a store that was deleted, its open connection and then its backup know them.
   std::filesystem::remove_all(FFolder.Path("CfgBackups"));
   const auto open = Open();
   std::filesystem::remove(File());
   EXPECT_TRUE(open->TryWriteString("s", "k", "v"));
-  EXPECT_EQ(look("CfgBackups/x.cfg.bak"), "CfgBackups/x.cfg.bak 640" + of);
-  EXPECT_EQ(look("x.cfg"), "x.cfg 640" + of);
+  EXPECT_EQ(look("CfgBackups/x.cfg.bak"), "CfgBackups/x.cfg.bak 600" + of);
+  EXPECT_EQ(look("x.cfg"), "x.cfg 600" + of);
 }
 
 // As a user who may not do everything: root may write to any file.
@@ -204,6 +240,11 @@ TEST_F(TKZSQLIniRecoveryTest, ReadsAFileItMayNotWriteAndFailsOnOneItMayNotRead) 
   const std::string message = "Config file is read-only. Cannot save updated profile status.\n";
   EXPECT_EQ(outputAt(0444), "read v\n" + message + "read v\nread other\n");
   EXPECT_THAT(outputAt(0200), HasSubstr("Cannot open" + File() + ": Permission Denied\n"));
+  FFolder.Write("x.cfg", std::string(5000, 'g'));
+  EXPECT_THAT(outputAt(0444), HasSubstr("A file that may not be written is not repaired."));
+  ::chmod(FFolder.Path().c_str(), 0);
+  EXPECT_THAT(outputAt(0444), HasSubstr("Cannot open" + File() + ": Permission Denied\n"));
+  ::chmod(FFolder.Path().c_str(), 0755);
 }
 
 const TRegisterChild kOnFullDisk("SqlIniFullDisk", [](const std::vector<std::string>& arguments) {
