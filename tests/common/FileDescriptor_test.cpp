@@ -66,6 +66,7 @@ TEST(TextFileTest, OpensRegularFilesOnlyAndEndsWhatAFullDiskCuts) {
       EXPECT_FALSE(OpenTextFile(name, opening)) << name;
     }
   }
+  EXPECT_FALSE(OpenTextFile(folder.Path("file"), CreateNew));
   EXPECT_EQ(folder.Read("file"), "of others");
 
   // A size limit cuts as a full disk does.
@@ -82,6 +83,13 @@ TEST(TextFileTest, OpensRegularFilesOnlyAndEndsWhatAFullDiskCuts) {
     ::setrlimit(RLIMIT_FSIZE, &before);
     EXPECT_EQ(WriteTextLine(file, "two"), 0);
     EXPECT_EQ(folder.Read("log"), "one\nis to\ntwo\n");
+    if (opening == AppendOrCreate) continue;
+    std::ofstream(folder.Path("log"), std::ios::app) << "of another writer";
+    const rlimit oneMore{.rlim_cur = 15, .rlim_max = before.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &oneMore);
+    EXPECT_EQ(WriteTextLine(file, "is too long"), EFBIG);
+    ::setrlimit(RLIMIT_FSIZE, &before);
+    EXPECT_THAT(folder.Read("log"), EndsWith("f another writer")) << "is not ours to cut";
   }
   ::signal(SIGXFSZ, SIG_DFL);
 }
@@ -91,10 +99,13 @@ TEST(FileHandleTest, ClosesAFileOnce) {
   const TFileHandle handle = AddFileObject(Opened(folder.Path("lock"), O_RDONLY | O_CREAT));
   const auto borrowed = BorrowFileObject(handle);
   ASSERT_EQ(::flock(borrowed->Get(), LOCK_EX), 0);
+  const std::int64_t start = SystemTickCount();
   CloseHandle(handle);
+  EXPECT_GE(SystemTickCount() - start, 1'000) << "the borrower is waited for";
   EXPECT_EQ(::flock(Opened(folder.Path("lock"), O_RDONLY).Get(), LOCK_EX | LOCK_NB), 0)
       << "the borrower keeps the file, but not its lock";
   EXPECT_EQ(ThrownMessage([&] { CloseHandle(handle); }), "Invalid handle passed to CloseHandle");
+  for (const TFileHandle none : {0, 1}) EXPECT_NO_THROW(CloseHandle(none));
 }
 
 // Takes the mutex with the given name, if there is one, says how that went and stays.
@@ -134,7 +145,10 @@ TEST_F(TNamedMutexTest, ExcludesASecondHolderHereAndElsewhere) {
   second.Close();
   EXPECT_EQ(ErrorOfCreate(), 183) << "closing what holds nothing frees nothing";
   first.Close();
-  EXPECT_EQ(ErrorOfCreate(), 0);
+  first = TNamedMutex::Create(FName);
+  EXPECT_EQ(first.Error(), 0);
+  first = TNamedMutex();
+  EXPECT_EQ(ErrorOfCreate(), 0) << "an assignment gives it back";
   EXPECT_TRUE(FFolder.Has("vellumark$mutex.lock"));
 }
 

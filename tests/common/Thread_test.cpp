@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "common/AtEnd.h"
+#include "common/Cancellation.h"
 #include "common/FatalSignals.h"
 #include "common/LookThread.h"
 #include "common/Timer.h"
@@ -36,6 +37,9 @@ TEST(TClockTest, ReadsLocalWallTimeAndShowsItWithoutAmbiguity) {
   ::tzset();
   EXPECT_NEAR(difference, 3.5 / 24, kMinute);
   EXPECT_NEAR((SystemClock().UtcNow() - 25'569) * 86'400, static_cast<double>(::time(nullptr)), 60);
+  for (std::int64_t second = 1'790'000'000; second < 1'790'010'000; ++second) {
+    ASSERT_EQ(UnixSeconds(FromUnixSeconds(second)), second);
+  }
   for (const char* locale : {"C.UTF-8", "POSIX", "C"}) {
     if (std::setlocale(LC_TIME, locale) == nullptr) continue;
     EXPECT_EQ(DateTimeToStr(46347.0 + 22'425.0 / 86'400), "2026-11-21 06:13:45") << locale;
@@ -114,6 +118,17 @@ TEST(TThreadTest, StartsWithItsNameAndWithAllSignalsBlockedButTheFatalOnes) {
     EXPECT_EQ(sigismember(&ours, signal), 0) << signal;
   }
   for (const int signal : kFatalSignals) EXPECT_EQ(sigismember(&blocked, signal), 0) << signal;
+}
+
+TEST(TThreadTest, GivesItsMemoryBack) {
+  const auto pagesAfter = [](int threads) {
+    for (int i = 0; i < threads; ++i) InThread([] {});
+    std::size_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    return pages;
+  };
+  const std::size_t before = pagesAfter(10);
+  EXPECT_LT(pagesAfter(200), before + 200 * 32) << "in pages";
 }
 
 TEST(TThreadTest, HasAnIdOfItsOwnInAForkedChild) {
@@ -260,7 +275,9 @@ TEST(MainThreadTest, RefusesWhatWaitsAndWhatComesOnceTheQueueIsClosed) {
   CloseMainThreadQueue();
   const TCrew late(1, request);
   EXPECT_TRUE(Eventually([&] { return early.Finished() && late.Finished(); }));
+  const std::set<int> descriptors = OpenDescriptors();
   BindMainThread();
+  EXPECT_EQ(OpenDescriptors(), descriptors) << "threads use the one for wake-ups at any time";
   EXPECT_EQ(refused, 3);
   EXPECT_FALSE(ran);
   InThread([] { EXPECT_TRUE(Synchronize([] {})); });
@@ -275,6 +292,18 @@ TEST(MainThreadTest, EndsItsWaitForAWakeUpThatCameBeforeOrComesMeanwhile) {
   EXPECT_TRUE(!CheckSynchronize(milliseconds(21)) && SystemTickCount() >= end) << "one ends one";
   const TCrew waker(1, [](int) { WakeMainThread(); });
   EXPECT_FALSE(CheckSynchronize(std::chrono::hours(1)));
+}
+
+TEST(MainThreadTest, HasDescriptorsThatNoChildInherits) {
+  const TCancellation cancellation;
+  int events = 0;
+  for (const int each : OpenDescriptors()) {
+    const auto link = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(each));
+    if (link.string() != "anon_inode:[eventfd]") continue;
+    EXPECT_EQ(::fcntl(each, F_GETFD), FD_CLOEXEC);
+    ++events;
+  }
+  EXPECT_EQ(events, 2);
 }
 
 // Time in which the next wait finds no memory, when the test says so.
@@ -351,6 +380,16 @@ TEST_F(TKZTimerTest, BeginsANewPeriodWithAnotherIntervalAndWhenEnabled) {
   FTimer.SetEnabled(true);
   AdvanceBy(milliseconds(2'000), 3);
   EXPECT_THAT(FCalls, ElementsAre(1'090, 3'090, 55'090));
+}
+
+TEST(TKZRealTimerTest, ShortensAPeriodThatHasBegun) {
+  std::atomic<int> calls = 0;
+  TKZTimer timer(
+      "Timer", std::chrono::hours(1), [&] { ++calls; }, [](const auto&) {});
+  timer.SetEnabled(true);
+  SystemClock().Sleep(milliseconds(20));  // So that it waits, as a rule.
+  timer.SetInterval(milliseconds(1));
+  EXPECT_TRUE(Eventually([&] { return calls > 0; }));
 }
 
 TEST_F(TKZTimerTest, CanBeStoppedWhileItsHandlerWaitsForTheMainThread) {
