@@ -2,7 +2,6 @@
 
 #include <limits>
 
-#include "common/Environment.h"
 #include "support/TestSupport.h"
 
 namespace guardian {
@@ -64,17 +63,6 @@ TEST(TextsTest, CutsReplacesSplitsAndJoins) {
   EXPECT_EQ(JoinPath("/a/", "/b"), "/a/b");
   EXPECT_EQ(FileNameOf("/a/b.log"), "b.log");
   EXPECT_EQ(ToUpper("az\xC3\xBC{`"), "AZ\xC3\xBC{`");
-}
-
-TEST(SettingsTest, ComeWithoutBlanksAndWithADefault) {
-  const TSettingsBackup backup;
-  ::setenv("VELLUMARK_TEST_LIST", " a ,, b\t, ", 1);
-  EXPECT_THAT(EnvironmentList("VELLUMARK_TEST_LIST"), ElementsAre("a", "b"));
-  Settings().TempDirectory.Set("/t");
-  for (const std::string folder : {"/l", ""}) {
-    Settings().LogDirectory.Set(folder);
-    EXPECT_EQ(LogFolder(), folder.empty() ? "/t" : folder);
-  }
 }
 
 }  // namespace

@@ -38,6 +38,9 @@ TEST(TKZLogFileTest, MovesAFileAboveTheLimitAwayAtItsStart) {
   folder.Write("g.log-previous", "old");
   EXPECT_FALSE(start(10'485'761));
   EXPECT_EQ(std::filesystem::file_size(folder.Path("g.log-previous")), 10'485'761U);
+  std::filesystem::remove(folder.Path("g.log-previous"));
+  std::filesystem::create_directories(folder.Path("g.log-previous/in its way"));
+  EXPECT_FALSE(start(10'485'761)) << "it begins anew all the same";
 }
 
 TEST(ProtocolLogTest, HasAFileForEachThreadThatIsTriedOnceAndTellsOfAFailureOnce) {

@@ -1,35 +1,21 @@
 #pragma once
 
+#include <memory>
+
 #include "common/Settings.h"
 
 namespace guardian {
 
-// Gives Settings() back at its end as it found them.
+// Makes Settings() at its end what they are at the start of a process.
 class TSettingsBackup {
  public:
   TSettingsBackup() {}
   ~TSettingsBackup() {
-    TSettings& settings = Settings();
-    settings.CommandLine = FCommandLine;
-    settings.OwnExecutablePath = FOwnExecutablePath;
-    settings.MutexDirectory.Set(FMutexDirectory);
-    settings.LogDirectory.Set(FLogDirectory);
-    settings.TempDirectory.Set(FTempDirectory);
-    settings.DebugMode = false;
-    settings.DebugHook = 0;
-    settings.ShellTrace = false;
-    settings.PlainSystemCall = false;
-    settings.AskingGuardian = false;
+    std::destroy_at(&Settings());
+    std::construct_at(&Settings());
   }
   TSettingsBackup(const TSettingsBackup&) = delete;
   TSettingsBackup& operator=(const TSettingsBackup&) = delete;
-
- private:
-  const std::vector<std::string> FCommandLine = Settings().CommandLine;
-  const std::string FOwnExecutablePath = Settings().OwnExecutablePath;
-  const std::string FMutexDirectory = Settings().MutexDirectory.Copy();
-  const std::string FLogDirectory = Settings().LogDirectory.Copy();
-  const std::string FTempDirectory = Settings().TempDirectory.Copy();
 };
 
 }  // namespace guardian
