@@ -1,5 +1,6 @@
 #include "common/DiagnosticMessage.h"
 
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -34,9 +35,12 @@ class TStandardError {
 };
 
 TEST(ConsoleTest, NeverWaitsForAReaderOfStandardError) {
-  ::signal(SIGPIPE, SIG_IGN);
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  const rlimit noDescriptor{.rlim_cur = 3, .rlim_max = limit.rlim_max};
   for (const bool isSocket : {false, true}) {
     SCOPED_TRACE(isSocket);
+    ::signal(SIGPIPE, isSocket ? SIG_DFL : SIG_IGN);
     std::array<int, 2> ends{};
     ASSERT_EQ(isSocket ? ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()) : ::pipe(ends.data()),
               0);
@@ -55,13 +59,14 @@ TEST(ConsoleTest, NeverWaitsForAReaderOfStandardError) {
     EXPECT_EQ(lines, text.size() / 10'000);
     const bool cut = !text.ends_with('\n');
     EXPECT_TRUE(cut || isSocket) << "a socket takes such a line whole or not at all";
+    ::setrlimit(RLIMIT_NOFILE, &noDescriptor);
     EXPECT_TRUE(DebugOutput("next"));
+    ::setrlimit(RLIMIT_NOFILE, &limit);
     EXPECT_EQ(ReadToEnd(reading.Get(), 100, text), EAGAIN);
     EXPECT_EQ(text, cut ? "\nnext\n" : "next\n");
     reading.Close();
     EXPECT_FALSE(DebugOutput("nobody reads"));
   }
-  ::signal(SIGPIPE, SIG_DFL);
 }
 
 TEST(DiagnosticMessageTest, IsWrittenOnceToTheFirstPlaceWhereSomebodySeesIt) {
@@ -94,6 +99,12 @@ TEST(DiagnosticMessageTest, IsWrittenOnceToTheFirstPlaceWhereSomebodySeesIt) {
   const TErrorLogInFolder log;
   write("a log");
   EXPECT_EQ(log.Text(), "2026-11-21 06:00:00 Test Exception: a log\n");
+  FlushLogFile(clock);
+  EXPECT_EQ(LastFlushTick(), clock.TickCount());
+  EXPECT_TRUE(ErrorLog().Enabled());
+  std::filesystem::remove(log.Folder().Path("error.log"));
+  FlushLogFile(clock);
+  EXPECT_FALSE(ErrorLog().Enabled() || log.Folder().Has("error.log")) << "deleted for good";
   EXPECT_TRUE(Guarded("Test", clock, [] {}));
 }
 

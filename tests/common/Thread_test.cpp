@@ -8,6 +8,7 @@
 
 #include "common/AtEnd.h"
 #include "common/FatalSignals.h"
+#include "common/LookThread.h"
 #include "common/Timer.h"
 #include "support/TestSupport.h"
 
@@ -35,6 +36,9 @@ TEST(TClockTest, ReadsLocalWallTimeAndShowsItWithoutAmbiguity) {
   ::tzset();
   EXPECT_NEAR(difference, 3.5 / 24, kMinute);
   EXPECT_NEAR((SystemClock().UtcNow() - 25'569) * 86'400, static_cast<double>(::time(nullptr)), 60);
+  for (std::int64_t second = 1'790'000'000; second < 1'790'010'000; ++second) {
+    ASSERT_EQ(UnixSeconds(FromUnixSeconds(second)), second);
+  }
   for (const char* locale : {"C.UTF-8", "POSIX", "C"}) {
     if (std::setlocale(LC_TIME, locale) == nullptr) continue;
     EXPECT_EQ(DateTimeToStr(46347.0 + 22'425.0 / 86'400), "2026-11-21 06:13:45") << locale;
@@ -137,6 +141,44 @@ TEST(TThreadTest, IsJoinedOnceByAllWhoJoinItAndNeverWaitedForWhenItCannotStart) 
   EXPECT_TRUE(huge.WaitFinished(milliseconds(0)));
 }
 
+// A look that counts, and then stands still or fails when the test says so.
+TEST(TLookThreadTest, AnswersWithoutEverStandingStillWithItsLook) {
+  constexpr std::chrono::seconds kLong{30};
+  std::atomic<int> looks = 0;
+  std::atomic<bool> fails = true;
+  std::atomic<bool> stands = false;
+  TKZEvent go("Go", TEventReset::Manual);
+  const auto look = [&] {
+    const int seen = ++looks;
+    if (stands) go.WaitFor(std::chrono::hours(1));
+    if (fails) throw SoftException("on purpose");
+    return seen;
+  };
+  auto thread = std::make_unique<TLookThread<int>>("Look", look, -1);
+  const std::int64_t start = SystemTickCount();
+  thread->Start();
+  EXPECT_EQ(thread->AskBriefly(), -1);
+  EXPECT_TRUE(Eventually([&] { return looks >= 3; }));
+  EXPECT_GE(SystemTickCount() - start, 200) << "no spin";
+  fails = false;
+  EXPECT_TRUE(thread->Ask(std::chrono::hours(1)));  // The test's time limit would end it.
+  EXPECT_FALSE(thread->WaitsFor(milliseconds(0))) << "nobody has asked";
+
+  stands = true;
+  const int before = looks;
+  EXPECT_EQ(thread->AskBriefly(), before);
+  EXPECT_FALSE(thread->Ask(milliseconds(0)));
+  EXPECT_TRUE(thread->WaitsFor(milliseconds(100))) << "from the first question on";
+  go.Signal();
+  EXPECT_TRUE(Eventually([&] { return looks == before + 2; })) << "the later question's own look";
+  go.Reset();
+  EXPECT_FALSE(thread->Ask(milliseconds(0)));
+  TThread& leftBehind = *thread;
+  EXPECT_FALSE(TThread::EndOrLeaveBehind(std::move(thread), milliseconds(0)));
+  go.Signal();
+  EXPECT_TRUE(leftBehind.WaitFinished(kLong));
+}
+
 TEST(TKZEventTest, GivesAnAutomaticSignalToOneWaitAndAManualOneToAll) {
   for (const TEventReset reset : {TEventReset::Auto, TEventReset::Manual}) {
     const bool isManual = reset == TEventReset::Manual;
@@ -210,7 +252,9 @@ TEST(MainThreadTest, RefusesWhatWaitsAndWhatComesOnceTheQueueIsClosed) {
   CloseMainThreadQueue();
   const TCrew late(1, request);
   EXPECT_TRUE(Eventually([&] { return early.Finished() && late.Finished(); }));
+  const std::set<int> descriptors = OpenDescriptors();
   BindMainThread();
+  EXPECT_EQ(OpenDescriptors(), descriptors) << "threads use the one for wake-ups at any time";
   EXPECT_EQ(refused, 3);
   EXPECT_FALSE(ran);
   InThread([] { EXPECT_TRUE(Synchronize([] {})); });

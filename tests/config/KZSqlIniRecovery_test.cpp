@@ -1,8 +1,6 @@
 #include <sys/resource.h>
 
-#include <list>
-
-#include "common/Console.h"
+#include "common/NamedMutex.h"
 #include "config/SettingsStoreTest.h"
 #include "config/SqlIniComponents.h"
 #include "config/SqlIniOpenFile.h"
@@ -102,6 +100,14 @@ TEST_F(TKZSQLIniRecoveryTest, KeepsTheValuesOfAFileThatIsDeletedUnderAnOpenStore
 }
 
 TEST_F(TKZSQLIniRecoveryTest, KeepsFiveGoodBackupsADayApart) {
+  void (TKZSQLIniFile::*const ends[])() = {
+      &TKZSQLIniFile::CloseDatabase, &TKZSQLIniFile::UpdateFile, &TKZSQLIniFile::DestroyComponents};
+  for (const auto end : ends) {
+    const auto store = Open();
+    store->WriteString("s", "number", "0");
+    (*store.*end)();
+    EXPECT_TRUE(std::filesystem::remove(Backup(".bak")));
+  }
   int number = 0;
   const auto writeAfter = [&](std::chrono::seconds age) {
     if (number > 0) {
@@ -124,7 +130,23 @@ TEST_F(TKZSQLIniRecoveryTest, KeepsFiveGoodBackupsADayApart) {
   OverwriteLeaf("other", 0);
   writeAfter(kDay);
   EXPECT_EQ(AskOf(Backup(".bak"), "SELECT VALUE FROM DATA"), "6");
+  EXPECT_FALSE(FFolder.Has("CfgBackups/x.cfg.bak.new"));
   EXPECT_THAT(Lines(), HasSubstr("TKZSQLIniFile.BackUp Exception: "));
+}
+
+TEST_F(TKZSQLIniRecoveryTest, WaitsForAnotherRepairForFiveMinutes) {
+  std::ignore = Open();
+  TNamedMutex other = TNamedMutex::Create(Backup(""));
+  const std::int64_t start = FClock.TickCount();
+  EXPECT_FALSE(Open()->AttemptRepair());
+  EXPECT_NEAR(static_cast<double>(FClock.TickCount() - start), 310'000, 100);
+  FClock.AtNextWait = [&] { other.Close(); };
+  EXPECT_TRUE(Open()->AttemptRepair());
+  std::filesystem::remove(Backup(".lock"));
+  std::filesystem::create_symlink(File(), Backup(".lock"));
+  EXPECT_FALSE(Open()->AttemptRepair());
+  EXPECT_THAT(Lines(), AllOf(HasSubstr("Another process has been replacing the file for too long."),
+                             HasSubstr("lock " + Backup(".lock") + ": Too many levels")));
 }
 
 TEST_F(TKZSQLIniRecoveryTest, GivesEveryFileTheModeAndTheOwnerOfTheStore) {
@@ -147,28 +169,29 @@ TEST_F(TKZSQLIniRecoveryTest, GivesEveryFileTheModeAndTheOwnerOfTheStore) {
   std::filesystem::remove_all(FFolder.Path("CfgBackups"));
   for (const std::string& file : {FFolder.Path(), File()}) {
     ASSERT_EQ(::chown(file.c_str(), user, group), 0);
-    ASSERT_EQ(::chmod(file.c_str(), file == File() ? 0640 : 0770), 0);
+    ASSERT_EQ(::chmod(file.c_str(), file == File() ? 0640 : 02770), 0);
   }
   Open()->WriteString("s", "k", "v");
-  EXPECT_EQ(look("CfgBackups"), "CfgBackups 770" + of);
+  EXPECT_EQ(look("CfgBackups"), "CfgBackups 2770" + of);
   EXPECT_EQ(look("CfgBackups/x.cfg.bak"), "CfgBackups/x.cfg.bak 640" + of);
+  ASSERT_EQ(::chmod(File().c_str(), 0600), 0);  // Its backup stays as it was.
   FFolder.Write("x.cfg", std::string(5000, 'g'));
   UseTool("exec 3>&1; stat -L -c 'x.cfg.sqltmp %a of %u:%g' /proc/self/fd/3 >\"$0.seen\"");
   EXPECT_FALSE(Open()->AttemptRepair());
-  EXPECT_EQ(FFolder.Read("tool/sqlite3.seen"), "x.cfg.sqltmp 640" + of + "\n");
+  EXPECT_EQ(FFolder.Read("tool/sqlite3.seen"), "x.cfg.sqltmp 600" + of + "\n");
   UseTool("echo 'ROLLBACK;'");
   FClock.Advance(std::chrono::minutes(1));
   EXPECT_TRUE(Open()->AttemptRepair());
   ::umask(mask);
-  EXPECT_EQ(look("x.cfg"), "x.cfg 640" + of);
-  EXPECT_EQ(look("x.cfg-previous"), "x.cfg-previous 640" + of);
+  EXPECT_EQ(look("x.cfg"), "x.cfg 600" + of);
+  EXPECT_EQ(look("x.cfg-previous"), "x.cfg-previous 600" + of);
   // Of a store that was deleted, its open connection and then its backup know them.
   std::filesystem::remove_all(FFolder.Path("CfgBackups"));
   const auto open = Open();
   std::filesystem::remove(File());
   EXPECT_TRUE(open->TryWriteString("s", "k", "v"));
-  EXPECT_EQ(look("CfgBackups/x.cfg.bak"), "CfgBackups/x.cfg.bak 640" + of);
-  EXPECT_EQ(look("x.cfg"), "x.cfg 640" + of);
+  EXPECT_EQ(look("CfgBackups/x.cfg.bak"), "CfgBackups/x.cfg.bak 600" + of);
+  EXPECT_EQ(look("x.cfg"), "x.cfg 600" + of);
 }
 
 // As a user who may not do everything: root may write to any file.
@@ -204,74 +227,41 @@ TEST_F(TKZSQLIniRecoveryTest, ReadsAFileItMayNotWriteAndFailsOnOneItMayNotRead) 
   const std::string message = "Config file is read-only. Cannot save updated profile status.\n";
   EXPECT_EQ(outputAt(0444), "read v\n" + message + "read v\nread other\n");
   EXPECT_THAT(outputAt(0200), HasSubstr("Cannot open" + File() + ": Permission Denied\n"));
+  FFolder.Write("x.cfg", std::string(5000, 'g'));
+  EXPECT_THAT(outputAt(0444), HasSubstr("A file that may not be written is not repaired."));
+  ::chmod(FFolder.Path().c_str(), 0);
+  EXPECT_THAT(outputAt(0444), HasSubstr("Cannot open" + File() + ": Permission Denied\n"));
+  ::chmod(FFolder.Path().c_str(), 0755);
 }
-
-const TRegisterChild kOnFullDisk("SqlIniFullDisk", [](const std::vector<std::string>& arguments) {
-  ::signal(SIGXFSZ, SIG_IGN);
-  const rlimit limit{300'000, 300'000};
-  TKZSQLIniFile store(arguments.front());
-  if (!store.TryWriteString("s", "k", "v") || ::setrlimit(RLIMIT_FSIZE, &limit) != 0) return 1;
-  if (store.TryWriteString("s", "k", std::string(1'000'000, 'x'))) return 2;
-  if (store.ReadString("s", "k", "") != "v") return 3;
-  return store.TryWriteString("s", "k", "w") ? 0 : 4;
-});
 
 TEST_F(TKZSQLIniRecoveryTest, KeepsTheOldValueWhenTheDiskIsFull) {
-  TProgram child({"/proc/self/exe", "--child", "SqlIniFullDisk", File()});
-  EXPECT_EQ(child.Wait(), 0) << child.Output();
-  EXPECT_THAT(child.Output(), HasSubstr("TKZSQLIniFile.WriteString Exception: "));
-  EXPECT_EQ(Open()->ReadString("s", "k", ""), "w");
+  const auto store = Open();
+  store->WriteString("s", "k", "v");
+  rlimit before{};
+  ::getrlimit(RLIMIT_FSIZE, &before);
+  const rlimit few{.rlim_cur = 300'000, .rlim_max = before.rlim_max};
+  ::signal(SIGXFSZ, SIG_IGN);
+  ::setrlimit(RLIMIT_FSIZE, &few);
+  EXPECT_FALSE(store->TryWriteString("s", "k", std::string(1'000'000, 'x')));
+  EXPECT_EQ(store->ReadString("s", "k", ""), "v");
+  EXPECT_TRUE(store->TryWriteString("s", "k", "w"));
+  ::setrlimit(RLIMIT_FSIZE, &before);
+  ::signal(SIGXFSZ, SIG_DFL);
 }
 
-// The last value of each key that was reported. Whatever else the program has said is a failure.
-std::map<std::string, int> Reported(const TProgram& program) {
-  std::map<std::string, int> values;
-  std::istringstream lines(program.Output());
-  std::string key;
-  while (lines >> key >> values[key]) continue;
-  EXPECT_TRUE(lines.eof()) << program.Output();
-  return values;
-}
-
-// Two threads write until the process is killed, and say what has been written.
-const TRegisterChild kWriteUntilKilled(
-    "SqlIniWriteUntilKilled", [](const std::vector<std::string>& arguments) {
-      TKZSQLIniFile store(arguments[0]);
-      TCrew(2, [&](int index) {
-        for (int i = std::stoi(arguments[2]);; ++i) {
-          const std::string key = arguments[1] + std::to_string(2 * (i % 5) + index);
-          // Values of both kinds, and long enough for pages of their own.
-          const std::string value = std::to_string(i) + (i % 3 == 0 ? std::string(3000, '.') : "");
-          const bool written = store.TryWriteString("s", key, value);
-          PrintLine((written ? key : "refused") + " " + std::to_string(i));
-        }
-      }).Join();
-      return 0;
-    });
-
-TEST_F(TKZSQLIniRecoveryTest, LosesNoReportedWriteOfThreeProcessesThatAreKilled) {
+TEST_F(TKZSQLIniRecoveryTest, TakesTheWritesOfManyThreadsAndConnections) {
   Open()->WriteString("s", "k", "v");
-  for (int round = 0; round < 4; ++round) {
-    std::list<TProgram> writers;
-    for (const char* name : {"a", "b", "c"}) {
-      writers.emplace_back(std::vector<std::string>{"/proc/self/exe", "--child",
-                                                    "SqlIniWriteUntilKilled", File(), name,
-                                                    std::to_string(round * 100'000)});
+  TKZSQLIniFile shared(File());
+  TCrew(6, [&](int index) {
+    TKZSQLIniFile own(File());
+    const std::string key = std::to_string(index);
+    for (int i = 0; i < 30; ++i) {
+      // Some are long enough for pages of their own.
+      const std::string value = std::to_string(i) + (i % 3 == 0 ? std::string(3000, '.') : "");
+      EXPECT_TRUE((index % 2 == 0 ? shared : own).TryWriteString("s", key, value));
+      EXPECT_EQ(own.ReadString("s", key, ""), value);
     }
-    for (TProgram& writer : writers) {
-      ASSERT_TRUE(Eventually([&] { return Reported(writer).size() >= 4; }));
-      writer.Signal(SIGKILL);
-      ASSERT_EQ(writer.Wait(), -SIGKILL);
-    }
-    const auto store = Open();
-    for (const TProgram& writer : writers) {
-      for (const auto& [key, value] : Reported(writer)) {
-        const int found = std::stoi(store->ReadString("s", key, "0"));
-        // One more may have been written than was reported.
-        ASSERT_GE(found, value) << key << " in " << writer.Output();
-      }
-    }
-  }
+  }).Join();
   EXPECT_EQ(Ask("PRAGMA integrity_check"), "ok");
   EXPECT_THAT(Lines(), Not(HasSubstr("Exception")));
 }

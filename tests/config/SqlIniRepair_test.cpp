@@ -117,12 +117,15 @@ class TSqlIniRepairTest : public TSettingsStoreTest {
 
 TEST_F(TSqlIniRepairTest, TakesTheGoodBackupOfAFileThatIsEmptyGarbageOrMissing) {
   std::filesystem::create_symlink(File(), FFolder.Path("link"));
-  for (const std::string& content : {std::string(), std::string(5000, 'g')}) {
+  std::string unknown = FWhole;
+  unknown[47] = 9;  // A format of the schema that no version of SQLite has.
+  const std::string cut = FWhole.substr(0, FWhole.size() - kPageSize);
+  for (const std::string& content : {std::string(), std::string(5000, 'g'), unknown}) {
     SCOPED_TRACE(content.size());
     PutInPlace(content, true, true);
     if (!content.empty()) {
       std::filesystem::rename(Backup(".bak"), Backup(".old3"));
-      FFolder.Write("CfgBackups/x.cfg.bak", FWithoutKeys);
+      FFolder.Write("CfgBackups/x.cfg.bak", content == unknown ? cut : FWithoutKeys);
     }
     TKZSQLIniFile linked(FFolder.Path("link"), TSqlIniAccess::ReadWrite, FClock);
     ExpectValues(linked, FBackedUp);
@@ -141,6 +144,10 @@ TEST_F(TSqlIniRepairTest, TakesTheGoodBackupOfAFileThatIsEmptyGarbageOrMissing) 
   FFolder.Write("x.cfg-journal", journal);
   ExpectValues(*Open(), FBackedUp);
   EXPECT_TRUE(FFolder.Read("x.cfg-previous-journal") == journal);
+  // A repair was cut off between its two renames.
+  std::filesystem::rename(File(), FFolder.Path("x.cfg-previous"));
+  FFolder.Write("x.cfg.sqlnew", FWhole);
+  ExpectValues(*Open(), FStored);
   EXPECT_THAT(Lines(), AllOf(HasSubstr("Config file not found: " + File() + "\n"),
                              HasSubstr(File() + ": creating new SQL file"),
                              HasSubstr("Found good backup file: " + Backup(".bak")),
@@ -152,9 +159,9 @@ TEST_F(TSqlIniRepairTest, TakesTheGoodBackupOfAFileThatIsEmptyGarbageOrMissing) 
 // look-ups find what they can in any case.
 TEST_F(TSqlIniRepairTest, TakesADumpThatStoppedForDamageAndNoOther) {
   const std::string rows =
-      "cat <<'END'\nBEGIN TRANSACTION;\nINSERT INTO SECTIONS VALUES('s',1);\n"
+      "cat <<'END'\nBEGIN TRANSACTION;\nINSERT INTO \"SECTIONS\" VALUES('s',1);\n"
       "INSERT INTO DATA VALUES('k',replace('a\\nb','\\n',char(10)),NULL,1,1);\n"
-      "INSERT INTO DATA VALUES('l','w',NULL,2,1); DELETE FROM DATA;\n"
+      "INSERT INTO \"DATA\" VALUES('l','w',NULL,2,1); DELETE FROM DATA;\n"
       "INSERT INTO DATA VALUES((SELECT SECTIONNAME FROM SECTIONS),'',NULL,3,1);\nEND\n";
   const auto stopped = [&](const std::string& error) {
     return rows + "echo '/**** ERROR: (" + error + ") text *****/'\necho 'ROLLBACK; -- errors'\n";
@@ -196,6 +203,7 @@ TEST_F(TSqlIniRepairTest, TakesADumpThatStoppedForDamageAndNoOther) {
     EXPECT_EQ(store->AttemptRepair(), isRepaired);
     EXPECT_THAT(Lines(), HasSubstr(line));
     EXPECT_FALSE(FFolder.Has("x.cfg.sqlnew") || FFolder.Has("x.cfg.sqltmp"));
+    EXPECT_FALSE(FFolder.Has("x.cfg.sqlnew-journal"));
     EXPECT_TRUE(FFolder.Read(isRepaired ? "x.cfg-previous" : "x.cfg") == damaged);
     EXPECT_EQ(FFolder.Has("x.cfg-previous"), isRepaired);
     ExpectValues(*store, readable);
@@ -206,7 +214,13 @@ TEST_F(TSqlIniRepairTest, TakesADumpThatStoppedForDamageAndNoOther) {
   SQLite::Database writer(File(), SQLite::OPEN_READWRITE);
   writer.exec("BEGIN IMMEDIATE");
   EXPECT_FALSE(Open()->AttemptRepair()) << "under the hands of a writer";
-  EXPECT_FALSE(FFolder.Has("x.cfg-previous"));
+  FClock.AtNextWait = [&] {
+    FFolder.Write("mended", FWhole);
+    std::filesystem::rename(FFolder.Path("mended"), File());
+    writer.exec("ROLLBACK");
+  };
+  EXPECT_TRUE(Open()->AttemptRepair());
+  EXPECT_FALSE(FFolder.Has("x.cfg-previous")) << "nor what somebody else has mended";
   FFolder.Write("it's; exit #", damaged);
   TKZSQLIniFile named(FFolder.Path("it's; exit #"), TSqlIniAccess::ReadWrite, FClock);
   EXPECT_TRUE(named.AttemptRepair());
@@ -257,6 +271,10 @@ TEST_F(TSqlIniRepairTest, KeepsWhatCouldBeReadAndWhatWasWrittenAfterAnyDamage) {
 }
 
 TEST_F(TSqlIniRepairTest, StoresAlsoWhatAnIndexInDisorderLosesWithoutAnError) {
+  std::string readOnly = FWhole;
+  readOnly[18] = 9;  // A version for which SQLite does not write.
+  FFolder.Write("x.cfg", readOnly);
+  EXPECT_TRUE(Open()->TryWriteString("section1", "key1", "new"));
   FFolder.Write("x.cfg", FWhole);
   // The places of its entries, two bytes each.
   EditKeyIndex([](char* page) { std::rotate(page + 8, page + 28, page + 8 + 2 * kKeys); });
@@ -281,6 +299,7 @@ TEST_F(TSqlIniRepairTest, FindsTheSectionsOfKeysWhereverTheirNamesStand) {
       {"a number that is none",
        [&] {
          Execute("INSERT INTO DATA VALUES('key1', 'lost', NULL, 999, 'x')");
+         Execute("INSERT INTO DATA VALUES(CAST(X'6B0061' AS TEXT), 'no name', NULL, 998, 3)");
          OverwriteLeaf(sectionIndex, 0, emptyIndex);
        }},
       {"a later row of a key, unknown to the index",
@@ -312,6 +331,9 @@ TEST_F(TSqlIniRepairTest, FindsTheSectionsOfKeysWhereverTheirNamesStand) {
         ExpectValues(*store, expected);
       }
       EXPECT_EQ(Ask("PRAGMA integrity_check"), "ok");
+      EXPECT_EQ(Ask("SELECT COUNT(*) FROM DATA WHERE typeof(SECTIONID)<>'integer' OR "
+                    "typeof(NAME)<>'text' OR instr(NAME, char(0))"),
+                "0");
     }
   }
 }

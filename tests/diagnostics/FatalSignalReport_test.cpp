@@ -41,13 +41,15 @@ int Fail(const std::string& how) {
   }
   if (how == "uncaught") throw std::runtime_error("nobody catches this");
   if (how == "hanging") [](const auto& raise) noexcept { raise(); }([] { throw EHanging(); });
-  return ::raise(std::atoi(how.c_str()));
+  const int signal = std::atoi(how.c_str());
+  return signal % 2 == 0 ? ::raise(signal) : ::kill(::getpid(), signal);
 }
 
 const TRegisterChild kFail("fatal-signal", [](const std::vector<std::string>& arguments) {
   const rlimit noCore{.rlim_cur = 0, .rlim_max = 0};
   ::setrlimit(RLIMIT_CORE, &noCore);
   ::umask(0);
+  ::signal(SIGALRM, SIG_IGN);
   const char* const program = "diagnostics_test";
   InitSettings(1, &program);
   Settings().LogDirectory.Set(arguments[0]);
@@ -91,7 +93,9 @@ class FatalSignalReportTest : public testing::Test {
 TEST_F(FatalSignalReportTest, NamesThePlaceOfTheFaultOnceWhenThreadsFailTogether) {
   const std::string log = LogOf(4, "segv", SIGSEGV);
   EXPECT_THAT(log, StartsWith("\nFatal Signal 11 (SIGSEGV) At 0x"));
-  EXPECT_THAT(log, HasSubstr(" UTC\nFault address: 0x0000000000000000, code 1\nExecutable: /"));
+  EXPECT_THAT(log,
+              ContainsRegex(" on [0-9]{4}-[01][0-9]-[0-3][0-9] [0-2][0-9]:[0-5][0-9]:[0-5][0-9] "
+                            "UTC\nFault address: 0x0000000000000000, code 1\nExecutable: /"));
   EXPECT_THAT(log, HasSubstr(", CP: About to fail\nStack Trace\n-----------\n#0 0x"));
   EXPECT_THAT(log, ContainsRegex("\n#0 0x[0-9a-f]+ \\(diagnostics_test\\+0x[0-9a-f]+\\)\n"));
   EXPECT_THAT(log, ContainsRegex("\n#0 [^\n]*WriteToNowhere[^\n]+:[0-9]+\n#1 [^\n]*Fail"));
@@ -118,6 +122,22 @@ TEST_F(FatalSignalReportTest, ReportsEachFatalSignalAndEndsByIt) {
                              "Where: Unhandled exception, CP: Main\n"));
   EXPECT_LT(log.find("Where: Unhandled"), log.find("Fatal Signal 6 (SIGABRT)"));
   LogOf(1, "hanging", SIGALRM);
+}
+
+TEST_F(FatalSignalReportTest, LeavesTheHandlersOfOthersAloneAndGivesTheRestBack) {
+  const auto handlerOf = [](int signal) {
+    struct sigaction action {};
+    ::sigaction(signal, nullptr, &action);
+    return action.sa_handler;
+  };
+  const auto terminate = std::get_terminate();
+  ::signal(SIGBUS, SIG_IGN);
+  StartExceptionReports({});
+  EXPECT_NE(handlerOf(SIGFPE), SIG_DFL);
+  EXPECT_EQ(::signal(SIGBUS, SIG_DFL), SIG_IGN);
+  StopExceptionReports();
+  EXPECT_EQ(handlerOf(SIGFPE), SIG_DFL);
+  EXPECT_EQ(std::get_terminate(), terminate);
 }
 
 }  // namespace

@@ -33,9 +33,11 @@ TEST_F(KZCheckpointsTest, ReportsEveryThreadAndTheLockItWaitsFor) {
   const TKZLockGuard once(store);
   const TKZLockGuard twice(store);
   std::atomic<std::int32_t> waiterId = 0;
-  TCrew waiter(1, [&](int) {
+  TCrew waiter(1, [&](int) KZ_NO_ANALYSIS {
     waiterId = CurrentThreadId();
     KZCP::Checkpoint("before the lock");
+    KZCP::SetAllowance(120);
+    store.Leave();  // It is not this thread's to leave.
     const TKZLockGuard lock(store);
   });
   EXPECT_TRUE(Eventually([] { return CountOf(Report(), "Waiting for CS") == 1; }));
@@ -49,6 +51,8 @@ TEST_F(KZCheckpointsTest, ReportsEveryThreadAndTheLockItWaitsFor) {
                                 mainId + "\n"));
   EXPECT_EQ(KZCP::CurrentCP(waiterId), "before the lock");
   EXPECT_GT(KZCP::CPTime(waiterId).CPTime, 0);
+  EXPECT_EQ(KZCP::CPTime(waiterId).PreviousCPTime, 120);
+  EXPECT_LT(KZCP::ElapsedSeconds(SystemTickCount() - 2'000), 1'000);
   KZCP::ReleaseRogueLocks();
   waiter.Join();
   EXPECT_EQ(KZCP::CurrentCP(waiterId), "N/A");

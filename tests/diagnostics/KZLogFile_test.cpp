@@ -38,6 +38,9 @@ TEST(TKZLogFileTest, MovesAFileAboveTheLimitAwayAtItsStart) {
   folder.Write("g.log-previous", "old");
   EXPECT_FALSE(start(10'485'761));
   EXPECT_EQ(std::filesystem::file_size(folder.Path("g.log-previous")), 10'485'761U);
+  std::filesystem::remove(folder.Path("g.log-previous"));
+  std::filesystem::create_directories(folder.Path("g.log-previous/in its way"));
+  EXPECT_FALSE(start(10'485'761)) << "it begins anew all the same";
 }
 
 TEST(ProtocolLogTest, HasAFileForEachThreadThatIsTriedOnceAndTellsOfAFailureOnce) {
@@ -69,6 +72,7 @@ TEST(ProtocolLogTest, HasAFileForEachThreadThatIsTriedOnceAndTellsOfAFailureOnce
 TEST(WideTextTest, ChoosesTheEncodingByTheRoundTrip) {
   EXPECT_EQ(EncodeForCodePage(u"\u00FC\u00DF", "ISO-8859-1"), "\xFC\xDF");
   EXPECT_EQ(EncodeForCodePage(u"\u20AC 5", "ISO-8859-1"), "\u20AC 5");
+  EXPECT_EQ(EncodeForCodePage(u"\U0010FFFF", "UTF-8"), "\U0010FFFF");
   EXPECT_EQ(EncodeForCodePage(u"\u00FC", "no such code page"), "\u00FC");
   EXPECT_EQ(EncodeForCodePage(u"\u65E5 \u672C", "ISO-2022-JP"), "\x1B$BF|\x1B(B \x1B$BK\\\x1B(B");
 }

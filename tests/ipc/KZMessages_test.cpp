@@ -104,8 +104,12 @@ TEST_F(KZMessagesTest, DeliversNothingFromTheEndOfTheApplicationOn) {
   TRecorder recorder;
   EXPECT_TRUE(CallInMainThread([&] { recorder.Post(0); })) << "at once, in the main thread";
   recorder.OnMessage = [&](auto&) { FApplication->Terminate(); };
-  recorder.Post(1);
-  FApplication->Run();
+  const std::int64_t start = SystemTickCount();
+  FApplication->Run([&, rounds = 0]() mutable {
+    if (++rounds == 1) throw SoftException("on purpose");
+    recorder.Post(1);
+  });
+  EXPECT_GE(SystemTickCount() - start, 1'000) << "failing rounds do not spin";
   EXPECT_FALSE(CallInMainThread([] {}));
   ProcessMessages();
   FApplication.reset();
@@ -126,6 +130,7 @@ TEST_F(KZMessagesTest, CallsThatWaitAtTheEndReturnWithoutHavingRun) {
       EXPECT_FALSE(CallInMainThread([&] { ++ran; }));
     });
     ASSERT_TRUE(Eventually([&] { return waiting == 5; }));
+    EXPECT_FALSE(CallInMainThread([&] { ++ran; }));
     end == "terminate" ? FApplication->Terminate() : StopMessages();
     if (end == "stop and start") StartMessages();
     ASSERT_TRUE(Eventually([&] { return crew.Finished(); }));
@@ -178,6 +183,7 @@ TEST_F(KZMessagesTest, StartsAndStopsAgainAndAgainWhileThreadsPostAndCall) {
   enough = true;
   ASSERT_TRUE(Eventually([&] { return crew.Finished(); }));
   EXPECT_EQ(ran, reportedRun);
+  EXPECT_LT(MessageStatistics().LatencySumMs, 60'000 * MessageStatistics().Delivered);
 }
 
 struct sigaction ActionOf(int signalNumber) {

@@ -196,9 +196,19 @@ TEST_F(SchedulerClientTest, MakesNoClientOnceTheApplicationEnds) {
 }
 
 TEST(TSyncProtocolTest, KeepsTheOlderNamesAndNumbersWhatHasNone) {
-  std::string names = NameOf(static_cast<TSchedulerActions>(22));
-  for (const int i : {10, 12, 26, 27}) names += " " + NameOf(static_cast<TSyncCommMessages>(i));
-  EXPECT_EQ(names, "?22 msgUpdateProfileList msgManuallyRunningInfo msgSkipProfilePhase ?27");
+  std::string names;
+  for (const int i : {1, 2, 22}) names += NameOf(static_cast<TSchedulerActions>(i)) + " ";
+  for (const int i : {10, 12, 23, 24, 26, 27})
+    names += NameOf(static_cast<TSyncCommMessages>(i)) + " ";
+  EXPECT_EQ(names,
+            "tsaStopped tsaStopping ?22 msgUpdateProfileList msgManuallyRunningInfo "
+            "msgPauseProfile msgResumeProfile msgSkipProfilePhase ?27 ");
+  TShortText text{};
+  text.Set(std::string(256, 'x'));
+  EXPECT_EQ(text.Text(), std::string(255, 'x'));
+  text.Set("ab");
+  EXPECT_EQ(text.Text(), "ab");
+  EXPECT_EQ(text.Characters[2], '\0') << "nothing of an older text is sent";
 }
 
 }  // namespace

@@ -4,20 +4,21 @@
 #include <gmock/gmock.h>
 
 #include <filesystem>
+#include <memory>
 #include <set>
 
+#include "common/ErrorLog.h"
 #include "common/Exceptions.h"
+#include "common/KZCustomINIFile.h"
+#include "common/Settings.h"
 #include "common/Texts.h"
 // What is larger stands in a file of its own, also for those who need nothing else.
 #include "support/ChildProcess.h"
 #include "support/Crew.h"
-#include "support/EmptyStore.h"
-#include "support/ErrorLogInFolder.h"
 #include "support/Eventually.h"
 #include "support/FakeClock.h"
 #include "support/Joined.h"
 #include "support/Program.h"
-#include "support/SettingsBackup.h"
 
 namespace guardian {
 
@@ -61,5 +62,46 @@ inline std::set<int> OpenDescriptors() {
   std::erase_if(numbers, [](int number) { return ::fcntl(number, F_GETFD) < 0; });
   return numbers;
 }
+
+// A settings store that has nothing and keeps nothing: the base of those that do a little.
+class TEmptyStore : public TKZCustomINIFile {
+ public:
+  std::string ReadString(std::string_view, std::string_view, std::string_view value) override {
+    return std::string(value);
+  }
+  void WriteString(std::string_view, std::string_view, std::string_view) override {}
+  std::vector<std::string> ReadSection(std::string_view) override { return {}; }
+  std::vector<std::string> ReadSections() override { return {}; }
+  std::vector<std::string> ReadSectionValues(std::string_view) override { return {}; }
+  bool ValueExists(std::string_view, std::string_view) override { return false; }
+  void DeleteKey(std::string_view, std::string_view) override {}
+  void EraseSection(std::string_view) override {}
+  void UpdateFile() override {}
+};
+
+// An error log in a fresh folder, for one test.
+class TErrorLogInFolder {
+ public:
+  TErrorLogInFolder() { EXPECT_TRUE(ErrorLog().Open(FFolder.Path("error.log"))); }
+  ~TErrorLogInFolder() { ErrorLog().Close(); }
+
+  [[nodiscard]] std::string Text() const { return FFolder.Read("error.log"); }
+  [[nodiscard]] const TTempFolder& Folder() const { return FFolder; }
+
+ private:
+  TTempFolder FFolder;
+};
+
+// Makes Settings() at its end what they are at the start of a process.
+class TSettingsBackup {
+ public:
+  TSettingsBackup() {}
+  ~TSettingsBackup() {
+    std::destroy_at(&Settings());
+    std::construct_at(&Settings());
+  }
+  TSettingsBackup(const TSettingsBackup&) = delete;
+  TSettingsBackup& operator=(const TSettingsBackup&) = delete;
+};
 
 }  // namespace guardian
