@@ -182,46 +182,6 @@ TEST(DaemonPathTest, IsLookedAtForEachPageUnlessTheLookStandsStill) {
   EXPECT_TRUE(Eventually([&] { return !path.Seen().Exists; }));
 }
 
-// Each look stands still until it is let go.
-TEST(LookThreadTest, GivesNoAnswerThatIsOlderThanItsQuestionAndToldInTime) {
-  std::atomic<int> looks = 0;
-  std::atomic<int> let = 0;
-  auto thread = std::make_unique<TLookThread<int>>(
-      "Look",
-      [&] {
-        const int number = ++looks;
-        while (let < number) SystemClock().Sleep(milliseconds(1));
-        if (number > 5 && number < 1'000) throw KZException("on purpose");
-        return number;
-      },
-      0);
-  thread->Start();
-  EXPECT_FALSE(thread->Ask(milliseconds(1)));
-  EXPECT_TRUE(Eventually([&] { return looks == 1 && thread->WaitsFor(milliseconds(200)); }));
-  EXPECT_EQ(thread->AskBriefly(), 0);
-  const std::int64_t began = SystemTickCount();
-  let = 1;
-  EXPECT_TRUE(Eventually([&] { return looks == 2; })) << "what was asked meanwhile is looked for";
-  const bool waits = thread->WaitsFor(milliseconds(200));
-  EXPECT_TRUE(!waits || SystemTickCount() - began >= 200) << "since the last answer";
-  std::atomic<int> asking = 0;
-  TCrew askers(2, [&](int) {
-    ++asking;
-    EXPECT_GT(thread->Ask(std::chrono::hours(1)).value_or(0), 2);
-  });
-  EXPECT_TRUE(Eventually([&] { return asking == 2; }));
-  let = 4;
-  askers.Join();
-  looks = 5;
-  let = 2'000;
-  const std::int64_t failing = SystemTickCount();
-  EXPECT_FALSE(thread->Ask(milliseconds(300)));
-  EXPECT_LE(looks - 5, (SystemTickCount() - failing) / 100 + 1) << "a look that fails is no spin";
-  looks = 1'000;
-  EXPECT_TRUE(thread->Ask(std::chrono::hours(1)));
-  EXPECT_TRUE(TThread::EndOrLeaveBehind(std::move(thread), std::chrono::minutes(1)));
-}
-
 TEST_F(GuardianServiceTest, NeitherStartsNorEndsADaemonThatItCannotSee) {
   FAnswers[kPs] = {"", "Error executing ps", true};
   Start("MUTEX=/m\n");
