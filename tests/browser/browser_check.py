@@ -169,11 +169,16 @@ def check_control_pages(browser, installation, pid):
     browser.require_clean()
 
 
-def check(bin_folder, axe, folder):
-    with Installation(bin_folder, os.path.join(folder, "guardian"), "FastGuardian") as installation:
+def main(bin_folder, axe):
+    if not all(map(os.path.exists, (CHROMIUM, DRIVER, axe))):
+        print("browser check: skipped, chromium, its driver or axe-core is not installed")
+        sys.exit(77)
+    os.environ["no_proxy"] = "localhost,127.0.0.1"  # The driver's talk stays on this machine.
+    with tempfile.TemporaryDirectory(prefix="guardian-browser-") as folder, \
+            Installation(bin_folder, f"{folder}/guardian", "FastGuardian") as installation:
         signal.alarm(100)
         installation.start_guardian()
-        browser = Browser(os.path.join(folder, "browser"))
+        browser = Browser(f"{folder}/browser")
         await_that("a healthy daemon on the main page",
                    lambda: "MutexOK=Y, PipeStatusOK=Y, ServiceOK=Y" in browser.open(), 45)
         pid = installation.daemon_pid()
@@ -182,18 +187,8 @@ def check(bin_folder, axe, folder):
         check_overview(browser, installation, pid)
         check_accessibility(browser, axe)
         check_control_pages(browser, installation, pid)
-
-
-def main(bin_folder, axe):
-    if not all(map(os.path.exists, (CHROMIUM, DRIVER, axe))):
-        print("browser check: skipped, chromium, its driver or axe-core is not installed")
-        return 77
-    os.environ["no_proxy"] = "localhost,127.0.0.1"  # The driver's talk stays on this machine.
-    with tempfile.TemporaryDirectory(prefix="guardian-browser-") as folder:
-        check(bin_folder, axe, folder)
     print("browser check: passed")
-    return 0
 
 
 if __name__ == "__main__":
-    sys.exit(main(*sys.argv[1:]))
+    main(*sys.argv[1:])

@@ -4,14 +4,12 @@
 
 import collections
 import contextlib
-import fcntl
 import glob
 import json
 import os
 import random
 import re
 import shutil
-import signal
 import socket
 import subprocess
 import sys
@@ -44,7 +42,6 @@ class SoakInstallation(Installation):
         super().__init__(bin_folder, folder, "FastGuardian", FAST_GUARDIAN_FACTOR=factor)
         self._mount, self._temp = self.path("tmp"), self.path("tmp/now")
         self.environment["TMPDIR"] = self._temp
-        self._leased = None
         self.order_faults()
         options = f"size={TEMP_BYTES},nr_inodes={TEMP_FILES},mode=0700"
         self.mounted = subprocess.run(["mount", "-t", "tmpfs", "-o", options, "tmpfs", self._mount],
@@ -100,16 +97,8 @@ class SoakInstallation(Installation):
     def lose_temp(self):
         os.rename(self._temp, self.path("tmp/lost"))
 
-    # Opening the file would wait until the lease is given back, or for 45 seconds.
-    def lease_log(self):
-        signal.signal(signal.SIGIO, signal.SIG_IGN)
-        self._leased = open(self.path("home/logs/leased.log"), "w+", encoding="ascii")
-        fcntl.fcntl(self._leased, fcntl.F_SETLEASE, fcntl.F_WRLCK)
-
     def mend(self):
         self.order_faults()
-        if self._leased:
-            self._leased.close()
         if not os.path.exists(self._temp):
             os.rename(self.path("tmp/lost"), self._temp)
         for path in glob.glob(self.path("tmp/ballast*")):

@@ -4,7 +4,7 @@ import os
 import signal
 from typing import Callable, NamedTuple
 
-from installation import fetch, require
+from installation import fetch
 
 TICK = 10  # Seconds between two rounds of the watchdog.
 LOOK = 0.5  # What the looks of a round take beyond that, by the machine's time.
@@ -83,11 +83,6 @@ def asked(times):
     return outcome
 
 
-def refused_log(run, bound):
-    text = fetch("vellumark_logs/leased.log", run.seconds(bound))
-    require("EXCPTION: " in text, f"a leased log: {text[:200]!r}")
-
-
 KILL = send(signal.SIGKILL)
 DEAD = Bound(1, 0, START)
 COMMANDS = NOTICE + STOP + START
@@ -120,5 +115,4 @@ STORIES = (
     Story("temporary directory full", (call("fill_temp"), hold(1, 3), KILL), restarted, DEAD),
     Story("temporary directory unusable", (call("use_up_temp"), hold(1, 2), KILL), restarted, DEAD),
     Story("temporary folder lost", (call("lose_temp"), hold(1, 2), KILL), restarted, DEAD),
-    Story("log leased", (call("lease_log"),), refused_log, Bound(0, 0, 2)),
 )
