@@ -106,9 +106,8 @@ class FailingCalls:
         for task, write, other in call.findall(self._installation.read("strace.out")):
             thread, kind = threads.get(int(task), STARTED), kind_of[write or other]
             calls[task, kind] += 1
-            number = calls[task, kind]
             most = MOST_OF_MAIN if int(task) == self._guardian.pid else MOST
-            if number <= most:
+            if (number := calls[task, kind]) <= most:
                 points.update(Point(thread, kind, error, number) for error in KINDS[kind])
         return sorted(points)
 
@@ -134,7 +133,10 @@ class FailingCalls:
         self._guardian.terminate()
         status = self._installation.guardian.wait(10)
         require(status == 0, f"exit status {status}")
-        await_that("no child is left", lambda: not self._left_over(), 5)
+        # A process that has lost the Guardian is a child of this program.
+        await_that("no child is left", lambda: not [
+            each for each in psutil.Process().children() if each.pid != self._pid
+            and each.name() != "strace" and each.status() != psutil.STATUS_ZOMBIE], 5)
         # A report of a start that failed early stays there.
         left = {*os.listdir(self._installation.path("tmp"))} - {"VellumarkGuardian_Exceptions.log"}
         require(not left, f"left in the temporary folder: {left}")
@@ -225,11 +227,6 @@ class FailingCalls:
 
     def _is_settled(self):
         return self.has_ended() or self._is_well()
-
-    # A process that has lost the Guardian is a child of this program.
-    def _left_over(self):
-        return [each for each in psutil.Process().children() if each.pid != self._pid
-                and each.name() != "strace" and each.status() != psutil.STATUS_ZOMBIE]
 
     def _has_failed(self):
         return "(INJECTED)" in self._installation.read("strace.out")

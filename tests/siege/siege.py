@@ -23,16 +23,16 @@ SERVER, SERVER_6 = "192.0.2.1", "2001:db8::1"
 STRANGERS = [f"192.0.2.{number}" for number in range(10, 18)]
 OUTSIDER, STRANGER_6, OUTSIDER_6 = "198.18.0.2", "2001:db8::2", "2001:db8:1::2"
 PLACES, PLACES_OF_A_PEER = 256, 64
-BIG_BYTES = 2 * 1024 ** 3
+BIG_LOG, BIG_BYTES = "vellumark_logs/big.log", 2 * 1024 ** 3
 PATIENT_SECONDS, PATIENT_BYTES_A_SECOND = 60, 4096
 _CLONE_NEWNET = 0x40000000
 _LIBC = ctypes.CDLL(None)
 
 
-# Another machine on the same wire, as a network namespace.
+# Another machine on the same wire, as a network namespace. Who holds it ends with this program.
 class Wire:
     def __init__(self):
-        self._holder = subprocess.Popen(["unshare", "--net", "sleep", "infinity"])
+        self._holder = subprocess.Popen(["unshare", "--net", "cat"], stdin=subprocess.PIPE)
         self._own = os.open("/proc/self/ns/net", os.O_RDONLY)
         name = f"/proc/{self._holder.pid}/ns/net"
         await_that("the other machine",
@@ -50,8 +50,8 @@ class Wire:
                                 *(["nodad"] if ":" in address else [])], check=True)
             subprocess.run([*command, "link", "set", device, "up"], check=True)
 
-    # A connection from an address of the other machine.
-    def connect(self, address, receive_bytes=0, limit_seconds=30):
+    # A connection from an address of the other machine that has asked for the page.
+    def ask(self, address, page="status.php", receive_bytes=0, limit_seconds=30):
         require(_LIBC.setns(self._other, _CLONE_NEWNET) == 0, "no way to the other machine")
         try:
             client = socket.socket(socket.AF_INET6 if ":" in address else socket.AF_INET)
@@ -62,26 +62,18 @@ class Wire:
             client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_bytes)
         client.settimeout(limit_seconds)
         client.connect((SERVER_6 if ":" in address else SERVER, PORT))
+        client.sendall(f"GET /{page} HTTP/1.1\r\nHost: {SERVER}\r\n\r\n".encode())
         return client
-
-    def close(self):
-        self._holder.kill()
-        self._holder.wait()
-
-
-def ask(client, page):
-    client.sendall(f"GET /{page} HTTP/1.1\r\nHost: {SERVER}\r\n\r\n".encode())
 
 
 # Takes a big log slowly, with an ordinary receive buffer, and then the rest of it.
 class PatientClient(threading.Thread):
     def __init__(self, wire):
         super().__init__(daemon=True)
-        self._client = wire.connect(STRANGERS[-2], limit_seconds=90)
+        self._client = wire.ask(STRANGERS[-2], BIG_LOG, limit_seconds=90)
         self.taken = 0
 
     def run(self):
-        ask(self._client, "vellumark_logs/big.log")
         for _ in range(PATIENT_SECONDS):
             self.taken += len(self._client.recv(PATIENT_BYTES_A_SECOND))
             time.sleep(1)
@@ -97,14 +89,11 @@ def a_patient_client_gets_all_of_its_log(_, __, patient):
 # All places are taken by readers of a big log who take a little now and then; the command words pass
 # the strangers by who wait for a place.
 def slow_readers_keep_nobody_out(wire, installation, _):
-    crowd = [wire.connect(STRANGERS[i // PLACES_OF_A_PEER], 4096) for i in range(PLACES)]
+    crowd = [wire.ask(STRANGERS[i // PLACES_OF_A_PEER], BIG_LOG, 4096) for i in range(PLACES)]
     for client in crowd:
-        ask(client, "vellumark_logs/big.log")
         require(client.recv(1024) != b"", "no place for a reader")
         client.setblocking(False)
-    strangers = [wire.connect(STRANGERS[-1]) for _ in range(8)]
-    for stranger in strangers:
-        ask(stranger, "status.php")
+    strangers = [wire.ask(STRANGERS[-1]) for _ in range(8)]
     require("running" in installation.command("status"), "no place for the command words")
     require("already running" in installation.command("start"), "a second Guardian was started")
     require(len(select.select(strangers, [], [], 0)[0]) < len(strangers),
@@ -145,12 +134,11 @@ def the_packet_filter_lets_its_own_in(wire, *_):
         subprocess.run(["nft", "-f", "-"], input=lines, text=True, check=True)
     fetch("status.php")
     for address in (STRANGERS[0], STRANGER_6):
-        client = wire.connect(address, limit_seconds=5)
-        ask(client, "status.php")
+        client = wire.ask(address, limit_seconds=5)
         require(b"running" in client.recv(4096), f"{address} is kept out")
     for address in (OUTSIDER, OUTSIDER_6):
         with contextlib.suppress(TimeoutError):
-            wire.connect(address, limit_seconds=2)
+            wire.ask(address, limit_seconds=2)
             raise Failed(f"{address} comes in")
 
 
@@ -174,7 +162,6 @@ def main():
             except (Failed, OSError, subprocess.SubprocessError) as error:
                 failed, outcome = 1, f"FAILED: {error}"
             print(f"siege: {case.__name__.replace('_', ' ')}: {outcome}", flush=True)
-    wire.close()
     sys.exit(failed)
 
 

@@ -70,9 +70,7 @@ class SoakInstallation(Installation):
     def _stuff_standard_error(self):
         os.mkfifo(self.path("stderr"))
         self._full = os.open(self.path("stderr"), os.O_RDWR | os.O_NONBLOCK)
-        with contextlib.suppress(BlockingIOError):
-            while True:
-                os.write(self._full, bytes(4096))
+        os.write(self._full, bytes(1 << 20))
         self.launcher += ["sh", "-c", f"exec \"$0\" 2<>'{self.path('stderr')}'"]
 
     # What the daemon inherits stays open in it, so that it can be seen.
@@ -85,8 +83,7 @@ class SoakInstallation(Installation):
     # Not a byte more fits in, though a file does.
     def fill_temp(self):
         with open(self.path("tmp/ballast"), "wb", 0) as file, contextlib.suppress(OSError):
-            for _ in range(TEMP_BYTES // 4096 + 1):
-                file.write(b"\0" * 4096)
+            file.write(bytes(TEMP_BYTES))
 
     # No file can be made any more.
     def use_up_temp(self):
@@ -207,12 +204,9 @@ class Soak:
 
     def _end(self):
         fetch("terminateguardian.php")
-        guardian = self.installation.guardian
-        await_that("the Guardian ends", lambda: guardian.poll() is not None,
-                   self.seconds(Bound(0, 0, 5)))
+        status = self.installation.guardian.wait(self.seconds(Bound(0, 0, 5)))
         # A sanitizer's report makes it another than 0.
-        require(guardian.returncode == 0,
-                f"the Guardian ended with {guardian.returncode}; its output: guardian.out")
+        require(status == 0, f"the Guardian ended with {status}; its output: guardian.out")
         require(not self.installation.temp_files(), "files are left in the temporary directory")
         with contextlib.suppress(psutil.TimeoutExpired):
             psutil.Process(self.pid).wait(1)
