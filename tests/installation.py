@@ -167,7 +167,8 @@ class Installation:
     def keep_pages(self):
         for page in ("status.json", "threadreport.php", ""):
             with contextlib.suppress(*NO_ANSWER):
-                pathlib.Path(self.path(f"page-{page or 'main'}")).write_text(fetch(page, 2), "utf-8")
+                text = fetch(page, 2)
+                pathlib.Path(self.path(f"page-{page or 'main'}")).write_text(text, "utf-8")
 
     @staticmethod
     def _refuse_what_is_in_use():

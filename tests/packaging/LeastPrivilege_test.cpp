@@ -13,8 +13,8 @@ class LeastPrivilegeTest : public GuardianSystemTest {
   void SetUp() override {
     if (::geteuid() != 0) GTEST_SKIP() << "only root can become somebody else";
     GuardianSystemTest::SetUp();
-    const auto give = FInstallation.Run(
-        {"/usr/bin/chown", "-R", std::to_string(kUser), FInstallation.Folder().Path()});
+    const std::string folder = FInstallation.Folder().Path();
+    const auto give = FInstallation.Run({"/usr/bin/chown", "-R", std::to_string(kUser), folder});
     ASSERT_EQ(give->Wait(), 0);
     ASSERT_EQ(::setresgid(kUser, kUser, kUser), 0);
     Become(kUser);
