@@ -10,6 +10,7 @@
 import collections
 import contextlib
 import glob
+import json
 import os
 import random
 import re
@@ -24,12 +25,12 @@ import time
 
 import psutil
 
-from installation import (NO_ANSWER, PAGES, Failed, Installation, await_that, fetch, fetch_status,
-                          is_healthy, require)
+from installation import (NO_ANSWER, PAGES, Failed, Installation, await_that, fetch, is_healthy,
+                          require)
 
 # The watchdog's time; a round is a second. A lost wake-up of the main loop lasts 10 s by the machine's
 # time, which would be a dead daemon if the watchdog's went by much faster.
-FACTOR = 10
+FACTOR = "10"
 CENSUS_ROUNDS = 16
 MOST = 6  # Calls of a kind in a thread; later ones repeat what the first ones did.
 MOST_OF_MAIN = 24
@@ -65,8 +66,8 @@ def ask_all():
 # The second time it must answer.
 def status_now():
     with contextlib.suppress(*NO_ANSWER, ValueError):
-        return fetch_status(3)
-    return fetch_status(3)
+        return json.loads(fetch("status.json", 3))
+    return json.loads(fetch("status.json", 3))
 
 
 class FailingCalls:
@@ -105,9 +106,8 @@ class FailingCalls:
         for task, write, other in call.findall(self._installation.read("strace.out")):
             thread, kind = threads.get(int(task), STARTED), kind_of[write or other]
             calls[task, kind] += 1
-            number = calls[task, kind]
             most = MOST_OF_MAIN if int(task) == self._guardian.pid else MOST
-            if number <= most:
+            if (number := calls[task, kind]) <= most:
                 points.update(Point(thread, kind, error, number) for error in KINDS[kind])
         return sorted(points)
 
@@ -133,10 +133,12 @@ class FailingCalls:
         self._guardian.terminate()
         status = self._installation.guardian.wait(10)
         require(status == 0, f"exit status {status}")
-        await_that("no child is left", lambda: not self._left_over(), 5)
+        # A process that has lost the Guardian is a child of this program.
+        await_that("no child is left", lambda: not [
+            each for each in psutil.Process().children() if each.pid != self._pid
+            and each.name() != "strace" and each.status() != psutil.STATUS_ZOMBIE], 5)
         # A report of a start that failed early stays there.
-        left = set(os.listdir(self._installation.path("tmp")))
-        left.discard("VellumarkGuardian_Exceptions.log")
+        left = {*os.listdir(self._installation.path("tmp"))} - {"VellumarkGuardian_Exceptions.log"}
         require(not left, f"left in the temporary folder: {left}")
         for name in glob.glob(self._installation.path("home/logs/*.cfg")):
             with contextlib.closing(sqlite3.connect(name)) as store:
@@ -190,11 +192,11 @@ class FailingCalls:
     def _traced(self, threads, options=(), follow=True):
         open(self._log, "wb").close()
         command = ["strace", "-qq", "-o", self._log, "-e", f"trace={','.join(KINDS)}", *options,
-                   "-e", "signal=none", *(["-f"] if follow else [])]
-        for each in threads:
-            command += ["-p", str(each)]
+                   "-e", "signal=none", *(["-f"] if follow else []),
+                   "-p", ",".join(map(str, threads))]
         tracer = subprocess.Popen(command, stderr=subprocess.DEVNULL)
-        await_that("strace looks at it", lambda: self._is_traced(threads), 10)
+        await_that("strace looks at it", lambda: all(
+            "TracerPid:\t0\n" not in self._task(each, "status") for each in threads), 10)
         try:
             yield
         finally:
@@ -204,9 +206,6 @@ class FailingCalls:
                 tracer.wait(2)
             tracer.kill()
             tracer.wait(10)
-
-    def _is_traced(self, threads):
-        return all("TracerPid:\t0\n" not in self._task(each, "status") for each in threads)
 
     # Empty for a thread that has ended.
     def _task(self, thread, name):
@@ -228,11 +227,6 @@ class FailingCalls:
 
     def _is_settled(self):
         return self.has_ended() or self._is_well()
-
-    # A process that has lost the Guardian is a child of this program.
-    def _left_over(self):
-        return [each for each in psutil.Process().children() if each.pid != self._pid
-                and each.name() != "strace" and each.status() != psutil.STATUS_ZOMBIE]
 
     def _has_failed(self):
         return "(INJECTED)" in self._installation.read("strace.out")
@@ -261,10 +255,9 @@ class FailingCalls:
 def main(bin_folder, seconds, seed):
     folder = tempfile.mkdtemp(prefix="guardian-calls.")
     tried = collections.Counter()
-    surroundings = {"FAST_GUARDIAN_FACTOR": str(FACTOR), "FAST_GUARDIAN_WAITS": "1",
-                    "NOTIFY_SOCKET": f"{folder}/manager", "WATCHDOG_USEC": "40000000",
-                    "VELLUMARK_GUARDIAN_NOTIFY": "/bin/true"}
-    with Installation(bin_folder, folder, "FastGuardian", **surroundings) as made:
+    with Installation(bin_folder, folder, "FastGuardian", FAST_GUARDIAN_FACTOR=FACTOR,
+                      FAST_GUARDIAN_WAITS="1", NOTIFY_SOCKET=f"{folder}/manager",
+                      WATCHDOG_USEC="40000000", VELLUMARK_GUARDIAN_NOTIFY="/bin/true") as made:
         run, point = FailingCalls(made), None
         try:
             phases = run.census()

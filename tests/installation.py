@@ -4,8 +4,8 @@
 import contextlib
 import ctypes
 import http.client
-import json
 import os
+import pathlib
 import shutil
 import signal
 import socket
@@ -55,20 +55,15 @@ def fetch(page="", limit_seconds=10):
         return answer.read().decode("utf-8", "replace")
 
 
-def fetch_status(limit_seconds=10):
-    return json.loads(fetch("status.json", limit_seconds))
-
-
 # Whether status.json tells that all is well with the daemon.
 def is_healthy(status):
     return all(status["checks"][name] for name in ("mutex", "pipe", "service"))
 
 
 def answers():
-    try:
+    with contextlib.suppress(OSError):
         return "Guardian running" in fetch("status.php")
-    except OSError:
-        return False
+    return False
 
 
 def _on_interruption(handler):
@@ -113,8 +108,7 @@ class Installation:
             self.guardian.terminate()
             psutil.wait_procs([psutil.Process(self.guardian.pid)], timeout=10)
         for _ in range(50):
-            left = psutil.Process().children()
-            if not left:
+            if not (left := psutil.Process().children()):
                 break
             for each in left:
                 each.kill()
@@ -125,11 +119,9 @@ class Installation:
 
     # The file's text; empty when there is none.
     def read(self, name):
-        try:
-            with open(self.path(name), encoding="utf-8", errors="replace") as file:
-                return file.read()
-        except (FileNotFoundError, ProcessLookupError):
-            return ""
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+            return pathlib.Path(self.path(name)).read_text("utf-8", "replace")
+        return ""
 
     # In the foreground, until it answers. Its output goes into the file guardian.out, unless
     # another open file is given.
@@ -156,11 +148,10 @@ class Installation:
     # The daemon that runs now, also a stopped one; 0 for none.
     def daemon_pid(self):
         pid = self.read("home/daemon.pid").strip()
-        try:
+        with contextlib.suppress(OSError, ValueError):
             # A zombie has no executable.
             return int(pid) if os.readlink(f"/proc/{pid}/exe") == self.daemon_path else 0
-        except (OSError, ValueError):
-            return 0
+        return 0
 
     def require_daemon(self, pid):
         now = self.daemon_pid()
@@ -175,9 +166,9 @@ class Installation:
     # As files, for whoever looks for the reason of a failure.
     def keep_pages(self):
         for page in ("status.json", "threadreport.php", ""):
-            with open(self.path(f"page-{page or 'main'}"), "w", encoding="utf-8") as file, \
-                    contextlib.suppress(*NO_ANSWER):
-                file.write(fetch(page, 2))
+            with contextlib.suppress(*NO_ANSWER):
+                text = fetch(page, 2)
+                pathlib.Path(self.path(f"page-{page or 'main'}")).write_text(text, "utf-8")
 
     @staticmethod
     def _refuse_what_is_in_use():

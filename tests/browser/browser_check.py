@@ -1,5 +1,5 @@
 # Opens the Guardian's pages in headless Chromium, under their content policy, and clicks.
-#   browser_check.py BIN_FOLDER SCREENSHOT AXE
+#   browser_check.py BIN_FOLDER AXE
 # AXE is the script of the accessibility check.
 # Ends with 77, skipped, where no browser is installed. "scripts/setup browser" installs one.
 
@@ -9,7 +9,6 @@ import signal
 import sys
 import tempfile
 import threading
-import urllib.parse
 
 try:
     from selenium import webdriver
@@ -26,7 +25,6 @@ MAIN_PAGE = f"http://localhost:{PORT}/"
 BOX_PAGE = f"http://box:{PORT}/"
 # What a stranger may let point anywhere.
 REBOUND_PAGE = f"http://rebound.example:{PORT}/"
-TITLE = "Vellumark Guardian 1.50, Build 10"
 CHROMIUM, DRIVER = "/usr/bin/chromium", "/usr/bin/chromedriver"
 # Chromium looks for updates and accounts by itself; without names it reaches nobody.
 FLAGS = ("--headless", "--no-sandbox", "--disable-dev-shm-usage", "--disable-component-update",
@@ -34,9 +32,7 @@ FLAGS = ("--headless", "--no-sandbox", "--disable-dev-shm-usage", "--disable-com
          "--host-resolver-rules=MAP box 127.0.0.1, MAP neighbour 127.0.0.1, "
          "MAP rebound.example 127.0.0.1, MAP * ~NOTFOUND, EXCLUDE localhost, EXCLUDE 127.0.0.1")
 # Would run in a page without a content policy.
-INTRUDER = """const script = document.createElement("script");
-script.textContent = "document.title = 'intruder'";
-document.body.append(script);"""
+INTRUDER = "document.body.setAttribute('onclick', 'document.title = 1'); document.body.click()"
 
 
 class Browser:
@@ -79,35 +75,30 @@ class Browser:
 def check_content_policy(browser):
     browser.open()
     browser.driver.execute_script(INTRUDER)
-    require(browser.driver.title == TITLE, "a foreign script runs in the main page")
+    require("Vellumark" in browser.driver.title, "a foreign script runs in the main page")
     browser.require_clean("Content Security Policy")
 
 
 # The page of another web server, whose only link leads to the address that it is asked with.
 class Neighbour(http.server.BaseHTTPRequestHandler):
     def do_GET(self):
-        target = urllib.parse.unquote(self.path.partition("?")[2])
-        policy = self.path.partition("?")[0].strip("/")
+        policy, _, target = self.path[1:].partition("?")
         self.send_response(200)
         self.send_header("Content-Type", "text/html")
         self.end_headers()
         self.wfile.write(f'<a href="{target}" referrerpolicy="{policy}">x</a>'.encode())
 
-    def log_message(self, *_):
-        pass
-
 
 def check_links_of_other_sites(browser):
     another = "Refused: the request comes from another site."
-    silent = "Refused: the browser does not say"
-    stranger = 'The Guardian does not answer to the name "rebound.example".'
     with http.server.ThreadingHTTPServer(("127.0.0.1", 0), Neighbour) as server:
         threading.Thread(target=server.serve_forever, daemon=True).start()
-        for site, host, policy, refusal in ((MAIN_PAGE, "neighbour", "unsafe-url", another),
-                                            (MAIN_PAGE, "localhost", "no-referrer", another),
-                                            (BOX_PAGE, "neighbour", "unsafe-url", another),
-                                            (BOX_PAGE, "neighbour", "no-referrer", silent),
-                                            (REBOUND_PAGE, "rebound.example", "", stranger)):
+        for site, host, policy, refusal in (
+                (MAIN_PAGE, "neighbour", "unsafe-url", another),
+                (MAIN_PAGE, "localhost", "no-referrer", another),
+                (BOX_PAGE, "neighbour", "unsafe-url", another),
+                (BOX_PAGE, "neighbour", "no-referrer", "Refused: the browser does not say"),
+                (REBOUND_PAGE, "rebound.example", "", "The Guardian does not answer to the name")):
             target = site + "killdaemon.php"
             browser.driver.get(f"http://{host}:{server.server_port}/{policy}?{target}")
             shown = browser.click(target)
@@ -137,7 +128,6 @@ def check_accessibility(browser, axe):
             require(browser.driver.execute_script("return document.body.scrollWidth") <= width,
                     f"{page} is wider than {width} px")
     browser.require_clean()
-    browser.driver.execute_cdp_cmd("Emulation.clearDeviceMetricsOverride", {})
 
 
 # From the overview over the question to the deed.
@@ -179,33 +169,26 @@ def check_control_pages(browser, installation, pid):
     browser.require_clean()
 
 
-def check(bin_folder, screenshot, axe, folder):
-    with Installation(bin_folder, os.path.join(folder, "guardian"), "FastGuardian") as installation:
+def main(bin_folder, axe):
+    if not all(map(os.path.exists, (CHROMIUM, DRIVER, axe))):
+        print("browser check: skipped, chromium, its driver or axe-core is not installed")
+        sys.exit(77)
+    os.environ["no_proxy"] = "localhost,127.0.0.1"  # The driver's talk stays on this machine.
+    with tempfile.TemporaryDirectory(prefix="guardian-browser-") as folder, \
+            Installation(bin_folder, f"{folder}/guardian", "FastGuardian") as installation:
         signal.alarm(100)
         installation.start_guardian()
-        browser = Browser(os.path.join(folder, "browser"))
+        browser = Browser(f"{folder}/browser")
         await_that("a healthy daemon on the main page",
                    lambda: "MutexOK=Y, PipeStatusOK=Y, ServiceOK=Y" in browser.open(), 45)
-        browser.open("overview.html")
-        require(browser.driver.save_screenshot(screenshot), f"cannot be written: {screenshot}")
         pid = installation.daemon_pid()
         check_links_of_other_sites(browser)
         check_content_policy(browser)
         check_overview(browser, installation, pid)
         check_accessibility(browser, axe)
         check_control_pages(browser, installation, pid)
-
-
-def main(bin_folder, screenshot, axe):
-    if not all(map(os.path.exists, (CHROMIUM, DRIVER, axe))):
-        print("browser check: skipped, chromium, its driver or axe-core is not installed")
-        return 77
-    os.environ["no_proxy"] = "localhost,127.0.0.1"  # The driver's talk stays on this machine.
-    with tempfile.TemporaryDirectory(prefix="guardian-browser-") as folder:
-        check(bin_folder, screenshot, axe, folder)
     print("browser check: passed")
-    return 0
 
 
 if __name__ == "__main__":
-    sys.exit(main(*sys.argv[1:]))
+    main(*sys.argv[1:])

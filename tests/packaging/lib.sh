@@ -1,5 +1,5 @@
 # What the checks of the packages share; each of them reads it first.
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2034
 set -euo pipefail
 
 folder="$(mktemp -d "${TMPDIR:-/tmp}/guardian-check.XXXXXX")"
@@ -33,13 +33,8 @@ await() {
   return 1
 }
 
-# page NAME: the whole answer, its head too; nothing when nobody answers.
-page() {
-  # shellcheck disable=SC2016
-  timeout 10 bash -c 'exec 3<>/dev/tcp/127.0.0.1/8900
-    printf "GET /%s HTTP/1.0\r\nHost: localhost\r\n\r\n" "$1" >&3
-    cat <&3' page "$1" 2>/dev/null || true
-}
+# page NAME: its text; nothing when nobody answers.
+page() { curl --silent --noproxy "*" --max-time 10 "http://127.0.0.1:8900/$1" || true; }
 # page_has TEXT [NAME]: without a name, the main page.
 page_has() { [[ "$(page "${2:-}")" == *"$1"* ]]; }
 page_answers() { [[ -n "$(page status.php)" ]]; }
@@ -51,12 +46,9 @@ find_package() {
 }
 
 # Every package has these: in its folder of documents, beside them, and what tells somebody.
-# shellcheck disable=SC2034
-{
-  manuals=({CHANGELOG,CONTRIBUTING,README}.md VERSIONS copyright docs/{growth.svg,page.png} docs/{architecture,fleet,operating,performance,protocol,security}.md)
-  prometheus=(prometheus/{grafana-board.json,prometheus.yml,vellumark-guardian.rules.yml})
-  notify=(notify/{mail,push,webhook}\*)
-}
+manuals=({CHANGELOG,CONTRIBUTING,README}.md VERSIONS copyright docs/{growth.svg,page.png} docs/{architecture,fleet,operating,performance,protocol,security}.md)
+prometheus=(prometheus/{grafana-board.json,prometheus.yml,vellumark-guardian.rules.yml})
+notify=(notify/{mail,push,webhook}\*)
 
 # expect_contents FILE...: the archive on standard input holds these; all are root's, and those with a
 # sign "*" can be run.

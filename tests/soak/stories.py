@@ -4,7 +4,7 @@ import os
 import signal
 from typing import Callable, NamedTuple
 
-from installation import fetch, require
+from installation import fetch
 
 TICK = 10  # Seconds between two rounds of the watchdog.
 LOOK = 0.5  # What the looks of a round take beyond that, by the machine's time.
@@ -42,14 +42,9 @@ def send(number):
     return lambda run: os.kill(run.pid, number)
 
 
-# So many rounds the same daemon goes on.
-def hold(least, most):
-    return lambda run: run.hold(run.chance.uniform(least, most))
-
-
-# So many rounds nothing is asked of anybody.
-def wait(least, most):
-    return lambda run: run.hold(run.chance.uniform(least, most), lambda: None)
+# So many rounds the same daemon goes on, or something else is done again and again.
+def hold(least, most, act=None):
+    return lambda run: run.hold(run.chance.uniform(least, most), act)
 
 
 def delete_socket(run):
@@ -88,11 +83,6 @@ def asked(times):
     return outcome
 
 
-def refused_log(run, bound):
-    text = fetch("vellumark_logs/leased.log", run.seconds(bound))
-    require("EXCPTION: " in text, f"a leased log: {text[:200]!r}")
-
-
 KILL = send(signal.SIGKILL)
 DEAD = Bound(1, 0, START)
 COMMANDS = NOTICE + STOP + START
@@ -118,11 +108,11 @@ STORIES = (
           Bound(5, SILENCE + PULSE_STILL, NOTICE + 2)),
     Story("garbage", (order("garbage"),), asked(1), Bound(3, SILENCE + PULSE_STILL, NOTICE + 2)),
     Story("pipe mute", (order("mute-pipe"),), asked(1), Bound(3, SILENCE, NOTICE + 1)),
-    Story("start refused", (order("start-fails"), KILL, wait(1, 4), call("mend")), restarted, DEAD),
+    Story("start refused", (order("start-fails"), KILL, hold(1, 4, lambda: None), call("mend")),
+          restarted, DEAD),
     # A page's order is carried out after a second.
     Story("killed by page", (lambda _: fetch("killdaemon.php"),), restarted, Bound(2, 1, START)),
     Story("temporary directory full", (call("fill_temp"), hold(1, 3), KILL), restarted, DEAD),
     Story("temporary directory unusable", (call("use_up_temp"), hold(1, 2), KILL), restarted, DEAD),
     Story("temporary folder lost", (call("lose_temp"), hold(1, 2), KILL), restarted, DEAD),
-    Story("log leased", (call("lease_log"),), refused_log, Bound(0, 0, 2)),
 )
