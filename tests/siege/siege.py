@@ -1,13 +1,15 @@
 # What clients can do to the Guardian's port, against the real executable: crowds of slow readers, a
-# patient one, floods; and the packet filter of docs/security.md. Runs in
-# network namespaces of its own, see scripts/siege.
+# patient one, a leased log, floods; and the packet filter of docs/security.md. Runs in network
+# namespaces of its own, see scripts/siege.
 #   siege.py BIN_FOLDER DOCUMENT_WITH_THE_FILTER
 
 import contextlib
 import ctypes
+import fcntl
 import os
 import re
 import select
+import signal
 import socket
 import subprocess
 import sys
@@ -108,6 +110,13 @@ def slow_readers_keep_nobody_out(wire, installation, _):
     require(all(b"running" in each.recv(4096) for each in strangers), "no place for a stranger")
 
 
+def a_leased_file_holds_nobody(_, installation, __):
+    signal.signal(signal.SIGIO, signal.SIG_IGN)  # The wish to have the lease back.
+    with open(installation.path("home/logs/leased.log"), "w", encoding="ascii") as leased:
+        fcntl.fcntl(leased, fcntl.F_SETLEASE, fcntl.F_WRLCK)
+        require("EXCPTION: " in fetch("vellumark_logs/leased.log"), "it was served")
+
+
 def floods_leave_no_memory_behind(_, installation, __):
     memory = psutil.Process(installation.guardian.pid).memory_info
     fetch()
@@ -154,8 +163,9 @@ def main():
         # The crowd comes after the patient client: when all places are taken, whoever has been
         # served longest gives way.
         failed = 0
-        for case in (floods_leave_no_memory_behind, a_patient_client_gets_all_of_its_log,
-                     slow_readers_keep_nobody_out, the_packet_filter_lets_its_own_in):
+        for case in (a_leased_file_holds_nobody, floods_leave_no_memory_behind,
+                     a_patient_client_gets_all_of_its_log, slow_readers_keep_nobody_out,
+                     the_packet_filter_lets_its_own_in):
             outcome = "passed"
             try:
                 case(wire, installation, patient)
