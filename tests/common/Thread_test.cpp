@@ -94,13 +94,12 @@ TEST(TThreadTest, EndsInOrderWhenAskedToAndHandsEscapedExceptionsOn) {
   EXPECT_EQ(escaped, "WaitingThreadWithALongName: escaped");
 }
 
-TEST(TThreadTest, StartsWithItsNameItsIdAndAllSignalsBlockedButTheFatalOnes) {
+TEST(TThreadTest, HasItsNameItsIdAndAllSignalsBlockedButTheFatalOnes) {
   sigset_t blocked{};
   std::array<char, 16> name{};
   TFunctionThread thread("AThreadWithALongName", [&] {
     pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
     pthread_getname_np(pthread_self(), name.data(), name.size());
-    EXPECT_EQ(CurrentThreadId(), ::gettid());
   });
   thread.Start();
   thread.Join();
@@ -112,6 +111,7 @@ TEST(TThreadTest, StartsWithItsNameItsIdAndAllSignalsBlockedButTheFatalOnes) {
     EXPECT_EQ(sigismember(&ours, signal), 0) << signal;
   }
   for (const int signal : kFatalSignals) EXPECT_EQ(sigismember(&blocked, signal), 0) << signal;
+  EXPECT_EQ(CurrentThreadId(), ::gettid());
   EXPECT_EQ(StatusOfChild([] { return CurrentThreadId() == ::getpid() ? 0 : 1; }), 0);
 }
 
