@@ -1,9 +1,6 @@
 #include "common/DiagnosticMessage.h"
 
-#include <sys/resource.h>
 #include <sys/socket.h>
-
-#include <algorithm>
 
 #include "common/Console.h"
 #include "support/TestSupport.h"
@@ -27,17 +24,12 @@ class TStandardError {
  public:
   explicit TStandardError(int file) : FSaved(::dup(STDERR_FILENO)) { ::dup2(file, STDERR_FILENO); }
   ~TStandardError() { ::dup2(FSaved.Get(), STDERR_FILENO); }
-  TStandardError(const TStandardError&) = delete;
-  TStandardError& operator=(const TStandardError&) = delete;
 
  private:
   const TFileDescriptor FSaved;
 };
 
 TEST(ConsoleTest, NeverWaitsForAReaderOfStandardError) {
-  rlimit limit{};
-  ::getrlimit(RLIMIT_NOFILE, &limit);
-  const rlimit noDescriptor{.rlim_cur = 3, .rlim_max = limit.rlim_max};
   for (const bool isSocket : {false, true}) {
     SCOPED_TRACE(isSocket);
     ::signal(SIGPIPE, isSocket ? SIG_DFL : SIG_IGN);
@@ -55,13 +47,12 @@ TEST(ConsoleTest, NeverWaitsForAReaderOfStandardError) {
     EXPECT_EQ(::fcntl(STDERR_FILENO, F_GETFL) & O_NONBLOCK, 0) << "other programs share it";
     std::string text;
     EXPECT_EQ(ReadToEnd(reading.Get(), 100'000'000, text), EAGAIN);
-    const auto lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
-    EXPECT_EQ(lines, text.size() / 10'000);
+    EXPECT_EQ(CountOf(text, "\n"), static_cast<int>(text.size() / 10'000));
     const bool cut = !text.ends_with('\n');
     EXPECT_TRUE(cut || isSocket) << "a socket takes such a line whole or not at all";
-    ::setrlimit(RLIMIT_NOFILE, &noDescriptor);
-    EXPECT_TRUE(DebugOutput("next"));
-    ::setrlimit(RLIMIT_NOFILE, &limit);
+    const rlim_t before = SetLimit(RLIMIT_NOFILE, 3);
+    EXPECT_TRUE(DebugOutput("next")) << "without a descriptor";
+    SetLimit(RLIMIT_NOFILE, before);
     EXPECT_EQ(ReadToEnd(reading.Get(), 100, text), EAGAIN);
     EXPECT_EQ(text, cut ? "\nnext\n" : "next\n");
     reading.Close();

@@ -1,5 +1,3 @@
-#include <sys/resource.h>
-
 #include "common/NamedMutex.h"
 #include "config/SettingsStoreTest.h"
 #include "config/SqlIniComponents.h"
@@ -142,20 +140,14 @@ TEST_F(TKZSQLIniRecoveryTest, WaitsForAnotherRepairForFiveMinutes) {
   EXPECT_NEAR(static_cast<double>(FClock.TickCount() - start), 310'000, 100);
   FClock.AtNextWait = [&] { other.Close(); };
   EXPECT_TRUE(Open()->AttemptRepair());
-  std::filesystem::remove(Backup(".lock"));
-  std::filesystem::create_symlink(File(), Backup(".lock"));
-  EXPECT_FALSE(Open()->AttemptRepair());
-  EXPECT_THAT(Lines(), AllOf(HasSubstr("Another process has been replacing the file for too long."),
-                             HasSubstr("lock " + Backup(".lock") + ": Too many levels")));
 }
 
 TEST_F(TKZSQLIniRecoveryTest, GivesEveryFileTheModeAndTheOwnerOfTheStore) {
   const auto look = [&](const std::string& name) {
-    struct stat info {};
-    if (::stat(FFolder.Path(name).c_str(), &info) != 0) return name + " is missing";
+    struct stat at {};
+    ::stat(FFolder.Path(name).c_str(), &at);
     char text[50];
-    std::snprintf(text, sizeof(text), " %o of %u:%u", info.st_mode & 07777, info.st_uid,
-                  info.st_gid);
+    std::snprintf(text, sizeof(text), " %o of %u:%u", at.st_mode & 07777, at.st_uid, at.st_gid);
     return name + text;
   };
   // Only root may give files away.
@@ -168,11 +160,11 @@ TEST_F(TKZSQLIniRecoveryTest, GivesEveryFileTheModeAndTheOwnerOfTheStore) {
   EXPECT_THAT(look("CfgBackups/x.cfg.lock"), HasSubstr(" 666 of"));
   std::filesystem::remove_all(FFolder.Path("CfgBackups"));
   for (const std::string& file : {FFolder.Path(), File()}) {
-    ASSERT_EQ(::chown(file.c_str(), user, group), 0);
+    ASSERT_EQ(::chown(file.c_str(), user, file == File() ? group : ::getegid()), 0);
     ASSERT_EQ(::chmod(file.c_str(), file == File() ? 0640 : 02770), 0);
   }
   Open()->WriteString("s", "k", "v");
-  EXPECT_EQ(look("CfgBackups"), "CfgBackups 2770" + of);
+  EXPECT_THAT(look("CfgBackups"), StartsWith("CfgBackups 2770 of " + std::to_string(user)));
   EXPECT_EQ(look("CfgBackups/x.cfg.bak"), "CfgBackups/x.cfg.bak 640" + of);
   ASSERT_EQ(::chmod(File().c_str(), 0600), 0);  // Its backup stays as it was.
   FFolder.Write("x.cfg", std::string(5000, 'g'));
@@ -237,15 +229,12 @@ TEST_F(TKZSQLIniRecoveryTest, ReadsAFileItMayNotWriteAndFailsOnOneItMayNotRead) 
 TEST_F(TKZSQLIniRecoveryTest, KeepsTheOldValueWhenTheDiskIsFull) {
   const auto store = Open();
   store->WriteString("s", "k", "v");
-  rlimit before{};
-  ::getrlimit(RLIMIT_FSIZE, &before);
-  const rlimit few{.rlim_cur = 300'000, .rlim_max = before.rlim_max};
   ::signal(SIGXFSZ, SIG_IGN);
-  ::setrlimit(RLIMIT_FSIZE, &few);
+  const rlim_t before = SetLimit(RLIMIT_FSIZE, 300'000);
   EXPECT_FALSE(store->TryWriteString("s", "k", std::string(1'000'000, 'x')));
   EXPECT_EQ(store->ReadString("s", "k", ""), "v");
   EXPECT_TRUE(store->TryWriteString("s", "k", "w"));
-  ::setrlimit(RLIMIT_FSIZE, &before);
+  SetLimit(RLIMIT_FSIZE, before);
   ::signal(SIGXFSZ, SIG_DFL);
 }
 

@@ -172,13 +172,8 @@ TEST_F(TSqlIniRepairTest, TakesADumpThatStoppedForDamageAndNoOther) {
       "PATH=\"${PATH#*:}\" exec sqlite3 \"$@\"";
   const std::string noTool = "The dump was not made, exit code 12";
   const std::string cut = "x.cfg.sqltmp is not complete.";
-  const struct {
-    const char* Name;
-    std::string Script;
-    std::string Line;
-    bool IsRepaired;
-    std::string Value;  // Of the dump.
-  } cases[] = {
+  // The last text is what the dump's value then is.
+  const std::tuple<const char*, std::string, std::string, bool, std::string> cases[] = {
       {"fails at once", "exit 3", cut, false, ""},
       {"meets a busy file", stopped("5"), "The dump failed: /**** ERROR: (5) text", false, ""},
       {"cannot be run", "exit 126", noTool + "6", true, ""},

@@ -1,7 +1,5 @@
 #include "diagnostics/KZCheckpoints.h"
 
-#include <thread>
-
 #include "diagnostics/KZCriticalSection.h"
 #include "diagnostics/checkpoints/CheckpointProfile.h"
 #include "diagnostics/checkpoints/CheckpointRecord.h"
@@ -21,7 +19,6 @@ class KZCheckpointsTest : public testing::Test {
   }
 
   static std::string Report() { return KZCP::ThreadReport(KZCP::TReportHeader::Without); }
-  static std::string Own() { return KZCP::CurrentCP(CurrentThreadId()); }
 
   const TSettingsBackup FSettings;
 };
@@ -52,7 +49,6 @@ TEST_F(KZCheckpointsTest, ReportsEveryThreadAndTheLockItWaitsFor) {
   EXPECT_EQ(KZCP::CurrentCP(waiterId), "before the lock");
   EXPECT_GT(KZCP::CPTime(waiterId).CPTime, 0);
   EXPECT_EQ(KZCP::CPTime(waiterId).PreviousCPTime, 120);
-  EXPECT_LT(KZCP::ElapsedSeconds(SystemTickCount() - 2'000), 1'000);
   KZCP::ReleaseRogueLocks();
   waiter.Join();
   EXPECT_EQ(KZCP::CurrentCP(waiterId), "N/A");
@@ -76,11 +72,7 @@ TEST_F(KZCheckpointsTest, ListsAThreadFromItsCheckpointsOnWhileTheListComesAndGo
   const char16_t halves[] = {u'a', 0xDC00, 0xD83D, u'\u20AC', 0xD83D};
   const std::string repaired = "a\uFFFD\uFFFD\u20AC\uFFFD";
   const std::string clipped(255, 'x');
-  const struct {
-    std::function<void()> Act;
-    std::string CP;
-    bool Listed;
-  } steps[] = {
+  const std::tuple<std::function<void()>, std::string, bool> steps[] = {
       {pass("one"), "one", true},
       {[] { KZCP::Init(); }, "one", true},
       {leave(true, KZCP::TRemoval::Normal), "one", true},
@@ -97,31 +89,12 @@ TEST_F(KZCheckpointsTest, ListsAThreadFromItsCheckpointsOnWhileTheListComesAndGo
     act();
     const std::string line = listed ? "1\n" + thread + cp + "\n" : "0\n";
     EXPECT_THAT(Report(), EndsWith("\n\nNumber of threads: " + line));
-    EXPECT_EQ(Own(), cp);
+    EXPECT_EQ(KZCP::CurrentCP(CurrentThreadId()), cp);
   }
   KZCP::Fini();
   KZCP::Checkpoint("without a list");
   EXPECT_EQ(Report(), "Main thread ID: " + thread.substr(7) + "without a list\n");
   EXPECT_EQ(KZCP::CurrentCP(0), "NA");
-}
-
-// Made before the thread's first checkpoint, hence destroyed after the thread's record.
-struct TLateCheckpoint {
-  ~TLateCheckpoint() {
-    KZCP::Checkpoint("too late");
-    EXPECT_EQ(KZCP::CurrentCP(CurrentThreadId()), "");
-    KZCP::RemoveThread(KZCP::TRemoval::Forced);
-  }
-  bool Touched = false;
-};
-
-TEST_F(KZCheckpointsTest, IgnoresCheckpointsOfAThreadThatIsBeingDestroyed) {
-  std::thread([] {
-    static thread_local TLateCheckpoint late;
-    late.Touched = true;
-    KZCP::Checkpoint("in time");
-  }).join();
-  EXPECT_THAT(Report(), HasSubstr("Number of threads: 0\n"));
 }
 
 TEST_F(KZCheckpointsTest, KeepsAHistoryForEachOf100ListedThreads) {

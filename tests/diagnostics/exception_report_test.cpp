@@ -203,12 +203,13 @@ TEST_F(ExceptionReportTest, NeitherWaitsForALockedStoreNorShowsItsCheckpoint) {
   unlocked.Signal();
   EXPECT_TRUE(Eventually([&] { return FStored.Copy() == "46347.5"; })) << "the later one";
   const std::string own = "Thread " + std::to_string(CurrentThreadId()) + ", CP: Testing\n";
-  EXPECT_THAT(Log(), HasSubstr("\nWhere: 1, CP: Testing\n"));
-  EXPECT_THAT(Log(), HasSubstr(own));
-  EXPECT_THAT(Log(), HasSubstr("\nWhere: 2, CP: "));
+  EXPECT_THAT(Log(), AllOf(HasSubstr("\nWhere: 1, CP: Testing\n"), HasSubstr(own),
+                           HasSubstr("\nWhere: 2, CP: ")));
   EXPECT_THAT(NewReport(), EndsWith(kOmitted));
   StopExceptionReports();
+  ::signal(SIGBUS, SIG_IGN);
   StartExceptionReports({.Clock = &FClock});
+  EXPECT_EQ(::signal(SIGBUS, SIG_DFL), SIG_IGN) << "a handler of others stays";
   EXPECT_THAT(NewReport(), Not(EndsWith(kOmitted))) << "another run";
   Settings().DebugMode = true;
   EXPECT_THAT(NewReport(), Not(EndsWith(kOmitted)));
@@ -293,10 +294,8 @@ TEST_F(ExceptionReportTest, NamesTheFunctionThatRaised) {
   // Raised by the C++ library, where the exceptions before had their place: there is nothing but
   // the place of the catch.
   carried = nullptr;
-  const std::exception_ptr library = Caught([] { static_cast<void>(std::string().at(1)); });
-  EXPECT_THAT(StringForm(library), Not(HasSubstr("RaiseForeign")));
-  EXPECT_THAT(StringForm(library), HasSubstr("TestBody"));
-  EXPECT_THAT(StringForm(library), HasSubstr(caughtHere));
+  EXPECT_THAT(StringForm(Caught([] { static_cast<void>(std::string().at(1)); })),
+              AllOf(Not(HasSubstr("RaiseForeign")), HasSubstr("TestBody"), HasSubstr(caughtHere)));
   InThread([] { RaiseForeign(); });
   EXPECT_THAT(Log(), HasSubstr("Where: Thread Test, CP: "));
 }

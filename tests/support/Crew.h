@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <vector>
@@ -21,10 +22,7 @@ class TCrew {
   void Join() { FThreads.clear(); }
 
   [[nodiscard]] bool Finished() const {
-    for (const auto& thread : FThreads) {
-      if (!thread->Finished()) return false;
-    }
-    return true;
+    return std::ranges::all_of(FThreads, &TFunctionThread::Finished);
   }
 
  private:

@@ -18,6 +18,7 @@ class TFakeClock : public TClock {
   bool WaitUntil(TMutex& mutex, TCondition& condition, std::int64_t deadlineTick,
                  const std::function<bool()>& predicate) override KZ_REQUIRES(mutex) {
     ++FWaits;
+    if (FailsNext.exchange(false)) throw std::bad_alloc();
     while (!predicate()) {
       if (TickCount() >= deadlineTick) return false;
       condition.WaitFor(mutex, std::chrono::milliseconds(1));
@@ -36,6 +37,8 @@ class TFakeClock : public TClock {
 
   // Only the wall clock steps, as when somebody sets it.
   void SetWall(TDateTime wall) { FWall.store(wall); }
+
+  std::atomic<bool> FailsNext = false;  // The next wait finds no memory.
 
  private:
   std::atomic<TDateTime> FWall = 46347.25;  // 21 November 2026, 06:00.

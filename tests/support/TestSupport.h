@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 
 #include <filesystem>
 #include <memory>
@@ -63,6 +64,15 @@ inline std::set<int> OpenDescriptors() {
   return numbers;
 }
 
+// Sets the limit that the process has of a resource; returns the one before.
+inline rlim_t SetLimit(int resource, rlim_t most) {
+  rlimit limit{};
+  ::getrlimit(resource, &limit);
+  const rlim_t before = std::exchange(limit.rlim_cur, most);
+  ::setrlimit(resource, &limit);
+  return before;
+}
+
 // A settings store that has nothing and keeps nothing: the base of those that do a little.
 class TEmptyStore : public TKZCustomINIFile {
  public:
@@ -100,8 +110,6 @@ class TSettingsBackup {
     std::destroy_at(&Settings());
     std::construct_at(&Settings());
   }
-  TSettingsBackup(const TSettingsBackup&) = delete;
-  TSettingsBackup& operator=(const TSettingsBackup&) = delete;
 };
 
 }  // namespace guardian
