@@ -13,7 +13,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-constexpr milliseconds kPatience{kHangLimitMs};
 const std::string kEnd = " HTTP/1.1\r\n\r\n";
 const std::string kGet = "GET /" + kEnd;
 const std::string kGetBig = "GET /big" + kEnd;
@@ -85,6 +84,7 @@ class HttpServerTest : public testing::Test {
   THttpResponse Answer(const THttpRequest& request) {
     THttpResponse response;
     const std::string& path = request.Path;
+    const std::string site(request.Header("Sec-Fetch-Site").value_or(""));
     response.Body = "hello";
     if (path == "/throw") throw KZException("no page today");
     if (path == "/big") {
@@ -92,9 +92,7 @@ class HttpServerTest : public testing::Test {
       response.Tail.front() = Big();
     }
     if (path == "/inherited") response.Body = std::to_string(Inherited(FDescriptors));
-    if (path == "/echo")
-      response.Body =
-          request.Query + "|" + std::string(request.Header("Sec-Fetch-Site").value_or(""));
+    if (path == "/echo") response.Body = request.Query + "|" + site;
     if (path.starts_with("/path")) response.Body = path;
     if (path == "/wait") {
       ++FWaiting;
@@ -132,12 +130,7 @@ TEST_F(HttpServerTest, AnswersEachRequestAndClosesAfterTheLast) {
   const std::string bad = "Bad Request\n";
   const std::string failed = "Internal Server Error\n";
   const std::string refused = "Method Not Allowed\n";
-  const struct {
-    std::string Request;
-    int Status;
-    std::string Body;
-    bool Closes = true;
-  } cases[] = {
+  const std::tuple<std::string, int, std::string, bool> cases[] = {
       {"GET /path HTTP/1.1\r\nHost: x\r\n\r\n", 200, "/path", false},
       {"GET /path/%41%2e%2E/%zz%4" + kEnd, 200, "/path/A../%zz%4", false},
       {"GET /path%4%%41" + kEnd, 200, "/path%4%A", false},
@@ -152,35 +145,32 @@ TEST_F(HttpServerTest, AnswersEachRequestAndClosesAfterTheLast) {
       {"GET /status600" + kEnd, 500, failed, false},
       {"GET /throw" + kEnd, 500, failed, false},
       {"GET / HTTP/1.0\r\nConnection: keep-alive\r\n\r\n", 200, "hello", false},
-      {"GET / HTTP/1.0\r\n\r\n" + kNever, 200, "hello"},
-      {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n" + kNever, 200, "hello"},
-      {"GET / HTTP/1.1\r\nContent-Length: 24\r\n\r\n" + kNever, 200, "hello"},
-      {"POST / HTTP/1.1\r\nContent-Length: 500000\r\n\r\n" + Pattern(500'000), 405, refused},
-      {std::string("\x16\x03\x01\x02\x00\x01\x00", 7), 400, bad},
-      {"GET / HTTP/1.1\r\nHost: x\r\nHost: x\r\n\r\n" + kNever, 400, bad},
-      {"GET / HTTP/1.1\r\nOrigin: http://x\r\nORIGIN: null\r\n\r\n" + kNever, 400, bad},
-      {"GET / HTTP/1.1\r\nTransfer-Encoding: x, chunked\r\n\r\n" + kNever, 400, bad},
+      {"GET / HTTP/1.0\r\n\r\n" + kNever, 200, "hello", true},
+      {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n" + kNever, 200, "hello", true},
+      {"GET / HTTP/1.1\r\nContent-Length: 24\r\n\r\n" + kNever, 200, "hello", true},
+      {"POST / HTTP/1.1\r\nContent-Length: 500000\r\n\r\n" + Pattern(500'000), 405, refused, true},
+      {std::string("\x16\x03\x01\x02\x00\x01\x00", 7), 400, bad, true},
+      {"GET / HTTP/1.1\r\nHost: x\r\nHost: x\r\n\r\n" + kNever, 400, bad, true},
+      {"GET / HTTP/1.1\r\nOrigin: http://x\r\nORIGIN: null\r\n\r\n" + kNever, 400, bad, true},
+      {"GET / HTTP/1.1\r\nTransfer-Encoding: x, chunked\r\n\r\n" + kNever, 400, bad, true},
   };
-  for (const auto& item : cases) {
-    SCOPED_TRACE(item.Request.substr(0, 80));
-    TRawClient client(FServer->Port());
-    client.Send(item.Request);
-    const TRawReply reply = client.ReadReply();
-    EXPECT_EQ(reply.Status(), item.Status);
-    EXPECT_EQ(reply.Body, item.Body);
-    EXPECT_TRUE(reply.Has(item.Closes ? "Connection: close" : "Connection: keep-alive"));
-    EXPECT_EQ(reply.Has("Content-Type: text/plain"), item.Body.ends_with("\n"));
-    EXPECT_EQ(reply.Has("Content-Length: " + std::to_string(item.Body.size())), item.Status != 204);
-    EXPECT_EQ(reply.Has("Allow: GET, HEAD"), item.Status == 405);
-    EXPECT_EQ(item.Closes ? client.ReadToEnd() : client.Get("/").Body, item.Closes ? "" : "hello");
-    EXPECT_FALSE(client.WasReset());
+  for (const auto& [request, status, body, closes] : cases) {
+    SCOPED_TRACE(request.substr(0, 80));
+    const auto client = Client(request);
+    const TRawReply reply = client->ReadReply();
+    EXPECT_EQ(std::pair(reply.Status(), reply.Body), std::pair(status, body));
+    EXPECT_TRUE(reply.Has(closes ? "Connection: close" : "Connection: keep-alive"));
+    EXPECT_EQ(reply.Has("Content-Type: text/plain"), body.ends_with("\n"));
+    EXPECT_EQ(reply.Has("Content-Length: " + std::to_string(body.size())), status != 204);
+    EXPECT_EQ(reply.Has("Allow: GET, HEAD"), status == 405);
+    EXPECT_EQ(closes ? client->ReadToEnd() : client->Get("/").Body, closes ? "" : "hello");
+    EXPECT_FALSE(client->WasReset());
   }
   EXPECT_EQ(FLastError.Copy(), "no page today");
   FExpectedErrors = 3;
   // A body without an end is not read for ever.
-  TRawClient endless(FServer->Port());
-  endless.Send("POST / HTTP/1.1\r\nContent-Length: 999999999\r\n\r\n" + *Big());
-  EXPECT_TRUE(endless.WasReset());
+  const auto endless = Client("POST / HTTP/1.1\r\nContent-Length: 999999999\r\n\r\n" + *Big());
+  EXPECT_TRUE(endless->WasReset());
 }
 
 TEST_F(HttpServerTest, LimitsTheWholeHeaderNotItsLines) {
@@ -191,14 +181,12 @@ TEST_F(HttpServerTest, LimitsTheWholeHeaderNotItsLines) {
   while (lines.size() < kLimit - 100) lines += "b\r\nC: ";
   for (const std::string& text : {begin, lines}) {
     const std::string atLimit = text + std::string(kLimit - text.size() - 4, 'x') + "\r\n\r\n";
-    TRawClient client(FServer->Port());
-    client.Send(kGet + atLimit + atLimit + text + "y" + atLimit.substr(text.size()));
-    for (const int status : {200, 200, 200, 431}) EXPECT_EQ(client.ReadReply().Status(), status);
-    EXPECT_EQ(client.ReadToEnd(), "");
+    const auto client = Client(kGet + atLimit + atLimit + text + "y" + atLimit.substr(text.size()));
+    for (const int status : {200, 200, 200, 431}) EXPECT_EQ(client->ReadReply().Status(), status);
+    EXPECT_EQ(client->ReadToEnd(), "");
     // A header without an end is refused too, before it is twice as long.
-    TRawClient endless(FServer->Port());
-    endless.Send(text + std::string(2 * kLimit - text.size(), 'x'));
-    EXPECT_EQ(endless.ReadReply().Status(), 431);
+    const auto endless = Client(text + std::string(2 * kLimit - text.size(), 'x'));
+    EXPECT_EQ(endless->ReadReply().Status(), 431);
   }
 }
 
@@ -221,17 +209,15 @@ TEST_F(HttpServerTest, AnswersPipelinedRequestsInOrderWithExactlyThePromisedByte
   FFileSize = Big()->size() + 1;  // It has shrunk since.
   client.Send(kGetFile + kNever);
   EXPECT_EQ(client.ReadReply().Body, *Big());
-  TRawClient refused(FServer->Port());
-  refused.Send("HEAD /" + kEnd + "POST /" + kEnd);
-  refused.ReadHead();
-  EXPECT_EQ(refused.ReadReply().Body, "Method Not Allowed\n");
+  const auto refused = Client("HEAD /" + kEnd + "POST /" + kEnd);
+  refused->ReadHead();
+  EXPECT_EQ(refused->ReadReply().Body, "Method Not Allowed\n");
   EXPECT_TRUE(Eventually([] { return timesTrimmed > 0; }));
 }
 
 TEST_F(HttpServerTest, SendsOneFixedSetOfHeaders) {
   Start();
-  TRawClient client(FServer->Port());
-  EXPECT_EQ(ReplaceAll(client.Get("/forge").Head, "\r\n", "|"),
+  EXPECT_EQ(ReplaceAll(Client()->Get("/forge").Head, "\r\n", "|"),
             "HTTP/1.1 200 OK|Date: Sat, 21 Nov 2026 06:00:00 GMT|Content-Type: text/css_X-Two: "
             "2|Content-Disposition: inline; "
             "filename=\"a__X-One: 1_____\"|Content-Length: 5|Connection: keep-alive|Cache-Control: "
@@ -266,20 +252,19 @@ TEST_F(HttpServerTest, GivesAHeaderTenSecondsWhateverDripsInAndAnEndTwo) {
   }
   Sync();
   FClock.Advance(milliseconds(2));
-  TRawClient last(FServer->Port());
-  last.Send("GET / HTTP/1.0\r\n\r\n");
-  EXPECT_THAT(last.ReadToEnd(), EndsWith("hello"));
+  const auto last = Client("GET / HTTP/1.0\r\n\r\n");
+  EXPECT_THAT(last->ReadToEnd(), EndsWith("hello"));
   Sync();
   FClock.Advance(milliseconds(1'999));  // 10.000
   EXPECT_EQ(silent.ReadToEnd(), "");
-  last.Send("x");
+  last->Send("x");
   late.Send(".1\r\n\r\n");
   EXPECT_EQ(late.ReadReply().Body, "hello");
   Sync();
-  EXPECT_FALSE(last.WasReset());
+  EXPECT_FALSE(last->WasReset());
   FClock.Advance(milliseconds(1));
   EXPECT_EQ(dripping.ReadToEnd(), "");
-  EXPECT_TRUE(Eventually([&] { return last.Send("x"), last.WasReset(); }));
+  EXPECT_TRUE(Eventually([&] { return last->Send("x"), last->WasReset(); }));
   EXPECT_EQ(late.Get("/").Body, "hello");  // The time begins again with each answer.
   // One that comes after all have gone, and the sweep has ended, is watched too.
   for (int round = 0; round < 3; ++round) {
@@ -389,10 +374,10 @@ TEST_F(HttpServerTest, KeepsPagesThatMayBlockFromTheOthersAndFromTheEnd) {
   FOptions.StopGrace = milliseconds(10);
   FFolder.Write("log.html", "");
   StartOn(FClock);
-  auto one = Client("GET /wait HTTP/1.1\r\n\r\n");
+  auto one = Client("GET /wait" + kEnd);
   EXPECT_TRUE(Eventually([this] { return FWaiting == 1; }));
   FClock.Advance(milliseconds(6'000));
-  auto two = Client("GET /wait HTTP/1.1\r\n\r\n");
+  auto two = Client("GET /wait" + kEnd);
   EXPECT_TRUE(Eventually([this] { return FWaiting == 2; }));
   FClock.Advance(milliseconds(5'000));
   EXPECT_EQ(Client(kGet)->ReadReply().Body, "hello");
@@ -411,7 +396,7 @@ TEST_F(HttpServerTest, KeepsPagesThatMayBlockFromTheOthersAndFromTheEnd) {
 
 TEST_F(HttpServerTest, GoesOnUnlessItsThreadStandsStill) {
   Start();
-  const auto client = Client("GET /wait HTTP/1.1\r\n\r\n");
+  const auto client = Client("GET /wait" + kEnd);
   EXPECT_TRUE(Eventually([this] { return FWaiting == 1; }));
   EXPECT_TRUE(FServer->GoesOn()) << "asked for the first time";
   EXPECT_FALSE(FServer->GoesOn());
@@ -472,9 +457,9 @@ TEST_F(HttpServerTest, FinishesTheAnswerThatIsUnderWayWhenStopped) {
 }
 
 // The status and the body, of a long one its length; or what was thrown.
-std::string Outcome(const std::string& address, milliseconds timeout = kPatience) {
+std::string Outcome(const std::string& address, int timeoutMs = kHangLimitMs) {
   try {
-    const auto [status, body] = HttpGet(address, timeout);
+    const auto [status, body] = HttpGet(address, milliseconds(timeoutMs));
     const bool isLong = body.size() > 100;
     return std::to_string(status) + " " + (isLong ? std::to_string(body.size()) : body);
   } catch (const EHttpUnreachable& error) {
@@ -490,12 +475,7 @@ TEST(HttpClientTest, ReadsAnswersOrTellsWhyItFailed) {
   const std::set<int> descriptors = OpenDescriptors();
   const std::string largest(16 * 1024 * 1024, 'x');
   enum class TThen { Close, Hold, Drip };
-  const struct {
-    std::string Reply;
-    TThen Then;
-    std::string Outcome, Failure;
-    milliseconds Timeout = kPatience;
-  } cases[] = {
+  const std::tuple<std::string, TThen, std::string, std::string> cases[] = {
       {Ok("Content-Length: 5\r\n\r\nhello"), TThen::Hold, "200 hello", ""},
       {Ok("\r\nhello"), TThen::Close, "200 hello", ""},
       {"HTTP/1.0 399 Odd\r\n\r\n", TThen::Close, "399 ", ""},
@@ -504,10 +484,10 @@ TEST(HttpClientTest, ReadsAnswersOrTellsWhyItFailed) {
       {Ok("\r\n" + largest + "x"), TThen::Hold, "", "body limit exceeded"},
       {Ok("A: " + std::string(66'000, 'x')), TThen::Hold, "", "header limit exceeded"},
       {"", TThen::Close, "", "end of stream"},
-      {Ok("\r\n"), TThen::Drip, "", "timed out after 50 ms", milliseconds(50)},
+      {Ok("\r\n"), TThen::Drip, "", "timed out after 50 ms"},
   };
-  for (const auto& item : cases) {
-    SCOPED_TRACE(item.Reply.substr(0, 80) + item.Failure);
+  for (const auto& [reply, then, expected, failure] : cases) {
+    SCOPED_TRACE(reply.substr(0, 80) + failure);
     const TFileDescriptor listener = ListenOnLoopback(0);
     const std::string host = "127.0.0.1:" + std::to_string(PortOf(listener));
     std::string request;
@@ -515,14 +495,15 @@ TEST(HttpClientTest, ReadsAnswersOrTellsWhyItFailed) {
       TRawClient peer(TFileDescriptor(::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC)));
       request = peer.ReadToEmptyLine();
       EXPECT_EQ(Inherited(descriptors), 0);
-      peer.Send(item.Reply);
-      while (item.Then == TThen::Drip && !peer.WaitGone(1)) peer.Send("x");
-      if (item.Then == TThen::Hold) peer.ReadToEnd();
+      peer.Send(reply);
+      while (then == TThen::Drip && !peer.WaitGone(1)) peer.Send("x");
+      if (then == TThen::Hold) peer.ReadToEnd();
     });
-    const std::string outcome = Outcome(host + "/status.php", item.Timeout);
+    const std::string outcome =
+        Outcome(host + "/status.php", then == TThen::Drip ? 50 : kHangLimitMs);
     server.Join();
-    EXPECT_THAT(outcome, AllOf(StartsWith(item.Outcome), HasSubstr(item.Failure)));
-    EXPECT_EQ(outcome.starts_with("HTTP GET " + host + "/status.php: "), item.Outcome.empty());
+    EXPECT_THAT(outcome, AllOf(StartsWith(expected), HasSubstr(failure)));
+    EXPECT_EQ(outcome.starts_with("HTTP GET " + host + "/status.php: "), expected.empty());
     EXPECT_EQ(request,
               "GET /status.php HTTP/1.1\r\nHost: " + host + "\r\nConnection: close\r\n\r\n");
   }
