@@ -168,8 +168,7 @@ class TSlowFileSystem final : public TFakeFileSystem {
     return exists;
   }
 
-  std::atomic<bool> Exists = false;
-  std::atomic<bool> StandsStill = false;
+  std::atomic<bool> Exists = false, StandsStill = false;
 };
 
 TEST(DaemonPathTest, IsLookedAtForEachPageUnlessTheLookStandsStill) {

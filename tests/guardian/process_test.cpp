@@ -129,16 +129,10 @@ class TAlarms {
   explicit TAlarms(useconds_t interval) {
     struct sigaction action {};
     action.sa_handler = [](int) {};
-    ::sigaction(SIGALRM, &action, &FBefore);
+    ::sigaction(SIGALRM, &action, nullptr);
     ::ualarm(interval, interval);
   }
-  ~TAlarms() {
-    ::ualarm(0, 0);
-    ::sigaction(SIGALRM, &FBefore, nullptr);
-  }
-
- private:
-  struct sigaction FBefore {};
+  ~TAlarms() { ::ualarm(0, 0); }
 };
 
 // After each test: no temporary file, no descriptor, no child of ours and no signal mask is left.

@@ -60,10 +60,7 @@ class StatusPagesTest : public testing::Test {
 
   THttpResponse Answer(const std::string& path, const std::string& site = "",
                        const std::string& method = "GET", const std::string& query = "") {
-    THttpRequest request;
-    request.Method = method;
-    request.Query = query;
-    request.Path = path;
+    THttpRequest request{method, path, query, {}};
     if (!site.empty()) request.Headers = {{"Sec-Fetch-Site", site}};
     return BuildPage(request, {FHasGuardian ? &FGuardian : nullptr,
                                [this] { FGuardian.Requests += "end "; }, FPort, &FGuard});
@@ -198,8 +195,7 @@ TEST_F(StatusPagesTest, AnswersOpenMetricsToThoseAloneWhoTakeIt) {
       {"text/html,\tApplication/OpenMetrics-Text;version=1.0.0 ; q=0.001", true},
       {"application/openmetrics-text;Q=0,application/openmetrics-text;version=0.0.1", true}};
   for (const auto& [accept, isOpen] : cases) {
-    THttpRequest request = RequestOf("GET", "/metrics");
-    request.Headers = {{"Accept", accept}};
+    const THttpRequest request{"GET", "/metrics", "", {{"Accept", accept}}};
     const THttpResponse response = BuildPage(request, {&FGuardian, {}, FPort, &FGuard});
     EXPECT_THAT(response.Body, HasSubstr(isOpen ? " vellumark_guardian_restarts counter\n"
                                                 : " vellumark_guardian_restarts_total counter\n"));
@@ -210,21 +206,27 @@ TEST_F(StatusPagesTest, AnswersOpenMetricsToThoseAloneWhoTakeIt) {
   }
 }
 
-TEST_F(StatusPagesTest, LeavesEachControlRequestToTheGuardianAndActsForNobodyElse) {
-  const std::tuple<const char*, const char*, const char*> deeds[] = {
-      {"/startdaemon.php", "start ", "VellumarkCL will be started"},
-      {"/stopdaemon.php", "stop ", "VellumarkCL will be asked to stop."},
-      {"/terminatedaemon.php", "terminate ", "STOP signal will be sent to VellumarkCL"},
-      {"/killdaemon.php", "kill ", "KILL signal will be sent to VellumarkCL"},
-      {"/terminateguardian.php", "end ", "Guardian stopped."}};
+TEST_F(StatusPagesTest, AsksOnceMoreBeforeADeedWhichItLeavesToTheGuardianAndDoesForNobodyElse) {
+  const std::tuple<std::string, const char*, const char*> deeds[] = {
+      {"startdaemon.php", "start ", "VellumarkCL will be started"},
+      {"stopdaemon.php", "stop ", "VellumarkCL will be asked to stop."},
+      {"terminatedaemon.php", "terminate ", "STOP signal will be sent to VellumarkCL"},
+      {"killdaemon.php", "kill ", "KILL signal will be sent to VellumarkCL"},
+      {"terminateguardian.php", "end ", "Guardian stopped."}};
   std::string requests;
   for (const auto& [page, deed, answer] : deeds) {
-    EXPECT_EQ(Answer(page, "same-origin").CacheControl, "no-cache");
+    const std::string path = "/" + page;
+    EXPECT_EQ(Answer(path, "same-origin").CacheControl, "no-cache");
     EXPECT_EQ(FGuardian.Requests, requests += deed);
-    EXPECT_EQ(Answer(page, "", "HEAD").Body, answer);
-    EXPECT_EQ(Answer(page, "cross-site").Status, 403);
-    EXPECT_EQ(Get(page, "cross-site"), "Refused: the request comes from another site.");
+    EXPECT_EQ(Answer(path, "", "HEAD").Body, answer);
+    EXPECT_EQ(Answer(path, "cross-site").Status, 403);
+    EXPECT_EQ(Get(path, "cross-site"), "Refused: the request comes from another site.");
+    EXPECT_THAT(Answer("/confirm.html", "", "GET", page).Body,
+                HasSubstr("<a href=\"" + page + "\">Yes</a></li><li><a href=\"overview.html\">"));
     EXPECT_EQ(FGuardian.Requests, requests);
+  }
+  for (const char* const query : {"", "status.php", "killdaemon.php&x", "//elsewhere"}) {
+    EXPECT_EQ(Answer("/confirm.html", "", "GET", query).Status, 400);
   }
   FHasGuardian = false;
   EXPECT_EQ(Get("/killdaemon.php") + Get("/hold.html"),
@@ -312,18 +314,6 @@ TEST_F(StatusPagesTest, ShowsInTheOverviewHowItIs) {
   EXPECT_TRUE(shows("<td>1420<") && !shows("<td>1419<")) << "the last 20";
   FHasGuardian = false;
   EXPECT_THAT(Get("/overview.html"), HasSubstr("<p>The Guardian is ending.</p>"));
-}
-
-TEST_F(StatusPagesTest, AsksOnceMoreBeforeADeed) {
-  for (const std::string page : {"startdaemon.php", "stopdaemon.php", "terminatedaemon.php",
-                                 "killdaemon.php", "terminateguardian.php"}) {
-    EXPECT_THAT(Answer("/confirm.html", "", "GET", page).Body,
-                HasSubstr("<a href=\"" + page + "\">Yes</a></li><li><a href=\"overview.html\">"));
-  }
-  for (const char* const query : {"", "status.php", "killdaemon.php&x", "//elsewhere"}) {
-    EXPECT_EQ(Answer("/confirm.html", "", "GET", query).Status, 400);
-  }
-  EXPECT_EQ(FGuardian.Requests, "");
 }
 
 TEST_F(StatusPagesTest, ShowsTheMainPageWithEverythingFromOutsideEscaped) {
