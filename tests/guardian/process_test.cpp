@@ -68,10 +68,9 @@ TShellCommand Command(const std::string& line) {
 
 // Asked every millisecond, the ending takes each step in exactly the millisecond of its limit.
 TEST(ShellEndingTest, TakesEachStepAtItsLimit) {
-  constexpr std::int64_t kNever = 100'000;
+  constexpr int kNever = 100'000;
   constexpr std::uint64_t kMost = 134'217'728;
-  using TSteps = const char*;
-  const std::tuple<int, std::uint64_t, std::int64_t, std::int64_t, TSteps, TShellEnd> cases[] = {
+  const std::tuple<int, std::uint64_t, int, int, std::string, TShellEnd> cases[] = {
       {500, kMost, kNever, kNever, "terminate 500, kill 2500, give up 4500, ", TShellEnd::TimedOut},
       {9'000, kMost, kNever, kNever, "", TShellEnd::Exited},
       {500, kMost + 1, kNever, kNever, "terminate 0, kill 2000, give up 4000, ",
@@ -94,7 +93,7 @@ TEST(ShellEndingTest, TakesEachStepAtItsLimit) {
       }
       if (action == TShellAction::GiveUp) break;
     }
-    EXPECT_EQ(std::pair(steps, ending.Reason()), std::pair(std::string(expected), reason));
+    EXPECT_EQ(std::pair(steps, ending.Reason()), std::pair(expected, reason));
   }
 }
 
@@ -415,7 +414,10 @@ const TRegisterChild kReaper("reaper", [](const std::vector<std::string>& /*argu
   return isReaped && !testing::Test::HasFailure() ? 0 : 1;
 });
 
-TEST_F(ProcessTest, ReapsOrphansWhereTheyFallToIt) { EXPECT_EQ(RunChild("reaper").ExitCode, 0); }
+TEST_F(ProcessTest, ReapsOrphansWhereTheyFallToIt) {
+  const TRun run = RunChild("reaper");
+  EXPECT_EQ(run.ExitCode, 0) << run.Output;
+}
 
 class RunnersTest : public ProcessTest, public testing::WithParamInterface<bool> {};
 INSTANTIATE_TEST_SUITE_P(Both, RunnersTest, testing::Bool());
