@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <new>
 
-#include "common/AtEnd.h"
 #include "common/DiagnosticMessage.h"
 #include "config/KZSqlIniFiles.h"
 #include "diagnostics/exception_report.h"
@@ -32,9 +31,12 @@ bool HasFailed() { return allocationsUntilFailure <= 0; }
 // for every so many unless FAILING_ALLOCATIONS is set. What is done then may
 // fail, but not end the process, wait for ever or leave anything behind, and it
 // works the next time.
-class GuardianMainTest : public testing::Test {
+class FailingAllocationsTest : public testing::Test {
  protected:
-  ~GuardianMainTest() override { std::cout << FTried << " failing allocations tried\n"; }
+  ~FailingAllocationsTest() override {
+    FService.Stop();
+    std::cout << FTried << " failing allocations tried\n";
+  }
 
   void FailEach(int every, const std::function<void()>& act, const std::function<void()>& check) {
     if (std::getenv("FAILING_ALLOCATIONS") != nullptr) every = 1;
@@ -66,12 +68,6 @@ class GuardianMainTest : public testing::Test {
   const TTempFolder FFolder;
   const bool FSet = (Settings().LogDirectory.Set(FFolder.Path()), true);
   int FTried = 0;
-};
-
-class FailingAllocationsTest : public GuardianMainTest {
- protected:
-  ~FailingAllocationsTest() override { FService.Stop(); }
-
   TKZCustomApplication FApplication;
   TUnits FUnits;
   TFakeSurroundings FFakes;
@@ -141,10 +137,9 @@ TEST_F(FailingAllocationsTest, APipeMessageThereAndBack) {
 }
 
 TEST_F(FailingAllocationsTest, AnExceptionReport) {
-  const std::string failing = "failing";
   int reports = 0;
   FailEach(
-      1, [&] { HandleException(FError, TLogToFiles::Yes, failing); },
+      1, [&] { HandleException(FError, TLogToFiles::Yes, "failing"); },
       [&] {
         const std::string where = "Where: later " + std::to_string(++reports);
         HandleException(FError, TLogToFiles::Yes, where.substr(7));
@@ -189,11 +184,7 @@ TEST_F(FailingAllocationsTest, AStartThatIsTriedAgain) {
   const auto make = [&] {
     service.emplace(FFakes.Make([](auto&, int) { return TShellOutcome{}; }));
   };
-  const auto start = [&] {
-    make();
-    service->Start();
-  };
-  FailEach(1, start, [&] {
+  const auto check = [&] {
     if (!service) make();
     service->StartTimer();
     EXPECT_TRUE(Eventually([&] {
@@ -201,28 +192,9 @@ TEST_F(FailingAllocationsTest, AStartThatIsTriedAgain) {
       return service->Reading().Rounds > 0;
     }));
     service.reset();
-  });
-}
-
-// What could not start starts later, unless nothing could: then the status says so.
-TEST_F(GuardianMainTest, RunsOrFailsAndEnds) {
-  if (std::getenv("FAILING_ALLOCATIONS") == nullptr) GTEST_SKIP() << "scripts/failing-calls";
-  const auto live = [] {
-    TFakeClock clock;
-    std::atomic<bool> ended = false;
-    const TCrew ending(1, [&](int) {
-      while (!ended) {
-        (void)ThrownMessage([] { (void)Page("terminateguardian.php"); });
-        if (HasFailed()) clock.Advance(std::chrono::seconds(10));
-        SystemClock().Sleep(std::chrono::milliseconds(20));
-      }
-    });
-    const TAtEnd end([&] { ended = true; });
-    return GuardianMain(clock);
   };
   FailEach(
-      11, [&] { EXPECT_TRUE(live() == kExitOk || HasFailed()); },
-      [&] { EXPECT_EQ(live(), kExitOk); });
+      1, [&] { make(), service->Start(); }, check);
 }
 
 // With an empty TMPDIR, a setting that it does not know, a daemon that is not there, and a report
@@ -260,8 +232,7 @@ TEST(GuardianMainSurroundingsTest, StartsLaterWhatHadNoThreadOrFails) {
   for (int number = 1; threadsUntilFailure == 0; ++number) {
     SCOPED_TRACE(number);
     TFakeClock clock;
-    std::atomic<bool> ended = false;
-    std::atomic<bool> watches = false;
+    std::atomic<bool> ended = false, watches = false;
     TCrew ending(1, [&](int) {
       EXPECT_TRUE(Eventually([&] {
         clock.Advance(std::chrono::seconds(10));

@@ -34,9 +34,7 @@ class TFakeScheduler final : public TScheduler {
   }
   std::int64_t Pulse() const noexcept override { return LastPulse; }
 
-  bool MutexOK = true;
-  bool PipeOK = true;
-  bool Throws = false;
+  bool MutexOK = true, PipeOK = true, Throws = false;
   std::int64_t LastPulse = 0;
   std::vector<TSyncCommMessages> Sent;
 };

@@ -42,6 +42,12 @@ class GuardianServiceTest : public testing::Test {
     return testing::internal::GetCapturedStdout();
   }
 
+  // From here on a round runs when the test says so.
+  void StartWithoutTimer() {
+    Start("MUTEX=/m\n");
+    FService.Pause();
+  }
+
   // One round, so many milliseconds after the last; returns the commands that it ran.
   std::vector<std::string> TickAfter(int ms) {
     FFakes.Clock.Advance(milliseconds(ms));
@@ -96,9 +102,8 @@ TEST_F(GuardianServiceTest, TakesTheDirectoriesFromTheHandshake) {
   EXPECT_THAT(TakeRun(), ElementsAre(kAskPaths));
   const TGuardianStatus status = FService.Status();
   EXPECT_TRUE(status.GotPaths && !status.GetPathsError && status.DaemonPathExists);
-  EXPECT_EQ(status.DaemonTempPath, "/t");
-  EXPECT_EQ(status.MutexPath, "/m/vellumark$qrnd$schedulermutex");
-  EXPECT_EQ(Settings().LogDirectory.Copy(), "/l");
+  EXPECT_EQ(std::tuple(status.DaemonTempPath, status.MutexPath, Settings().LogDirectory.Copy()),
+            std::tuple("/t", "/m/vellumark$qrnd$schedulermutex", "/l"));
   EXPECT_THAT(DetailedLog(), HasSubstr("<br>Guardian started, v1.50<br>"));
   EXPECT_THAT(ShortLog(), EndsWith("  INFO: Guardian Service Started"));
   EXPECT_EQ(SchedulerMutexPath(), "/m/vellumark$qrnd$schedulermutex") << "the pipe directory";
@@ -163,8 +168,7 @@ class TSlowFileSystem final : public TFakeFileSystem {
     return exists;
   }
 
-  std::atomic<bool> Exists = false;
-  std::atomic<bool> StandsStill = false;
+  std::atomic<bool> Exists = false, StandsStill = false;
 };
 
 TEST(DaemonPathTest, IsLookedAtForEachPageUnlessTheLookStandsStill) {
@@ -184,8 +188,7 @@ TEST(DaemonPathTest, IsLookedAtForEachPageUnlessTheLookStandsStill) {
 
 TEST_F(GuardianServiceTest, NeitherStartsNorEndsADaemonThatItCannotSee) {
   FAnswers[kPs] = {"", "Error executing ps", true};
-  Start("MUTEX=/m\n");
-  FService.Pause();
+  StartWithoutTimer();
   FFakes.Scheduler->MutexOK = FFakes.Scheduler->PipeOK = false;
   for (int tick = 0; tick < 12; ++tick) EXPECT_THAT(TickAfter(1'000), ElementsAre(kPs));
   EXPECT_THAT(*FService.Status().StatusText, EndsWith(", ServiceOK=?, PID="));
@@ -197,8 +200,7 @@ TEST_F(GuardianServiceTest, HoldsNoLookThatFailedAndNoLineOfItsOwnForTheDaemon) 
   DaemonRunsAs(
       "77 1 0 VellumarkCL\n77 root VellumarkCL\n1000 77 1 VellumarkCL\nx 1 VellumarkCL /RUN\n"
       "x 2 VellumarkCL <defunct>\nx 3 [VellumarkCL]\nx 4 grep \"VellumarkCL\"\nroot 5 77");
-  Start("MUTEX=/m\n");
-  FService.Pause();
+  StartWithoutTimer();
   FFakes.Scheduler->Throws = true;
   for (int tick = 0; tick < 12; ++tick) EXPECT_THAT(TickAfter(1'000), ElementsAre(kPs));
   EXPECT_THAT(*FService.Status().StatusText, EndsWith(", ServiceOK=Y, PID=5"));
@@ -283,8 +285,7 @@ TEST_F(GuardianServiceTest, AHealthyDaemonCostsOneProcessListAMinuteOfSteadyTime
 
 TEST_F(GuardianServiceTest, RestartsAHungDaemonStepByStepAndCountsIt) {
   DaemonRunsAs("5");
-  Start("MUTEX=/m\n");
-  FService.Pause();
+  StartWithoutTimer();
   FFakes.Clock.Advance(milliseconds(4'000));
   EXPECT_FALSE(FService.Status().Watchdog.CheckAgeSec);
   EXPECT_NEAR(FService.Status().Watchdog.PulseAgeSec, 4, 0.01);
@@ -323,8 +324,7 @@ TEST_F(GuardianServiceTest, RestartsAHungDaemonStepByStepAndCountsIt) {
 
 TEST_F(GuardianServiceTest, LooksAndNeitherStartsNorEndsDuringAHold) {
   DaemonRunsAs("5");
-  Start("MUTEX=/m\n");
-  FService.Pause();
+  StartWithoutTimer();
   FFakes.Scheduler->MutexOK = false;
   for (int tick = 0; tick < 8; ++tick) TickAfter(1'000);
   FService.Hold(std::chrono::minutes(5));
@@ -420,8 +420,7 @@ TEST_F(GuardianServiceTest, ARequestIsCarriedOutASecondLaterAndThenTheTimerIsSlo
 }
 
 TEST_F(GuardianServiceTest, SaysThatItIsPausedContinuedOrStopped) {
-  Start("MUTEX=/m\n");
-  FService.Pause();
+  StartWithoutTimer();
   EXPECT_THAT(ShortLog(), EndsWith("  INFO: Guardian Service PAUSED"));
   EXPECT_TRUE(FService.Continue());
   EXPECT_THAT(ShortLog(), EndsWith("  INFO: Guardian Service CONTINUED"));
@@ -447,28 +446,21 @@ TEST(DaemonConfDirTest, FollowsTheLayoutOfTheBox) {
   const std::string store = "/volume2/@appstore/Vellumark/usr/bin/VellumarkGuardian";
   const std::string appData = "/volume2/@appdata/Vellumark";
   const std::string plugins = "/volume1/.@plugins/etc";
-  const struct {
-    std::string Own;
-    std::set<std::string> Directories;
-    std::string ConfIn;
-    std::string Expected;
-    bool IsAppData;
-  } cases[] = {
-      {kOwnPath, {appData}, "", "/etc", false},
-      {kOwnPath, {plugins}, "", plugins, false},
-      {kOwnPath, {plugins}, "/etc", "/etc", false},
-      {store, {}, "", "/etc", false},
-      {store, {appData}, "", appData, true},
-      {store, {appData, plugins}, "", plugins, true},
-      {store, {appData, plugins}, appData, appData, true},
+  const std::tuple<std::string, std::set<std::string>, std::string, TDaemonConfDir> cases[] = {
+      {kOwnPath, {appData}, "", {"/etc", false}},
+      {kOwnPath, {plugins}, "", {plugins, false}},
+      {kOwnPath, {plugins}, "/etc", {"/etc", false}},
+      {store, {}, "", {"/etc", false}},
+      {store, {appData}, "", {appData, true}},
+      {store, {appData, plugins}, "", {plugins, true}},
+      {store, {appData, plugins}, appData, {appData, true}},
   };
-  for (const auto& [own, directories, confIn, expected, isAppData] : cases) {
+  for (const auto& [own, directories, confIn, expected] : cases) {
     TFakeFileSystem files;
     files.Directories = directories;
     files.Files[confIn + "/VellumarkCL.conf"] = "";
-    const TDaemonConfDir found = FindDaemonConfDir(own, files);
-    EXPECT_EQ(found.Directory, expected) << confIn;
-    EXPECT_EQ(found.IsAppData, isAppData) << confIn;
+    const auto [directory, isAppData] = FindDaemonConfDir(own, files);
+    EXPECT_EQ(std::tie(directory, isAppData), std::tie(expected.Directory, expected.IsAppData));
   }
 }
 
@@ -476,10 +468,8 @@ TEST(RealFileSystemTest, TellsFilesFromFoldersAndSaysWhyItCannotRead) {
   const TTempFolder folder;
   folder.Write("file", "text");
   const TFileSystemView& files = RealFileSystem();
-  EXPECT_TRUE(files.FileExists(folder.Path("file")));
-  EXPECT_FALSE(files.FileExists(folder.Path()));
-  EXPECT_TRUE(files.DirectoryExists(folder.Path()));
-  EXPECT_FALSE(files.DirectoryExists(folder.Path("file")));
+  EXPECT_TRUE(files.FileExists(folder.Path("file")) && !files.FileExists(folder.Path()));
+  EXPECT_TRUE(files.DirectoryExists(folder.Path()) && !files.DirectoryExists(folder.Path("file")));
   EXPECT_EQ(files.ReadText(folder.Path("file")), "text");
   EXPECT_THROW((void)files.ReadText(folder.Path("missing")), ESystemError);
   EXPECT_THROW((void)files.ReadText(folder.Path()), ESystemError);

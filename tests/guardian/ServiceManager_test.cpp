@@ -1,29 +1,10 @@
 #include "guardian/ServiceManager.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
-
-#include "common/FileDescriptor.h"
+#include "guardian/NotifySocket.h"
 #include "support/TestSupport.h"
 
 namespace guardian {
 namespace {
-
-TFileDescriptor ListenAt(const std::string& name) {
-  TFileDescriptor socket(::socket(AF_UNIX, SOCK_DGRAM, 0));
-  sockaddr_un address{AF_UNIX, {}};
-  name.copy(address.sun_path, name.size());
-  if (name.front() == '@') address.sun_path[0] = '\0';
-  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
-  EXPECT_EQ(::bind(socket.Get(), reinterpret_cast<sockaddr*>(&address), length), 0);
-  return socket;
-}
-
-// The next datagram; empty when none waits.
-std::string Received(const TFileDescriptor& socket) {
-  char bytes[4'096] = {};
-  return ::recv(socket.Get(), bytes, sizeof(bytes) - 1, MSG_DONTWAIT) < 0 ? "" : bytes;
-}
 
 TEST(ServiceManagerTest, ReportsFourTimesInTheTimeOfItsOwnWatchdogAndAtLeastEachTenSeconds) {
   const std::tuple<const char*, const char*, int> cases[] = {
@@ -51,7 +32,7 @@ TEST(ServiceManagerTest, IsToldAgainWhatItDidNotTakeAndIsFedWhileNothingStandsSt
   EXPECT_FALSE(TServiceManager().IsDue()) << "too long";
   ::setenv("WATCHDOG_PID", std::to_string(::getpid()).c_str(), 1);
   for (const std::string& name : {folder.Path("socket"), "@" + folder.Path("abstract")}) {
-    const TFileDescriptor socket = ListenAt(name);
+    const TFileDescriptor socket = NotifySocketAt(name);
     TFakeClock clock;
     ::setenv("NOTIFY_SOCKET", name.c_str(), 1);
     ::setenv("WATCHDOG_USEC", "8000000", 1);
@@ -60,12 +41,12 @@ TEST(ServiceManagerTest, IsToldAgainWhatItDidNotTakeAndIsFedWhileNothingStandsSt
     const auto report = [&](int ms, const char* status, const char* standsStill) {
       clock.Advance(std::chrono::milliseconds(ms));
       if (manager.IsDue()) manager.Report(status, standsStill);
-      return Received(socket);
+      return ReceivedNotice(socket);
     };
     manager.ExtendStart();
     for (int i = 0; i < 10'000; ++i) manager.ReportEnd();
     EXPECT_TRUE(report(0, "", "").starts_with("EXTEND_TIMEOUT_USEC=660000000\n"));
-    while (!Received(socket).empty()) continue;
+    while (!ReceivedNotice(socket).empty()) continue;
     EXPECT_EQ(report(2'000, "", ""), "READY=1\nSTATUS=\nWATCHDOG=1\n");
     EXPECT_EQ(report(1'999, "a", ""), "");
     EXPECT_EQ(report(1, "a", ""), "STATUS=a\nWATCHDOG=1\n");

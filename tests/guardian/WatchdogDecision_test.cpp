@@ -109,8 +109,7 @@ struct TLifeModel {
   TSteps Expect(const TObservation& seen) {
     const bool allOK = seen.MutexOK && seen.PipeOK && seen.ServiceOK;
     const bool counts = seen.ServiceOK && seen.MutexPathKnown;
-    const bool mutexLost = counts && !seen.MutexOK;
-    const bool pipeLost = counts && !seen.PipeOK;
+    const bool mutexLost = counts && !seen.MutexOK, pipeLost = counts && !seen.PipeOK;
     TSteps steps;
     if (!allOK || seen.Now - LoggedAt > 60.5 * kSecond) {
       steps.emplace_back("status logged");
@@ -132,9 +131,7 @@ struct TLifeModel {
   TDateTime LoggedAt = 0;
   TDateTime PulseAt = kStart;
   std::int64_t Pulse = 0;
-  int MutexFailures = 0;
-  int PipeFailures = 0;
-  int Restarts = 0;
+  int MutexFailures = 0, PipeFailures = 0, Restarts = 0;
 };
 
 // Hours of rounds under faults that come and go at random, with jumps of the clock.

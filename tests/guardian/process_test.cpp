@@ -68,16 +68,9 @@ TShellCommand Command(const std::string& line) {
 
 // Asked every millisecond, the ending takes each step in exactly the millisecond of its limit.
 TEST(ShellEndingTest, TakesEachStepAtItsLimit) {
-  constexpr std::int64_t kNever = 100'000;
+  constexpr int kNever = 100'000;
   constexpr std::uint64_t kMost = 134'217'728;
-  const struct {
-    int TimeoutMs;
-    std::uint64_t OutputBytes;
-    std::int64_t CancelledAt;
-    std::int64_t AsleepAt;  // For an hour.
-    const char* Steps;
-    TShellEnd Reason;
-  } cases[] = {
+  const std::tuple<int, std::uint64_t, int, int, std::string, TShellEnd> cases[] = {
       {500, kMost, kNever, kNever, "terminate 500, kill 2500, give up 4500, ", TShellEnd::TimedOut},
       {9'000, kMost, kNever, kNever, "", TShellEnd::Exited},
       {500, kMost + 1, kNever, kNever, "terminate 0, kill 2000, give up 4000, ",
@@ -87,21 +80,20 @@ TEST(ShellEndingTest, TakesEachStepAtItsLimit) {
       {0, 0, 2100, kNever, "terminate 0, kill 2000, give up 2400, ", TShellEnd::TimedOut},
       {5'000, 0, kNever, 300, "terminate 3604000, kill 3606000, ", TShellEnd::TimedOut},
   };
-  for (const auto& expected : cases) {
-    SCOPED_TRACE(expected.Steps);
-    TShellEnding ending(std::chrono::milliseconds(expected.TimeoutMs), 0);
+  for (const auto& [timeoutMs, outputBytes, cancelledAt, asleepAt, expected, reason] : cases) {
+    SCOPED_TRACE(expected);
+    TShellEnding ending(std::chrono::milliseconds(timeoutMs), 0);
     std::string steps;
     for (std::int64_t round = 0; round < 8'000; ++round) {
       constexpr const char* kNames[] = {"", "terminate ", "kill ", "give up "};
-      const std::int64_t now = round < expected.AsleepAt ? round : round + 3'599'999;
-      const auto action = ending.Decide(now, expected.OutputBytes, round >= expected.CancelledAt);
+      const std::int64_t now = round < asleepAt ? round : round + 3'599'999;  // An hour's sleep.
+      const auto action = ending.Decide(now, outputBytes, round >= cancelledAt);
       if (action != TShellAction::Wait) {
         steps += kNames[static_cast<int>(action)] + std::to_string(now) + ", ";
       }
       if (action == TShellAction::GiveUp) break;
     }
-    EXPECT_EQ(steps, expected.Steps);
-    EXPECT_EQ(ending.Reason(), expected.Reason);
+    EXPECT_EQ(std::pair(steps, ending.Reason()), std::pair(expected, reason));
   }
 }
 
@@ -136,16 +128,10 @@ class TAlarms {
   explicit TAlarms(useconds_t interval) {
     struct sigaction action {};
     action.sa_handler = [](int) {};
-    ::sigaction(SIGALRM, &action, &FBefore);
+    ::sigaction(SIGALRM, &action, nullptr);
     ::ualarm(interval, interval);
   }
-  ~TAlarms() {
-    ::ualarm(0, 0);
-    ::sigaction(SIGALRM, &FBefore, nullptr);
-  }
-
- private:
-  struct sigaction FBefore {};
+  ~TAlarms() { ::ualarm(0, 0); }
 };
 
 // After each test: no temporary file, no descriptor, no child of ours and no signal mask is left.
@@ -169,14 +155,11 @@ class ProcessTest : public testing::Test {
 };
 
 TEST_F(ProcessTest, ReturnsOutputAndStatusOfTheShellUnderAnySignals) {
-  const struct {
-    const char* Line;
-    const char* Output;
-    int ExitCode;
-  } cases[] = {
+  const std::tuple<const char*, Matcher<std::string>, int> cases[] = {
       {"true", "", 0},
       {"sleep 0.1; exit 7", "", 7},
       {"kill -KILL $$", "", 137},
+      {"kz-no-such-command", HasSubstr("not found"), 127},
       {"sh -c 'echo one; echo two >&2; echo three'", "one\ntwo\nthree\n", 0},
       {R"(printf '%s|' "a b" 'c"d' "e'f" \$HOME "\"" 'x\y')", R"(a b|c"d|e'f|$HOME|"|x\y|)", 0},
       {"cat <&- 2>/dev/null || echo empty", "empty\n", 0},
@@ -187,15 +170,11 @@ TEST_F(ProcessTest, ReturnsOutputAndStatusOfTheShellUnderAnySignals) {
       {"echo lost; : >/dev/stderr; echo kept >&2; true", "kept\n", 0},
   };
   const TAlarms alarms(1'000);
-  for (const auto& expected : cases) {
-    SCOPED_TRACE(expected.Line);
-    const TRun run = RunLine(expected.Line);
-    EXPECT_EQ(run.Output, expected.Output);
-    EXPECT_EQ(run.ExitCode, expected.ExitCode);
+  for (const auto& [line, output, exitCode] : cases) {
+    const TRun run = RunLine(line);
+    EXPECT_THAT(run.Output, output) << line;
+    EXPECT_EQ(run.ExitCode, exitCode) << line;
   }
-  const TRun missing = RunLine("kz-no-such-command");
-  EXPECT_EQ(missing.ExitCode, 127);
-  EXPECT_THAT(missing.Output, HasSubstr("not found"));
   EXPECT_THAT(RunLine("echo \"unfinished").Output, HasSubstr("nterminated"));
 }
 
@@ -203,8 +182,7 @@ TEST_F(ProcessTest, ReturnsOutputAndStatusOfTheShellUnderAnySignals) {
 TEST_F(ProcessTest, ChildStartsCleanWhateverTheParentHolds) {
   const TFileDescriptor low(::open("/dev/null", O_RDWR));
   const TFileDescriptor high(::fcntl(low.Get(), F_DUPFD, 500));
-  sigset_t all;
-  sigset_t before;
+  sigset_t all, before;
   sigfillset(&all);
   ASSERT_EQ(pthread_sigmask(SIG_SETMASK, &all, &before), 0);
   const auto oldPipe = ::signal(SIGPIPE, SIG_IGN);
@@ -236,9 +214,8 @@ TEST_F(ProcessTest, CancellationEndsTheWholeGroupButNotWhatLeftIt) {
           "while [ ! -e daemon ]; do sleep 0.01; done; " +
           "echo partial; echo $$ >pid; mv pid stubborn; read line <never'",
       FWork.Path("stubborn"));
-  EXPECT_EQ(result.End, TShellEnd::Cancelled);
-  EXPECT_EQ(result.ExitCode, -1);
-  EXPECT_EQ(result.Output, "partial\n");
+  EXPECT_EQ(std::tuple(result.End, result.ExitCode, result.Output),
+            std::tuple(TShellEnd::Cancelled, -1, "partial\n"));
   EXPECT_TRUE(IsAlive(FWork.Read("daemon")));
   ::kill(std::stoi(FWork.Read("daemon")), SIGKILL);
   EXPECT_TRUE(Eventually([this] { return !IsAlive(FWork.Read("stubborn")); }));
@@ -259,11 +236,10 @@ TEST_F(ProcessTest, TimeoutEndsCommandAndACancelledOneDoesNotStart) {
 }
 
 TEST_F(ProcessTest, RunsAProgramWithoutAShell) {
-  const std::string file = FWork.Path("$(a) \"b\"");
   EXPECT_EQ(
       RunProgram({"/bin/sh", "-c", "cat && echo lost && echo lost >&2 && exit 5"}, 60).ExitCode, 5);
-  EXPECT_EQ(RunProgram({"/usr/bin/touch", file}, 60).ExitCode, 0);
-  EXPECT_TRUE(std::filesystem::exists(file));
+  EXPECT_EQ(RunProgram({"/usr/bin/touch", FWork.Path("$(a) \"b\"")}, 60).ExitCode, 0);
+  EXPECT_TRUE(FWork.Has("$(a) \"b\""));
   const auto before = ::signal(SIGCHLD, SIG_IGN);
   EXPECT_EQ(RunShell(Command("true")).End, TShellEnd::Exited) << "though its status is lost";
   ::signal(SIGCHLD, before);
@@ -290,11 +266,7 @@ TEST_F(ProcessTest, KillsTheGroupOfAChildThatNobodyWaitedForUnderAnySignals) {
 
 // The last one's writer ignores SIGTERM, but what it writes to does not grow any more.
 TEST_F(ProcessTest, CutsOutputAt16MiBAndEndsACommandThatWritesWithoutEnd) {
-  const struct {
-    std::string Line;
-    TShellEnd End;
-    std::size_t OutputBytes;
-  } cases[] = {
+  const std::tuple<std::string, TShellEnd, std::size_t> cases[] = {
       {"head -c 16777215 /dev/zero", TShellEnd::Exited, kMaxOutput - 1},
       {"echo front; head -c 16777216 /dev/zero", TShellEnd::Exited, kMaxOutput},
       {"head -c 134217728 /dev/zero", TShellEnd::Exited, kMaxOutput},
@@ -304,9 +276,9 @@ TEST_F(ProcessTest, CutsOutputAt16MiBAndEndsACommandThatWritesWithoutEnd) {
   };
   for (const auto& [line, end, outputBytes] : cases) {
     const TShellResult result = RunShell(Command(line));
-    EXPECT_EQ(result.End, end) << line;
-    EXPECT_EQ(result.ExitCode, end == TShellEnd::Exited ? 0 : -1) << line;
-    EXPECT_EQ(result.Output.size(), outputBytes) << line;
+    EXPECT_EQ(std::tuple(result.End, result.ExitCode, result.Output.size()),
+              std::tuple(end, end == TShellEnd::Exited ? 0 : -1, outputBytes))
+        << line;
   }
   EXPECT_TRUE(FWork.Has("full"));
 }
@@ -335,10 +307,9 @@ TEST_F(ProcessTest, DoesNotWaitForAFileThatIsLeased) {
 }
 
 TEST_F(ProcessTest, FailsWithoutTheGivenFile) {
-  const std::string touched = FWork.Path("touched");
   TRun run;
   EXPECT_THAT(ThrownMessage([&] {
-                RunShellCmdWithOutput(run.Output, "touch " + touched, 60, true,
+                RunShellCmdWithOutput(run.Output, "touch " + FWork.Path("touched"), 60, true,
                                       FWork.Path("missing/file"), run.ExitCode);
               }),
               MatchesRegex("Error executing touch .* >\"/.*: No.* directory \\(errno 2\\)"));
@@ -434,12 +405,11 @@ TEST_F(ProcessTest, RunsOnKernelWithoutTheNewerCallsAndSaysThatThereIsNoShell) {
 // statuses of its own commands are not lost to that.
 const TRegisterChild kReaper("reaper", [](const std::vector<std::string>& /*arguments*/) {
   ::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
-  TCrew crew(2, [](int) {
+  TCrew(2, [](int) {
     for (int round = 0; round < 50; ++round) {
       EXPECT_EQ(RunLine("(sleep 0.01 &); (true &); exit 7").ExitCode, 7);
     }
-  });
-  crew.Join();
+  }).Join();
   const bool isReaped = Eventually([] { return RunLine("exit 7").ExitCode == 7 && !HasChild(); });
   return isReaped && !testing::Test::HasFailure() ? 0 : 1;
 });
@@ -465,8 +435,7 @@ TEST_P(RunnersTest, KnowsItselfAndItsCommandsByTheirIds) {
             "while [ ! -e go ]; do sleep 0.01; done");
   });
   ASSERT_TRUE(Eventually([this] { return FWork.Has("told"); }));
-  const pid_t shell = pids().at(0);
-  const pid_t left = pids().at(1);
+  const pid_t shell = pids().at(0), left = pids().at(1);
   EXPECT_TRUE(Eventually([=] { return IsOwnProcess(shell) && IsOwnProcess(left); }))
       << "known as soon as its start has returned";
   FWork.Write("go", "");
@@ -551,8 +520,7 @@ std::string Report(pid_t session) {
 }
 
 bool OpenWithin(int descriptor, rlim_t limit) {
-  const rlimit wide{20'000, 20'000};
-  const rlimit narrow{limit, 20'000};
+  const rlimit wide{20'000, 20'000}, narrow{limit, 20'000};
   return ::setrlimit(RLIMIT_NOFILE, &wide) == 0 && ::dup2(2, descriptor) == descriptor &&
          ::dup2(2, descriptor + 1) == descriptor + 1 && ::setrlimit(RLIMIT_NOFILE, &narrow) == 0;
 }

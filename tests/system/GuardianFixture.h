@@ -25,12 +25,6 @@ class GuardianSystemTest : public testing::Test {
     FGuardian = FInstallation.Run(line, {"FAST_GUARDIAN_FACTOR=20"});
     ASSERT_TRUE(Eventually([] { return !Page("status.php").empty(); })) << FGuardian->Output();
   }
-  // Starts both and waits until the Guardian finds nothing to complain of.
-  void StartHealthy() {
-    StartDaemon();
-    StartGuardian();
-    ExpectOnPage("Status: Mutex=Y Service=Y Pipe=Y Pulse: ");
-  }
 
   // Runs the Guardian's command word to its end and returns what it printed.
   std::string Command(const std::string& word, int exitStatus = 0) const {
@@ -47,9 +41,6 @@ class GuardianSystemTest : public testing::Test {
     const auto isAnother = [&] { return FInstallation.DaemonPid() != before; };
     const auto runs = [&] { return FInstallation.DaemonRuns() && isAnother(); };
     EXPECT_TRUE(Eventually(runs, kHangLimit)) << Page("");
-  }
-  static bool Contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
   }
 
   // What an end in order leaves.

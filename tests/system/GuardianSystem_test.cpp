@@ -1,7 +1,4 @@
-#include <sys/socket.h>
-#include <sys/un.h>
-
-#include "common/FileDescriptor.h"
+#include "guardian/NotifySocket.h"
 #include "system/GuardianFixture.h"
 #include "webstatus/RawClient.h"
 
@@ -116,19 +113,11 @@ TEST_F(GuardianSystemTest, EndsOnSignalsInEveryState) {
 // Before its handshake, at its end, and when its watchdog hangs for two minutes of its time.
 TEST_F(GuardianSystemTest, TellsTheServiceManagerHowItIs) {
   const std::string name = FInstallation.Folder().Path("manager");
-  const TFileDescriptor manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  sockaddr_un address{AF_UNIX, {}};
-  name.copy(address.sun_path, name.size());
-  const auto* generic = reinterpret_cast<const sockaddr*>(&address);
-  ASSERT_EQ(::bind(manager.Get(), generic, sizeof(address)), 0);
+  const TFileDescriptor manager = NotifySocketAt(name);
   ::setenv("NOTIFY_SOCKET", name.c_str(), 1);
   ::setenv("WATCHDOG_USEC", "8000000", 1);
   const auto hears = [&](const std::string& text) {
-    return Eventually([&] {
-      char bytes[4'096] = {};
-      return ::recv(manager.Get(), bytes, sizeof(bytes) - 1, MSG_DONTWAIT) > 0 &&
-             Contains(bytes, text);
-    });
+    return Eventually([&] { return Contains(ReceivedNotice(manager), text); });
   };
   StartDaemon();
   FInstallation.OrderFault("hang-paths");
@@ -150,7 +139,9 @@ TEST_F(GuardianSystemTest, ShowsEachThreadAndLeavesAReportWhereTheDaemonsLogsAre
   GTEST_SKIP() << "the histories take the sanitizer minutes, and it has a thread of its own";
 #endif
   ::setenv("VELLUMARK_GUARDIAN_DEBUG", "1", 1);
-  StartHealthy();
+  StartDaemon();
+  StartGuardian();
+  ExpectOnPage("Status: Mutex=Y Service=Y Pipe=Y Pulse: ");
   ::unsetenv("VELLUMARK_GUARDIAN_DEBUG");
   const std::string tasks = "/proc/" + std::to_string(FGuardian->Pid()) + "/task";
   EXPECT_TRUE(Eventually([&] {

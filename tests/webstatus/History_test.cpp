@@ -63,13 +63,11 @@ TEST_F(HistoryTest, RemembersTheWorstOfEachMinuteForTwoDays) {
   const std::int64_t first = Minute();
   FHistory.AddRound({true, true, true, 5});
   FHistory.AddRound({false, true, true, 1e9});
-  FHistory.AddEvent(TEventKind::Kill, "");
-  FHistory.AddEvent(TEventKind::Hold, "");
+  for (const auto kind : {TEventKind::Kill, TEventKind::Hold}) FHistory.AddEvent(kind, "");
   const TMinute* minute = Find(first);
   ASSERT_NE(minute, nullptr);
-  EXPECT_EQ(minute->Seen, TMinute::kLooked | TMinute::kMutexFailed);
-  EXPECT_EQ(minute->PulseAgeSec, 65'535);
-  EXPECT_EQ(minute->Actions, 8);
+  EXPECT_EQ(std::tuple(minute->Seen, minute->PulseAgeSec, minute->Actions),
+            std::tuple(TMinute::kLooked | TMinute::kMutexFailed, 65'535, 8));
   FClock.Advance(seconds(2'879 * 60));
   FHistory.AddRound({true, true, true, 0});
   EXPECT_NE(Find(first), nullptr);
@@ -109,14 +107,12 @@ TEST_F(HistoryTest, TakesAnEarlierRunOverAndRefusesBytesOfAnotherLayout) {
   for (int i = 0; i < 199; ++i) FHistory.AddEvent(TEventKind::Stop, "old" + std::to_string(i));
   const std::string bytes = BytesOf(*FHistory.Get());
   THistory next(FClock);
-  next.AddEvent(TEventKind::Info, "a");
-  next.AddEvent(TEventKind::Info, "b");
+  for (const char* const text : {"a", "b"}) next.AddEvent(TEventKind::Info, text);
   next.AddRound({false, true, true, 3});
   next.TakeOver(*RecordOf(bytes));
   const auto record = next.Get();
-  EXPECT_EQ(record->EventCount, 200U);
-  EXPECT_EQ(record->Events[0].Shown(), "old1");
-  EXPECT_EQ(record->Events[199].Shown(), "b");
+  EXPECT_EQ(std::tuple(record->EventCount, record->Events[0].Shown(), record->Events[199].Shown()),
+            std::tuple(200U, "old1", "b"));
   const TMinute* const minute = record->Find(Minute());
   EXPECT_EQ(minute->Seen, TMinute::kLooked | TMinute::kMutexFailed | TMinute::kPipeFailed);
   EXPECT_EQ(minute->PulseAgeSec + minute->Actions, 7 + 2);

@@ -490,7 +490,7 @@ TEST(HttpClientTest, ReadsAnswersOrTellsWhyItFailed) {
     const TFileDescriptor listener = ListenOnLoopback(0);
     const std::string host = "127.0.0.1:" + std::to_string(PortOf(listener));
     std::string request;
-    TCrew server(1, [&](int) {
+    TCrew server(1, [&, reply = reply, then = then](int) {
       TRawClient peer(TFileDescriptor(::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC)));
       request = peer.ReadToEmptyLine();
       EXPECT_EQ(Inherited(descriptors), 0);

@@ -15,8 +15,11 @@ namespace guardian {
 
 inline constexpr int kHangLimitMs = 30'000;  // Bounds a failure only.
 
-inline sockaddr_in LoopbackAddress(std::uint16_t port) {
-  return {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+// Lets bind or connect have the address of this machine.
+template <typename TCall>
+int OnLoopback(TCall call, const TFileDescriptor& socket, std::uint16_t port) {
+  const sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+  return call(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
 }
 
 template <typename TValue>
@@ -29,9 +32,7 @@ void SetOption(const TFileDescriptor& socket, int level, int option, const TValu
 inline TFileDescriptor ListenOnLoopback(std::uint16_t port) {
   TFileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   SetOption(socket, SOL_SOCKET, SO_REUSEADDR, 1);
-  const sockaddr_in address = LoopbackAddress(port);
-  const auto* generic = reinterpret_cast<const sockaddr*>(&address);
-  const bool isBound = ::bind(socket.Get(), generic, sizeof(address)) == 0;
+  const bool isBound = OnLoopback(::bind, socket, port) == 0;
   if (!isBound || ::listen(socket.Get(), 1) != 0) socket.Close();
   return socket;
 }
@@ -75,10 +76,8 @@ class TRawClient {
       : FSocket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     if (receiveBufferBytes > 0) SetOption(FSocket, SOL_SOCKET, SO_RCVBUF, receiveBufferBytes);
     SetOption(FSocket, IPPROTO_TCP, TCP_NODELAY, 1);
-    const sockaddr_in address = LoopbackAddress(port);
-    const auto* generic = reinterpret_cast<const sockaddr*>(&address);
     // A second call waits for the same connection. The alarms of a fuzzer interrupt the first.
-    if (RetryOnEintr([&] { return ::connect(FSocket.Get(), generic, sizeof(address)); }) != 0) {
+    if (RetryOnEintr([&] { return OnLoopback(::connect, FSocket, port); }) != 0) {
       throw std::runtime_error("connect: " + std::to_string(errno));
     }
   }

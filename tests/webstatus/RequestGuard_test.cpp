@@ -17,9 +17,7 @@ const TRequestGuard& Guard() {
 
 TEST(RequestGuardTest, AnswersToTheNamesOfThisMachineAlone) {
   const auto refusal = [](const std::string& host) {
-    THttpRequest request;
-    request.Headers = {{"hOST", host}};
-    return Guard().RefuseHost(request);
+    return Guard().RefuseHost({"GET", "/", "", {{"hOST", host}}});
   };
   for (const char* const own :
        {"192.0.2.7", "192.0.2.7:8900", "[2001:db8::7]:8900", "[::1]", "[fe80::1%eth0]:8900",
@@ -44,11 +42,9 @@ TEST(RequestGuardTest, AnswersToTheNamesOfThisMachineAlone) {
 }
 
 TEST(RequestGuardTest, ActsForItsOwnPagesTypedAddressesAndProgramsAlone) {
-  const auto refusal = [](const THeaders& headers) {
-    THttpRequest request;
-    request.Headers = headers;
-    request.Headers.emplace_back("Host", "nas:8900");
-    return Guard().RefuseAction(request);
+  const auto refusal = [](THeaders headers) {
+    headers.emplace_back("Host", "nas:8900");
+    return Guard().RefuseAction({"GET", "/", "", headers});
   };
   const std::pair<std::string, std::string> browser = {"User-Agent", "Mozilla/5.0 (X11)"};
   const std::pair<std::string, std::string> cookie = {"Cookie", "a=b;  vellumark_guardian=secret"};
@@ -75,10 +71,8 @@ TEST(RequestGuardTest, ActsForItsOwnPagesTypedAddressesAndProgramsAlone) {
     EXPECT_EQ(refusal(headers).value_or(THttpResponse()).Status, status)
         << testing::PrintToString(headers);
   }
-  THttpRequest bare;
-  bare.Headers = {{"Origin", "null"}};
-  EXPECT_TRUE(Guard().RefuseAction(bare));
-  EXPECT_THAT(refusal({browser})->Body, testing::HasSubstr("<a HREF=\"/\">"));
+  EXPECT_TRUE(Guard().RefuseAction({"GET", "/", "", {{"Origin", "null"}}}));
+  EXPECT_THAT(refusal({browser})->Body, HasSubstr("<a HREF=\"/\">"));
 }
 
 TEST(RequestGuardTest, KnowsTheNamesOfTheMachineAndThoseThatItWasTold) {
@@ -92,25 +86,25 @@ TEST(RequestGuardTest, KnowsTheNamesOfTheMachineAndThoseThatItWasTold) {
   testing::internal::CaptureStdout();
   const TRequestGuard guard = MakeRequestGuard();
   ::unsetenv("VELLUMARK_GUARDIAN_HOSTS");
-  EXPECT_THAT(
-      testing::internal::GetCapturedStdout(),
-      testing::MatchesRegex("(VELLUMARK_GUARDIAN_HOSTS: \"(https:|\\*|c.example:).*\" is no "
-                            "host name and is ignored\n){3}"));
+  EXPECT_THAT(testing::internal::GetCapturedStdout(),
+              MatchesRegex("(VELLUMARK_GUARDIAN_HOSTS: \"(https:|\\*|c.example:).*\" is no "
+                           "host name and is ignored\n){3}"));
   const std::string own = HostName() + ".";
-  for (const auto& [name, isOwn] : std::map<std::string, bool>{{"b.example", true},
-                                                               {"x.b.example", false},
-                                                               {own + "one.example", hasResolver},
-                                                               {own + "two.example", hasResolver},
-                                                               {own + "three.example", hasResolver},
-                                                               {own + "x", false}}) {
+  const std::map<std::string, bool> names = {{"b.example", true},
+                                             {"x.b.example", false},
+                                             {own + "one.example", hasResolver},
+                                             {own + "two.example", hasResolver},
+                                             {own + "three.example", hasResolver},
+                                             {own + "x", false}};
+  for (const auto& [name, isOwn] : names) {
     EXPECT_EQ(!guard.RefuseHost(RequestOf("GET", "http://" + name)), isOwn) << name;
   }
 }
 
 TEST(RequestGuardTest, KnowsASecretOfItsOwnInEachProcess) {
   const std::string header = MakeRequestGuard().CookieHeader();
-  EXPECT_THAT(header, testing::MatchesRegex("Set-Cookie: vellumark_guardian=[0-9a-f]{32}; "
-                                            "SameSite=Strict; HttpOnly; Path=/\r\n"));
+  EXPECT_THAT(header, MatchesRegex("Set-Cookie: vellumark_guardian=[0-9a-f]{32}; "
+                                   "SameSite=Strict; HttpOnly; Path=/\r\n"));
   EXPECT_NE(header, MakeRequestGuard().CookieHeader());
 }
 

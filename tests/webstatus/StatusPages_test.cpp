@@ -60,10 +60,7 @@ class StatusPagesTest : public testing::Test {
 
   THttpResponse Answer(const std::string& path, const std::string& site = "",
                        const std::string& method = "GET", const std::string& query = "") {
-    THttpRequest request;
-    request.Method = method;
-    request.Query = query;
-    request.Path = path;
+    THttpRequest request{method, path, query, {}};
     if (!site.empty()) request.Headers = {{"Sec-Fetch-Site", site}};
     return BuildPage(request, {FHasGuardian ? &FGuardian : nullptr,
                                [this] { FGuardian.Requests += "end "; }, FPort, &FGuard});
@@ -121,28 +118,24 @@ TEST_F(StatusPagesTest, TellsProgramsWhatIsNotWell) {
 }
 
 TEST_F(StatusPagesTest, AnswersShortPagesByteForByte) {
-  const struct {
-    const char* Path;
-    Matcher<std::string> Text;
-    const char* Type = "text/html";
-    bool MayBlock = false;
-  } cases[] = {
-      {"/status.php", std::string("Guardian running and accessible via port 8900. ")},
-      {"/Status.php", kHead},
-      {"/threadreport.php", StartsWith("Thread Report<br>-----------------<br>"), "text/html",
-       true},
-      {"/vellumark_logs/missing.log", StartsWith(kHead + "EXCPTION: "), "text/html", true},
-      {"/status.json", StartsWith("{\"version\":\"1.50\""), "application/json"},
+  const std::tuple<const char*, Matcher<std::string>, bool> cases[] = {
+      {"/status.php", std::string("Guardian running and accessible via port 8900. "), false},
+      {"/Status.php", kHead, false},
+      {"/threadreport.php", StartsWith("Thread Report<br>-----------------<br>"), true},
+      {"/vellumark_logs/missing.log", StartsWith(kHead + "EXCPTION: "), true},
+      {"/status.json", StartsWith("{\"version\":\"1.50\""), false},
       {"/logfiles.php",
        kHead + "Log Files in Reverse Order<br><br>EXCPTION: open folder "
                "/no/such/&lt;folder&gt;: No such file or directory (errno 2)",
-       "text/html", true},
+       true},
   };
-  for (const auto& item : cases) {
-    EXPECT_THAT(Get(item.Path), item.Text);
-    EXPECT_EQ(Answer(item.Path, "cross-site").Status, 200);
-    EXPECT_EQ(Answer(item.Path).ContentType, item.Type);
-    EXPECT_EQ(PageMayBlock(RequestOf("GET", item.Path)), item.MayBlock);
+  for (const auto& [path, text, mayBlock] : cases) {
+    EXPECT_THAT(Get(path), text);
+    const THttpResponse response = Answer(path, "cross-site");
+    const bool isJson = std::string_view(path).ends_with("json");
+    EXPECT_EQ(std::tuple(response.Status, response.ContentType),
+              std::tuple(200, isJson ? "application/json" : "text/html"));
+    EXPECT_EQ(PageMayBlock(RequestOf("GET", path)), mayBlock);
   }
   FPort.reset();
   EXPECT_EQ(Get("/status.php"), "Guardian running. ");
@@ -202,8 +195,7 @@ TEST_F(StatusPagesTest, AnswersOpenMetricsToThoseAloneWhoTakeIt) {
       {"text/html,\tApplication/OpenMetrics-Text;version=1.0.0 ; q=0.001", true},
       {"application/openmetrics-text;Q=0,application/openmetrics-text;version=0.0.1", true}};
   for (const auto& [accept, isOpen] : cases) {
-    THttpRequest request = RequestOf("GET", "/metrics");
-    request.Headers = {{"Accept", accept}};
+    const THttpRequest request{"GET", "/metrics", "", {{"Accept", accept}}};
     const THttpResponse response = BuildPage(request, {&FGuardian, {}, FPort, &FGuard});
     EXPECT_THAT(response.Body, HasSubstr(isOpen ? " vellumark_guardian_restarts counter\n"
                                                 : " vellumark_guardian_restarts_total counter\n"));
@@ -214,21 +206,27 @@ TEST_F(StatusPagesTest, AnswersOpenMetricsToThoseAloneWhoTakeIt) {
   }
 }
 
-TEST_F(StatusPagesTest, LeavesEachControlRequestToTheGuardianAndActsForNobodyElse) {
-  const std::tuple<const char*, const char*, const char*> deeds[] = {
-      {"/startdaemon.php", "start ", "VellumarkCL will be started"},
-      {"/stopdaemon.php", "stop ", "VellumarkCL will be asked to stop."},
-      {"/terminatedaemon.php", "terminate ", "STOP signal will be sent to VellumarkCL"},
-      {"/killdaemon.php", "kill ", "KILL signal will be sent to VellumarkCL"},
-      {"/terminateguardian.php", "end ", "Guardian stopped."}};
+TEST_F(StatusPagesTest, AsksOnceMoreBeforeADeedWhichItLeavesToTheGuardianAndDoesForNobodyElse) {
+  const std::tuple<std::string, const char*, const char*> deeds[] = {
+      {"startdaemon.php", "start ", "VellumarkCL will be started"},
+      {"stopdaemon.php", "stop ", "VellumarkCL will be asked to stop."},
+      {"terminatedaemon.php", "terminate ", "STOP signal will be sent to VellumarkCL"},
+      {"killdaemon.php", "kill ", "KILL signal will be sent to VellumarkCL"},
+      {"terminateguardian.php", "end ", "Guardian stopped."}};
   std::string requests;
   for (const auto& [page, deed, answer] : deeds) {
-    EXPECT_EQ(Answer(page, "same-origin").CacheControl, "no-cache");
+    const std::string path = "/" + page;
+    EXPECT_EQ(Answer(path, "same-origin").CacheControl, "no-cache");
     EXPECT_EQ(FGuardian.Requests, requests += deed);
-    EXPECT_EQ(Answer(page, "", "HEAD").Body, answer);
-    EXPECT_EQ(Answer(page, "cross-site").Status, 403);
-    EXPECT_EQ(Get(page, "cross-site"), "Refused: the request comes from another site.");
+    EXPECT_EQ(Answer(path, "", "HEAD").Body, answer);
+    EXPECT_EQ(Answer(path, "cross-site").Status, 403);
+    EXPECT_EQ(Get(path, "cross-site"), "Refused: the request comes from another site.");
+    EXPECT_THAT(Answer("/confirm.html", "", "GET", page).Body,
+                HasSubstr("<a href=\"" + page + "\">Yes</a></li><li><a href=\"overview.html\">"));
     EXPECT_EQ(FGuardian.Requests, requests);
+  }
+  for (const char* const query : {"", "status.php", "killdaemon.php&x", "//elsewhere"}) {
+    EXPECT_EQ(Answer("/confirm.html", "", "GET", query).Status, 400);
   }
   FHasGuardian = false;
   EXPECT_EQ(Get("/killdaemon.php") + Get("/hold.html"),
@@ -264,9 +262,9 @@ TEST_F(StatusPagesTest, ShowsInTheOverviewHowItIs) {
   history.AddEvent(TEventKind::Kill, "<script>");
   FGuardian.Now.History = history.Get();
   TWatchdogReading& seen = FGuardian.Now.Watchdog;
-  for (const char* const query : {"", "still"}) {
-    EXPECT_EQ(CountOf(Answer("/overview.html", "", "GET", query).Body, "http-equiv=\"refresh\""),
-              *query == '\0' ? 1 : 0);
+  for (const std::string query : {"", "still"}) {
+    const std::string page = Answer("/overview.html", "", "GET", query).Body;
+    EXPECT_EQ(Contains(page, "http-equiv=\"refresh\""), query.empty());
   }
   seen.Pid = "<script>";
   seen.Next = "<script>";
@@ -316,18 +314,6 @@ TEST_F(StatusPagesTest, ShowsInTheOverviewHowItIs) {
   EXPECT_TRUE(shows("<td>1420<") && !shows("<td>1419<")) << "the last 20";
   FHasGuardian = false;
   EXPECT_THAT(Get("/overview.html"), HasSubstr("<p>The Guardian is ending.</p>"));
-}
-
-TEST_F(StatusPagesTest, AsksOnceMoreBeforeADeed) {
-  for (const std::string page : {"startdaemon.php", "stopdaemon.php", "terminatedaemon.php",
-                                 "killdaemon.php", "terminateguardian.php"}) {
-    EXPECT_THAT(Answer("/confirm.html", "", "GET", page).Body,
-                HasSubstr("<a href=\"" + page + "\">Yes</a></li><li><a href=\"overview.html\">"));
-  }
-  for (const char* const query : {"", "status.php", "killdaemon.php&x", "//elsewhere"}) {
-    EXPECT_EQ(Answer("/confirm.html", "", "GET", query).Status, 400);
-  }
-  EXPECT_EQ(FGuardian.Requests, "");
 }
 
 TEST_F(StatusPagesTest, ShowsTheMainPageWithEverythingFromOutsideEscaped) {
@@ -454,8 +440,7 @@ class ActivityLogTest : public testing::Test {
 };
 
 TEST_F(ActivityLogTest, WritesEachKindInItsForm) {
-  TDateTime errorAt = 0;
-  TDateTime warningAt = 0;
+  TDateTime errorAt = 0, warningAt = 0;
   FLog.AddErrorEntry(1, 16, "bad", errorAt);
   FLog.AddWarningEntry(5, 2, "odd", warningAt);
   FLog.AddInfoEntry(1, 16, "fine <&>");
@@ -480,8 +465,7 @@ TEST_F(ActivityLogTest, WritesEachKindInItsForm) {
 // Short entries, entries that end below, at and above the limit, and details with many breaks.
 TEST_F(ActivityLogTest, DropsWholeEntriesFromTheStart) {
   std::mt19937 random(20'261'121);  // NOLINT(cert-msc51-cpp): the same steps in each run
-  std::string shortLog;
-  std::string detailedLog;
+  std::string shortLog, detailedLog;
   const auto add = [](std::string& log, const std::string& entry) {
     log += entry;
     while (log.size() > kLimit) {
@@ -521,12 +505,7 @@ TEST(WebStatusServerTest, ListensWhereTheSettingSaysOnTheFirstFreePortFrom8900To
   constexpr const char* kWrong =
       "VELLUMARK_GUARDIAN_LISTEN: \"x\" is no address; listening on all addresses\n";
   const std::string absent = ": Cannot assign requested address (errno 99)\n";
-  const struct {
-    const char* Setting;
-    std::uint16_t Port;
-    bool Is4, Is6;
-    std::string Lines, Failure;
-  } cases[] = {
+  const std::tuple<const char*, std::uint16_t, bool, bool, std::string, std::string> cases[] = {
       {"", 8000, true, true, "", ""},
       {"", 7999, false, false, "", "Listen on port 8000: Address already in use (errno 98)"},
       {"127.0.0.1,LocalHost, localhost", 8900, true, true, "", ""},
@@ -537,25 +516,22 @@ TEST(WebStatusServerTest, ListensWhereTheSettingSaysOnTheFirstFreePortFrom8900To
       {"fe80::1%lo", 8900, false, false, "Listen on fe80::1%lo" + absent,
        "None of the addresses can be listened on"},
   };
-  for (const auto& item : cases) {
-    SCOPED_TRACE(item.Setting);
+  for (const auto& [setting, number, is4, is6, lines, failure] : cases) {
+    SCOPED_TRACE(setting);
     std::vector<TFileDescriptor> holders;
-    for (std::uint16_t taken = 8900; taken > item.Port; --taken) {
-      holders.push_back(ListenOnLoopback(taken));
-    }
-    const std::string port = std::to_string(item.Port);
-    ::setenv(kVariable, item.Setting, 1);
+    for (std::uint16_t at = 8900; at > number; --at) holders.push_back(ListenOnLoopback(at));
+    const std::string port = std::to_string(number);
+    ::setenv(kVariable, setting, 1);
     testing::internal::CaptureStdout();
     TWebStatusServer server({});
     server.StartServer();
     EXPECT_NE(server.TryToStart(), "");
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              item.Lines + "Web Status Server " +
-                  (item.Failure.empty() ? "Active on Port " + port : "Cannot Start: ") +
-                  item.Failure + "\n");
+              lines + "Web Status Server " +
+                  (failure.empty() ? "Active on Port " + port : "Cannot Start: ") + failure + "\n");
     const std::string text = "Guardian running and accessible via port " + port + ". ";
-    EXPECT_EQ(Page("status.php", item.Port, "127.0.0.1"), item.Is4 ? text : "");
-    EXPECT_EQ(Page("status.php", item.Port, "[::1]"), item.Is6 ? text : "");
+    EXPECT_EQ(Page("status.php", number, "127.0.0.1"), is4 ? text : "");
+    EXPECT_EQ(Page("status.php", number, "[::1]"), is6 ? text : "");
   }
   ::unsetenv(kVariable);
 }
