@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "common/AtEnd.h"
 #include "common/DiagnosticMessage.h"
 #include "config/KZSqlIniFiles.h"
 #include "diagnostics/exception_report.h"
@@ -31,12 +32,9 @@ bool HasFailed() { return allocationsUntilFailure <= 0; }
 // for every so many unless FAILING_ALLOCATIONS is set. What is done then may
 // fail, but not end the process, wait for ever or leave anything behind, and it
 // works the next time.
-class FailingAllocationsTest : public testing::Test {
+class GuardianMainTest : public testing::Test {
  protected:
-  ~FailingAllocationsTest() override {
-    FService.Stop();
-    std::cout << FTried << " failing allocations tried\n";
-  }
+  ~GuardianMainTest() override { std::cout << FTried << " failing allocations tried\n"; }
 
   void FailEach(int every, const std::function<void()>& act, const std::function<void()>& check) {
     if (std::getenv("FAILING_ALLOCATIONS") != nullptr) every = 1;
@@ -68,6 +66,12 @@ class FailingAllocationsTest : public testing::Test {
   const TTempFolder FFolder;
   const bool FSet = (Settings().LogDirectory.Set(FFolder.Path()), true);
   int FTried = 0;
+};
+
+class FailingAllocationsTest : public GuardianMainTest {
+ protected:
+  ~FailingAllocationsTest() override { FService.Stop(); }
+
   TKZCustomApplication FApplication;
   TUnits FUnits;
   TFakeSurroundings FFakes;
@@ -193,8 +197,32 @@ TEST_F(FailingAllocationsTest, AStartThatIsTriedAgain) {
     }));
     service.reset();
   };
+  const auto start = [&] {
+    make();
+    service->Start();
+  };
+  FailEach(1, start, check);
+}
+
+// What could not start starts later, unless nothing could: then the status says so.
+TEST_F(GuardianMainTest, RunsOrFailsAndEnds) {
+  if (std::getenv("FAILING_ALLOCATIONS") == nullptr) GTEST_SKIP() << "scripts/failing-calls";
+  const auto live = [] {
+    TFakeClock clock;
+    std::atomic<bool> ended = false;
+    const TCrew ending(1, [&](int) {
+      while (!ended) {
+        (void)ThrownMessage([] { (void)Page("terminateguardian.php"); });
+        if (HasFailed()) clock.Advance(std::chrono::seconds(10));
+        SystemClock().Sleep(std::chrono::milliseconds(20));
+      }
+    });
+    const TAtEnd end([&] { ended = true; });
+    return GuardianMain(clock);
+  };
   FailEach(
-      1, [&] { make(), service->Start(); }, check);
+      11, [&] { EXPECT_TRUE(live() == kExitOk || HasFailed()); },
+      [&] { EXPECT_EQ(live(), kExitOk); });
 }
 
 // With an empty TMPDIR, a setting that it does not know, a daemon that is not there, and a report
