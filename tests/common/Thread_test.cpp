@@ -161,9 +161,11 @@ TEST(TLookThreadTest, AnswersWithoutEverStandingStillWithItsLook) {
   EXPECT_FALSE(thread->Ask(milliseconds(0)));
   EXPECT_TRUE(thread->WaitsFor(milliseconds(100))) << "from the first question on";
   go.Signal();
-  EXPECT_TRUE(Eventually([&] { return looks == before + 2; })) << "the later question's own look";
+  EXPECT_TRUE(Eventually([&] { return !thread->WaitsFor(milliseconds(0)); }));
+  EXPECT_EQ(looks, before + 2) << "the later question's own look";
   go.Reset();
   EXPECT_FALSE(thread->Ask(milliseconds(0)));
+  EXPECT_TRUE(Eventually([&] { return looks == before + 3; })) << "it stands";
   TThread& leftBehind = *thread;
   EXPECT_FALSE(TThread::EndOrLeaveBehind(std::move(thread), milliseconds(0)));
   go.Signal();
