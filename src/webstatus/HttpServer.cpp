@@ -26,6 +26,20 @@ using TErrorCode = boost::system::error_code;
 constexpr int kKernelSendBytes = 65'536;  // The kernel doubles it.
 constexpr std::chrono::milliseconds kPause{100};
 
+// Each once, and none that a listed address of all covers: to listen on both would fail.
+std::set<asio::ip::address> DistinctAddresses(const std::vector<std::string>& texts) {
+  std::set<asio::ip::address> addresses;
+  for (const std::string& text : texts) addresses.insert(asio::ip::make_address(text));
+  const asio::ip::address all4 = asio::ip::address_v4::any();
+  const asio::ip::address all6 = asio::ip::address_v6::any();
+  const bool has4 = addresses.contains(all4);
+  const bool has6 = addresses.contains(all6);
+  std::erase_if(addresses, [&](const asio::ip::address& address) {
+    return address.is_v6() ? has6 && address != all6 : has4 && address != all4;
+  });
+  return addresses;
+}
+
 }  // namespace
 
 // The server from one Activate to the next Deactivate: its listeners, and when its connections are
@@ -82,14 +96,7 @@ THttpRun::THttpRun(THttpServer::THandler handler, THttpServerOptions options, TC
       FConnections(FHandler, FOptions, clock, FThreads),
       FThreads(FOptions, clock) {
   if (FOptions.Addresses.empty()) ListenOnAll();
-  std::set<asio::ip::address> addresses;
-  for (const std::string& text : FOptions.Addresses) {
-    addresses.insert(asio::ip::make_address(text));
-  }
-  for (const asio::ip::address& address : addresses) {
-    const asio::ip::address all = address.is_v6() ? asio::ip::address(asio::ip::address_v6::any())
-                                                  : asio::ip::address_v4::any();
-    if (address != all && addresses.contains(all)) continue;
+  for (const asio::ip::address& address : DistinctAddresses(FOptions.Addresses)) {
     try {
       Listen(address, false);
     } catch (const boost::system::system_error& error) {
