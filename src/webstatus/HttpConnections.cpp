@@ -7,11 +7,10 @@
 
 #include <algorithm>
 #include <boost/asio/post.hpp>
-#include <boost/beast/core/buffers_suffix.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/empty_body.hpp>
 #include <boost/beast/http/parser.hpp>
-#include <boost/beast/http/read.hpp>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -50,6 +49,7 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
   THttpConnection(THttpConnections& all, THttpPeer peer, tcp::socket socket)
       : FAll(all), FPeer(std::move(peer)), FSocket(std::move(socket)) {
     FPlace = FAll.FOpen.insert(FAll.FOpen.end(), this);
+    FParser.emplace();
     BecomeIdle(FAll.FOptions.HeaderTimeout);
   }
 
@@ -60,15 +60,12 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
   THttpConnection(const THttpConnection&) = delete;
   THttpConnection& operator=(const THttpConnection&) = delete;
 
-  // Of the next request, whose bytes may be there already.
-  void ReadHeader() {
-    FParser.emplace();
-    FParser->body_limit(boost::none);  // No body is read.
-    FParser->header_limit(static_cast<std::uint32_t>(FAll.FOptions.MaxHeaderBytes));
-    FInput.reserve(kReadBytes);
-    http::async_read_header(FSocket, FInput, *FParser,
-                            [self = shared_from_this()](const TErrorCode& error, std::size_t used) {
-                              if (self->FSocket.is_open()) self->Receive(error, used);
+  void Read() {
+    FSocket.async_read_some(FInput.prepare(kReadBytes),
+                            [self = shared_from_this()](const TErrorCode& error, std::size_t got) {
+                              if (error) return;
+                              self->FInput.commit(got);
+                              self->Parse();
                             });
   }
 
@@ -93,7 +90,13 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
   }
 
  private:
-  using TOutput = boost::beast::buffers_suffix<std::vector<asio::const_buffer>>;
+  // Limits of bodies and of single lines would only be in the way.
+  struct TParser : http::request_parser<http::empty_body> {
+    TParser() {
+      header_limit(std::numeric_limits<std::uint32_t>::max());
+      body_limit(boost::none);
+    }
+  };
 
   void BecomeIdle(std::chrono::milliseconds time) {
     FDeadline = FAll.In(time);
@@ -116,16 +119,16 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
     if (std::exchange(FBusySince, std::nullopt)) FAll.BusyEnded();
   }
 
-  // The parser's own limit is one on what it takes at a time.
-  void Receive(const TErrorCode& error, std::size_t headerBytes) {
-    const bool isTooLong =
-        error == http::error::header_limit || headerBytes > FAll.FOptions.MaxHeaderBytes;
-    const bool hasGone = (error && error.category() == boost::system::system_category()) ||
-                         error == http::error::end_of_stream ||
-                         error == http::error::partial_message;
-    if (hasGone) return;
+  // The parser's own limit is one on single lines, so the header's bytes are counted here.
+  void Parse() {
+    TErrorCode error;
+    const std::size_t used = FParser->put(FInput.data(), error);
+    FInput.consume(used);
+    FHeaderBytes += used;
+    const std::size_t limit = FAll.FOptions.MaxHeaderBytes;
+    if (error == http::error::need_more && FHeaderBytes + FInput.size() < limit) return Read();
     BecomeBusy();
-    if (isTooLong) return Refuse(431);
+    if (error == http::error::need_more || (!error && FHeaderBytes > limit)) return Refuse(431);
     if (error || IsAmbiguous()) return Refuse(400);
     AnswerRequest();
   }
@@ -185,14 +188,13 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
     FResponse = std::move(response);
     FHead = HeadOf(FResponse, FAll.FOptions.ExtraHeaders, FAll.FClock.UtcNow(), FKeepAlive);
     FFileOffset = 0;
-    std::vector<asio::const_buffer> output = {asio::buffer(FHead)};
+    FOutput.assign({asio::buffer(FHead)});
     if (FIsHead || !HasBody(FResponse.Status)) {
       FResponse.File.Close();
     } else if (!FResponse.File) {
-      output.emplace_back(asio::buffer(FResponse.Body));
-      for (const auto& text : FResponse.Tail) output.emplace_back(asio::buffer(*text));
+      FOutput.emplace_back(asio::buffer(FResponse.Body));
+      for (const auto& text : FResponse.Tail) FOutput.emplace_back(asio::buffer(*text));
     }
-    FOutput = TOutput(output);
     // A short answer fits into the kernel's buffer, and needs no turn of its own.
     TErrorCode error;
     const std::size_t written = FSocket.write_some(FOutput, error);
@@ -201,8 +203,16 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
 
   void NoteWritten(std::size_t count) {
     FWritten += count;
-    FOutput.consume(count);
+    ConsumeOutput(count);
     GoOn();
+  }
+
+  // What is written goes: the kernel takes so many pieces at a time, empty ones among them.
+  void ConsumeOutput(std::size_t written) {
+    auto piece = FOutput.begin();
+    while (piece != FOutput.end() && piece->size() <= written) written -= (piece++)->size();
+    if (piece != FOutput.end()) *piece += written;
+    FOutput.erase(FOutput.begin(), piece);
   }
 
   // One turn of the thread for each piece, so that a long answer does not keep others waiting.
@@ -214,7 +224,7 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
   }
 
   void GoOn() {
-    if (asio::buffer_size(FOutput) > 0) return Write();
+    if (!FOutput.empty()) return Write();
     if (!FResponse.File || FFileOffset == FResponse.FileSize) return FinishAnswer();
     if (FAll.FThreads.BlockingCallsStandStill()) return;
     const auto left = std::min<std::uint64_t>(FResponse.FileSize - FFileOffset, kFileChunkBytes);
@@ -237,7 +247,7 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
   void WriteChunk(ssize_t got) {
     if (got <= 0) return;
     FFileOffset += static_cast<std::size_t>(got);
-    FOutput = TOutput({asio::buffer(FChunk.data(), static_cast<std::size_t>(got))});
+    FOutput.assign({asio::buffer(FChunk.data(), static_cast<std::size_t>(got))});
     Write();
   }
 
@@ -250,7 +260,12 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
     if (FAll.FStopping) return;
     BecomeIdle(FAll.FOptions.HeaderTimeout);
     FKeepAlive = false;
-    ReadHeader();
+    FHeaderBytes = 0;
+    FParser.emplace();
+    if (FInput.size() == 0) return Read();
+    asio::post(FAll.FThreads.Context(), [self = shared_from_this()] {
+      if (self->FSocket.is_open()) self->Parse();
+    });
   }
 
   // To close while something is unread would reset the connection, and the client might lose the
@@ -287,12 +302,13 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
   std::uint64_t FWritten = 0;
   std::uint64_t FTaken = 0;  // Of that by the peer, at the last look.
   boost::beast::flat_buffer FInput;
-  std::optional<http::request_parser<http::empty_body>> FParser;  // Made anew for each request.
+  std::optional<TParser> FParser;  // Made anew for each request.
+  std::size_t FHeaderBytes = 0;    // Of the current header, without what is still in FInput.
   bool FKeepAlive = false;
   bool FIsHead = false;
   THttpResponse FResponse;
   std::string FHead;
-  TOutput FOutput;  // What is left of the head and the texts, or of FChunk.
+  std::vector<asio::const_buffer> FOutput;  // What is left of the head and the texts, or of FChunk.
   std::vector<char> FChunk;
   std::uint64_t FFileOffset = 0;
   std::size_t FDrainedBytes = 0;
@@ -357,7 +373,7 @@ void THttpConnections::Open(const THttpPeer& peer, tcp::socket socket) {
   socket.non_blocking(true);
   TErrorCode ignored;  // Without it the answers are slower at worst.
   socket.set_option(tcp::no_delay(true), ignored);
-  std::make_shared<THttpConnection>(*this, peer, std::move(socket))->ReadHeader();
+  std::make_shared<THttpConnection>(*this, peer, std::move(socket))->Read();
 }
 
 void THttpConnections::CloseTooSlow() {
