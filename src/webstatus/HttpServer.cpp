@@ -179,8 +179,9 @@ void THttpRun::AcceptNow(TListener& listener) {
     if (!error) {
       listener.Failing = false;
       ::fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);
+      const bool isFirst = FConnections.Count() == 0;
       FConnections.Welcome(std::move(socket));
-      if (FConnections.Count() == 1) Sweep();
+      if (isFirst && FConnections.Count() > 0) Sweep();
     }
   } catch (...) {
     FOptions.Report(std::current_exception());
