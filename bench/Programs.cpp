@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -37,6 +36,14 @@ pid_t Spawn(std::vector<std::string>& arguments) {
   posix_spawn_file_actions_destroy(&actions);
   if (error != 0) throw std::system_error(error, std::generic_category(), arguments.front());
   return pid;
+}
+
+sockaddr_in AddressOf(in_addr_t host, std::uint16_t port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(host);
+  return address;
 }
 
 double ToSeconds(const timeval& time) {
@@ -128,13 +135,14 @@ TMemory MemoryOf(pid_t process) {
   return memory;
 }
 
-int TryConnect(std::uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+int TryConnect(std::uint16_t port, in_addr_t from) {
+  const sockaddr_in own = AddressOf(from, 0);
+  const sockaddr_in address = AddressOf(INADDR_LOOPBACK, port);
   const int connection = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (::connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+  const int late = 1;  // The port is chosen when it connects.
+  ::setsockopt(connection, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &late, sizeof(late));
+  if (::bind(connection, reinterpret_cast<const sockaddr*>(&own), sizeof(own)) == 0 &&
+      ::connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
     return connection;
   }
   ::close(connection);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <netinet/in.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -41,8 +42,8 @@ struct TMemory {
 
 TMemory MemoryOf(pid_t process);
 
-// Connects to the port of this machine; -1 while no program listens there.
-int TryConnect(std::uint16_t port);
+// Connects to the port of this machine, from this loopback address; -1 while no program listens.
+int TryConnect(std::uint16_t port, in_addr_t from = INADDR_LOOPBACK);
 
 // Sends a GET of the path and returns the whole answer, with its head.
 std::string RawAnswer(std::uint16_t port, const std::string& path);

@@ -153,8 +153,7 @@ void ForSomeKeys(int count, const TWork& work) {
 }
 
 void WriteString(benchmark::State& state, const char* folder, int writes, TTime* time) {
-  ::setenv("TMPDIR", folder, 1);
-  TStores stores;
+  TStores stores{.Folder = TTempFolder(folder)};
   // Never the value that is there already: SQLite writes nothing for it.
   int number = 0;
   const auto ours = [&](const std::string& section, const std::string& key) {
@@ -165,7 +164,6 @@ void WriteString(benchmark::State& state, const char* folder, int writes, TTime*
   };
   CompareRates(
       state, writes, [&] { ForSomeKeys(writes, ours); }, [&] { ForSomeKeys(writes, bare); }, time);
-  ::unsetenv("TMPDIR");
 }
 // On a disk, where the syncs of a commit take the time; and in processor time without a disk, where
 // all that is ours shows most.

@@ -101,9 +101,7 @@ void ThreadReport(int count) {
 // A write and a read of one key where no disk hides our own code; the memory from before a store
 // with these keys is opened.
 void Keys(int keys) {
-  ::setenv("TMPDIR", "/dev/shm", 1);
-  const TTempFolder folder;
-  ::unsetenv("TMPDIR");
+  const TTempFolder folder("/dev/shm");
   const auto section = [](int key) { return "section" + std::to_string(key / 100); };
   const auto name = [](int key) { return "key" + std::to_string(key % 100); };
   for (TKZSQLIniFile filled(folder.Path("x.cfg")); int key : std::views::iota(0, keys)) {

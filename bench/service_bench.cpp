@@ -104,9 +104,8 @@ class TSilence {
 // runner gives it to the shell, which is with its redirection into memory.
 void ShellCommand(benchmark::State& state) {
   const std::string line = "echo running";
-  ::setenv("TMPDIR", "/dev/shm", 1);
-  const TTempFolder folder;
-  ::unsetenv("TMPDIR");
+  const TTempFolder folder("/dev/shm");
+  ::unsetenv("TMPDIR");  // The runner writes into memory when the temp directory is "/tmp".
   const std::string redirected = line + " >\"" + folder.Path("output.txt") + "\" 2>&1";
   const TSilence silence;
   std::string output;

@@ -37,11 +37,13 @@ class TLookThread final : public TThread {
     return FSeen;
   }
 
-  // The same, or what was seen last when the look takes longer than a tenth of a second. Only the
-  // first caller who meets a look that stands still waits for it.
-  TAnswer AskBriefly() KZ_EXCLUDES(FLock) {
+  // What was seen no longer ago than this, or else what is seen now, or what was seen last when the
+  // look takes longer than a tenth of a second. Only the first caller who meets a look that stands
+  // still waits for it.
+  TAnswer AskBriefly(std::chrono::milliseconds fresh) KZ_EXCLUDES(FLock) {
     constexpr std::chrono::milliseconds kLongest{100};
     const TMutexLock lock(FLock);
+    if (IsFreshLocked(fresh)) return FSeen;
     const std::int64_t asked = AskLocked();
     if (!WaitsForLocked(kLongest)) static_cast<void>(WaitForAnswerLocked(asked, kLongest));
     return FSeen;
@@ -54,12 +56,16 @@ class TLookThread final : public TThread {
   }
 
  private:
+  [[nodiscard]] bool IsFreshLocked(std::chrono::milliseconds age) const KZ_REQUIRES(FLock) {
+    return FAnswered > 0 && FAnswered == FAsked && SystemTickCount() - FSince < age.count();
+  }
+
   [[nodiscard]] bool WaitsForLocked(std::chrono::milliseconds duration) const KZ_REQUIRES(FLock) {
-    return FAnswered < FAsked && SystemTickCount() - FWaitsSince >= duration.count();
+    return FAnswered < FAsked && SystemTickCount() - FSince >= duration.count();
   }
 
   std::int64_t AskLocked() KZ_REQUIRES(FLock) {
-    if (FAnswered == FAsked) FWaitsSince = SystemTickCount();
+    if (FAnswered == FAsked) FSince = SystemTickCount();
     return ++FAsked;
   }
 
@@ -95,7 +101,7 @@ class TLookThread final : public TThread {
     const TMutexLock lock(FLock);
     FSeen = std::move(seen);
     FAnswered = answered;
-    FWaitsSince = SystemTickCount();
+    FSince = SystemTickCount();
     FChanged.NotifyAll();
   }
 
@@ -111,7 +117,8 @@ class TLookThread final : public TThread {
   // Numbers of questions.
   std::int64_t FAsked KZ_GUARDED_BY(FLock) = 0;
   std::int64_t FAnswered KZ_GUARDED_BY(FLock) = 0;
-  std::int64_t FWaitsSince KZ_GUARDED_BY(FLock) = 0;  // Tick count; while there is a question.
+  // Tick count of the last answer, or of the first question after it.
+  std::int64_t FSince KZ_GUARDED_BY(FLock) = 0;
 };
 
 }  // namespace guardian

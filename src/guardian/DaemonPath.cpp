@@ -58,7 +58,10 @@ std::string TDaemonPath::Get() {
   return path;
 }
 
-TDaemonPathSeen TDaemonPath::Seen() const { return FLooks->AskBriefly(); }
+TDaemonPathSeen TDaemonPath::Seen() const {
+  constexpr std::chrono::milliseconds kFresh{100};
+  return FLooks->AskBriefly(kFresh);
+}
 
 void TDaemonPath::ReadConf() {
   if (FConfRead) return;

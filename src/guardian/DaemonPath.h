@@ -44,9 +44,9 @@ class TDaemonPath {
   // and when the path is the Guardian's own after all.
   [[nodiscard]] std::string Get();
 
-  // The path by the file system of this moment and the configuration as far as it was read. Blocks
-  // for at most 100 milliseconds: a look that takes longer gives its result to a later call, and
-  // this one returns that of the last look.
+  // The path by the file system of the last tenth of a second and the configuration as far as it
+  // was read. Blocks for at most 100 milliseconds: a look that takes longer gives its result to a
+  // later call, and this one returns that of the last look.
   [[nodiscard]] TDaemonPathSeen Seen() const;
 
  private:

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <boost/asio/post.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/empty_body.hpp>
@@ -107,7 +108,7 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
 
   void BecomeBusy() {
     FBusySince = FAll.In({});
-    FDeadline = FAll.In(FAll.FOptions.WriteTimeout);
+    FDeadline = *FBusySince + FAll.FOptions.WriteTimeout.count();
     ++FAll.FBusy;
   }
 
@@ -137,8 +138,10 @@ class THttpConnection final : public std::enable_shared_from_this<THttpConnectio
   // Two readers of the same bytes could take them for different requests.
   [[nodiscard]] bool IsAmbiguous() const {
     const auto& fields = FParser->get();
-    for (const char* const name : {"Host", "Transfer-Encoding", "Sec-Fetch-Site", "Origin",
-                                   "Referer", "Sec-Purpose", "Purpose"}) {
+    constexpr std::array<std::string_view, 7> kOnceAtMost = {
+        "Host",    "Transfer-Encoding", "Sec-Fetch-Site", "Origin",
+        "Referer", "Sec-Purpose",       "Purpose"};
+    for (const std::string_view name : kOnceAtMost) {
       if (fields.count(name) > 1) return true;
     }
     const auto coding = fields.find(http::field::transfer_encoding);

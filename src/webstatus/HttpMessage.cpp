@@ -33,24 +33,29 @@ bool IsZeroWeight(std::string_view parameter) {
 // A line end in a value would let it forge headers of its own.
 void AppendHeader(std::string& head, std::string_view name, std::string_view value) {
   head.append(name).append(": ");
-  for (const char c : value) {
-    const bool isControl = static_cast<unsigned char>(c) < ' ' || c == '\x7f';
-    head.push_back(isControl ? '_' : c);
-  }
+  const std::size_t start = head.size();
+  head.append(value);
+  const auto isControl = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; };
+  std::replace_if(head.begin() + static_cast<std::ptrdiff_t>(start), head.end(), isControl, '_');
   head.append("\r\n");
 }
 
-// In English, whatever the locale.
-std::string HttpDate(TDateTime utc) {
+// In English, whatever the locale. Written anew when the second is another.
+const std::string& HttpDate(TDateTime utc) {
   constexpr double kSecondsPerDay = 86'400;
   static const locale_t english = ::newlocale(LC_ALL_MASK, "C", nullptr);
+  static thread_local std::time_t writtenAt = 0;
+  static thread_local std::string date;
   const auto seconds =
       static_cast<std::time_t>((utc - static_cast<double>(kUnixEpochDays)) * kSecondsPerDay);
+  if (seconds == writtenAt) return date;
   std::tm parts{};
   ::gmtime_r(&seconds, &parts);
   std::array<char, 64> text{};
-  return {text.data(),
-          ::strftime_l(text.data(), text.size(), "%a, %d %b %Y %H:%M:%S GMT", &parts, english)};
+  date.assign(text.data(),
+              ::strftime_l(text.data(), text.size(), "%a, %d %b %Y %H:%M:%S GMT", &parts, english));
+  writtenAt = seconds;
+  return date;
 }
 
 }  // namespace
@@ -110,7 +115,10 @@ bool HasBody(int status) noexcept { return status != 204 && status != 304; }
 
 std::string HeadOf(const THttpResponse& response, std::string_view extraHeaders, TDateTime utcNow,
                    bool keepAlive) {
-  std::string head = "HTTP/1.1 " + std::to_string(response.Status) + " ";
+  constexpr std::size_t kUsualBytes = 600;
+  std::string head;
+  head.reserve(kUsualBytes + extraHeaders.size());
+  head.append("HTTP/1.1 ").append(std::to_string(response.Status)).append(" ");
   head.append(ReasonOf(response.Status)).append("\r\n");
   AppendHeader(head, "Date", HttpDate(utcNow));
   AppendHeader(head, "Content-Type", response.ContentType);

@@ -76,15 +76,9 @@ TLogFolder::TLogFolder()
 }
 
 TLogList TLogFolder::Seen() const {
-  constexpr std::int64_t kIntervalMs = 1'000;
-  const std::int64_t now = SystemTickCount();
-  std::int64_t due = FNextLookTick;
-  if (now >= due && FNextLookTick.compare_exchange_strong(due, now + kIntervalMs)) {
-    TLogList list = FLooks->AskBriefly();
-    list.StandsStill = FLooks->WaitsFor(std::chrono::seconds(5));
-    FSeen.Set(std::move(list));
-  }
-  return FSeen.Copy();
+  TLogList list = FLooks->AskBriefly(std::chrono::seconds(1));
+  list.StandsStill = FLooks->WaitsFor(std::chrono::seconds(5));
+  return list;
 }
 
 TLogFolder::~TLogFolder() {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -8,9 +7,7 @@
 #include <tuple>
 #include <vector>
 
-#include "common/Clock.h"
 #include "common/LookThread.h"
-#include "common/SharedText.h"
 #include "webstatus/HttpServer.h"
 
 namespace guardian {
@@ -58,8 +55,6 @@ class TLogFolder {
 
  private:
   std::unique_ptr<TLookThread<TLogList>> FLooks;
-  mutable std::atomic<std::int64_t> FNextLookTick = 0;
-  mutable TShared<TLogList> FSeen;
 };
 
 // Links to the "*.log" files of the folder, by modification time from the newest to the oldest;

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "common/Exceptions.h"
+#include "common/NeverDestroyed.h"
 #include "common/Settings.h"
 #include "common/Texts.h"
 #include "diagnostics/KZCheckpoints.h"
@@ -283,8 +284,9 @@ THttpResponse BuildPage(const THttpRequest& request, const TPageSources& sources
   if (sources.Guard != nullptr) {
     if (auto refusal = sources.Guard->RefuseHost(request)) return std::move(*refusal);
   }
+  static TNeverDestroyed<std::string> header(PageHeader(kTitle));
   THttpResponse response;
-  response.Body = PageHeader(kTitle);
+  response.Body = *header;
   try {
     BuildPageGuarded(PageNameOf(request.Path), request, sources, response);
   } catch (...) {

@@ -148,16 +148,19 @@ TEST(TLookThreadTest, AnswersWithoutEverStandingStillWithItsLook) {
   auto thread = std::make_unique<TLookThread<int>>("Look", look, -1);
   const std::int64_t start = SystemTickCount();
   thread->Start();
-  EXPECT_EQ(thread->AskBriefly(), -1);
+  EXPECT_EQ(thread->AskBriefly(milliseconds(0)), -1);
   EXPECT_TRUE(Eventually([&] { return looks >= 3; }));
   EXPECT_GE(SystemTickCount() - start, 200) << "no spin";
   fails = false;
   EXPECT_TRUE(thread->Ask(std::chrono::hours(1)));  // The test's time limit would end it.
   EXPECT_FALSE(thread->WaitsFor(milliseconds(0))) << "nobody has asked";
+  const int seen = looks;
+  EXPECT_EQ(thread->AskBriefly(std::chrono::hours(1)), seen);
+  EXPECT_EQ(looks, seen) << "no look where a fresh answer will do";
 
   stands = true;
   const int before = looks;
-  EXPECT_EQ(thread->AskBriefly(), before);
+  EXPECT_EQ(thread->AskBriefly(milliseconds(0)), before);
   EXPECT_FALSE(thread->Ask(milliseconds(0)));
   EXPECT_TRUE(thread->WaitsFor(milliseconds(100))) << "from the first question on";
   go.Signal();

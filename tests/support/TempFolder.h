@@ -12,8 +12,9 @@ namespace guardian {
 // A fresh folder that is removed with its contents at the end.
 class TTempFolder {
  public:
-  TTempFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "kzt-XXXXXX").string();
+  explicit TTempFolder(
+      const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
+    std::string pattern = (parent / "kzt-XXXXXX").string();
     if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp " + pattern);
     FPath = pattern;
   }
