@@ -5,6 +5,7 @@
 
 #include <stdexcept>
 
+#include "Measure.h"
 #include "Programs.h"
 #include "support/Eventually.h"
 
@@ -53,10 +54,10 @@ void TBenchedGuardian::WaitForHealthyRound() const {
 }
 
 void TBenchedGuardian::FillLogs() const {
-  constexpr std::size_t kTwoFullLogs = 2 * 130'000;
-  Require(Eventually([] {
+  const auto twoFullLogs = static_cast<std::size_t>(Rounds(2 * 130'000, 2 * 5'000));
+  Require(Eventually([=] {
             Page("startdaemon.php");
-            return Page("").size() > kTwoFullLogs;
+            return Page("").size() > twoFullLogs;
           }),
           "the logs do not fill");
 }

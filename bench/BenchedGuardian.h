@@ -41,7 +41,8 @@ class TBenchedGuardian {
   // Until a round finds everything well.
   void WaitForHealthyRound() const;
 
-  // Sends requests that the Guardian logs, until both logs have their full length.
+  // Sends requests that the Guardian logs, until both logs have their full length; some lines are
+  // enough when the benchmarks are only tried out.
   void FillLogs() const;
 
   [[nodiscard]] pid_t GuardianPid() const { return FGuardian->Pid(); }

@@ -44,7 +44,8 @@ class TLookThread final : public TThread {
     constexpr std::chrono::milliseconds kLongest{100};
     const TMutexLock lock(FLock);
     if (IsFreshLocked(fresh)) return FSeen;
-    const std::int64_t asked = AskLocked();
+    // A look that goes on will do, or a slow one would be followed by the next without a pause.
+    const std::int64_t asked = FAnswered < FAsked ? FAsked : AskLocked();
     if (!WaitsForLocked(kLongest)) static_cast<void>(WaitForAnswerLocked(asked, kLongest));
     return FSeen;
   }

@@ -48,7 +48,7 @@ const std::string& HttpDate(TDateTime utc) {
   static thread_local std::string date;
   const auto seconds =
       static_cast<std::time_t>((utc - static_cast<double>(kUnixEpochDays)) * kSecondsPerDay);
-  if (seconds == writtenAt) return date;
+  if (seconds == writtenAt && !date.empty()) return date;
   std::tm parts{};
   ::gmtime_r(&seconds, &parts);
   std::array<char, 64> text{};

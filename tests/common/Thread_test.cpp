@@ -161,6 +161,7 @@ TEST(TLookThreadTest, AnswersWithoutEverStandingStillWithItsLook) {
   stands = true;
   const int before = looks;
   EXPECT_EQ(thread->AskBriefly(milliseconds(0)), before);
+  EXPECT_EQ(thread->AskBriefly(milliseconds(0)), before) << "joins the look that stands";
   EXPECT_FALSE(thread->Ask(milliseconds(0)));
   EXPECT_TRUE(thread->WaitsFor(milliseconds(100))) << "from the first question on";
   go.Signal();
