@@ -61,7 +61,10 @@ class TInstallation {
   [[nodiscard]] pid_t DaemonPid() const {
     return std::atoi(FFolder.Read("home/daemon.pid").c_str());
   }
-  [[nodiscard]] bool DaemonRuns() const { return DaemonPid() > 1 && ::kill(DaemonPid(), 0) == 0; }
+  [[nodiscard]] bool DaemonRuns() const {
+    const pid_t pid = DaemonPid();  // Once: the file may be written meanwhile.
+    return pid > 1 && ::kill(pid, 0) == 0;
+  }
 
   // Kills the daemon and waits for its end; false when it has none to kill or it does not end.
   bool KillDaemon() const {
