@@ -165,9 +165,9 @@ class TFakeGuardian final : public TGuardianControl {
     FStatus.ActivityLog = FStatus.DetailedLog = {MakeText("<br>"), MakeText("entry")};
     FStatus.Watchdog = ReadingFrom(outside);
     FStatus.Watchdog.Next = outside;
-    THistory history(SystemClock());
-    history.AddEvent(TEventKind::Error, outside);
-    FStatus.History = history.Get();
+    const auto history = std::make_shared<THistory>(SystemClock());
+    history->AddEvent(TEventKind::Error, outside);
+    FStatus.History = history;
   }
 
   TGuardianStatus Status() const override { return FStatus; }

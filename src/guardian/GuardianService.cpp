@@ -383,7 +383,7 @@ TGuardianStatus TGuardianService::Status() const {
   status.ActivityLog = FActivityLog.ShortLog();
   status.DetailedLog = FActivityLog.DetailedLog();
   status.Watchdog = Reading();
-  status.History = FHistory->Get();
+  status.History = FHistory;
   return status;
 }
 

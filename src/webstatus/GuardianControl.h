@@ -65,7 +65,7 @@ struct TGuardianStatus {
   TTextPieces ActivityLog;
   TTextPieces DetailedLog;
   TWatchdogReading Watchdog{};
-  THistory::TPointer History{};
+  std::shared_ptr<const THistory> History{};
 };
 
 // The guardian service as the pages see it.

@@ -112,17 +112,16 @@ void THistory::AddEvent(TEventKind kind, std::string_view text) {
   const std::string_view fitting = Fitting(text);
   event.Length = static_cast<std::uint8_t>(fitting.size());
   std::copy(fitting.begin(), fitting.end(), event.Text.begin());
-  Change([&event](THistoryRecord& record) {
-    if (TEvent* const repeated = FindRepeated(record, event)) {
-      ++repeated->Count;
-      repeated->LastAt = event.LastAt;
-    } else {
-      Append(record, event);
-    }
-    if (event.Kind < TEventKind::Start || event.Kind > TEventKind::Kill) return;
-    const auto bit = static_cast<unsigned>(event.Kind) - static_cast<unsigned>(TEventKind::Start);
-    MinuteAt(record, event.LastAt).Actions |= static_cast<std::uint8_t>(1U << bit);
-  });
+  const TMutexLock lock(FLock);
+  if (TEvent* const repeated = FindRepeated(FRecord, event)) {
+    ++repeated->Count;
+    repeated->LastAt = event.LastAt;
+  } else {
+    Append(FRecord, event);
+  }
+  if (event.Kind < TEventKind::Start || event.Kind > TEventKind::Kill) return;
+  const auto bit = static_cast<unsigned>(event.Kind) - static_cast<unsigned>(TEventKind::Start);
+  MinuteAt(FRecord, event.LastAt).Actions |= static_cast<std::uint8_t>(1U << bit);
 }
 
 void THistory::AddRound(const TChecks& seen) {
@@ -132,25 +131,23 @@ void THistory::AddRound(const TChecks& seen) {
   if (!seen.MutexOK) round.Seen |= TMinute::kMutexFailed;
   if (!seen.PipeOK) round.Seen |= TMinute::kPipeFailed;
   if (!seen.ServiceOK) round.Seen |= TMinute::kServiceFailed;
-  Change([this, &round](THistoryRecord& record) { Join(MinuteAt(record, UnixNow()), round); });
+  const TMutexLock lock(FLock);
+  Join(MinuteAt(FRecord, UnixNow()), round);
 }
 
 void THistory::TakeOver(const THistoryRecord& earlier) {
-  Change([this, &earlier](THistoryRecord& record) {
-    const TPointer added = FRecord.Get();
-    record = earlier;
-    for (std::uint32_t i = 0; i < added->EventCount; ++i) Append(record, added->Events.at(i));
-    for (const TMinute& minute : added->Minutes) {
-      if (minute.Number != 0) Join(MinuteAt(record, std::int64_t{minute.Number} * 60), minute);
-    }
-  });
+  const TMutexLock lock(FLock);
+  const auto added = std::make_unique<THistoryRecord>(FRecord);
+  FRecord = earlier;
+  for (std::uint32_t i = 0; i < added->EventCount; ++i) Append(FRecord, added->Events.at(i));
+  for (const TMinute& minute : added->Minutes) {
+    if (minute.Number != 0) Join(MinuteAt(FRecord, std::int64_t{minute.Number} * 60), minute);
+  }
 }
 
-void THistory::Change(const std::function<void(THistoryRecord& record)>& change) {
+THistory::TPointer THistory::Get() const {
   const TMutexLock lock(FLock);
-  const auto record = std::make_shared<THistoryRecord>(*FRecord.Get());
-  change(*record);
-  FRecord.Publish(record);
+  return std::make_shared<THistoryRecord>(FRecord);
 }
 
 std::int64_t THistory::UnixNow() const { return UnixSeconds(FClock.UtcNow()); }

@@ -3,7 +3,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -11,7 +10,6 @@
 
 #include "common/Clock.h"
 #include "common/Mutex.h"
-#include "common/SharedText.h"
 
 namespace guardian {
 
@@ -89,11 +87,11 @@ static_assert(sizeof(THistoryRecord) < 65'536);
 
 // What the Guardian remembers of the last days: its entries and actions, and each minute.
 // Owner: the guardian service, together with the thread that keeps it over a restart.
-// Threads: any thread may call anything. Readers do not wait for writers.
+// Threads: any thread may call anything, and waits for a copy of the record at most.
 // Lifetime: the clock outlives it.
 class THistory {
  public:
-  using TPointer = TShared<THistoryRecord>::TPointer;
+  using TPointer = std::shared_ptr<const THistoryRecord>;
 
   explicit THistory(TClock& clock) : FClock(clock) {}
   THistory(const THistory&) = delete;
@@ -108,17 +106,15 @@ class THistory {
   // Puts what an earlier run remembered before all that was added since.
   void TakeOver(const THistoryRecord& earlier) KZ_EXCLUDES(FLock);
 
-  // What is remembered at this moment; never null.
-  [[nodiscard]] TPointer Get() const { return FRecord.Get(); }
+  // A copy of what is remembered at this moment; never null.
+  [[nodiscard]] TPointer Get() const KZ_EXCLUDES(FLock);
 
  private:
-  void Change(const std::function<void(THistoryRecord& record)>& change) KZ_EXCLUDES(FLock);
   [[nodiscard]] std::int64_t UnixNow() const;
 
   TClock& FClock;
-  // Only writers enter it; readers take the published record.
-  TMutex FLock;
-  TShared<THistoryRecord> FRecord;
+  mutable TMutex FLock;
+  THistoryRecord FRecord KZ_GUARDED_BY(FLock);
 };
 
 }  // namespace guardian

@@ -212,7 +212,7 @@ std::string StatusJson(const std::optional<TGuardianStatus>& status,
     json.Add("counters", JsonCounters(seen));
     json.Add("actions", JsonActions(seen));
     json.Add("hold", JsonSeconds(seen.HoldLeftSec));
-    if (status->History) json.Add("events", JsonEvents(*status->History));
+    if (status->History) json.Add("events", JsonEvents(*status->History->Get()));
   }
   return json.Text() + "\n";
 }

@@ -399,13 +399,14 @@ std::string OverviewPage(const std::optional<TGuardianStatus>& status, const TLo
   if (!status || !status->History) {
     return Page("Vellumark Guardian", head, heading + "<p>The Guardian is ending.</p>");
   }
+  const THistory::TPointer history = status->History->Get();
   const TWatchdogReading& seen = status->Watchdog;
   const TLamp lamp = LampOf(seen);
   const bool well = HealthProblems(seen).empty();
   return Page(lamp.Text + " - Vellumark Guardian", head,
-              heading + LampBlock(lamp, Since(*status->History, well, now), NextOf(seen)) +
-                  HoldBlock(seen, now) + ChecksBlock(seen) + DayBlock(*status->History, now) +
-                  EventsBlock(*status->History, now) + LogsBlock(logs, now) + LinksBlock(refresh));
+              heading + LampBlock(lamp, Since(*history, well, now), NextOf(seen)) +
+                  HoldBlock(seen, now) + ChecksBlock(seen) + DayBlock(*history, now) +
+                  EventsBlock(*history, now) + LogsBlock(logs, now) + LinksBlock(refresh));
 }
 
 std::string ConfirmPage(std::string_view controlPage) {

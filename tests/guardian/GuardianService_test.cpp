@@ -277,7 +277,7 @@ TEST_F(GuardianServiceTest, AHealthyDaemonCostsOneProcessListAMinuteOfSteadyTime
               EndsWith(": MutexOK=Y, PipeStatusOK=Y, ServiceOK=Y, PID=5"));
   FFakes.Scheduler->PipeOK = false;
   EXPECT_THAT(TickAfter(0), ElementsAre(kPlainPs));
-  const auto history = FService.Status().History;
+  const auto history = FService.Status().History->Get();
   const TMinute* const minute = history->Find(UnixSeconds(FFakes.Clock.UtcNow()) / 60);
   EXPECT_EQ(minute->Seen, TMinute::kLooked | TMinute::kPipeFailed);
   EXPECT_EQ(minute->PulseAgeSec, 60);
@@ -355,7 +355,7 @@ TEST_F(GuardianServiceTest, LooksAndNeitherStartsNorEndsDuringAHold) {
   EXPECT_THAT(TickAfter(600'001), ElementsAre(kPs, kStart));
   const auto kinds = [this] {
     std::string text;
-    const auto record = FService.Status().History;
+    const auto record = FService.Status().History->Get();
     for (std::uint32_t i = 0; i < record->EventCount; ++i) {
       text += std::string(NameOf(record->Events.at(i).Kind)) + " ";
     }

@@ -152,12 +152,12 @@ TEST_F(StatusPagesTest, TellsProgramsEachNumberByItsName) {
       std::tuple(4, 5.5, 6, 7, 8, 9, 10, 11);
   seen.Actions[3] = {12, 13.0625};
   TFakeClock clock;
-  THistory history(clock);
-  history.AddEvent(TEventKind::Stop, "\"");
+  const auto history = std::make_shared<THistory>(clock);
+  history->AddEvent(TEventKind::Stop, "\"");
   clock.Advance(milliseconds(1'000));
-  history.AddEvent(TEventKind::Stop, "\"");
-  history.AddEvent(TEventKind::Hold, "");
-  FGuardian.Now.History = history.Get();
+  history->AddEvent(TEventKind::Stop, "\"");
+  history->AddEvent(TEventKind::Hold, "");
+  FGuardian.Now.History = history;
   FGuardian.Now.GetPathsError = true;
   EXPECT_EQ(
       Get("/status.json"),
@@ -255,12 +255,12 @@ TEST_F(StatusPagesTest, BeginsAHoldOfAsManyMinutesAsOneNumberSays) {
 // Each sentence of the lamp, and nothing from outside as markup.
 TEST_F(StatusPagesTest, ShowsInTheOverviewHowItIs) {
   TFakeClock clock;
-  THistory history(clock);
-  history.AddRound({true, false, true, 0});
-  history.AddEvent(TEventKind::Kill, "<script>");
+  const auto history = std::make_shared<THistory>(clock);
+  history->AddRound({true, false, true, 0});
+  history->AddEvent(TEventKind::Kill, "<script>");
   clock.Advance(milliseconds(30'000));
-  history.AddEvent(TEventKind::Kill, "<script>");
-  FGuardian.Now.History = history.Get();
+  history->AddEvent(TEventKind::Kill, "<script>");
+  FGuardian.Now.History = history;
   TWatchdogReading& seen = FGuardian.Now.Watchdog;
   for (const std::string query : {"", "still"}) {
     const std::string page = Answer("/overview.html", "", "GET", query).Body;
@@ -303,11 +303,10 @@ TEST_F(StatusPagesTest, ShowsInTheOverviewHowItIs) {
   EXPECT_TRUE(shows("At least since 06:00:00"));
   EXPECT_FALSE(shows("class=\"good\"/>")) << "a span with a gap";
   for (int minute = 0; minute < 1'440; ++minute) {
-    history.AddRound({minute != 0, true, true, 0});
-    history.AddEvent(TEventKind::Info, std::to_string(minute));
+    history->AddRound({minute != 0, true, true, 0});
+    history->AddEvent(TEventKind::Info, std::to_string(minute));
     clock.Advance(milliseconds(60'000));
   }
-  FGuardian.Now.History = history.Get();
   seen.CheckAgeSec = 0;
   seen.PipeOK = true;
   EXPECT_TRUE(shows("Mutex: never failed\"") && shows("Since 11-21 06:02"));
