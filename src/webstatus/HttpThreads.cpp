@@ -19,10 +19,13 @@ constexpr std::size_t kStackBytes = 1'048'576;
 // already ended the connection.
 class THttpThreads::TThreadOf final : public TThread {
  public:
-  TThreadOf(boost::asio::io_context& context, const THttpServerOptions& options, std::size_t number)
+  // Looks out for the next handler for the given time before it sleeps.
+  TThreadOf(boost::asio::io_context& context, const THttpServerOptions& options, std::size_t number,
+            std::chrono::microseconds lookOut)
       : TThread(options.ThreadName + " #" + std::to_string(number), kStackBytes),
         FContext(context),
-        FOptions(options) {
+        FOptions(options),
+        FLookOut(lookOut) {
     Start();
   }
   ~TThreadOf() override { Join(); }
@@ -39,12 +42,9 @@ class THttpThreads::TThreadOf final : public TThread {
   }
   void OnTerminate() override { FContext.stop(); }
 
-  // A client that has its answer sends the next request within some microseconds. To look out for
-  // it costs no more than to fall asleep and be woken, and answers twice as soon.
   void RunNext() {
     using TSteadyClock = std::chrono::steady_clock;
-    constexpr std::chrono::microseconds kLookOut{20};
-    const TSteadyClock::time_point end = TSteadyClock::now() + kLookOut;
+    const TSteadyClock::time_point end = TSteadyClock::now() + FLookOut;
     while (TSteadyClock::now() < end) {
       if (FContext.poll_one() > 0) return;
       ::sched_yield();  // The client may need this very processor.
@@ -54,6 +54,7 @@ class THttpThreads::TThreadOf final : public TThread {
 
   boost::asio::io_context& FContext;
   const THttpServerOptions& FOptions;
+  const std::chrono::microseconds FLookOut;
 };
 
 THttpThreads::THttpThreads(const THttpServerOptions& options, TClock& clock)
@@ -62,10 +63,14 @@ THttpThreads::THttpThreads(const THttpServerOptions& options, TClock& clock)
 THttpThreads::~THttpThreads() = default;
 
 void THttpThreads::Start() {
+  // A client that has its answer sends the next request within some microseconds. To look out for
+  // it costs no more than to fall asleep and be woken, and answers twice as soon.
+  constexpr std::chrono::microseconds kLookOut{20};
   for (std::size_t i = 0; i < kBlockingThreads; ++i) {
-    FBlockingThreads.push_back(std::make_unique<TThreadOf>(FBlockingContext, FOptions, i + 2));
+    FBlockingThreads.push_back(std::make_unique<TThreadOf>(FBlockingContext, FOptions, i + 2,
+                                                           std::chrono::microseconds::zero()));
   }
-  FThread = std::make_unique<TThreadOf>(FContext, FOptions, 1);
+  FThread = std::make_unique<TThreadOf>(FContext, FOptions, 1, kLookOut);
 }
 
 void THttpThreads::Stop() { FThread.reset(); }

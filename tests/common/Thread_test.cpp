@@ -154,12 +154,11 @@ TEST(TLookThreadTest, AnswersWithoutEverStandingStillWithItsLook) {
   fails = false;
   EXPECT_TRUE(thread->Ask(std::chrono::hours(1)));  // The test's time limit would end it.
   EXPECT_FALSE(thread->WaitsFor(milliseconds(0))) << "nobody has asked";
-  const int seen = looks;
-  EXPECT_EQ(thread->AskBriefly(std::chrono::hours(1)), seen);
-  EXPECT_EQ(looks, seen) << "no look where a fresh answer will do";
+  const int before = looks;
+  EXPECT_EQ(thread->AskBriefly(std::chrono::hours(1)), before);
+  EXPECT_EQ(looks, before) << "no look where a fresh answer will do";
 
   stands = true;
-  const int before = looks;
   EXPECT_EQ(thread->AskBriefly(milliseconds(0)), before);
   EXPECT_EQ(thread->AskBriefly(milliseconds(0)), before) << "joins the look that stands";
   EXPECT_TRUE(thread->WaitsFor(milliseconds(100))) << "from the first question on";

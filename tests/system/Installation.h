@@ -61,16 +61,13 @@ class TInstallation {
   [[nodiscard]] pid_t DaemonPid() const {
     return std::atoi(FFolder.Read("home/daemon.pid").c_str());
   }
-  [[nodiscard]] bool DaemonRuns() const {
-    const pid_t pid = DaemonPid();  // Once: the file may be written meanwhile.
-    return pid > 1 && ::kill(pid, 0) == 0;
-  }
+  [[nodiscard]] bool DaemonRuns() const { return Runs(DaemonPid()); }
+  static bool Runs(pid_t pid) { return pid > 1 && ::kill(pid, 0) == 0; }
 
   // Kills the daemon and waits for its end; false when it has none to kill or it does not end.
   bool KillDaemon() const {
     const pid_t pid = DaemonPid();
-    return pid > 1 && ::kill(pid, SIGKILL) == 0 &&
-           Eventually([pid] { return ::kill(pid, 0) != 0; });
+    return pid > 1 && ::kill(pid, SIGKILL) == 0 && Eventually([pid] { return !Runs(pid); });
   }
 
   // The Guardian that made itself a daemon: the process that runs this folder's executable.
