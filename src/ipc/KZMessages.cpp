@@ -1,6 +1,7 @@
 #include "ipc/KZMessages.h"
 
 #include <sched.h>
+#include <sys/prctl.h>
 
 #include <cassert>
 #include <utility>
@@ -80,6 +81,7 @@ bool DeliveryAllowed(const TMessageUnit& unit) {
 void TMessageDeliveryThread::Execute() {
   constexpr milliseconds kLongestWait{1000};
   KZCP::Checkpoint(Name());
+  LetLooksBeLate();
   TMessageUnit& unit = Unit();
   do {
     KZCP::Checkpoint("MessageDelivery:Wait");
@@ -422,6 +424,11 @@ void TKZThread::AfterConstruction() {
 
 int TKZThread::WaitFor(milliseconds timeout) {
   return WaitFinished(timeout) ? FExitCode.load() : -1;
+}
+
+void TKZThread::LetLooksBeLate() noexcept {
+  constexpr std::chrono::nanoseconds kLate = milliseconds(20);
+  ::prctl(PR_SET_TIMERSLACK, kLate.count());
 }
 
 void TKZThread::OnFinished() {

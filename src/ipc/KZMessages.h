@@ -138,6 +138,11 @@ class TKZThread : public TThread {
   int WaitFor(std::chrono::milliseconds timeout);
 
  protected:
+  // For a thread that looks around once a second beside waiting for an event: each of its timed
+  // waits may last 20 ms longer. An event that comes once a second too then spares the look that
+  // would just have preceded it, and a look may share the wake-up of another.
+  static void LetLooksBeLate() noexcept;
+
   void SetExitCode(int exitCode) noexcept { FExitCode.store(exitCode); }
   void OnFinished() override;
 

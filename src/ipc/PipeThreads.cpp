@@ -36,6 +36,7 @@ TPipeThread::TPipeThread(std::string name, const char* registeredAs, TRole role,
 // else.
 void TPipeThread::Execute() {
   KZCP::Checkpoint(Name());
+  LetLooksBeLate();
   std::atomic<int>& live = LiveThreads(FConnection.Side());
   ++live;
   const TAtEnd leave([&] {
