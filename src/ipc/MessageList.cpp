@@ -68,7 +68,11 @@ TMessageList::TAppended TMessageList::Append(std::unique_ptr<TMessageWrapper>& w
 
 TMessageChain TMessageList::TakeAll(TMessageChain used) {
   const TMutexLock lock(FLock);
-  if (FOpen && FSpares.Count() + used.Count() <= kMaxSpares) FSpares.Append(std::move(used));
+  if (FOpen && FSpares.Count() + used.Count() <= kMaxSpares) {
+    // The last used are handed out first: they are in the processor's cache.
+    used.Append(std::move(FSpares));
+    FSpares = std::move(used);
+  }
   return std::move(FChain);
 }
 
