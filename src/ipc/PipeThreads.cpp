@@ -36,7 +36,6 @@ TPipeThread::TPipeThread(std::string name, const char* registeredAs, TRole role,
 // else.
 void TPipeThread::Execute() {
   KZCP::Checkpoint(Name());
-  LetLooksBeLate();
   std::atomic<int>& live = LiveThreads(FConnection.Side());
   ++live;
   const TAtEnd leave([&] {
@@ -64,6 +63,7 @@ void TPipeThread::Read() {
 }
 
 void TPipeThread::Write() {
+  LetLooksBeLate();  // The reader's look is the socket's own, which this does not concern.
   FConnection.WriteAll([this](std::size_t bytes) {
     if (!FOwner.OnPipeSent.IsSet()) return;
     PostMessage(FOwner, kMsgPipeSent, FConnection.Pipe(), 0, static_cast<std::int64_t>(bytes));
